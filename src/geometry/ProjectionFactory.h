@@ -1,0 +1,80 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string_view>
+
+#include "geometry/CameraMetadata.h"
+#include "geometry/LensProfile.h"
+#include "geometry/PhotoToSphere.h"
+
+namespace Project {
+
+// Projection-model codes as the settings record and the scripting parameters
+// store them (0 = no projection built).
+namespace projection_model {
+inline constexpr uint32_t kNone = 0;
+inline constexpr uint32_t kFisheye = 1;
+inline constexpr uint32_t kPerspective = 2;
+inline constexpr uint32_t kAuto = 3;  // lens profile; "Panorama" when the photo has panorama metadata
+inline constexpr uint32_t kFullSpherical = 4;
+}  // namespace projection_model
+
+// Builds the projection object for a model, from explicit inputs (the caller
+// reads them from its settings):
+//   model                 a projection_model code;
+//   focalLengthPixels     the session's focal length (Fisheye, Perspective);
+//   raster                the source rectangle's raster (width, height; its
+//                         pixels may be filled later by the caller);
+//   metadata              the photo's camera record (panorama profile);
+//   profile               the lens profile found for the photo, if any;
+//   focalScaleRatio       focalScaleRatio(metadata.cropFactor(), *profile),
+//                         held by the session beside the profile.
+// Model table:
+//   1 FisheyeImage, 2 PerspectiveImage: f = focalLengthPixels, principal
+//     point at the raster centre;
+//   4 SphericalImage: f = height / pi, principal point at the raster centre;
+//   3 with metadata.isPanorama: by the transformation (Cylindrical,
+//     Spherical, Perspective) with f = the virtual focal length; principal
+//     point (full image width / 2, virtual centre y) for Cylindrical, (virtual
+//     centre x, virtual centre y) otherwise;
+//   3 without: KestrixFisheye for a fisheye profile, KestrixPerspective for a
+//     radial one, with S = max(width, height), fx = S R FocalLengthX,
+//     fy = S R FocalLengthY, cx = (ImageXCenter - 0.5) S, cy = (0.5 -
+//     ImageYCenter) S.
+// Returns null when nothing is built (model 0 or unknown, or model 3 without
+// panorama metadata and without a usable profile).
+std::shared_ptr<PhotoToSphere> makeProjection(uint32_t model, float focalLengthPixels,
+                                              std::shared_ptr<const SourceRaster> raster,
+                                              const CameraMetadata& metadata,
+                                              const std::optional<LensProfile>& profile, float focalScaleRatio);
+
+// The same over a fresh raster of width x height whose pixels are left empty.
+std::shared_ptr<PhotoToSphere> makeProjection(uint32_t model, float focalLengthPixels, int32_t width,
+                                              int32_t height, const CameraMetadata& metadata,
+                                              const std::optional<LensProfile>& profile, float focalScaleRatio);
+
+// --- Pure helpers of the projection-model decision.
+// Used by the session's chooseProjection (and through it by the editor's
+// projection popup, "As Shot" and the constraint-file load).
+
+// Full Spherical needs a 2:1 picture: false when |width - 2 height| / width
+// exceeds 0.001 (or width is not positive). The caller then falls back to
+// its previous model and, when warnings are on, shows
+// kInvalidFullSphericalRatioKey.
+bool isFullSphericalAspect(int32_t width, int32_t height);
+
+inline constexpr std::string_view kInvalidFullSphericalRatioKey =
+    "$$$/Curvana/Warning/InvalidFullSphericalRatio=The aspect ratio is not 1:2, which is invalid for Full Spherical.";
+
+// The 16 mm rule that picks Fisheye or Perspective from a focal length in
+// millimetres: |f| < 0.01 gives fallback; f - 16 > 0.01 gives Perspective;
+// f > 0.01 and 16 - f > 0.01 gives Fisheye; f within 0.01 of 16 gives current.
+// The session's chooseProjection passes the metadata's focal length (when
+// defaults are restored it is the same rule on the 35 mm-equivalent focal
+// length, CameraMetadata::equivalentFocalLength()); the rule is the same for
+// either value, so the caller picks the value and this picks the model.
+uint32_t modelForFocalLength(float focalMm, uint32_t current, uint32_t fallback);
+
+}  // namespace Project
