@@ -127,8 +127,11 @@ ImagePoint FisheyeImage::ToImagePoint(float lambda, float phi) const {
 }
 
 bool FisheyeImage::IsVisible(float lambda, float phi) const {
-    const float theta = std::acos(std::cos(lambda) * std::cos(phi));
-    return 2.0f * f_ * std::sin(theta / 2.0f) < rMax_;
+    // 2 f sin(theta / 2) < rMax = f sqrt(2) holds exactly when theta < 90
+    // degrees, i.e. cos(theta) = cos(lambda) cos(phi) > 0. Comparing the two
+    // radii in float lets the rounding of rMax admit a direction at exactly
+    // 90 degrees for some focal lengths; the sign of the cosine cannot.
+    return f_ > 0.0f && std::cos(lambda) * std::cos(phi) > 0.0f;
 }
 
 std::array<float, 3> FisheyeImage::SampleColor(float lambda, float phi) const {
