@@ -23,7 +23,8 @@ namespace Project {
 // view; no scaling or offset is applied here. Positions outside the
 // projection's domain (InDomain false) are reported as (0, 0).
 //
-// A null photo makes no vertex valid (the session may hold no projection).
+// The mesh must not be null (std::invalid_argument). A null photo makes no
+// vertex valid (the session may hold no projection).
 class ClosedFormWarp : public SphereWarp {
 public:
     ClosedFormWarp(std::shared_ptr<const OctaMap> mesh, std::shared_ptr<const PhotoToSphere> photo);
