@@ -57,6 +57,42 @@ private:
 
 // Fills a record from an XMP packet and the photo's pixel size. An empty,
 // malformed or oversized packet yields a record with every field unknown.
+//
+// The packet is parsed with Exiv2's XMP parser (the XMP toolkit is started
+// here if the caller has not started it; starting it twice is harmless).
+// Properties are found by namespace URI, whatever prefix the packet uses. The
+// standard namespaces are taken from Exiv2's registry under their usual
+// prefixes:
+//   tiff            Make, Model
+//   exif            MaxApertureValue, ExposureProgram, ExposureTime,
+//                   ShutterSpeedValue, FNumber, ApertureValue, ISOSpeedRatings
+//                   (first item), SubjectDistance, FocalLength,
+//                   FocalLengthIn35mmFilm, FocalPlaneXResolution,
+//                   FocalPlaneYResolution, FocalPlaneResolutionUnit
+//   aux             SerialNumber, Lens, LensInfo, LensID, ApproximateFocusDistance
+//   exifEX          BodySerialNumber and LensModel, read only when the aux
+//                   SerialNumber or Lens is missing (the EXIF 2.3 names)
+//   kXmpNsPanorama  Transformation ("Cylindrical", "Spherical", "Perspective"),
+//                   VirtualFocalLength, VirtualImageXCenter, VirtualImageYCenter:
+//                   real numbers normalised by max(width, height), e.g. "0.5"
+//                   (a rational "1/2" is read too).
+// Every other number is read as a rational "%lu/%lu" with a non-zero
+// denominator, else as a whole number "%lu" (so "5/0" reads 5 and "2.8" reads
+// 2); anything else leaves the field 0.
 CameraMetadata readCameraMetadata(std::string_view xmpPacket, uint32_t width, uint32_t height);
+
+// Packets larger than this are refused (an empty record) rather than parsed.
+inline constexpr size_t kMaxXmpPacketBytes = 16u * 1024u * 1024u;
+
+// The panorama profile is our own namespace (no camera or host writes it
+// under this URI; a stitcher or a test does), conventionally with the prefix
+// "cvpano".
+inline constexpr const char* kXmpNsPanorama = "http://ns.curvana.org/panorama/1.0/";
+
+namespace detail {
+// The two number readers above, exposed for tests: true when the text parsed.
+bool parseXmpNumber(const std::string& text, float& value);
+bool parseXmpReal(const std::string& text, float& value);
+}  // namespace detail
 
 }  // namespace Project
