@@ -1,0 +1,327 @@
+#include "session/PreferencesFile.h"
+
+#include <array>
+#include <bit>
+#include <string_view>
+
+#include "session/FileIO.h"
+#include "session/FourCC.h"
+#include "session/LocalizedString.h"
+
+namespace Project {
+
+namespace {
+
+constexpr uint32_t kMark = FourCC("Vlmo");
+constexpr uint32_t kOwner = FourCC("CVCo");
+constexpr uint32_t kFlagsChunk = FourCC("DFlg");
+constexpr uint32_t kPlacementChunk = FourCC("DLoc");
+constexpr uint32_t kSettingsChunk = FourCC("BSet");
+constexpr uint32_t kSettingsVersion = 1;
+constexpr uint32_t kUtf8 = FourCC("utf8");
+constexpr uint32_t kPoint1X = FourCC("Pt1X");
+constexpr uint32_t kPoint1Y = FourCC("Pt1Y");
+constexpr uint32_t kPoint2X = FourCC("Pt2X");
+constexpr uint32_t kPoint2Y = FourCC("Pt2Y");
+constexpr size_t kHeaderSize = 20;
+constexpr size_t kChunkHeaderSize = 20;
+// No file this writer makes comes near this; anything larger is not ours.
+constexpr size_t kMaxFileSize = 1u << 20;
+
+constexpr std::string_view kHostYear = "2026";
+
+// File position of each colour: the fourth and fifth are stored swapped.
+constexpr std::array<size_t, 6> kColorFileOrder = {0, 1, 2, 4, 3, 5};
+
+uint32_t StoredProjection(ProjectionModel model) {
+    switch (model) {
+        case ProjectionModel::Fisheye:
+        case ProjectionModel::Perspective:
+        case ProjectionModel::FullSpherical:
+            return static_cast<uint32_t>(model);
+        default:
+            return static_cast<uint32_t>(ProjectionModel::Auto);
+    }
+}
+
+class Writer {
+public:
+    explicit Writer(std::endian order) : order_(order) {}
+
+    void U8(uint8_t v) { bytes_.push_back(v); }
+    void U16(uint16_t v) { Put(v, 2); }
+    void U32(uint32_t v) { Put(v, 4); }
+    void I32(int32_t v) { U32(static_cast<uint32_t>(v)); }
+    void F32(float v) { U32(std::bit_cast<uint32_t>(v)); }
+    void String(const std::string& s) {
+        U32(static_cast<uint32_t>(s.size()));
+        if (s.empty())
+            return;
+        U32(kUtf8);
+        bytes_.insert(bytes_.end(), s.begin(), s.end());
+    }
+
+    size_t Size() const { return bytes_.size(); }
+    // Overwrites the word at a position written earlier.
+    void PatchU32(size_t at, uint32_t v) {
+        for (int i = 0; i < 4; ++i)
+            bytes_[at + static_cast<size_t>(i)] = ByteOf(v, i, 4);
+    }
+    std::vector<uint8_t> Take() { return std::move(bytes_); }
+
+private:
+    uint8_t ByteOf(uint32_t v, int i, int width) const {
+        const int shift = order_ == std::endian::big ? 8 * (width - 1 - i) : 8 * i;
+        return static_cast<uint8_t>(v >> shift);
+    }
+    void Put(uint32_t v, int width) {
+        for (int i = 0; i < width; ++i)
+            bytes_.push_back(ByteOf(v, i, width));
+    }
+
+    std::endian order_;
+    std::vector<uint8_t> bytes_;
+};
+
+// Reads words in a given byte order from a bounded range. Reading past the
+// end sets the failed flag and yields zeros; callers check Ok() once.
+class Reader {
+public:
+    Reader(std::span<const uint8_t> bytes, std::endian order) : bytes_(bytes), order_(order) {}
+
+    uint8_t U8() { return static_cast<uint8_t>(Get(1)); }
+    uint16_t U16() { return static_cast<uint16_t>(Get(2)); }
+    uint32_t U32() { return Get(4); }
+    int32_t I32() { return static_cast<int32_t>(U32()); }
+    float F32() { return std::bit_cast<float>(U32()); }
+    std::string String() {
+        const uint32_t n = U32();
+        if (n == 0)
+            return {};
+        (void)U32();  // the encoding: every writer of this file writes UTF-8
+        if (!Ok() || n > Remaining()) {
+            failed_ = true;
+            return {};
+        }
+        std::string s(reinterpret_cast<const char*>(bytes_.data() + pos_), n);
+        pos_ += n;
+        return s;
+    }
+
+    bool Ok() const { return !failed_; }
+    size_t Remaining() const { return bytes_.size() - pos_; }
+
+private:
+    uint32_t Get(int width) {
+        const auto w = static_cast<size_t>(width);
+        if (failed_ || Remaining() < w) {
+            failed_ = true;
+            return 0;
+        }
+        uint32_t v = 0;
+        for (size_t i = 0; i < w; ++i) {
+            const size_t shift = order_ == std::endian::big ? 8 * (w - 1 - i) : 8 * i;
+            v |= static_cast<uint32_t>(bytes_[pos_ + i]) << shift;
+        }
+        pos_ += w;
+        return v;
+    }
+
+    std::span<const uint8_t> bytes_;
+    std::endian order_;
+    size_t pos_ = 0;
+    bool failed_ = false;
+};
+
+void WriteChunk(Writer& w, uint32_t id, uint32_t version, auto&& payload) {
+    w.U32(kOwner);
+    w.U32(id);
+    w.U32(0);
+    w.U32(version);
+    const size_t lengthAt = w.Size();
+    w.U32(0);
+    const size_t start = w.Size();
+    payload(w);
+    w.PatchU32(lengthAt, static_cast<uint32_t>(w.Size() - start));
+}
+
+void WritePlacement(Writer& w, const DialogPlacement& p) {
+    w.U32(4);
+    w.U32(kPoint1X);
+    w.I32(p.x1);
+    w.U32(kPoint1Y);
+    w.I32(p.y1);
+    w.U32(kPoint2X);
+    w.I32(p.x2);
+    w.U32(kPoint2Y);
+    w.I32(p.y2);
+}
+
+bool ReadPlacement(Reader& r, DialogPlacement& p) {
+    const uint32_t count = r.U32();
+    for (uint32_t i = 0; i < count && r.Ok(); ++i) {
+        const uint32_t tag = r.U32();
+        const int32_t value = r.I32();
+        if (tag == kPoint1X)
+            p.x1 = value;
+        if (tag == kPoint1Y)
+            p.y1 = value;
+        if (tag == kPoint2X)
+            p.x2 = value;
+        if (tag == kPoint2Y)
+            p.y2 = value;
+    }
+    return r.Ok();
+}
+
+void WriteSettings(Writer& w, const PSettings& s) {
+    w.U8(s.s1);
+    w.U16(s.s2);
+    w.U8(s.s3);
+    w.U8(s.s4);
+    w.U8(s.s5);
+    w.U32(s.s6);
+    w.U32(s.s7);
+    for (size_t i : kColorFileOrder)
+        w.U32(s.colors[i]);
+    w.U8(s.s8);
+    w.U8(s.s9);
+    w.U16(s.iterationCount);
+    w.F32(s.focalLength);
+    w.F32(s.physicalFocalLength);
+    w.F32(s.cropFactor);
+    w.U32(StoredProjection(s.projectionModel));
+    w.U8(s.s10);
+    w.U8(s.s11);
+    w.U8(s.s12);
+    w.U8(s.s13);
+    w.String(s.path);
+    w.U8(s.showLoupeWhenDragging);
+    w.I32(s.loupeSize);
+}
+
+bool ReadSettings(Reader& r, PSettings& s) {
+    s.s1 = r.U8();
+    s.s2 = r.U16();
+    s.s3 = r.U8();
+    s.s4 = r.U8();
+    s.s5 = r.U8();
+    s.s6 = r.U32();
+    s.s7 = r.U32();
+    for (size_t i : kColorFileOrder)
+        s.colors[i] = r.U32();
+    s.s8 = r.U8();
+    s.s9 = r.U8();
+    s.iterationCount = r.U16();
+    s.focalLength = r.F32();
+    s.physicalFocalLength = r.F32();
+    s.cropFactor = r.F32();
+    s.projectionModel = static_cast<ProjectionModel>(StoredProjection(ProjectionModel{r.U32()}));
+    s.s10 = r.U8();
+    s.s11 = r.U8();
+    s.s12 = r.U8();
+    s.s13 = r.U8();
+    s.path = r.String();
+    s.showLoupeWhenDragging = r.U8();
+    s.loupeSize = r.I32();
+    return r.Ok();
+}
+
+}  // namespace
+
+std::vector<uint8_t> SerializePreferences(const PPreferences& prefs, std::endian order) {
+    Writer w(order);
+    w.U32(kMark);
+    w.U32(kOwner);
+    w.U32(0);
+    w.U32(0);
+    w.U32(0);  // payload length, patched below
+    WriteChunk(w, kFlagsChunk, 0, [&](Writer& c) { c.U32(prefs.flags); });
+    WriteChunk(w, kPlacementChunk, 0, [&](Writer& c) { WritePlacement(c, prefs.dialogPlacement); });
+    WriteChunk(w, kSettingsChunk, kSettingsVersion,
+               [&](Writer& c) { WriteSettings(c, prefs.settings); });
+    w.U32(0);
+    w.PatchU32(16, static_cast<uint32_t>(w.Size() - kHeaderSize));
+    return w.Take();
+}
+
+bool ParsePreferences(std::span<const uint8_t> bytes, PPreferences& prefs) {
+    if (bytes.size() <= kHeaderSize)
+        return false;
+    // The mark's bytes spell "Vlmo" for a big-endian writer, "omlV" for a
+    // little-endian one.
+    std::endian order;
+    if (Reader(bytes, std::endian::big).U32() == kMark) {
+        order = std::endian::big;
+    } else if (Reader(bytes, std::endian::little).U32() == kMark) {
+        order = std::endian::little;
+    } else {
+        return false;
+    }
+    Reader header(bytes.subspan(4, kHeaderSize - 4), order);
+    const uint32_t type = header.U32();
+    (void)header.U32();
+    const uint32_t reserved = header.U32();
+    const uint32_t payloadLength = header.U32();
+    if (type != kOwner || reserved != 0 || payloadLength < 5 ||
+        payloadLength > bytes.size() - kHeaderSize)
+        return false;
+
+    const std::span<const uint8_t> payload = bytes.subspan(kHeaderSize, payloadLength);
+    PPreferences loaded = prefs;
+    size_t pos = 0;
+    for (;;) {
+        if (payload.size() - pos < 4)
+            return false;  // no end word
+        Reader chunk(payload.subspan(pos), order);
+        const uint32_t owner = chunk.U32();
+        if (owner == 0)
+            break;
+        const uint32_t id = chunk.U32();
+        (void)chunk.U32();
+        const uint32_t version = chunk.U32();
+        const uint32_t length = chunk.U32();
+        if (!chunk.Ok() || length > chunk.Remaining())
+            return false;
+        Reader body(payload.subspan(pos + kChunkHeaderSize, length), order);
+        if (owner == kOwner) {
+            if (id == kFlagsChunk && version == 0) {
+                loaded.flags = body.U32();
+                if (!body.Ok())
+                    return false;
+            } else if (id == kPlacementChunk && version == 0) {
+                if (!ReadPlacement(body, loaded.dialogPlacement))
+                    return false;
+            } else if (id == kSettingsChunk) {
+                loaded.settings.settingsVersion = version;
+                if (!ReadSettings(body, loaded.settings))
+                    return false;
+            }
+        }
+        pos += kChunkHeaderSize + length;
+    }
+    prefs = std::move(loaded);
+    return true;
+}
+
+std::filesystem::path PreferencesFolder(const std::filesystem::path& base) {
+    const std::string year(kHostYear);
+    return base / Localize("$$$/private/Prefs/Directory/Kestrix=Kestrix") /
+           (Localize("$$$/private/Prefs/Directory/SubDir=Kestrix Pictora ") + year) /
+           (Localize("$$$/private/Prefs/Directory/Pictora=Kestrix Pictora ") + year + " Settings");
+}
+
+std::filesystem::path PreferencesFileName() {
+    return Localize("$$$/Curvana/Prefs/FileName=Curvana Prefs.cvp");
+}
+
+bool LoadPreferencesFile(const std::filesystem::path& file, PPreferences& prefs) {
+    const auto bytes = ReadFileBytes(file, kMaxFileSize);
+    return bytes && ParsePreferences(*bytes, prefs);
+}
+
+bool SavePreferencesFile(const std::filesystem::path& file, const PPreferences& prefs) {
+    return WriteFileAtomically(file, SerializePreferences(prefs));
+}
+
+}  // namespace Project
