@@ -1,0 +1,117 @@
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "geometry/CameraMetadata.h"
+#include "geometry/LensProfile.h"
+#include "session/PFilterComponents.h"
+#include "session/PHostFilter.h"
+#include "session/PSettings.h"
+
+namespace Project {
+
+// The filter plug-in object: one per plug-in instance, living across many
+// invocations. The Start selector runs one invocation (runFilter): host
+// checks, camera metadata, preferences, then a silent apply from scripting
+// parameters, the editor, or a repeat with the last settings; at the end the
+// live settings are saved into the preferences file (also after Cancel).
+//
+// Owns the live settings, the preferences, the image hub, the constraint set
+// and the other components for the instance; the camera metadata only for
+// the length of an invocation.
+class PFilter : public PHostFilter {
+public:
+    static constexpr const char* kLayoutResource = "PDialog.zel";
+    // Modifier-key bits that, all held while the preferences are first
+    // needed, make the instance ignore the stored preferences.
+    static constexpr uint32_t kIgnorePreferencesKeys = 0xEu;  // bits 1, 2 and 3
+
+    explicit PFilter(std::unique_ptr<PFilterComponents> components);
+    ~PFilter() override;
+
+    // One invocation. Returns false only when the host cannot be served at
+    // all; refused checks show an alert and still return true. Unrecoverable
+    // errors are thrown.
+    bool runFilter();
+
+    // Decides the projection model of the live settings (the fallback when
+    // neither the requested model nor the automatic choice holds).
+    void chooseProjection(ProjectionModel fallback, bool autoMode, bool warn);
+    // Physical focal length and crop factor from the camera metadata into the
+    // live settings; returns the focal length in pixels, which is also stored
+    // unless keep is on.
+    float focalFromMetadata(bool keep);
+
+    // Scripting parameters (see ScriptParameters.h): true when the host passed
+    // a descriptor and it could be read into settings.
+    bool readScriptParameters(PSettings& settings);
+    // Hands the settings back to the host as the filter's result descriptor.
+    void writeScriptParameters(const PSettings& settings);
+
+    static std::string processName();
+    // The preferences folder, when the host names a preferences base.
+    std::optional<std::filesystem::path> preferencesFolder() const;
+
+    // What the components and the editor work on.
+    PSettings& settings();
+    PPreferences& preferences();
+    PImageHub& imageHub();
+    PConstraintData& constraints() { return *constraints_; }
+    PWarpPipeline& warpPipeline() { return *pipeline_; }
+    // The lens profile that the last lookup loaded for the Auto model, and
+    // the ratio that scales its focal lengths for the photo's camera.
+    const std::optional<LensProfile>& lensProfile() const { return lensProfile_; }
+    float lensFocalScaleRatio() const { return lensFocalScaleRatio_; }
+    // The invocation's camera metadata (an empty record outside runFilter).
+    const CameraMetadata& cameraMetadata() const;
+    // The filtered area of the image, from the image hub.
+    ImageRect imageRect();
+    // The editor while it runs, else null.
+    PEditor* dialog() const { return dialog_; }
+    // The result was rendered into the host image without a dialog in the
+    // current (or last) invocation.
+    bool applied() const { return applied_; }
+
+    // A modal OK alert from localisation keys; the title defaults to the
+    // process name.
+    void alert(std::string_view messageKey, std::string_view titleKey = {}) const;
+
+protected:
+    bool OnStart() override { return runFilter(); }
+
+private:
+    struct InvocationScope;
+
+    bool findLensProfile(bool warn);
+    void loadTranslationsOnce();
+    bool hostChecksPass() const;
+    void runEditor();
+    void applyWithoutDialog();
+    void savePreferences();
+
+    std::unique_ptr<PFilterComponents> components_;
+    std::unique_ptr<PImageHub> imageHub_;
+    std::unique_ptr<PSettings> settings_;
+    std::unique_ptr<PPreferences> preferences_;
+    std::unique_ptr<CameraMetadata> cameraMetadata_;
+    std::unique_ptr<PConstraintData> constraints_;
+    std::unique_ptr<PWarpPipeline> pipeline_;
+    // Held from the first lens-profile lookup of an invocation to its end.
+    std::shared_ptr<const LensProfileLookup> lensProfileSuite_;
+    std::optional<LensProfile> lensProfile_;
+    float lensFocalScaleRatio_ = 1.0f;
+    std::unique_ptr<PEditor> editor_;
+    PEditor* dialog_ = nullptr;
+    bool applied_ = false;
+    bool toolkitStarted_ = false;
+    bool translationsLoaded_ = false;
+    // Counts invocations, so the hub is attached to each invocation's host once.
+    uint64_t invocation_ = 0;
+    uint64_t hubAttachedTo_ = ~uint64_t{0};
+};
+
+}  // namespace Project
