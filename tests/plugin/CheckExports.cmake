@@ -1,0 +1,20 @@
+# Fails unless the module's dynamic symbol table defines EntryFI and nothing
+# else. Run as: cmake -DNM=... -DMODULE=... -P CheckExports.cmake
+execute_process(COMMAND ${NM} -D --defined-only ${MODULE}
+                OUTPUT_VARIABLE symbols RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "nm failed on ${MODULE}")
+endif()
+string(REGEX MATCHALL "[^\n]+" lines "${symbols}")
+set(found FALSE)
+foreach(line IN LISTS lines)
+  string(REGEX REPLACE "^[0-9a-fA-F]* *[A-Za-z] " "" name "${line}")
+  if(name STREQUAL "EntryFI")
+    set(found TRUE)
+  else()
+    message(FATAL_ERROR "the module exports more than EntryFI: ${line}")
+  endif()
+endforeach()
+if(NOT found)
+  message(FATAL_ERROR "the module does not export EntryFI")
+endif()

@@ -1,0 +1,483 @@
+// Whole invocations through the built module's EntryFI, loaded with dlopen,
+// against the fake host. The module runs with its stand-in components: the
+// final render copies the image unchanged, and there is no editor yet.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "FakeHost.h"
+#include "LoadedModule.h"
+#include "session/FileIO.h"
+#include "session/FourCC.h"
+#include "session/PreferencesFile.h"
+#include "session/ScriptParameters.h"
+
+namespace Project {
+namespace {
+
+using test::FakeHost;
+using test::LoadedModule;
+using Enumerated = ActionDescriptor::Enumerated;
+
+constexpr const char* kEditorMissing = "The editor is not available in this build.";
+
+// Stored preferences that differ from the defaults in every scripted field.
+PPreferences StoredPrefs() {
+    PPreferences p;
+    p.settings.focalLength = 777.0f;
+    p.settings.physicalFocalLength = 24.0f;
+    p.settings.cropFactor = 1.6f;
+    p.settings.projectionModel = ProjectionModel::Perspective;
+    p.settings.colors[3] = 0x44332211;
+    p.settings.colors[4] = 0x88776655;
+    p.settings.loupeSize = 200;
+    return p;
+}
+
+struct Expected {
+    uint32_t projection;
+    uint32_t regularizer;
+    float focal;
+    float physical;
+    float crop;
+    int32_t scale = 120;
+    float offsetX = 0.5f;
+    float offsetY = 0.5f;
+};
+
+void ExpectDescriptor(const ActionDescriptor* d, const Expected& e) {
+    ASSERT_NE(d, nullptr) << "no result descriptor";
+    EXPECT_EQ(d->GetEnumerated(ScriptKey::kProjectionModel)->value, e.projection)
+        << FourCCText(d->GetEnumerated(ScriptKey::kProjectionModel)->value);
+    EXPECT_EQ(d->GetEnumerated(ScriptKey::kRegularizerModel)->value, e.regularizer);
+    EXPECT_FLOAT_EQ(static_cast<float>(*d->GetFloat(ScriptKey::kFocalLength)), e.focal);
+    EXPECT_FLOAT_EQ(static_cast<float>(*d->GetFloat(ScriptKey::kPhysicalFocalLength)), e.physical);
+    EXPECT_FLOAT_EQ(static_cast<float>(*d->GetFloat(ScriptKey::kCropFactor)), e.crop);
+    EXPECT_EQ(d->GetInteger(ScriptKey::kScale), e.scale);
+    EXPECT_FLOAT_EQ(static_cast<float>(*d->GetFloat(ScriptKey::kOffsetX)), e.offsetX);
+    EXPECT_FLOAT_EQ(static_cast<float>(*d->GetFloat(ScriptKey::kOffsetY)), e.offsetY);
+}
+
+// What a run with only "regM" = "merR" returns when StoredPrefs were loaded,
+// and when the defaults were in force (a 64-pixel-wide image).
+const Expected kFromStored{ScriptEnum::kPerspective, ScriptEnum::kMercator, 777.0f, 24.0f, 1.6f};
+const Expected kFromDefaults{ScriptEnum::kFisheye, ScriptEnum::kMercator, 64.0f * 15.0f / 36.0f,
+                             15.0f, 1.0f};
+
+class EntryPoint : public ::testing::Test {
+protected:
+    EntryPoint() { host.preferencesBase = prefsBase.Path(); }
+
+    std::filesystem::path PrefsFile() const { return test::PreferencesFileUnder(prefsBase.Path()); }
+
+    void PlacePrefs(const std::vector<uint8_t>& bytes) {
+        ASSERT_TRUE(WriteFileAtomically(PrefsFile(), bytes));
+    }
+    void PlacePrefs(const PPreferences& p, std::endian order = std::endian::native) {
+        PlacePrefs(SerializePreferences(p, order));
+    }
+    std::optional<PPreferences> SavedPrefs() const {
+        PPreferences p;
+        if (!LoadPreferencesFile(PrefsFile(), p))
+            return std::nullopt;
+        return p;
+    }
+
+    void InputRegulariserOnly() {
+        host.input = std::make_unique<ActionDescriptor>();
+        host.input->Put(ScriptKey::kRegularizerModel,
+                        Enumerated{ScriptKey::kRegularizerModel, ScriptEnum::kMercator});
+    }
+
+    void ExpectImageCopied() const {
+        const int planes = host.mode == cvModeGray ? 1 : host.mode == cvModeCMYK ? 4 : 3;
+        EXPECT_EQ(host.samplesWritten, int64_t{host.width} * host.height * planes);
+        EXPECT_EQ(host.samplesWrong, 0);
+    }
+
+    void ExpectAllSucceeded(const std::vector<int16_t>& results) const {
+        for (int16_t r : results)
+            EXPECT_EQ(r, cvNoErr);
+    }
+
+    test::TempFolder prefsBase;
+    FakeHost host;  // outlives the module, which unloads with its record
+    LoadedModule module;
+};
+
+TEST_F(EntryPoint, RefusesAForeignRecordWithAnError) {
+    CvFilterRecord* r = host.Record();
+    r->abiVersion = CURVANA_ABI_VERSION + 1;
+    EXPECT_EQ(module.Call(cvSelectorStart, r), cvErrParam);
+    r = host.Record();
+    r->structSize = 16;
+    EXPECT_EQ(module.Call(cvSelectorParameters, r), cvErrParam);
+    EXPECT_EQ(module.Call(cvSelectorStart, nullptr), cvErrParam);
+    EXPECT_EQ(module.Data(), 0);
+    EXPECT_TRUE(host.alerts.empty());
+}
+
+class HostVersion : public EntryPoint,
+                    public ::testing::WithParamInterface<std::optional<int32_t>> {};
+
+TEST_P(HostVersion, OtherThanMajor27IsRefusedWithAnAlertAndNothingElse) {
+    host.version = GetParam();
+    InputRegulariserOnly();
+    ExpectAllSucceeded(module.RunWithoutDialog(host.Record()));
+    ExpectAllSucceeded(module.RunWithDialog(host.Record()));
+    ASSERT_EQ(host.alerts.size(), 2u);
+    EXPECT_EQ(host.alerts[0].message,
+              "This feature is not supported by the current version of Pictora.");
+    EXPECT_EQ(host.alerts[0].title, "Curvana");
+    EXPECT_EQ(host.resultDescriptors, 0);
+    EXPECT_EQ(host.samplesWritten, 0);
+    EXPECT_FALSE(std::filesystem::exists(PrefsFile()));
+}
+
+INSTANTIATE_TEST_SUITE_P(Refused, HostVersion,
+                         ::testing::Values(26 << 16, 28 << 16, (26 << 16) | 0xFFFF, 27,
+                                           std::nullopt));
+
+TEST_F(EntryPoint, Major27PassesWhateverTheMinor) {
+    host.version = (27 << 16) | 3;
+    ExpectAllSucceeded(module.RunWithoutDialog(host.Record()));
+    EXPECT_TRUE(host.alerts.empty());
+    ExpectImageCopied();
+}
+
+TEST_F(EntryPoint, GraphicsProcessorNotInUseIsRefused) {
+    for (std::optional<int32_t> flags : {std::optional<int32_t>(0x7F), std::optional<int32_t>()}) {
+        host.gpuFlags = flags;
+        host.alerts.clear();
+        ExpectAllSucceeded(module.RunWithoutDialog(host.Record()));
+        ASSERT_EQ(host.alerts.size(), 1u);
+        EXPECT_EQ(host.alerts[0].title, "Curvana Error");
+        EXPECT_EQ(host.alerts[0].message,
+                  "This feature requires graphics processor acceleration. Please check the "
+                  "Performance Preferences and verify that 'Use Graphics Processor' is enabled.");
+    }
+    EXPECT_EQ(host.samplesWritten, 0);
+    EXPECT_FALSE(std::filesystem::exists(PrefsFile()));
+}
+
+TEST_F(EntryPoint, ScriptedApplyRendersAndHandsTheParametersBack) {
+    host.input = std::make_unique<ActionDescriptor>();
+    ActionDescriptor& in = *host.input;
+    in.Put(ScriptKey::kActionVersion, 0);
+    in.Put(ScriptKey::kConstraintData, ActionDescriptor::Data{1, 2, 3, 4, 5});
+    in.Put(ScriptKey::kProjectionModel,
+           Enumerated{ScriptKey::kProjectionModel, ScriptEnum::kPerspective});
+    in.Put(ScriptKey::kRegularizerModel,
+           Enumerated{ScriptKey::kRegularizerModel, ScriptEnum::kPanini});
+    in.Put(ScriptKey::kFocalLength, 1234.5);
+    in.Put(ScriptKey::kPhysicalFocalLength, 20.0);
+    in.Put(ScriptKey::kCropFactor, 1.5);
+    in.Put(ScriptKey::kScale, 150);
+    in.Put(ScriptKey::kOffsetX, 0.25);
+    in.Put(ScriptKey::kOffsetY, 0.75);
+    ExpectAllSucceeded(module.RunWithoutDialog(host.Record()));
+
+    EXPECT_TRUE(host.alerts.empty());
+    ExpectImageCopied();
+    EXPECT_EQ(host.progressTitle, "Progress");
+    EXPECT_EQ(host.progressMessage, "Applying Curvana.");
+    ASSERT_FALSE(host.progressReports.empty());
+    EXPECT_EQ(host.progressReports.back().first, host.progressReports.back().second);
+    ASSERT_EQ(host.resultDescriptors, 1);
+    ExpectDescriptor(host.result.get(), {ScriptEnum::kPerspective, ScriptEnum::kPanini, 1234.5f,
+                                         20.0f, 1.5f, 150, 0.25f, 0.75f});
+    std::vector<std::string> keys;
+    for (const auto& e : host.result->Entries())
+        keys.push_back(FourCCText(e.key));
+    EXPECT_EQ(keys, (std::vector<std::string>{"actV", "cnsD", "prjM", "regM", "focL", "PhyF",
+                                              "CrpF", "imgS", "imgX", "imgY"}));
+    EXPECT_EQ(*host.result->GetData(ScriptKey::kConstraintData),
+              (ActionDescriptor::Data{1, 2, 3, 4, 5}));
+
+    const auto saved = SavedPrefs();
+    ASSERT_TRUE(saved);
+    EXPECT_FLOAT_EQ(saved->settings.focalLength, 1234.5f);
+    EXPECT_EQ(saved->settings.projectionModel, ProjectionModel::Perspective);
+}
+
+TEST_F(EntryPoint, ADescriptorWithOnlyTheRegulariserTakesTheRestFromThePreferences) {
+    PlacePrefs(StoredPrefs());
+    InputRegulariserOnly();
+    ExpectAllSucceeded(module.RunWithoutDialog(host.Record()));
+    ExpectDescriptor(host.result.get(), kFromStored);
+}
+
+TEST_F(EntryPoint, ProjectionEnumeratorsReadAsDocumented) {
+    struct Case {
+        uint32_t in;
+        uint32_t out;
+    };
+    // "panP" reads as Fisheye; "autP" finds no lens profile for a photo
+    // without metadata and falls back to Fisheye.
+    for (const Case c :
+         {Case{ScriptEnum::kPanorama, ScriptEnum::kFisheye},
+          Case{ScriptEnum::kAutoProjection, ScriptEnum::kFisheye},
+          Case{ScriptEnum::kFullSpherical, ScriptEnum::kFisheye},  // 64 x 48 is not 2:1
+          Case{FourCC("junk"), ScriptEnum::kFisheye}}) {
+        host.input = std::make_unique<ActionDescriptor>();
+        host.input->Put(ScriptKey::kProjectionModel, Enumerated{ScriptKey::kProjectionModel, c.in});
+        module.RunWithoutDialog(host.Record());
+        ASSERT_TRUE(host.result);
+        EXPECT_EQ(host.result->GetEnumerated(ScriptKey::kProjectionModel)->value, c.out)
+            << FourCCText(c.in);
+    }
+    EXPECT_TRUE(host.alerts.empty()) << "scripted runs stay silent";
+}
+
+TEST_F(EntryPoint, FullSphericalIsKeptOnATwoToOneImage) {
+    host.mode = cvModeGray;
+    for (auto [h, expected] :
+         {std::pair{200, ScriptEnum::kFullSpherical}, std::pair{199, ScriptEnum::kFisheye}}) {
+        host.width = 400;
+        host.height = h;
+        host.input = std::make_unique<ActionDescriptor>();
+        host.input->Put(ScriptKey::kProjectionModel,
+                        Enumerated{ScriptKey::kProjectionModel, ScriptEnum::kFullSpherical});
+        module.RunWithoutDialog(host.Record());
+        ASSERT_TRUE(host.result);
+        EXPECT_EQ(host.result->GetEnumerated(ScriptKey::kProjectionModel)->value, expected) << h;
+    }
+}
+
+TEST_F(EntryPoint, RepeatWithoutDescriptorUsesTheLastSettingsOfTheInstance) {
+    host.input = std::make_unique<ActionDescriptor>();
+    host.input->Put(ScriptKey::kProjectionModel,
+                    Enumerated{ScriptKey::kProjectionModel, ScriptEnum::kPerspective});
+    host.input->Put(ScriptKey::kFocalLength, 321.0);
+    host.input->Put(ScriptKey::kScale, 90);
+    module.RunWithoutDialog(host.Record());
+
+    host.input.reset();
+    host.result.reset();
+    host.samplesWritten = 0;
+    ExpectAllSucceeded(module.RunWithoutDialog(host.Record()));
+    EXPECT_EQ(host.resultDescriptors, 2);
+    ExpectDescriptor(host.result.get(), {ScriptEnum::kPerspective, ScriptEnum::kAutoRegularizer,
+                                         321.0f, 15.0f, 1.0f, 90});
+    ExpectImageCopied();
+    EXPECT_TRUE(host.alerts.empty());
+}
+
+TEST_F(EntryPoint, RepeatInAFreshInstanceUsesTheStoredPreferences) {
+    PlacePrefs(StoredPrefs());
+    ExpectAllSucceeded(module.RunWithoutDialog(host.Record()));
+    Expected stored = kFromStored;
+    stored.regularizer = ScriptEnum::kAutoRegularizer;  // not stored: the default
+    ExpectDescriptor(host.result.get(), stored);
+    EXPECT_EQ(SavedPrefs()->settings.loupeSize, 200) << "the stored preferences survive";
+}
+
+TEST_F(EntryPoint, DialogWithoutAnEditorEndsLikeCancel) {
+    PlacePrefs(StoredPrefs());
+    ExpectAllSucceeded(module.RunWithDialog(host.Record()));
+    ASSERT_EQ(host.alerts.size(), 1u);
+    EXPECT_EQ(host.alerts[0].message, kEditorMissing);
+    EXPECT_EQ(host.resultDescriptors, 0);
+    EXPECT_EQ(host.samplesWritten, 0);
+    // The live settings were still saved: the fresh invocation chose the
+    // model automatically (no metadata: Fisheye) and kept the stored focal.
+    const auto saved = SavedPrefs();
+    ASSERT_TRUE(saved);
+    EXPECT_EQ(saved->settings.projectionModel, ProjectionModel::Fisheye);
+    EXPECT_FLOAT_EQ(saved->settings.focalLength, 1.6f * 24.0f * 64.0f / 36.0f);
+    EXPECT_EQ(saved->settings.loupeSize, 200);
+}
+
+TEST_F(EntryPoint, DescriptorWithTheDialogOpensTheEditorAndSavesItsSettings) {
+    host.input = std::make_unique<ActionDescriptor>();
+    host.input->Put(ScriptKey::kFocalLength, 555.0);
+    ExpectAllSucceeded(module.RunWithDialog(host.Record()));
+    ASSERT_EQ(host.alerts.size(), 1u);
+    EXPECT_EQ(host.alerts[0].message, kEditorMissing);
+    EXPECT_EQ(host.resultDescriptors, 0);
+    EXPECT_EQ(host.samplesWritten, 0);
+    const auto saved = SavedPrefs();
+    ASSERT_TRUE(saved);
+    EXPECT_FLOAT_EQ(saved->settings.focalLength, 555.0f);
+}
+
+TEST_F(EntryPoint, CancelledRenderWritesNoParametersButSavesPreferences) {
+    host.abortAfterProgress = 0;
+    InputRegulariserOnly();
+    ExpectAllSucceeded(module.RunWithoutDialog(host.Record()));
+    EXPECT_EQ(host.resultDescriptors, 0);
+    EXPECT_EQ(host.samplesWritten, 0);
+    EXPECT_TRUE(SavedPrefs());
+}
+
+TEST_F(EntryPoint, PreferencesWrittenInTheOtherByteOrderLoad) {
+    constexpr std::endian other =
+        std::endian::native == std::endian::little ? std::endian::big : std::endian::little;
+    PlacePrefs(StoredPrefs(), other);
+    InputRegulariserOnly();
+    module.RunWithoutDialog(host.Record());
+    ExpectDescriptor(host.result.get(), kFromStored);
+    // Saved again in this machine's order.
+    const auto bytes = ReadFileBytes(PrefsFile(), 1 << 20);
+    ASSERT_TRUE(bytes);
+    EXPECT_EQ(
+        std::memcmp(bytes->data(), std::endian::native == std::endian::little ? "omlV" : "Vlmo", 4),
+        0);
+}
+
+TEST_F(EntryPoint, ColoursFourAndFiveSurviveALoadAndASave) {
+    PlacePrefs(StoredPrefs());
+    module.RunWithoutDialog(host.Record());
+    const auto saved = SavedPrefs();
+    ASSERT_TRUE(saved);
+    EXPECT_EQ(saved->settings.colors, StoredPrefs().settings.colors);
+    const auto bytes = ReadFileBytes(PrefsFile(), 1 << 20);
+    ASSERT_TRUE(bytes);
+    uint32_t fourthInFile = 0;
+    uint32_t fifthInFile = 0;
+    std::memcpy(&fourthInFile, bytes->data() + 146, 4);  // native order
+    std::memcpy(&fifthInFile, bytes->data() + 150, 4);
+    EXPECT_EQ(fourthInFile, 0x88776655u) << "colour 5 is stored fourth";
+    EXPECT_EQ(fifthInFile, 0x44332211u);
+}
+
+TEST_F(EntryPoint, ForeignChunksAreSkipped) {
+    std::vector<uint8_t> file = SerializePreferences(StoredPrefs());
+    // A chunk of another owner and one of an unknown id, right after the header.
+    std::vector<uint8_t> foreign;
+    auto word = [&](uint32_t w) {
+        foreign.insert(foreign.end(), reinterpret_cast<uint8_t*>(&w),
+                       reinterpret_cast<uint8_t*>(&w) + 4);
+    };
+    for (uint32_t w : {FourCC("Othr"), FourCC("BSet"), 0u, 1u, 8u, 0xDEADBEEFu, 0xDEADBEEFu})
+        word(w);
+    for (uint32_t w : {FourCC("CVCo"), FourCC("Newr"), 0u, 0u, 2u})
+        word(w);
+    foreign.insert(foreign.end(), {0xAB, 0xCD});
+    file.insert(file.begin() + 20, foreign.begin(), foreign.end());
+    const auto length = static_cast<uint32_t>(file.size() - 20);
+    std::memcpy(file.data() + 16, &length, 4);
+    PlacePrefs(file);
+    InputRegulariserOnly();
+    module.RunWithoutDialog(host.Record());
+    ExpectDescriptor(host.result.get(), kFromStored);
+}
+
+TEST_F(EntryPoint, TruncatedOrShortPreferencesKeepTheDefaults) {
+    const std::vector<uint8_t> full = SerializePreferences(StoredPrefs());
+    for (size_t keep : {size_t{0}, size_t{20}, size_t{21}, full.size() / 2, full.size() - 1}) {
+        LoadedModule fresh;  // preferences are read once per instance
+        PlacePrefs(std::vector<uint8_t>(full.begin(), full.begin() + static_cast<ptrdiff_t>(keep)));
+        InputRegulariserOnly();
+        host.result.reset();
+        fresh.RunWithoutDialog(host.Record());
+        ExpectDescriptor(host.result.get(), kFromDefaults);
+        EXPECT_TRUE(host.alerts.empty()) << "silently";
+    }
+}
+
+TEST_F(EntryPoint, HoldingTheThreeModifierKeysIgnoresTheStoredPreferences) {
+    PlacePrefs(StoredPrefs());
+    InputRegulariserOnly();
+    host.modifierKeys = cvModifierShift | cvModifierOption | cvModifierControl;
+    module.RunWithoutDialog(host.Record());
+    ExpectDescriptor(host.result.get(), kFromDefaults);
+    // The defaults overwrite the file.
+    EXPECT_EQ(SavedPrefs()->settings.projectionModel, ProjectionModel::Fisheye);
+
+    // Only for that instance's first need: the keys no longer matter after.
+    host.modifierKeys = 0;
+    module.RunWithoutDialog(host.Record());
+    ExpectDescriptor(host.result.get(), kFromDefaults);
+}
+
+TEST_F(EntryPoint, TwoOfTheThreeModifierKeysDoNotIgnoreThePreferences) {
+    PlacePrefs(StoredPrefs());
+    InputRegulariserOnly();
+    host.modifierKeys = cvModifierCommand | cvModifierShift | cvModifierOption;
+    module.RunWithoutDialog(host.Record());
+    ExpectDescriptor(host.result.get(), kFromStored);
+}
+
+TEST_F(EntryPoint, MemoryIsSetUpOncePerInstanceAndGivenBackOnUnload) {
+    module.RunWithoutDialog(host.Record());
+    module.RunWithDialog(host.Record());
+    EXPECT_EQ(host.suitesAcquired[CV_BUFFER_SUITE_NAME], 1);
+    EXPECT_EQ(host.maxSpaceCalls, 1);
+    EXPECT_EQ(host.freeMemoryCalls, 1);
+    EXPECT_EQ(host.buffersOutstanding, 0);
+    EXPECT_EQ(module.Call(cvSelectorUnload, host.Record()), cvNoErr);
+    EXPECT_EQ(module.Data(), 0);
+    EXPECT_EQ(host.suitesReleased[CV_BUFFER_SUITE_NAME], 1);
+}
+
+// A 6000 x 6000 grey image is 36,000,000 bytes: more than the 32 MiB floor.
+class Budget : public EntryPoint {
+protected:
+    Budget() {
+        host.mode = cvModeGray;
+        host.width = 6000;
+        host.height = 6000;
+    }
+};
+
+TEST_F(Budget, NeverBelow32MiB) {
+    host.freeMemory = 10ull << 20;
+    host.maxSpace = 8ull << 20;
+    module.RunWithoutDialog(host.Record());
+    ExpectImageCopied();
+    ASSERT_EQ(host.bufferAllocations.size(), 1u);
+    EXPECT_EQ(host.bufferAllocations[0], 5592u * 6000u);  // whole rows within 32 MiB
+    EXPECT_EQ(host.progressReports.front().first, 5592);
+    EXPECT_EQ(host.progressReports.size(), 2u);
+}
+
+TEST_F(Budget, TheSmallerOfHalfTheFreeMemoryAndTheMaximumSpace) {
+    host.freeMemory = 100ull << 30;
+    host.maxSpace = 40ull << 20;  // the whole image fits in one band
+    module.RunWithoutDialog(host.Record());
+    EXPECT_EQ(host.progressReports.size(), 1u);
+
+    LoadedModule second;
+    host.progressReports.clear();
+    host.freeMemory = 66ull << 20;  // half of it: 33 MiB, 5767 rows
+    host.maxSpace = 100ull << 30;
+    second.RunWithoutDialog(host.Record());
+    EXPECT_EQ(host.progressReports.front().first, 5767);
+}
+
+TEST_F(EntryPoint, RefusedBuffersFallBackToTheHeap) {
+    host.refuseBuffers = true;
+    module.RunWithoutDialog(host.Record());
+    ExpectImageCopied();
+    EXPECT_EQ(host.resultDescriptors, 1);
+}
+
+TEST_F(EntryPoint, SixteenBitCmykPassesThrough) {
+    host.mode = cvModeCMYK;
+    host.depth = 16;
+    module.RunWithoutDialog(host.Record());
+    ExpectImageCopied();
+}
+
+TEST_F(EntryPoint, AHostErrorFailsTheSelectorWithoutEscaping) {
+    host.failResultWrites = true;
+    const auto results = module.RunWithoutDialog(host.Record());
+    EXPECT_NE(results[1], cvNoErr);  // Start
+    EXPECT_EQ(results[3], cvNoErr);  // Finish
+    EXPECT_EQ(host.resultDescriptors, 0);
+
+    // The instance still works for the next invocation.
+    host.failResultWrites = false;
+    ExpectAllSucceeded(module.RunWithoutDialog(host.Record()));
+    EXPECT_EQ(host.resultDescriptors, 1);
+}
+
+TEST_F(EntryPoint, AboutAndUnknownSelectors) {
+    EXPECT_EQ(module.Call(cvSelectorAbout, host.Record()), cvNoErr);
+    EXPECT_NE(module.Call(77, host.Record()), cvNoErr);
+    EXPECT_TRUE(host.alerts.empty());
+}
+
+}  // namespace
+}  // namespace Project

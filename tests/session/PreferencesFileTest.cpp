@@ -1,0 +1,331 @@
+#include "session/PreferencesFile.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+
+#include "FakeHost.h"
+#include "session/FourCC.h"
+
+namespace Project {
+namespace {
+
+// Preferences whose every stored field differs from its default.
+PPreferences DistinctPrefs() {
+    PPreferences p(640);
+    p.flags = 0x12345678;
+    p.dialogPlacement = {10, 20, 800, 600};
+    PSettings& s = p.settings;
+    s.s1 = 7;
+    s.s2 = 0xBEEF;
+    s.s3 = 3;
+    s.s4 = 4;
+    s.s5 = 5;
+    s.s6 = 0xA0B0C0D0;
+    s.s7 = 77;
+    s.colors = {0x01010101, 0x02020202, 0x03030303, 0x44444444, 0x55555555, 0x06060606};
+    s.s8 = 8;
+    s.s9 = 9;
+    s.iterationCount = 12;
+    s.focalLength = 1234.5f;
+    s.physicalFocalLength = 10.5f;
+    s.cropFactor = 1.5f;
+    s.projectionModel = ProjectionModel::Perspective;
+    s.s10 = 0;
+    s.s11 = 2;
+    s.s12 = 0;
+    s.s13 = 1;
+    s.path = "/photos/Constraints.cvc";
+    s.showLoupeWhenDragging = 0;
+    s.loupeSize = 250;
+    return p;
+}
+
+void ExpectStoredFieldsEqual(const PPreferences& a, const PPreferences& b) {
+    EXPECT_EQ(a.flags, b.flags);
+    EXPECT_EQ(a.dialogPlacement, b.dialogPlacement);
+    const PSettings& x = a.settings;
+    const PSettings& y = b.settings;
+    EXPECT_EQ(x.s1, y.s1);
+    EXPECT_EQ(x.s2, y.s2);
+    EXPECT_EQ(x.s3, y.s3);
+    EXPECT_EQ(x.s4, y.s4);
+    EXPECT_EQ(x.s5, y.s5);
+    EXPECT_EQ(x.s6, y.s6);
+    EXPECT_EQ(x.s7, y.s7);
+    EXPECT_EQ(x.colors, y.colors);
+    EXPECT_EQ(x.s8, y.s8);
+    EXPECT_EQ(x.s9, y.s9);
+    EXPECT_EQ(x.iterationCount, y.iterationCount);
+    EXPECT_EQ(x.focalLength, y.focalLength);
+    EXPECT_EQ(x.physicalFocalLength, y.physicalFocalLength);
+    EXPECT_EQ(x.cropFactor, y.cropFactor);
+    EXPECT_EQ(x.projectionModel, y.projectionModel);
+    EXPECT_EQ(x.s10, y.s10);
+    EXPECT_EQ(x.s11, y.s11);
+    EXPECT_EQ(x.s12, y.s12);
+    EXPECT_EQ(x.s13, y.s13);
+    EXPECT_EQ(x.path, y.path);
+    EXPECT_EQ(x.showLoupeWhenDragging, y.showLoupeWhenDragging);
+    EXPECT_EQ(x.loupeSize, y.loupeSize);
+}
+
+uint32_t WordAt(const std::vector<uint8_t>& b, size_t at, std::endian order) {
+    uint32_t v = 0;
+    for (size_t i = 0; i < 4; ++i) {
+        const size_t shift = order == std::endian::big ? 8 * (3 - i) : 8 * i;
+        v |= static_cast<uint32_t>(b.at(at + i)) << shift;
+    }
+    return v;
+}
+
+TEST(PSettings, DefaultsFollowTheImageWidth) {
+    const PSettings s(3600);
+    EXPECT_FLOAT_EQ(s.focalLength, 1500.0f);  // a 15 mm lens on a 36 mm frame
+    EXPECT_EQ(s.projectionModel, ProjectionModel::Fisheye);
+    EXPECT_EQ(s.regularizerModel, RegularizerModel::Auto);
+    EXPECT_EQ(s.s2, 64);
+    EXPECT_EQ(s.colors[3], 0xFF4AFF4Au);
+    EXPECT_EQ(s.colors[4], 0xFFFF4A4Au);
+    EXPECT_EQ(s.scale, 120);
+    EXPECT_EQ(s.loupeSize, 140);
+    EXPECT_EQ(s.iterationCount, 8);
+    EXPECT_EQ(s.meshLevel, 6);
+    const PPreferences p;
+    EXPECT_EQ(p.flags, 3u);
+    EXPECT_EQ(p.dialogPlacement, (DialogPlacement{-50, -33, -100, -100}));
+}
+
+class PreferencesByteOrder : public ::testing::TestWithParam<std::endian> {};
+
+TEST_P(PreferencesByteOrder, RoundTripsEveryStoredField) {
+    const PPreferences written = DistinctPrefs();
+    const std::vector<uint8_t> bytes = SerializePreferences(written, GetParam());
+    PPreferences read(100);
+    ASSERT_TRUE(ParsePreferences(bytes, read));
+    ExpectStoredFieldsEqual(read, written);
+    EXPECT_EQ(read.settings.settingsVersion, 1u);
+}
+
+TEST_P(PreferencesByteOrder, HeaderAndChunkLayout) {
+    const std::endian order = GetParam();
+    const std::vector<uint8_t> b = SerializePreferences(DistinctPrefs(), order);
+    // The mark's bytes spell "Vlmo" in the writer's order.
+    EXPECT_EQ(std::memcmp(b.data(), order == std::endian::big ? "Vlmo" : "omlV", 4), 0);
+    EXPECT_EQ(WordAt(b, 4, order), FourCC("CVCo"));
+    EXPECT_EQ(WordAt(b, 8, order), 0u);
+    EXPECT_EQ(WordAt(b, 12, order), 0u);
+    EXPECT_EQ(WordAt(b, 16, order), b.size() - 20);
+    // DFlg, then DLoc (a count and four tagged values), then BSet version 1.
+    EXPECT_EQ(WordAt(b, 20, order), FourCC("CVCo"));
+    EXPECT_EQ(WordAt(b, 24, order), FourCC("DFlg"));
+    EXPECT_EQ(WordAt(b, 32, order), 0u);
+    EXPECT_EQ(WordAt(b, 36, order), 4u);
+    EXPECT_EQ(WordAt(b, 40, order), 0x12345678u);
+    EXPECT_EQ(WordAt(b, 48, order), FourCC("DLoc"));
+    EXPECT_EQ(WordAt(b, 60, order), 36u);
+    EXPECT_EQ(WordAt(b, 64, order), 4u);
+    EXPECT_EQ(WordAt(b, 68, order), FourCC("Pt1X"));
+    EXPECT_EQ(WordAt(b, 104, order), FourCC("BSet"));
+    EXPECT_EQ(WordAt(b, 112, order), 1u);
+    // Colours 1, 2, 3, 5, 4, 6 after S1 ... S7 (14 bytes into the block).
+    EXPECT_EQ(WordAt(b, 134, order), 0x01010101u);
+    EXPECT_EQ(WordAt(b, 146, order), 0x55555555u);
+    EXPECT_EQ(WordAt(b, 150, order), 0x44444444u);
+    // The list ends with a single 0 word.
+    EXPECT_EQ(WordAt(b, b.size() - 4, order), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(BothOrders, PreferencesByteOrder,
+                         ::testing::Values(std::endian::little, std::endian::big));
+
+TEST(PreferencesFile, ColoursFourAndFiveAreStoredSwappedAndReadBack) {
+    PPreferences p;
+    p.settings.colors[3] = 0xAABBCCDD;
+    p.settings.colors[4] = 0x11223344;
+    const auto bytes = SerializePreferences(p, std::endian::little);
+    EXPECT_EQ(WordAt(bytes, 146, std::endian::little), 0x11223344u);
+    EXPECT_EQ(WordAt(bytes, 150, std::endian::little), 0xAABBCCDDu);
+    PPreferences read;
+    ASSERT_TRUE(ParsePreferences(bytes, read));
+    EXPECT_EQ(read.settings.colors, p.settings.colors);
+}
+
+TEST(PreferencesFile, ProjectionModelsOtherThanOneTwoFourAreStoredAndReadAsAuto) {
+    for (uint32_t model : {0u, 3u, 5u, 7u, 1000u}) {
+        PPreferences p;
+        p.settings.projectionModel = static_cast<ProjectionModel>(model);
+        PPreferences read;
+        ASSERT_TRUE(ParsePreferences(SerializePreferences(p), read));
+        EXPECT_EQ(read.settings.projectionModel, ProjectionModel::Auto) << model;
+    }
+    for (auto model :
+         {ProjectionModel::Fisheye, ProjectionModel::Perspective, ProjectionModel::FullSpherical}) {
+        PPreferences p;
+        p.settings.projectionModel = model;
+        PPreferences read;
+        ASSERT_TRUE(ParsePreferences(SerializePreferences(p), read));
+        EXPECT_EQ(read.settings.projectionModel, model);
+    }
+}
+
+TEST(PreferencesFile, SettingsThatAreNotStoredKeepTheReadersValues) {
+    PPreferences written = DistinctPrefs();
+    written.settings.regularizerModel = RegularizerModel::Panini;
+    written.settings.scale = 300;
+    written.settings.offsetX = 0.1f;
+    written.settings.meshLevel = 4;
+    PPreferences read;
+    ASSERT_TRUE(ParsePreferences(SerializePreferences(written), read));
+    EXPECT_EQ(read.settings.regularizerModel, RegularizerModel::Auto);
+    EXPECT_EQ(read.settings.scale, 120);
+    EXPECT_EQ(read.settings.offsetX, 0.5f);
+    EXPECT_EQ(read.settings.meshLevel, 6);
+}
+
+TEST(PreferencesFile, AnEmptyPathIsASingleZeroWord) {
+    PPreferences a;
+    PPreferences b;
+    b.settings.path = "x";
+    // A non-empty string adds its encoding word and its bytes.
+    EXPECT_EQ(SerializePreferences(b).size(), SerializePreferences(a).size() + 4 + 1);
+}
+
+TEST(PreferencesFile, EveryTruncationKeepsTheDefaults) {
+    const std::vector<uint8_t> full = SerializePreferences(DistinctPrefs());
+    for (size_t n = 0; n < full.size(); ++n) {
+        PPreferences read(640);
+        const std::vector<uint8_t> cut(full.begin(), full.begin() + static_cast<ptrdiff_t>(n));
+        EXPECT_FALSE(ParsePreferences(cut, read)) << n;
+        ExpectStoredFieldsEqual(read, PPreferences(640));
+    }
+}
+
+TEST(PreferencesFile, ForeignFilesKeepTheDefaults) {
+    const std::vector<uint8_t> good = SerializePreferences(DistinctPrefs(), std::endian::little);
+    auto expectRefused = [](std::vector<uint8_t> bytes, const char* why) {
+        PPreferences read;
+        EXPECT_FALSE(ParsePreferences(bytes, read)) << why;
+        EXPECT_EQ(read.settings.focalLength, PPreferences().settings.focalLength) << why;
+    };
+    auto patched = [&](size_t at, uint32_t v) {
+        std::vector<uint8_t> b = good;
+        std::memcpy(b.data() + at, &v, 4);  // the test machine is little-endian
+        return b;
+    };
+    static_assert(std::endian::native == std::endian::little);
+    expectRefused(patched(0, FourCC("Xlmo")), "mark");
+    expectRefused(patched(4, FourCC("CVCx")), "type");
+    expectRefused(patched(12, 1), "word 3");
+    expectRefused(patched(16, 4), "payload shorter than 5");
+    expectRefused(patched(16, static_cast<uint32_t>(good.size())), "payload past the end");
+    expectRefused(patched(36, 1000), "a chunk running past the end");
+    std::vector<uint8_t> noEnd = good;
+    noEnd.resize(noEnd.size() - 4);
+    noEnd[16] -= 4;
+    expectRefused(noEnd, "no end word");
+    // Word 2 is ignored.
+    PPreferences read;
+    EXPECT_TRUE(ParsePreferences(patched(8, 99), read));
+}
+
+// Little-endian building blocks of hand-made files.
+std::vector<uint8_t> Words(std::initializer_list<uint32_t> words) {
+    std::vector<uint8_t> b;
+    for (uint32_t w : words)
+        for (int i = 0; i < 4; ++i)
+            b.push_back(static_cast<uint8_t>(w >> (8 * i)));
+    return b;
+}
+
+std::vector<uint8_t> Chunk(uint32_t owner, uint32_t id, uint32_t version,
+                           const std::vector<uint8_t>& payload) {
+    std::vector<uint8_t> b = Words({owner, id, 0u, version, static_cast<uint32_t>(payload.size())});
+    b.insert(b.end(), payload.begin(), payload.end());
+    return b;
+}
+
+// A file of the given chunk bytes, with header and end word.
+std::vector<uint8_t> FileOf(const std::vector<uint8_t>& chunks) {
+    std::vector<uint8_t> b =
+        Words({FourCC("Vlmo"), FourCC("CVCo"), 0u, 0u, static_cast<uint32_t>(chunks.size() + 4)});
+    b.insert(b.end(), chunks.begin(), chunks.end());
+    const std::vector<uint8_t> end = Words({0u});
+    b.insert(b.end(), end.begin(), end.end());
+    return b;
+}
+
+// The chunks a writer makes for prefs, without header and end word.
+std::vector<uint8_t> ChunksOf(const PPreferences& prefs) {
+    const std::vector<uint8_t> file = SerializePreferences(prefs, std::endian::little);
+    return std::vector<uint8_t>(file.begin() + 20, file.end() - 4);
+}
+
+TEST(PreferencesFile, ChunksOfOtherOwnersAndIdsAreSkipped) {
+    const PPreferences written = DistinctPrefs();
+    std::vector<uint8_t> chunks;
+    for (const auto& c : {Chunk(FourCC("Othr"), FourCC("BSet"), 1, std::vector<uint8_t>(9, 0xEE)),
+                          Chunk(FourCC("CVCo"), FourCC("Zzzz"), 0, std::vector<uint8_t>(3, 0x77)),
+                          Chunk(FourCC("CVCo"), FourCC("DFlg"), 5, {1, 2, 3, 4}),  // other version
+                          Chunk(FourCC("CVCo"), FourCC("Empt"), 0, {}), ChunksOf(written)})
+        chunks.insert(chunks.end(), c.begin(), c.end());
+    PPreferences read;
+    ASSERT_TRUE(ParsePreferences(FileOf(chunks), read));
+    ExpectStoredFieldsEqual(read, written);
+}
+
+TEST(PreferencesFile, PlacementTagsAreSelfDescribing) {
+    // An unknown tag is skipped; Pt2Y is missing and keeps its value.
+    const std::vector<uint8_t> placement =
+        Words({3u, FourCC("Pt1X"), 5u, FourCC("Wide"), 9u, FourCC("Pt2X"), 7u});
+    PPreferences read;
+    read.dialogPlacement = {1, 2, 3, 4};
+    ASSERT_TRUE(
+        ParsePreferences(FileOf(Chunk(FourCC("CVCo"), FourCC("DLoc"), 0, placement)), read));
+    EXPECT_EQ(read.dialogPlacement, (DialogPlacement{5, 2, 7, 4}));
+    // A count that runs past the chunk refuses the file.
+    PPreferences refused;
+    EXPECT_FALSE(ParsePreferences(
+        FileOf(Chunk(FourCC("CVCo"), FourCC("DLoc"), 0, Words({9u, FourCC("Pt1X"), 5u}))),
+        refused));
+}
+
+TEST(PreferencesFile, FolderHasThreeLevelsUnderTheBase) {
+    EXPECT_EQ(
+        PreferencesFolder("/base"),
+        std::filesystem::path("/base/Kestrix/Kestrix Pictora 2026/Kestrix Pictora 2026 Settings"));
+    EXPECT_EQ(PreferencesFileName(), std::filesystem::path("Curvana Prefs.cvp"));
+}
+
+TEST(PreferencesFile, SaveCreatesTheFolderReplacesAtomicallyAndLoads) {
+    test::TempFolder base;
+    const auto file = PreferencesFolder(base.Path()) / PreferencesFileName();
+    PPreferences read;
+    EXPECT_FALSE(LoadPreferencesFile(file, read));  // missing
+
+    ASSERT_TRUE(SavePreferencesFile(file, DistinctPrefs()));
+    ASSERT_TRUE(SavePreferencesFile(file, DistinctPrefs()));  // replaces
+    ASSERT_TRUE(LoadPreferencesFile(file, read));
+    ExpectStoredFieldsEqual(read, DistinctPrefs());
+    // Nothing but the file is left in the folder.
+    int entries = 0;
+    for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator(file.parent_path()))
+        ++entries;
+    EXPECT_EQ(entries, 1);
+
+    std::ofstream(file, std::ios::binary | std::ios::trunc) << "short";
+    PPreferences defaults;
+    EXPECT_FALSE(LoadPreferencesFile(file, defaults));
+    ExpectStoredFieldsEqual(defaults, PPreferences());
+}
+
+TEST(PreferencesFile, SaveFailsCleanlyWhereTheFolderCannotBeMade) {
+    test::TempFolder base;
+    std::ofstream(base.Path() / "Kestrix") << "a file where the folder should be";
+    EXPECT_FALSE(SavePreferencesFile(PreferencesFolder(base.Path()) / PreferencesFileName(),
+                                     DistinctPrefs()));
+}
+
+}  // namespace
+}  // namespace Project
