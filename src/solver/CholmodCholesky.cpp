@@ -10,7 +10,12 @@
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 #include <vector>
+
+// OpenBLAS's own control (declared here to avoid depending on where the
+// distribution puts its cblas.h).
+extern "C" void openblas_set_num_threads(int threads);
 
 namespace Project {
 namespace {
@@ -129,10 +134,19 @@ bool IsPermutation(std::span<const int> permutation, int n) {
     return true;
 }
 
+// The factorisation runs on the caller's thread and starts no threads of its
+// own: OpenBLAS's thread pool, on a machine shared with the renderer and the
+// host, spins on busy cores and made factorisations several times slower and
+// erratic in our measurements. The setting is process-wide, made once.
+void UseSequentialBlas() {
+    static std::once_flag once;
+    std::call_once(once, [] { openblas_set_num_threads(1); });
+}
+
 class CholmodCholesky final : public SparseCholesky {
 public:
     explicit CholmodCholesky(const Options& options)
-        : options_(options),
+        : options_((UseSequentialBlas(), options)),
           common_(std::make_unique<CholmodCommon>()),
           factor_(common_->get()),
           solution_(common_->get()),

@@ -1,0 +1,110 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "constraints/GeodesicLines.h"
+#include "solver/LineSolve.h"
+
+namespace Project {
+
+// The solver settings, as plain values (the session's settings record maps
+// onto them).
+struct SolverSettings {
+    int32_t meshLevel = 6;          // N = 2^(L+1) + 1
+    bool meshLayoutFlag = false;    // OctaMap sign pattern
+    float regulariserWeight = 0.001f;
+    int32_t iterationCount = 8;
+    bool pinCentre = false;
+    bool boundaryOnly = true;       // regulariser only where the valid area ends
+    int32_t modeValue = 1;          // passed through to the warp
+    double lineWeight = 10.0;
+    double shapeWeight = 1.0;
+    double smoothnessWeight = 3.0;
+    int32_t projectionModel = 1;    // 1 Fisheye, 2 Perspective, 3 Auto, 4 Full Spherical
+    int32_t regulariserCode = 1;    // the closed form to pull towards (1, 2, 3, 1000, ...)
+    // The user's stored regulariser choice: 1 Stereographic, 2 Mercator,
+    // 3 Panini, 4 Auto. The wide-field fallback may change it (see Solver).
+    int32_t storedRegulariserChoice = 4;
+    // The regulariser was picked explicitly (not by the automatic choice):
+    // then only an Auto choice falls back.
+    bool explicitRegulariserChoice = false;
+    // The host state forbids the fallback (e.g. a replay that must keep its
+    // recorded regulariser): no field counts as wide.
+    bool suppressWideFieldFallback = false;
+};
+
+// Builds the mesh warp for the session and checks its field of view.
+//
+// Build(): a LineSolve on the mesh (a fresh one when the settings ask for
+// another level or layout than the given mesh has), the photo and the fitted
+// constraints; then the field-of-view check over the valid vertices'
+// unrotated angles:
+//   - the extremes become the latitude and longitude ranges handed to the next
+//     warp built (kept in this object, so also to the next Build());
+//   - the field is wide beyond 120 degrees in either angle, except for the
+//     full spherical model or when the host state suppresses it;
+//   - the full spherical model runs two passes with the ranges fixed at
+//     +-74 degrees of latitude and +-176 degrees of longitude; otherwise two
+//     passes when a span passes 300 degrees, and a span of 352 degrees or more
+//     replaces that range by +-176 degrees;
+//   - a wide field falls back to the stereographic regulariser once (see
+//     SolverSettings for when), rebuilding the warp; two-pass rebuilds once
+//     if nothing else did.
+// With two-pass on, the warp treats vertices outside the ranges as invalid.
+// Run(): Build(), Solve(), then hands the warp to the constraints' GeodesicLines
+// (which maps samples through it only when it is solved).
+class Solver {
+public:
+    static constexpr float kWideField = 2.0943952f;         // 120 degrees
+    static constexpr float kTwoPassField = 5.235988f;       // 300 degrees
+    static constexpr float kFullTurnField = 6.1435595f;     // 352 degrees
+    static constexpr float kFixedLatitude = 1.2915437f;     // 74 degrees
+    static constexpr float kFixedLongitude = 3.0717797f;    // 176 degrees
+
+    Solver(std::shared_ptr<const OctaMap> mesh, std::shared_ptr<const PhotoToSphere> photo,
+           std::shared_ptr<GeodesicLines> lines, const SolverSettings& settings);
+
+    // Builds and checks the warp (not solved yet).
+    std::shared_ptr<LineSolve> Build();
+    // Build, solve, hand over. True when the solve succeeded; on failure the
+    // editor shows "$$$/Curvana/Warning/SolveFailed=Solve failed".
+    bool Run();
+
+    const std::shared_ptr<LineSolve>& Warp() const { return warp_; }
+    const SolverSettings& Settings() const { return settings_; }
+    // After Build: the regulariser code used, the stored choice (possibly
+    // changed by the fallback, for the session to keep), and what happened.
+    int32_t RegulariserCode() const { return regulariserCode_; }
+    int32_t StoredRegulariserChoice() const { return settings_.storedRegulariserChoice; }
+    bool FellBack() const { return fellBack_; }
+    int32_t Passes() const { return passes_; }
+    bool TwoPass() const { return twoPass_; }
+    AngleRange LatitudeRange() const { return latitudeRange_; }
+    AngleRange LongitudeRange() const { return longitudeRange_; }
+
+    static constexpr const char* kSolveFailedMessage = "$$$/Curvana/Warning/SolveFailed=Solve failed";
+
+private:
+    struct FieldCheck {
+        bool wide = false;
+        bool twoPass = false;
+    };
+    std::shared_ptr<LineSolve> BuildOnce();
+    FieldCheck CheckField(const LineSolve& warp);
+    bool RequestFallback();
+
+    std::shared_ptr<const OctaMap> mesh_;
+    std::shared_ptr<const PhotoToSphere> photo_;
+    std::shared_ptr<GeodesicLines> lines_;
+    SolverSettings settings_;
+    std::shared_ptr<LineSolve> warp_;
+    int32_t regulariserCode_ = 1;
+    bool fellBack_ = false;
+    bool twoPass_ = false;
+    int32_t passes_ = 0;
+    AngleRange latitudeRange_{-1.5707964f, 1.5707964f};
+    AngleRange longitudeRange_{-3.1415927f, 3.1415927f};
+};
+
+}  // namespace Project
