@@ -1,0 +1,121 @@
+#include "render/PResult.h"
+
+#include <cstring>
+#include <string>
+
+#include "warp/SphereWarp.h"
+
+namespace Project {
+
+// ---- PResult -------------------------------------------------------------------------
+
+Gpu::Result<std::unique_ptr<PResult>> PResult::Create(std::shared_ptr<Gpu::GpuDevice> device,
+                                                      const Config& config) {
+    if (config.width <= 0 || config.height <= 0) {
+        return Gpu::GpuError{0, "empty render rectangle " + std::to_string(config.width) + " x " +
+                                    std::to_string(config.height)};
+    }
+    auto renderer = WarpRenderer::Create(std::move(device), config.format, config.options);
+    if (!renderer) {
+        return renderer.error();
+    }
+    return std::unique_ptr<PResult>(new PResult(config, std::move(renderer).value()));
+}
+
+PResult::PResult(Config config, std::unique_ptr<WarpRenderer> renderer)
+    : config_(config), renderer_(std::move(renderer)) {}
+
+void PResult::SetMesh(std::shared_ptr<const RenderMesh> mesh) {
+    mesh_ = std::move(mesh);
+    renderer_->SetPlan(std::make_shared<const RenderPlan>(mesh_, config_.width, config_.height,
+                                                          config_.width, config_.height,
+                                                          config_.options.framing));
+}
+
+void PResult::SetWarp(const SphereWarp& warp, const TexCoordFunction& texCoord) {
+    SetMesh(std::make_shared<const RenderMesh>(BuildRenderMesh(warp, texCoord)));
+}
+
+void PResult::SetFraming(const ViewFraming& framing) {
+    config_.options.framing = framing;
+    renderer_->SetFraming(framing);
+    if (mesh_) {
+        SetMesh(mesh_);
+    }
+}
+
+RenderStatus PResult::Render(RenderSource& source, RenderSink& sink, const RenderControl& control) {
+    if (!renderer_->Plan()) {
+        return {RenderCode::InvalidArgument, "PResult::Render before SetMesh"};
+    }
+    return renderer_->RenderAll(source, sink, control);
+}
+
+RenderStatus PResult::RenderTile(const PixelRect& requested, RenderSource& source,
+                                 RenderSink& sink) {
+    if (!renderer_->Plan()) {
+        return {RenderCode::InvalidArgument, "PResult::RenderTile before SetMesh"};
+    }
+    if (requested.left < 0 || requested.top < 0 || requested.left >= config_.width ||
+        requested.top >= config_.height) {
+        return {RenderCode::InvalidArgument, "requested rectangle outside the image"};
+    }
+    return renderer_->RenderTile(requested.left / RenderPlan::kTileSize,
+                                 requested.top / RenderPlan::kTileSize, source, sink);
+}
+
+// ---- PResultScaled ----------------------------------------------------------------------
+
+Gpu::Result<std::unique_ptr<PResultScaled>> PResultScaled::Create(
+    std::shared_ptr<Gpu::GpuDevice> device, const Config& config) {
+    if (config.outputWidth <= 0 || config.outputHeight <= 0 || config.sourceWidth <= 0 ||
+        config.sourceHeight <= 0) {
+        return Gpu::GpuError{0, "PResultScaled needs a non-empty output and source"};
+    }
+    auto renderer = WarpRenderer::Create(std::move(device), config.format, config.options);
+    if (!renderer) {
+        return renderer.error();
+    }
+    return std::unique_ptr<PResultScaled>(new PResultScaled(config, std::move(renderer).value()));
+}
+
+PResultScaled::PResultScaled(Config config, std::unique_ptr<WarpRenderer> renderer)
+    : config_(config), renderer_(std::move(renderer)) {}
+
+void PResultScaled::SetMesh(std::shared_ptr<const RenderMesh> mesh) {
+    mesh_ = std::move(mesh);
+    renderer_->SetPlan(std::make_shared<const RenderPlan>(
+        mesh_, config_.outputWidth, config_.outputHeight, config_.sourceWidth, config_.sourceHeight,
+        config_.options.framing));
+}
+
+void PResultScaled::SetFraming(const ViewFraming& framing) {
+    config_.options.framing = framing;
+    renderer_->SetFraming(framing);
+    if (mesh_) {
+        SetMesh(mesh_);
+    }
+}
+
+RenderStatus PResultScaled::Render(RenderSource& source, MemoryImage& output,
+                                   const RenderControl& control) {
+    if (!renderer_->Plan()) {
+        return {RenderCode::InvalidArgument, "PResultScaled::Render before SetMesh"};
+    }
+    if (output.Width() != config_.outputWidth || output.Height() != config_.outputHeight ||
+        output.Format().planes != config_.format.planes ||
+        output.Format().depth != config_.format.depth) {
+        output = MemoryImage(config_.outputWidth, config_.outputHeight, config_.format);
+    } else {
+        for (int32_t p = 0; p < config_.format.planes; ++p) {
+            std::memset(
+                output.PlaneData(p), 0,
+                static_cast<size_t>(output.RowBytes()) * static_cast<size_t>(output.Height()));
+        }
+    }
+    // The preview's source is re-read on every render.
+    renderer_->InvalidateSource();
+    return renderer_->RenderAll(source, output, control);
+}
+
+}  // namespace Project

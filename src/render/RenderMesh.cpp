@@ -1,0 +1,65 @@
+#include "render/RenderMesh.h"
+
+#include <algorithm>
+
+#include "geometry/PhotoToSphere.h"
+#include "warp/OctaMap.h"
+#include "warp/SphereWarp.h"
+
+namespace Project {
+
+int32_t RenderMesh::ValidQuadCount() const {
+    return static_cast<int32_t>(std::count(quadValid.begin(), quadValid.end(), uint8_t{1}));
+}
+
+RenderMesh BuildRenderMesh(const SphereWarp& warp, const TexCoordFunction& texCoord) {
+    RenderMesh mesh;
+    const int32_t n = warp.MeshSize();
+    if (n < 2) {
+        return mesh;
+    }
+    mesh.n = n;
+    const size_t vertices = static_cast<size_t>(n) * static_cast<size_t>(n);
+    const int32_t quads = n - 1;
+    mesh.positions.assign(2 * vertices, 0.0f);
+    mesh.texcoords.assign(2 * vertices, 0.0f);
+    mesh.quadValid.assign(static_cast<size_t>(quads) * static_cast<size_t>(quads), 0);
+    if (!warp.IsSolved()) {
+        return mesh;
+    }
+    std::vector<uint8_t> used(vertices, 0);
+    for (int32_t j = 0; j < quads; ++j) {
+        for (int32_t i = 0; i < quads; ++i) {
+            if (!warp.IsQuadValid(i, j)) {
+                continue;
+            }
+            mesh.quadValid[static_cast<size_t>(mesh.QuadIndex(i, j))] = 1;
+            used[static_cast<size_t>(mesh.VertexIndex(i, j))] = 1;
+            used[static_cast<size_t>(mesh.VertexIndex(i + 1, j))] = 1;
+            used[static_cast<size_t>(mesh.VertexIndex(i, j + 1))] = 1;
+            used[static_cast<size_t>(mesh.VertexIndex(i + 1, j + 1))] = 1;
+        }
+    }
+    for (int32_t j = 0; j < n; ++j) {
+        for (int32_t i = 0; i < n; ++i) {
+            const auto k = static_cast<size_t>(mesh.VertexIndex(i, j));
+            if (used[k] == 0) {
+                continue;
+            }
+            warp.GetVertexPosition(i, j, mesh.positions[2 * k], mesh.positions[2 * k + 1]);
+            texCoord(i, j, mesh.texcoords[2 * k], mesh.texcoords[2 * k + 1]);
+        }
+    }
+    return mesh;
+}
+
+TexCoordFunction MeshTextureCoordinates(const OctaMap& mesh, const PhotoToSphere& photo) {
+    return [&mesh, &photo](int32_t i, int32_t j, float& u, float& v) {
+        const SphereDirection angles = mesh.UnrotatedAngles(i, j);
+        u = 0.0f;
+        v = 0.0f;
+        photo.ToTexture(angles.lambda, angles.phi, u, v);
+    };
+}
+
+}  // namespace Project

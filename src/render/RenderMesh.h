@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <vector>
+
+namespace Project {
+
+class SphereWarp;
+class OctaMap;
+class PhotoToSphere;
+
+// What the renderer needs of a solved warp, copied out once per mesh change:
+// for each of the N x N vertices (vertex (i, j) at index i + j * N) its
+// output-plane position (SphereWarp units: x right, y up) and its texture
+// coordinate in the source ((u, v) = (0, 0) top-left, (1, 1) bottom-right, as
+// PhotoToSphere::ToTexture gives it), and for each of the (N - 1)^2 quads
+// (quad (i, j), lowest corner (i, j), at index i + j * (N - 1)) whether it may
+// be drawn. Positions and texture coordinates of vertices that belong to no
+// valid quad are unspecified (zero).
+struct RenderMesh {
+    int32_t n = 0;                   // vertices per side, N
+    std::vector<float> positions;    // 2 per vertex: x, y
+    std::vector<float> texcoords;    // 2 per vertex: u, v
+    std::vector<uint8_t> quadValid;  // 1 per quad
+
+    int32_t QuadsPerSide() const { return n > 1 ? n - 1 : 0; }
+    int32_t VertexIndex(int32_t i, int32_t j) const { return i + j * n; }
+    int32_t QuadIndex(int32_t i, int32_t j) const { return i + j * QuadsPerSide(); }
+    bool IsQuadValid(int32_t quad) const { return quadValid[static_cast<size_t>(quad)] != 0; }
+    int32_t ValidQuadCount() const;
+};
+
+// The texture coordinate of mesh vertex (i, j).
+using TexCoordFunction = std::function<void(int32_t i, int32_t j, float& u, float& v)>;
+
+// Copies a warp into a RenderMesh: quad validity from SphereWarp::IsQuadValid,
+// positions from GetVertexPosition, texture coordinates from texCoord, both
+// for the corners of valid quads only. An unsolved warp (IsSolved false)
+// gives a mesh without valid quads: nothing is drawn.
+RenderMesh BuildRenderMesh(const SphereWarp& warp, const TexCoordFunction& texCoord);
+
+// The texture coordinates of the session's mesh under its projection: vertex
+// (i, j) gets photo.ToTexture of the mesh's unrotated angles (the same
+// direction the warp's validity test sees). Both objects are captured by
+// reference and must outlive the function.
+TexCoordFunction MeshTextureCoordinates(const OctaMap& mesh, const PhotoToSphere& photo);
+
+}  // namespace Project

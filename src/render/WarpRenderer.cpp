@@ -1,0 +1,528 @@
+#include "render/WarpRenderer.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <string>
+
+namespace Project {
+
+namespace {
+
+constexpr int32_t kTile = RenderPlan::kTileSize;
+// The smallest window side the window mode works with (a budget smaller than
+// this many texels squared is raised to it).
+constexpr uint32_t kMinWindowSide = 64;
+// Texels beyond the bilinear footprint kept in a window, against rounding of
+// the interpolated texture coordinates.
+constexpr int32_t kWindowMargin = 1;
+// Subdivision depth after which a triangle that still does not fit is an error
+// (each level halves the triangle's texture extent).
+constexpr int32_t kMaxSplitDepth = 24;
+
+PixelRect Union(const PixelRect& a, const PixelRect& b) {
+    return {std::min(a.left, b.left), std::min(a.top, b.top), std::max(a.right, b.right),
+            std::max(a.bottom, b.bottom)};
+}
+
+PixelRect Intersect(const PixelRect& a, const PixelRect& b) {
+    return {std::max(a.left, b.left), std::max(a.top, b.top), std::min(a.right, b.right),
+            std::min(a.bottom, b.bottom)};
+}
+
+// Adds the wall-clock time of its scope to a counter.
+class PhaseTimer {
+public:
+    explicit PhaseTimer(double& total) : total_(total), start_(std::chrono::steady_clock::now()) {}
+    ~PhaseTimer() {
+        total_ += std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+    }
+    PhaseTimer(const PhaseTimer&) = delete;
+    PhaseTimer& operator=(const PhaseTimer&) = delete;
+
+private:
+    double& total_;
+    std::chrono::steady_clock::time_point start_;
+};
+
+double Finite(double value) {
+    return std::isfinite(value) ? value : 0.0;
+}
+
+int32_t FloorClamped(double value) {
+    return static_cast<int32_t>(std::floor(std::clamp(Finite(value), -1.0e9, 1.0e9)));
+}
+
+RenderStatus GpuFailure(const Gpu::GpuError& error) {
+    return {RenderCode::GpuFailed, error.message};
+}
+
+// Interleaves `planes` planes of w x rows values into four-channel texels.
+// Channels the image lacks are 0. 16-bit host values (0 ... 32768) are
+// expanded to 0 ... 65535 as min(2 v, 65535), which the readback's v / 2 (and
+// 65535 -> 32768) turns back into v exactly.
+template <typename T, int Planes>
+void InterleaveRows(const std::vector<std::vector<uint8_t>>& planes, uint32_t w, uint32_t rows,
+                    void* dst, size_t pitch) {
+    const T* in[4] = {};
+    for (int p = 0; p < Planes; ++p) {
+        in[p] = reinterpret_cast<const T*>(planes[static_cast<size_t>(p)].data());
+    }
+    for (uint32_t r = 0; r < rows; ++r) {
+        T* out = reinterpret_cast<T*>(static_cast<uint8_t*>(dst) + r * pitch);
+        const size_t base = static_cast<size_t>(r) * w;
+        for (uint32_t x = 0; x < w; ++x) {
+            T texel[4] = {0, 0, 0, 0};
+            for (int p = 0; p < Planes; ++p) {
+                const T value = in[p][base + x];
+                if constexpr (sizeof(T) == 2) {
+                    texel[p] = HostToGpu16(value);
+                } else {
+                    texel[p] = value;
+                }
+            }
+            std::memcpy(out + 4 * static_cast<size_t>(x), texel, sizeof(texel));
+        }
+    }
+}
+
+template <typename T>
+void Interleave(int32_t planes, const std::vector<std::vector<uint8_t>>& data, uint32_t w,
+                uint32_t rows, void* dst, size_t pitch) {
+    switch (planes) {
+        case 1:
+            InterleaveRows<T, 1>(data, w, rows, dst, pitch);
+            break;
+        case 2:
+            InterleaveRows<T, 2>(data, w, rows, dst, pitch);
+            break;
+        case 3:
+            InterleaveRows<T, 3>(data, w, rows, dst, pitch);
+            break;
+        default:
+            InterleaveRows<T, 4>(data, w, rows, dst, pitch);
+            break;
+    }
+}
+
+}  // namespace
+
+Gpu::Result<std::unique_ptr<WarpRenderer>> WarpRenderer::Create(
+    std::shared_ptr<Gpu::GpuDevice> device, PixelFormat format, const RenderOptions& options) {
+    if (!format.Valid()) {
+        return Gpu::GpuError{0, "unsupported pixel format: " + std::to_string(format.planes) +
+                                    " planes at " + std::to_string(format.depth) + " bits"};
+    }
+    auto resampler = Gpu::GpuResampler::Create(std::move(device), format.depth);
+    if (!resampler) {
+        return resampler.error();
+    }
+    return std::unique_ptr<WarpRenderer>(
+        new WarpRenderer(std::move(resampler).value(), format, options));
+}
+
+WarpRenderer::WarpRenderer(std::unique_ptr<Gpu::GpuResampler> resampler, PixelFormat format,
+                           const RenderOptions& options)
+    : resampler_(std::move(resampler)), format_(format), options_(options) {}
+
+void WarpRenderer::SetPlan(std::shared_ptr<const RenderPlan> plan) {
+    const bool sameSource = plan_ && plan && plan_->SourceWidth() == plan->SourceWidth() &&
+                            plan_->SourceHeight() == plan->SourceHeight();
+    const SourceMode previous = mode_;
+    plan_ = std::move(plan);
+    rectangleVerticesResident_ = false;
+    if (!plan_) {
+        sourceResident_ = false;
+        return;
+    }
+    const uint64_t bpt = resampler_->BytesPerTexel();
+    const uint32_t maxSide = resampler_->Device()->MaxTextureDimension();
+    const auto sw = static_cast<uint64_t>(plan_->SourceWidth());
+    const auto sh = static_cast<uint64_t>(plan_->SourceHeight());
+    const uint64_t budgetTexels = options_.sourceTextureBudget / bpt;
+    const bool whole = sw <= maxSide && sh <= maxSide && sw * sh <= budgetTexels;
+    mode_ = whole ? SourceMode::Whole : SourceMode::Windows;
+    const auto budgetSide = static_cast<uint64_t>(std::sqrt(static_cast<double>(budgetTexels)));
+    windowLimit_ = static_cast<uint32_t>(
+        std::min<uint64_t>(maxSide, std::max<uint64_t>(budgetSide, kMinWindowSide)));
+    if (!(sameSource && previous == SourceMode::Whole && mode_ == SourceMode::Whole)) {
+        sourceResident_ = false;
+    }
+}
+
+RenderStatus WarpRenderer::RenderAll(RenderSource& source, RenderSink& sink,
+                                     const RenderControl& control) {
+    if (!plan_) {
+        return {RenderCode::InvalidArgument, "no render plan"};
+    }
+    const int64_t total = plan_->TileCount();
+    if (mode_ == SourceMode::Whole && plan_->Mesh().ValidQuadCount() > 0) {
+        if (control.abortRequested && control.abortRequested()) {
+            return {RenderCode::Cancelled, "cancelled"};
+        }
+        if (RenderStatus s = UploadWhole(source); !s.ok()) {
+            return s;
+        }
+    }
+    int64_t done = 0;
+    for (int32_t row = 0; row < plan_->TileRows(); ++row) {
+        for (int32_t column = 0; column < plan_->TileColumns(); ++column) {
+            if (control.abortRequested && control.abortRequested()) {
+                return {RenderCode::Cancelled, "cancelled"};
+            }
+            if (RenderStatus s = RenderTile(column, row, source, sink); !s.ok()) {
+                return s;
+            }
+            ++done;
+            if (control.progress) {
+                control.progress(done, total);
+            }
+        }
+    }
+    return RenderStatus::Ok();
+}
+
+RenderStatus WarpRenderer::RenderTile(int32_t column, int32_t row, RenderSource& source,
+                                      RenderSink& sink) {
+    if (!plan_) {
+        return {RenderCode::InvalidArgument, "no render plan"};
+    }
+    if (column < 0 || row < 0 || column >= plan_->TileColumns() || row >= plan_->TileRows()) {
+        return {RenderCode::InvalidArgument, "tile outside the output"};
+    }
+    if (plan_->Bucket(column, row).empty()) {
+        return RenderStatus::Ok();  // nothing drawn, nothing copied
+    }
+    const PixelRect region = plan_->TileRect(column, row);
+    RenderStatus status;
+    if (mode_ == SourceMode::Whole) {
+        if (!sourceResident_) {
+            if (status = UploadWhole(source); !status.ok()) {
+                return status;
+            }
+        }
+        status = DrawWhole(column, row, region);
+    } else {
+        status = DrawWindows(column, row, region, source);
+    }
+    if (!status.ok()) {
+        return status;
+    }
+    ++statistics_.tilesDrawn;
+    return WriteBack(region, sink);
+}
+
+RenderStatus WarpRenderer::UploadWhole(RenderSource& source) {
+    sourceResident_ = false;
+    const PixelRect whole{0, 0, plan_->SourceWidth(), plan_->SourceHeight()};
+    if (RenderStatus s = UploadWindow(source, whole); !s.ok()) {
+        return s;
+    }
+    sourceResident_ = true;
+    return RenderStatus::Ok();
+}
+
+RenderStatus WarpRenderer::UploadWindow(RenderSource& source, const PixelRect& window) {
+    const PhaseTimer timer(statistics_.uploadSeconds);
+    const auto w = static_cast<uint32_t>(window.Width());
+    const auto h = static_cast<uint32_t>(window.Height());
+    // Whole mode: exactly the source's size. Windows: the texture only grows.
+    uint32_t tw = w;
+    uint32_t th = h;
+    if (mode_ == SourceMode::Windows && resampler_->SourceWidth() <= windowLimit_ &&
+        resampler_->SourceHeight() <= windowLimit_) {
+        tw = std::max(w, resampler_->SourceWidth());
+        th = std::max(h, resampler_->SourceHeight());
+    }
+    if (auto made = resampler_->EnsureSourceTexture(tw, th); !made) {
+        return GpuFailure(made.error());
+    }
+    const size_t bpv = static_cast<size_t>(format_.BytesPerValue());
+    bool readFailed = false;
+    auto fill = [&](uint32_t y0, uint32_t rows, void* dst, size_t pitch) {
+        const size_t planeBytes = static_cast<size_t>(w) * rows * bpv;
+        planeScratch_.resize(static_cast<size_t>(format_.planes));
+        std::vector<void*> pointers;
+        for (auto& plane : planeScratch_) {
+            if (plane.size() < planeBytes) {
+                plane.resize(planeBytes);
+            }
+            pointers.push_back(plane.data());
+        }
+        const PixelRect rect{window.left, window.top + static_cast<int32_t>(y0), window.right,
+                             window.top + static_cast<int32_t>(y0 + rows)};
+        if (!source.ReadWindow(rect, pointers, static_cast<ptrdiff_t>(w * bpv))) {
+            readFailed = true;
+            return false;
+        }
+        if (format_.depth > 8) {
+            Interleave<uint16_t>(format_.planes, planeScratch_, w, rows, dst, pitch);
+        } else {
+            Interleave<uint8_t>(format_.planes, planeScratch_, w, rows, dst, pitch);
+        }
+        return true;
+    };
+    if (Gpu::Status s = resampler_->UploadSource(w, h, fill); !s) {
+        if (readFailed) {
+            return {RenderCode::SourceFailed,
+                    "reading the source window (" + std::to_string(window.left) + ", " +
+                        std::to_string(window.top) + ", " + std::to_string(window.right) + ", " +
+                        std::to_string(window.bottom) + ") failed"};
+        }
+        return GpuFailure(s.error());
+    }
+    ++statistics_.sourceUploads;
+    statistics_.uploadedTexels += static_cast<uint64_t>(w) * h;
+    return RenderStatus::Ok();
+}
+
+RenderStatus WarpRenderer::DrawWhole(int32_t column, int32_t row, const PixelRect& region) {
+    const PhaseTimer timer(statistics_.drawSeconds);
+    if (!rectangleVerticesResident_) {
+        const auto vertices = plan_->RectangleVertices();
+        if (Gpu::Status s = resampler_->UploadVertices(vertices); !s) {
+            return GpuFailure(s.error());
+        }
+        rectangleVerticesResident_ = true;
+    }
+    indexScratch_ = plan_->TileIndices(column, row);
+    if (Gpu::Status s = resampler_->UploadIndices(indexScratch_); !s) {
+        return GpuFailure(s.error());
+    }
+    if (Gpu::Status s = resampler_->SetMatrix(plan_->TileMatrix(column, row)); !s) {
+        return GpuFailure(s.error());
+    }
+    const Gpu::TargetRegion readback{0, 0, static_cast<uint32_t>(region.Width()),
+                                     static_cast<uint32_t>(region.Height())};
+    if (Gpu::Status s =
+            resampler_->Draw(static_cast<uint32_t>(indexScratch_.size()), true, readback);
+        !s) {
+        return GpuFailure(s.error());
+    }
+    ++statistics_.draws;
+    return RenderStatus::Ok();
+}
+
+PixelRect WarpRenderer::Footprint(const TriangleVertex* corners, int32_t count) const {
+    const double sw = plan_->SourceWidth();
+    const double sh = plan_->SourceHeight();
+    double u0 = corners[0].u;
+    double u1 = u0;
+    double v0 = corners[0].v;
+    double v1 = v0;
+    for (int32_t c = 1; c < count; ++c) {
+        u0 = std::min<double>(u0, corners[c].u);
+        u1 = std::max<double>(u1, corners[c].u);
+        v0 = std::min<double>(v0, corners[c].v);
+        v1 = std::max<double>(v1, corners[c].v);
+    }
+    // Bilinear filtering at texel coordinate t = u * width - 0.5 reads texels
+    // floor(t) and floor(t) + 1.
+    PixelRect rect{FloorClamped(u0 * sw - 0.5) - kWindowMargin,
+                   FloorClamped(v0 * sh - 0.5) - kWindowMargin,
+                   FloorClamped(u1 * sw - 0.5) + 2 + kWindowMargin,
+                   FloorClamped(v1 * sh - 0.5) + 2 + kWindowMargin};
+    const int32_t w = plan_->SourceWidth();
+    const int32_t h = plan_->SourceHeight();
+    rect.left = std::clamp(rect.left, 0, w - 1);
+    rect.top = std::clamp(rect.top, 0, h - 1);
+    rect.right = std::clamp(rect.right, rect.left + 1, w);
+    rect.bottom = std::clamp(rect.bottom, rect.top + 1, h);
+    return rect;
+}
+
+RenderStatus WarpRenderer::BuildGroups(int32_t column, int32_t row, std::vector<Group>& groups) {
+    groups.clear();
+    const RenderMesh& mesh = plan_->Mesh();
+    const int32_t n = mesh.QuadsPerSide();
+    const auto limit = static_cast<int32_t>(windowLimit_);
+    auto fits = [limit](const PixelRect& r) { return r.Width() <= limit && r.Height() <= limit; };
+    bool open = false;
+    Group current;
+    RenderStatus failure = RenderStatus::Ok();
+
+    // Adds one triangle to the open group, starting a new group or cutting
+    // the triangle when its window does not fit.
+    auto add = [&](auto&& self, const TriangleVertex* tri, const PixelRect& clip,
+                   int32_t depth) -> void {
+        if (!failure.ok()) {
+            return;
+        }
+        PixelRect footprint = Footprint(tri, 3);
+        if (const PixelRect clipped = Intersect(footprint, clip); !clipped.Empty()) {
+            footprint = clipped;
+        }
+        if (open && fits(Union(current.window, footprint))) {
+            current.window = Union(current.window, footprint);
+            current.vertices.insert(current.vertices.end(), tri, tri + 3);
+            return;
+        }
+        if (fits(footprint)) {
+            if (open) {
+                groups.push_back(std::move(current));
+            }
+            current = Group{footprint, {tri[0], tri[1], tri[2]}};
+            open = true;
+            return;
+        }
+        if (depth >= kMaxSplitDepth) {
+            failure = {RenderCode::InvalidArgument,
+                       "a mesh triangle's source window cannot be made to fit the texture"};
+            return;
+        }
+        ++statistics_.splitTriangles;
+        auto mid = [](const TriangleVertex& a, const TriangleVertex& b) {
+            return TriangleVertex{0.5f * (a.x + b.x), 0.5f * (a.y + b.y), 0.5f * (a.u + b.u),
+                                  0.5f * (a.v + b.v)};
+        };
+        const TriangleVertex m01 = mid(tri[0], tri[1]);
+        const TriangleVertex m12 = mid(tri[1], tri[2]);
+        const TriangleVertex m20 = mid(tri[2], tri[0]);
+        const TriangleVertex pieces[4][3] = {
+            {tri[0], m01, m20}, {m01, tri[1], m12}, {m20, m12, tri[2]}, {m01, m12, m20}};
+        for (const auto& piece : pieces) {
+            self(self, piece, clip, depth + 1);
+        }
+    };
+
+    const PixelRect whole{0, 0, plan_->SourceWidth(), plan_->SourceHeight()};
+    for (int32_t quad : plan_->Bucket(column, row)) {
+        const int32_t i = quad % n;
+        const int32_t j = quad / n;
+        TriangleVertex corners[4];
+        for (int32_t c = 0; c < 4; ++c) {
+            const auto k = static_cast<size_t>(mesh.VertexIndex(i + (c & 1), j + (c >> 1)));
+            corners[c] = {mesh.positions[2 * k], mesh.positions[2 * k + 1], mesh.texcoords[2 * k],
+                          mesh.texcoords[2 * k + 1]};
+        }
+        // The quad's source tiles bound its window (two texels of slack for
+        // the filter at tile borders).
+        PixelRect clip = whole;
+        const auto tiles = plan_->SourceTiles(quad);
+        if (!tiles.empty()) {
+            int32_t tx0 = tiles[0].tx;
+            int32_t tx1 = tx0;
+            int32_t ty0 = tiles[0].ty;
+            int32_t ty1 = ty0;
+            for (const SourceTile& tile : tiles) {
+                tx0 = std::min(tx0, tile.tx);
+                tx1 = std::max(tx1, tile.tx);
+                ty0 = std::min(ty0, tile.ty);
+                ty1 = std::max(ty1, tile.ty);
+            }
+            clip = Intersect(whole, {tx0 * kTile - 2, ty0 * kTile - 2, (tx1 + 1) * kTile + 2,
+                                     (ty1 + 1) * kTile + 2});
+        }
+        // Local corner numbers 0 (i, j), 1 (i + 1, j), 2 (i, j + 1), 3 (i + 1, j + 1)
+        // are GPU indices with k = 0 and m = 2.
+        const float p00[2] = {corners[0].x, corners[0].y};
+        const float p10[2] = {corners[1].x, corners[1].y};
+        const float p01[2] = {corners[2].x, corners[2].y};
+        const float p11[2] = {corners[3].x, corners[3].y};
+        const auto six = TriangulateQuad(0, 2, p00, p10, p01, p11);
+        for (int32_t t = 0; t < 2; ++t) {
+            const TriangleVertex tri[3] = {corners[six[3 * t]], corners[six[3 * t + 1]],
+                                           corners[six[3 * t + 2]]};
+            add(add, tri, clip, 0);
+        }
+        if (!failure.ok()) {
+            return failure;
+        }
+    }
+    if (open) {
+        groups.push_back(std::move(current));
+    }
+    return RenderStatus::Ok();
+}
+
+RenderStatus WarpRenderer::DrawWindows(int32_t column, int32_t row, const PixelRect& region,
+                                       RenderSource& source) {
+    std::vector<Group> groups;
+    if (RenderStatus s = BuildGroups(column, row, groups); !s.ok()) {
+        return s;
+    }
+    if (groups.empty()) {
+        return RenderStatus::Ok();
+    }
+    rectangleVerticesResident_ = false;
+    sourceResident_ = false;
+    if (Gpu::Status s = resampler_->SetMatrix(plan_->TileMatrix(column, row)); !s) {
+        return GpuFailure(s.error());
+    }
+    const double sw = plan_->SourceWidth();
+    const double sh = plan_->SourceHeight();
+    const Gpu::TargetRegion readback{0, 0, static_cast<uint32_t>(region.Width()),
+                                     static_cast<uint32_t>(region.Height())};
+    for (size_t g = 0; g < groups.size(); ++g) {
+        const Group& group = groups[g];
+        if (RenderStatus s = UploadWindow(source, group.window); !s.ok()) {
+            return s;
+        }
+        // Texture coordinates into the window, which sits at the top-left of
+        // a texture of tw x th texels.
+        const double tw = resampler_->SourceWidth();
+        const double th = resampler_->SourceHeight();
+        vertexScratch_.resize(group.vertices.size());
+        indexScratch_.resize(group.vertices.size());
+        for (size_t k = 0; k < group.vertices.size(); ++k) {
+            const TriangleVertex& in = group.vertices[k];
+            Gpu::GpuVertex& out = vertexScratch_[k];
+            out.x = in.x;
+            out.y = in.y;
+            out.u = static_cast<float>((in.u * sw - group.window.left) / tw);
+            out.v = static_cast<float>((in.v * sh - group.window.top) / th);
+            indexScratch_[k] = static_cast<uint32_t>(k);
+        }
+        if (Gpu::Status s = resampler_->UploadVertices(vertexScratch_); !s) {
+            return GpuFailure(s.error());
+        }
+        if (Gpu::Status s = resampler_->UploadIndices(indexScratch_); !s) {
+            return GpuFailure(s.error());
+        }
+        const bool last = g + 1 == groups.size();
+        if (Gpu::Status s = resampler_->Draw(static_cast<uint32_t>(indexScratch_.size()), g == 0,
+                                             last ? std::optional(readback) : std::nullopt);
+            !s) {
+            return GpuFailure(s.error());
+        }
+        ++statistics_.draws;
+    }
+    return RenderStatus::Ok();
+}
+
+RenderStatus WarpRenderer::WriteBack(const PixelRect& region, RenderSink& sink) {
+    const PhaseTimer timer(statistics_.writeSeconds);
+    const auto w = static_cast<size_t>(region.Width());
+    const auto h = static_cast<size_t>(region.Height());
+    const size_t bpv = static_cast<size_t>(format_.BytesPerValue());
+    planeScratch_.resize(static_cast<size_t>(format_.planes));
+    std::vector<const void*> pointers;
+    const void* data = resampler_->ReadbackData();
+    for (size_t p = 0; p < planeScratch_.size(); ++p) {
+        auto& plane = planeScratch_[p];
+        if (plane.size() < w * h * bpv) {
+            plane.resize(w * h * bpv);
+        }
+        if (format_.depth > 8) {
+            const auto* in = static_cast<const uint16_t*>(data);
+            auto* out = reinterpret_cast<uint16_t*>(plane.data());
+            for (size_t k = 0; k < w * h; ++k) {
+                out[k] = GpuToHost16(in[4 * k + p]);
+            }
+        } else {
+            const auto* in = static_cast<const uint8_t*>(data);
+            uint8_t* out = plane.data();
+            for (size_t k = 0; k < w * h; ++k) {
+                out[k] = in[4 * k + p];
+            }
+        }
+        pointers.push_back(plane.data());
+    }
+    if (!sink.WriteTile(region, pointers, static_cast<ptrdiff_t>(w * bpv))) {
+        return {RenderCode::SinkFailed, "writing the result tile failed"};
+    }
+    return RenderStatus::Ok();
+}
+
+}  // namespace Project

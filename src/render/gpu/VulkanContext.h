@@ -1,0 +1,151 @@
+#pragma once
+
+// Internal to src/render/gpu/: the Vulkan state behind GpuDevice and small
+// helpers to make buffers and images on it.
+
+#include <vulkan/vulkan.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "render/gpu/GpuDevice.h"
+#include "render/gpu/VkHandles.h"
+
+namespace Project::Gpu {
+
+namespace detail {
+
+// "vkFoo failed: VK_ERROR_... (-N)".
+GpuError VkFailure(const char* what, VkResult result);
+const char* VkResultName(VkResult result);
+
+// A buffer with its own memory, persistently mapped when host-visible.
+// Destruction and assignment release in the safe order: unmap, destroy the
+// buffer, free the memory.
+struct BufferResource {
+    DeviceMemory memory;
+    Buffer buffer;
+    MappedMemory mapped;
+    VkDeviceSize size = 0;
+    bool coherent = true;
+    VkDeviceMemory memoryHandle = VK_NULL_HANDLE;
+
+    BufferResource() = default;
+    ~BufferResource() { reset(); }
+    BufferResource(const BufferResource&) = delete;
+    BufferResource& operator=(const BufferResource&) = delete;
+    BufferResource(BufferResource&& other) noexcept { *this = std::move(other); }
+    BufferResource& operator=(BufferResource&& other) noexcept {
+        if (this != &other) {
+            reset();
+            memory = std::move(other.memory);
+            buffer = std::move(other.buffer);
+            mapped = std::move(other.mapped);
+            size = std::exchange(other.size, 0);
+            coherent = other.coherent;
+            memoryHandle = std::exchange(other.memoryHandle, VK_NULL_HANDLE);
+        }
+        return *this;
+    }
+    void reset() {
+        mapped.reset();
+        buffer.reset();
+        memory.reset();
+        size = 0;
+        memoryHandle = VK_NULL_HANDLE;
+    }
+
+    void* data() const { return mapped.data(); }
+};
+
+// A 2-D image with its own memory and a colour view, released view first,
+// then the image, then the memory.
+struct ImageResource {
+    DeviceMemory memory;
+    Image image;
+    ImageView view;
+    uint32_t width = 0;
+    uint32_t height = 0;
+    VkFormat format = VK_FORMAT_UNDEFINED;
+
+    ImageResource() = default;
+    ~ImageResource() { reset(); }
+    ImageResource(const ImageResource&) = delete;
+    ImageResource& operator=(const ImageResource&) = delete;
+    ImageResource(ImageResource&& other) noexcept { *this = std::move(other); }
+    ImageResource& operator=(ImageResource&& other) noexcept {
+        if (this != &other) {
+            reset();
+            memory = std::move(other.memory);
+            image = std::move(other.image);
+            view = std::move(other.view);
+            width = std::exchange(other.width, 0);
+            height = std::exchange(other.height, 0);
+            format = other.format;
+        }
+        return *this;
+    }
+    void reset() {
+        view.reset();
+        image.reset();
+        memory.reset();
+        width = 0;
+        height = 0;
+    }
+};
+
+}  // namespace detail
+
+struct GpuDevice::Impl {
+    LogSink log;
+    std::function<void(std::string_view)> onValidationError;
+    std::atomic<uint64_t> validationErrors{0};
+    bool validation = false;
+
+    // Declaration order is destruction order reversed: the device goes first,
+    // then the messenger, then the instance.
+    detail::Instance instance;
+    detail::DebugMessenger messenger;
+    VkPhysicalDevice physical = VK_NULL_HANDLE;
+    VkPhysicalDeviceProperties properties{};
+    VkPhysicalDeviceMemoryProperties memoryProperties{};
+    detail::Device device;
+    VkQueue queue = VK_NULL_HANDLE;
+    uint32_t queueFamily = 0;
+
+    DeviceKind kind = DeviceKind::Other;
+    std::string name;
+    uint32_t maxTextureDimension = 0;
+
+    // The compiled shader program (SPIR-V words).
+    std::vector<uint32_t> vertexSpirv;
+    std::vector<uint32_t> fragmentSpirv;
+
+    VkDevice vk() const { return device.get(); }
+
+    // A memory type index allowed by typeBits with all `required` flags,
+    // preferring one that also has `preferred`.
+    Result<uint32_t> FindMemoryType(uint32_t typeBits, VkMemoryPropertyFlags required,
+                                    VkMemoryPropertyFlags preferred = 0) const;
+
+    // A buffer of `size` bytes. hostVisible: host-visible memory, mapped for
+    // its lifetime (cached memory preferred when preferCached, for readback).
+    Result<detail::BufferResource> CreateBuffer(VkDeviceSize size, VkBufferUsageFlags usage,
+                                                bool hostVisible, bool preferCached = false) const;
+
+    // A device-local 2-D image (one mip level, one layer, optimal tiling)
+    // with a colour view. Checks the size against the device's
+    // maxImageDimension2D (some drivers accept larger images silently).
+    Result<detail::ImageResource> CreateImage(uint32_t width, uint32_t height, VkFormat format,
+                                              VkImageUsageFlags usage) const;
+
+    // Makes host writes to a non-coherent mapping visible / device writes
+    // visible to the host (no-ops for coherent memory).
+    Status Flush(const detail::BufferResource& buffer) const;
+    Status Invalidate(const detail::BufferResource& buffer) const;
+};
+
+}  // namespace Project::Gpu
