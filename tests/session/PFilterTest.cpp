@@ -186,14 +186,6 @@ TEST_F(PFilterTest, RepeatRebuildsSolvesRendersAndWritesParameters) {
     EXPECT_TRUE(PrefsSaved());
 }
 
-TEST_F(PFilterTest, CancelledRenderWritesNoParametersButSavesPreferences) {
-    scenario.renderResult = false;
-    EXPECT_EQ(Invoke(false), cvNoErr);
-    EXPECT_FALSE(filter.applied());
-    EXPECT_EQ(host.resultDescriptors, 0);
-    EXPECT_TRUE(PrefsSaved());
-}
-
 TEST_F(PFilterTest, EditorOkWritesParametersWithoutRenderingItself) {
     scenario.editorResult = PEditor::Result::Ok;
     PEditor* during = nullptr;
@@ -227,17 +219,6 @@ TEST_F(PFilterTest, DescriptorWithParametersSelectorOpensTheEditor) {
     EXPECT_EQ(seen, ProjectionModel::Perspective);
     EXPECT_EQ(scenario.calls,
               (std::vector<std::string>{"attach", "rebuild", "editor PDialog.zel"}));
-}
-
-TEST_F(PFilterTest, FailedHostChecksTouchNothing) {
-    host.version = 26 << 16;
-    EXPECT_EQ(Invoke(false), cvNoErr);
-    host.version = 27 << 16;
-    host.gpuFlags = 0;
-    EXPECT_EQ(Invoke(true), cvNoErr);
-    EXPECT_TRUE(scenario.calls.empty());
-    EXPECT_EQ(host.alerts.size(), 2u);
-    EXPECT_FALSE(PrefsSaved());
 }
 
 TEST_F(PFilterTest, FullSphericalNeedsATwoToOneImage) {
@@ -353,17 +334,6 @@ TEST_F(PFilterTest, FocalFromThePhysicalFocalLengthAndCrop) {
     });
 }
 
-TEST_F(PFilterTest, MemoryIsSetUpOncePerInstance) {
-    Invoke(false);
-    Invoke(true);
-    EXPECT_EQ(host.suitesAcquired[CV_BUFFER_SUITE_NAME], 1);
-    EXPECT_EQ(host.maxSpaceCalls, 1);
-    EXPECT_EQ(filter.CacheBudget(),
-              PHostFilter::ComputeCacheBudget(host.freeMemory, host.maxSpace));
-    filter.ReleaseHostResources(host.Record());
-    EXPECT_EQ(host.suitesReleased[CV_BUFFER_SUITE_NAME], 1);
-}
-
 TEST(CacheBudget, ClampsBothFiguresThenTakesTheSmaller) {
     constexpr uint64_t MiB = 1ull << 20;
     constexpr uint64_t GiB = 1ull << 30;
@@ -455,29 +425,18 @@ TEST(HandleEntry, ExceptionsBecomeErrorResultsAndTheInvocationIsCleanedUp) {
     gScenario = nullptr;
 }
 
-TEST(HandleEntry, RefusesForeignRecordsAndMissingArguments) {
+TEST(HandleEntry, MissingArgumentsAreRefusedWithoutAnInstance) {
     Scenario scenario;
     gScenario = &scenario;
     FakeHost host;
     intptr_t data = 0;
     int16_t result = 0;
-    CvFilterRecord* r = host.Record();
-    r->abiVersion = CURVANA_ABI_VERSION + 1;
-    HandleEntry(cvSelectorStart, r, &data, &result, &MakeFakes);
-    EXPECT_EQ(result, cvErrParam);
-    r = host.Record();
-    r->structSize = sizeof(CvFilterRecord) - 8;
-    HandleEntry(cvSelectorStart, r, &data, &result, &MakeFakes);
-    EXPECT_EQ(result, cvErrParam);
-    HandleEntry(cvSelectorStart, nullptr, &data, &result, &MakeFakes);
-    EXPECT_EQ(result, cvErrParam);
-    EXPECT_EQ(data, 0) << "no instance for a refused record";
     HandleEntry(cvSelectorStart, host.Record(), nullptr, &result, &MakeFakes);
     EXPECT_EQ(result, cvErrParam);
-    HandleEntry(cvSelectorStart, host.Record(), &data, nullptr, &MakeFakes);  // nowhere to report
-    EXPECT_TRUE(host.alerts.empty());
-    HandleEntry(cvSelectorUnload, nullptr, &data, &result, &MakeFakes);
+    HandleEntry(cvSelectorStart, host.Record(), &data, &result, nullptr);
+    EXPECT_EQ(result, cvErrParam);
     EXPECT_EQ(data, 0);
+    EXPECT_TRUE(scenario.calls.empty());
     gScenario = nullptr;
 }
 

@@ -140,18 +140,6 @@ TEST_P(PreferencesByteOrder, HeaderAndChunkLayout) {
 INSTANTIATE_TEST_SUITE_P(BothOrders, PreferencesByteOrder,
                          ::testing::Values(std::endian::little, std::endian::big));
 
-TEST(PreferencesFile, ColoursFourAndFiveAreStoredSwappedAndReadBack) {
-    PPreferences p;
-    p.settings.colors[3] = 0xAABBCCDD;
-    p.settings.colors[4] = 0x11223344;
-    const auto bytes = SerializePreferences(p, std::endian::little);
-    EXPECT_EQ(WordAt(bytes, 146, std::endian::little), 0x11223344u);
-    EXPECT_EQ(WordAt(bytes, 150, std::endian::little), 0xAABBCCDDu);
-    PPreferences read;
-    ASSERT_TRUE(ParsePreferences(bytes, read));
-    EXPECT_EQ(read.settings.colors, p.settings.colors);
-}
-
 TEST(PreferencesFile, ProjectionModelsOtherThanOneTwoFourAreStoredAndReadAsAuto) {
     for (uint32_t model : {0u, 3u, 5u, 7u, 1000u}) {
         PPreferences p;
