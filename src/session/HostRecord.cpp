@@ -2,12 +2,11 @@
 
 #include <vector>
 
+#include "geometry/CameraMetadata.h"
+
 namespace Project {
 
 namespace {
-
-// A packet this large is not a photo's metadata; the reader gets none.
-constexpr size_t kMaxXmpPacket = 64u << 20;
 
 CvRect ToCv(const ImageRect& r) {
     return CvRect{r.left, r.top, r.right, r.bottom};
@@ -82,7 +81,7 @@ std::string HostRecord::XmpPacket() const {
         return {};
     size_t length = 0;
     if (record_->getXmpPacket(record_->host, nullptr, 0, &length) != cvNoErr || length == 0 ||
-        length > kMaxXmpPacket)
+        length > kMaxXmpPacketBytes)
         return {};
     std::string packet(length, '\0');
     size_t copied = 0;

@@ -61,7 +61,7 @@ public:
     std::optional<std::filesystem::path> PreferencesBase() const;
     uint32_t ModifierKeys() const;
     // The photo's XMP packet (empty when the host has none or it is larger
-    // than any packet worth reading).
+    // than the metadata reader accepts).
     std::string XmpPacket() const;
 
     CvDescriptor Descriptor() const { return record_ ? record_->descriptor : nullptr; }

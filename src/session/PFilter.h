@@ -28,7 +28,8 @@ public:
     static constexpr const char* kLayoutResource = "PDialog.zel";
     // Modifier-key bits that, all held while the preferences are first
     // needed, make the instance ignore the stored preferences.
-    static constexpr uint32_t kIgnorePreferencesKeys = 0xEu;  // bits 1, 2 and 3
+    static constexpr uint32_t kIgnorePreferencesKeys =
+        cvModifierShift | cvModifierOption | cvModifierControl;  // bits 1, 2 and 3
 
     explicit PFilter(std::unique_ptr<PFilterComponents> components);
     ~PFilter() override;
