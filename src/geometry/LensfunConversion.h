@@ -5,10 +5,16 @@
 
 #include "geometry/LensProfile.h"
 
-// lensfun's lens record (lensfun.h); only the lookup and its tests see it.
+// lensfun's records (lensfun.h); only the lookup and its tests see them.
 struct lfLens;
+struct lfDatabase;
 
 namespace Project::detail {
+
+// Loads the installed lensfun database (or a newer update of it) and the
+// user's additions into db, as lensfun's own Load() would, without its leak.
+// False when nothing could be loaded.
+bool loadLensfunDatabase(lfDatabase& db);
 
 // How lensfun places a ray on the photo, reduced to one radial function:
 // a ray at angle theta from the axis lands at pixel distance radius(theta)

@@ -5,6 +5,8 @@
 #include <cctype>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <limits>
 #include <memory>
 #include <mutex>
@@ -264,10 +266,42 @@ struct LfDatabaseDeleter {
     void operator()(lfDatabase* db) const { lf_db_destroy(db); }
 };
 
+// The timestamp of a database folder: -1 when it does not exist, 0 when it
+// has no readable timestamp.txt.
+long readTimestamp(const std::filesystem::path& dir) {
+    std::error_code ec;
+    if (dir.empty() || !std::filesystem::is_directory(dir, ec)) return -1;
+    std::ifstream in(dir / "timestamp.txt");
+    long stamp = 0;
+    if (!(in >> stamp)) return 0;
+    return stamp;
+}
+
+// lensfun 0.3's own Load() leaks the name of its system-updates folder on
+// every call. This makes the same choice without it: the newest of the
+// installed database, the system updates and the user's updates (by their
+// timestamps), then the user's own additions on top.
+bool loadSystemDatabase(lfDatabase& db) {
+    const std::filesystem::path installed = std::filesystem::path(CURVANA_LENSFUN_DATADIR) / "lensfun" / "version_1";
+    const std::filesystem::path systemUpdates = "/var/lib/lensfun-updates/version_1";
+    const std::filesystem::path userUpdates = db.UserUpdatesDir != nullptr ? db.UserUpdatesDir : "";
+    const long tInstalled = readTimestamp(installed);
+    const long tSystemUpdates = readTimestamp(systemUpdates);
+    const long tUserUpdates = readTimestamp(userUpdates);
+    const std::filesystem::path* chosen = nullptr;
+    if (tInstalled > tSystemUpdates)
+        chosen = tUserUpdates > tInstalled ? &userUpdates : &installed;
+    else
+        chosen = tUserUpdates > tSystemUpdates ? &userUpdates : &systemUpdates;
+    bool found = db.LoadDirectory(chosen->c_str());
+    if (db.HomeDataDir != nullptr) found |= db.LoadDirectory(db.HomeDataDir);
+    return found;
+}
+
 class LensfunLookup final : public LensProfileLookup {
 public:
     LensfunLookup() : db_(lf_db_new()) {
-        if (db_ && db_->Load() != LF_NO_ERROR) db_.reset();
+        if (db_ && !loadSystemDatabase(*db_)) db_.reset();
     }
 
     LensProfileLookupResult Find(const CameraMetadata& metadata, uint32_t width, uint32_t height) const override {
@@ -326,6 +360,8 @@ private:
 };
 
 }  // namespace
+
+bool detail::loadLensfunDatabase(lfDatabase& db) { return loadSystemDatabase(db); }
 
 std::shared_ptr<const LensProfileLookup> lensfunProfileLookup() {
     static const std::shared_ptr<const LensProfileLookup> instance = std::make_shared<LensfunLookup>();

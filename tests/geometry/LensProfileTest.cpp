@@ -69,7 +69,7 @@ CameraMetadata metadataFor(const LensCase& c) {
 
 struct LfDb {
     std::unique_ptr<lfDatabase, void (*)(lfDatabase*)> db{lf_db_new(), lf_db_destroy};
-    LfDb() { EXPECT_EQ(db->Load(), LF_NO_ERROR); }
+    LfDb() { EXPECT_TRUE(detail::loadLensfunDatabase(*db)); }
 };
 
 const lfLens* findLens(const lfDatabase& db, const std::string& model) {
