@@ -34,6 +34,8 @@ public:
 
     float FocalLength() const { return f_; }
     float RadiusLimit() const { return rMax_; }
+    // The principal point given to the constructor (the mapping ignores it).
+    ImagePoint PrincipalPoint() const { return {px_, py_}; }
 
 private:
     float f_;
