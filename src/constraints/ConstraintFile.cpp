@@ -1,0 +1,498 @@
+#include "constraints/ConstraintFile.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+
+#include "constraints/GeodesicLines.h"
+
+namespace Project {
+
+namespace {
+
+namespace msg = constraint_message;
+
+// Little-endian writer into a growing buffer.
+class ByteWriter {
+public:
+    explicit ByteWriter(std::vector<uint8_t>& out) : out_(out) {}
+    void U16(uint16_t v) {
+        out_.push_back(static_cast<uint8_t>(v));
+        out_.push_back(static_cast<uint8_t>(v >> 8));
+    }
+    void U32(uint32_t v) {
+        for (int k = 0; k < 4; ++k) out_.push_back(static_cast<uint8_t>(v >> (8 * k)));
+    }
+    void I32(int32_t v) { U32(static_cast<uint32_t>(v)); }
+    void F32(float v) {
+        uint32_t bits;
+        std::memcpy(&bits, &v, sizeof bits);
+        U32(bits);
+    }
+    void String(const std::string& s) {
+        U32(static_cast<uint32_t>(s.size()));
+        if (s.empty()) return;
+        U32(constraint_file::kUtf8Encoding);
+        out_.insert(out_.end(), s.begin(), s.end());
+    }
+
+private:
+    std::vector<uint8_t>& out_;
+};
+
+// Little-endian reader that never reads past its buffer: a read that would
+// sets the error state and yields zero.
+class ByteReader {
+public:
+    explicit ByteReader(std::span<const uint8_t> data) : data_(data) {}
+    bool Ok() const { return ok_; }
+    size_t Remaining() const { return data_.size() - pos_; }
+    void Fail() { ok_ = false; }
+
+    uint16_t U16() {
+        if (!Take(2)) return 0;
+        return static_cast<uint16_t>(data_[pos_ - 2] | (data_[pos_ - 1] << 8));
+    }
+    uint32_t U32() {
+        if (!Take(4)) return 0;
+        uint32_t v = 0;
+        for (int k = 0; k < 4; ++k) v |= static_cast<uint32_t>(data_[pos_ - 4 + static_cast<size_t>(k)]) << (8 * k);
+        return v;
+    }
+    int32_t I32() { return static_cast<int32_t>(U32()); }
+    float F32() {
+        const uint32_t bits = U32();
+        float v;
+        std::memcpy(&v, &bits, sizeof v);
+        return v;
+    }
+    std::string String() {
+        const uint32_t n = U32();
+        if (n == 0 || !ok_) return {};
+        (void)U32();  // encoding word: opaque
+        if (!ok_ || n > Remaining()) {
+            ok_ = false;
+            return {};
+        }
+        std::string s(reinterpret_cast<const char*>(data_.data() + pos_), n);
+        pos_ += n;
+        return s;
+    }
+
+private:
+    bool Take(size_t n) {
+        if (!ok_ || n > Remaining()) {
+            ok_ = false;
+            return false;
+        }
+        pos_ += n;
+        return true;
+    }
+
+    std::span<const uint8_t> data_;
+    size_t pos_ = 0;
+    bool ok_ = true;
+};
+
+uint64_t StringBytes(const std::string& s) { return s.empty() ? 4 : 8 + s.size(); }
+
+std::string SizeText(int64_t w, int64_t h) {
+    char buf[64];
+    std::snprintf(buf, sizeof buf, "%dx%d", static_cast<int>(w), static_cast<int>(h));
+    return buf;
+}
+
+void Fail(ConstraintSet& set, std::string message) {
+    set.ClearMessage();
+    set.SetMessage(std::move(message));
+    set.SetSuccess(false);
+}
+
+void FailInvalid(ConstraintSet& set) { Fail(set, std::string(msg::kInvalidFileContent) + "\n"); }
+
+// The mismatch message: what differs, then the file's value and the image's.
+std::string Mismatch(std::string_view what, const std::string& inFile, const std::string& inDoc) {
+    std::string m(what);
+    m += "\n";
+    m += msg::kUnmatchedValueInFile;
+    m += inFile;
+    m += "\n";
+    m += msg::kUnmatchedValueInDoc;
+    m += inDoc;
+    return m;
+}
+
+struct ParsedSettings {
+    float physicalFocal, cropFactor, focalLength;
+    uint32_t projectionIndex, regularizerIndex;
+    int32_t scale;
+    float offsetX, offsetY;
+    uint32_t setWord;
+};
+
+}  // namespace
+
+float clampSetting(float value, float lo, float hi) {
+    if (!(value >= lo)) return lo;  // NaN too
+    if (value > hi) return hi;
+    return value;
+}
+
+int32_t projectionModelFromIndex(uint32_t index) { return index <= 3 ? static_cast<int32_t>(index) + 1 : 1; }
+int32_t regularizerModelFromIndex(uint32_t index) { return index <= 3 ? static_cast<int32_t>(index) + 1 : 4; }
+uint32_t projectionIndexFromModel(int32_t model) {
+    return model >= 1 && model <= 4 ? static_cast<uint32_t>(model - 1) : 0u;
+}
+uint32_t regularizerIndexFromModel(int32_t model) {
+    return model >= 1 && model <= 4 ? static_cast<uint32_t>(model - 1) : 3u;
+}
+
+std::string localizeConstraintMessage(std::string_view message,
+                                      const std::function<std::string(std::string_view key)>& localize) {
+    static constexpr std::string_view kKeys[] = {
+        msg::kInvalidFileContent,  msg::kUnmatchedImageWidth,  msg::kUnmatchedValueInFile,
+        msg::kUnmatchedValueInDoc, msg::kUnmatchedCameraMake,  msg::kUnmatchedCameraModel,
+        msg::kUnmatchedLensModel,  msg::kEmptyFile,            msg::kBadLineConstraintFile,
+        msg::kBadPlaneConstraintFile};
+    std::string out;
+    size_t start = 0;
+    while (true) {
+        const size_t end = message.find('\n', start);
+        const std::string_view line = message.substr(start, end == std::string_view::npos ? end : end - start);
+        bool done = false;
+        for (std::string_view key : kKeys) {
+            if (line.substr(0, key.size()) == key) {
+                out += localize(key);
+                out += line.substr(key.size());
+                done = true;
+                break;
+            }
+        }
+        if (!done) out += line;
+        if (end == std::string_view::npos) break;
+        out += '\n';
+        start = end + 1;
+    }
+    return out;
+}
+
+uint64_t constraintDataBytes(const ConstraintSet& set, const ConstraintFileContext& context) {
+    uint64_t n = 4 + 4 + 2 + 2 + 2;
+    n += StringBytes(context.CameraMake()) + StringBytes(context.CameraModel()) + StringBytes(context.LensModel());
+    n += 3 * 4 + 2 * 4 + 4 + 2 * 4 + 4 + 4;
+    for (const auto& c : set.Constraints()) {
+        if (AsLine(*c) || AsPlane(*c)) n += 4 + c->PayloadSize();
+    }
+    return n;
+}
+
+void writeConstraintData(const ConstraintSet& set, const ConstraintFileContext& context, std::vector<uint8_t>& out) {
+    ByteWriter w(out);
+    const ConstraintFileSettings s = context.Settings();
+    w.U32(constraint_file::kMagic);
+    w.U32(constraint_file::kVersionTag);
+    w.U16(constraint_file::kVersion);
+    w.U16(static_cast<uint16_t>(context.ImageWidth()));
+    w.U16(static_cast<uint16_t>(context.ImageHeight()));
+    w.String(context.CameraMake());
+    w.String(context.CameraModel());
+    w.String(context.LensModel());
+    w.F32(s.physicalFocal);
+    w.F32(s.cropFactor);
+    w.F32(s.focalLength);
+    w.U32(projectionIndexFromModel(s.projectionModel));
+    w.U32(regularizerIndexFromModel(s.regularizerModel));
+    w.I32(s.scale);
+    w.F32(s.offsetX);
+    w.F32(s.offsetY);
+    w.U32(set.StateWord());
+    w.U32(static_cast<uint32_t>(set.Size()));
+    const uint32_t* tags = constraint_file::kRecordTags.data();
+    for (const auto& c : set.Constraints()) {
+        if (const LineConstraint* l = AsLine(*c)) {
+            const LineConstraint& line = *l;
+            w.U32(tags[0]);
+            w.F32(line.First().x);
+            w.F32(line.First().y);
+            w.F32(line.Second().x);
+            w.F32(line.Second().y);
+            w.U32(static_cast<uint32_t>(line.OrientationCode()));
+            w.F32(line.Angle());
+            w.I32(line.GetId());
+        } else if (const PlaneConstraint* p = AsPlane(*c)) {
+            const PlaneConstraint& plane = *p;
+            w.U32(tags[1]);
+            w.I32(plane.GetId());
+            w.I32(plane.VertexCount());
+            for (const PlaneVertex& v : plane.Vertices()) {
+                w.F32(v.x);
+                w.F32(v.y);
+                w.U32(static_cast<uint32_t>(v.edgeCode));
+            }
+        }
+    }
+}
+
+std::vector<uint8_t> writeConstraintData(const ConstraintSet& set, const ConstraintFileContext& context) {
+    std::vector<uint8_t> out;
+    out.reserve(4096);
+    writeConstraintData(set, context, out);
+    return out;
+}
+
+bool readConstraintData(ConstraintSet& set, ConstraintFileContext& context, std::span<const uint8_t> data) {
+    set.SetSuccess(true);
+    set.ClearMessage();
+    ByteReader r(data);
+
+    const uint32_t magic = r.U32();
+    const uint32_t tag = r.U32();
+    if (!r.Ok() || magic != constraint_file::kMagic || tag != constraint_file::kVersionTag) {
+        FailInvalid(set);
+        return false;
+    }
+
+    (void)r.U16();  // version: not checked
+    const uint16_t width = r.U16();
+    const uint16_t height = r.U16();
+    if (!r.Ok()) {
+        FailInvalid(set);
+        return false;
+    }
+    const int32_t docWidth = context.ImageWidth();
+    const int32_t docHeight = context.ImageHeight();
+    if (static_cast<int64_t>(width) != docWidth || static_cast<int64_t>(height) != docHeight) {
+        Fail(set, Mismatch(msg::kUnmatchedImageWidth, SizeText(width, height), SizeText(docWidth, docHeight)));
+        return false;
+    }
+
+    const std::string make = r.String();
+    const std::string model = r.String();
+    const std::string lens = r.String();
+    if (!r.Ok()) {
+        FailInvalid(set);
+        return false;
+    }
+    if (const std::string doc = context.CameraMake(); make != doc) {
+        Fail(set, Mismatch(msg::kUnmatchedCameraMake, make, doc));
+        return false;
+    }
+    if (const std::string doc = context.CameraModel(); model != doc) {
+        Fail(set, Mismatch(msg::kUnmatchedCameraModel, model, doc));
+        return false;
+    }
+    if (const std::string doc = context.LensModel(); lens != doc) {
+        Fail(set, Mismatch(msg::kUnmatchedLensModel, lens, doc));
+        return false;
+    }
+
+    // Everything else is parsed before anything is applied, so that data that
+    // ends early changes nothing.
+    ParsedSettings p{};
+    p.physicalFocal = r.F32();
+    p.cropFactor = r.F32();
+    p.focalLength = r.F32();
+    p.projectionIndex = r.U32();
+    p.regularizerIndex = r.U32();
+    p.scale = r.I32();
+    p.offsetX = r.F32();
+    p.offsetY = r.F32();
+    p.setWord = r.U32();
+    const uint32_t count = r.U32();
+    // Every record takes at least its four tag bytes.
+    if (!r.Ok() || count > r.Remaining() / 4) {
+        FailInvalid(set);
+        return false;
+    }
+
+    ConstraintSet::List records;
+    records.reserve(count);
+    for (uint32_t k = 0; k < count && r.Ok(); ++k) {
+        const uint32_t recordTag = r.U32();
+        if (recordTag == constraint_file::kLineTag) {
+            const float x1 = r.F32(), y1 = r.F32(), x2 = r.F32(), y2 = r.F32();
+            const uint32_t orientation = r.U32();
+            const float angle = r.F32();
+            const int32_t id = r.I32();
+            auto line = std::make_unique<LineConstraint>(
+                x1, y1, x2, y2,
+                IsLineOrientationCode(orientation) ? static_cast<Orientation>(orientation) : Orientation::Unfixed,
+                angle);
+            line->SetId(id);
+            records.push_back(std::move(line));
+        } else if (recordTag == constraint_file::kPlaneTag) {
+            const int32_t id = r.I32();
+            const int32_t vertices = r.I32();
+            if (!r.Ok() || vertices < 0 || static_cast<uint64_t>(vertices) > r.Remaining() / 12) {
+                r.Fail();
+                break;
+            }
+            auto plane = std::make_unique<PlaneConstraint>();
+            plane->SetId(id);
+            std::vector<PlaneVertex> vs(static_cast<size_t>(vertices));
+            for (PlaneVertex& v : vs) {
+                v.x = r.F32();
+                v.y = r.F32();
+                const uint32_t code = r.U32();
+                v.edgeCode = IsEdgeCode(code) ? static_cast<int32_t>(code) : 1;
+                v.present = true;
+            }
+            plane->SetVertices(std::move(vs));
+            records.push_back(std::move(plane));
+        }
+        // Any other tag: nothing is created; only the tag was consumed.
+    }
+    if (!r.Ok()) {
+        FailInvalid(set);
+        return false;
+    }
+
+    // Apply: settings first, then the list.
+    const ConstraintFileSettings current = context.Settings();
+    context.SetPhysicalFocal(clampSetting(p.physicalFocal, kMinPhysicalFocalMm, kMaxPhysicalFocalMm));
+    context.SetCropFactor(p.cropFactor);
+    set.SetStateWord(p.setWord);
+
+    bool changed = false;
+    const int32_t projection = projectionModelFromIndex(p.projectionIndex);
+    if (projection != current.projectionModel) {
+        context.SetProjectionModel(projection);
+        context.ChooseProjection(current.projectionModel);
+        changed = context.Settings().projectionModel != current.projectionModel;
+    }
+    const int32_t regularizer = regularizerModelFromIndex(p.regularizerIndex);
+    if (regularizer != current.regularizerModel) {
+        context.SetRegularizerModel(regularizer);
+        changed = true;
+    }
+    const float focal = clampSetting(p.focalLength, kMinFocalPixels, kMaxFocalPixels);
+    if (std::fabs(static_cast<double>(focal) - current.focalLength) > 0.01) {
+        context.SetFocalLength(focal);
+        changed = true;
+    }
+    if (p.scale != current.scale) context.SetScale(p.scale);
+    if (std::fabs(static_cast<double>(p.offsetX) - current.offsetX) > 1e-06 ||
+        std::fabs(static_cast<double>(p.offsetY) - current.offsetY) > 1e-06)
+        context.SetOffsets(p.offsetX, p.offsetY);
+    if (changed) context.SettingsChanged();
+
+    set.Replace(std::move(records));
+    return true;
+}
+
+void fitLoadedConstraints(ConstraintSet& set, GeodesicLines& lines) {
+    lines.Clear();
+    for (const auto& c : set.Constraints()) {
+        if (const LineConstraint* line = AsLine(*c)) {
+            if (!lines.FitLine(*line)) {
+                set.ClearMessage();
+                set.SetMessage(std::string(msg::kBadLineConstraintFile) + "\n");
+            }
+        } else if (const PlaneConstraint* plane = AsPlane(*c)) {
+            if (!lines.SetUpPlane(*plane)) {
+                set.ClearMessage();
+                set.SetMessage(std::string(msg::kBadPlaneConstraintFile) + "\n");
+            }
+        }
+        c->Refresh(lines);
+    }
+}
+
+bool saveConstraintFile(ConstraintSet& set, const ConstraintFileContext& context,
+                        const std::filesystem::path& directory, const std::string& fileName) {
+    const std::vector<uint8_t> bytes = writeConstraintData(set, context);
+    const std::filesystem::path target = directory / fileName;
+
+    // A temporary beside the target, created exclusively (so the umask
+    // applies as for any new file), then renamed over it: a failed write never
+    // leaves a half-written constraint file.
+    static std::atomic<uint32_t> counter{0};
+    std::filesystem::path temp;
+    int fd = -1;
+    for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
+        temp = directory / ("." + fileName + ".tmp" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
+        fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd < 0 && errno != EEXIST) return false;
+    }
+    if (fd < 0) return false;
+
+    bool ok = true;
+    size_t done = 0;
+    while (ok && done < bytes.size()) {
+        const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) ok = false;
+        else done += static_cast<size_t>(n);
+    }
+    ok = ::fsync(fd) == 0 && ok;
+    ok = ::close(fd) == 0 && ok;
+    if (ok) ok = ::rename(temp.c_str(), target.c_str()) == 0;
+    if (!ok) {
+        ::unlink(temp.c_str());
+        return false;
+    }
+    set.SetSavedMarker(context.UndoPosition());
+    return true;
+}
+
+void loadConstraintFile(ConstraintSet& set, ConstraintFileContext& context, const std::filesystem::path& file) {
+    std::error_code ec;
+    const uintmax_t size = std::filesystem::file_size(file, ec);
+    if (!ec && size == 0) {
+        Fail(set, std::string(msg::kEmptyFile) + "\n");
+        return;
+    }
+    if (ec || size > constraint_file::kMaxFileBytes) {
+        FailInvalid(set);
+        return;
+    }
+    std::vector<uint8_t> bytes;
+    bytes.reserve(std::max<size_t>(4096, static_cast<size_t>(size)));
+    std::ifstream in(file, std::ios::binary);
+    if (!in) {
+        FailInvalid(set);
+        return;
+    }
+    // Read in chunks up to the end (the size may change while we read).
+    char chunk[4096];
+    while (in) {
+        in.read(chunk, sizeof chunk);
+        bytes.insert(bytes.end(), chunk, chunk + in.gcount());
+        if (bytes.size() > constraint_file::kMaxFileBytes) break;
+    }
+    if (in.bad() || bytes.size() > constraint_file::kMaxFileBytes) {
+        FailInvalid(set);
+        return;
+    }
+    if (bytes.empty()) {
+        Fail(set, std::string(msg::kEmptyFile) + "\n");
+        return;
+    }
+    if (!readConstraintData(set, context, bytes)) return;
+    if (GeodesicLines* lines = context.Lines()) fitLoadedConstraints(set, *lines);
+    set.SetSavedMarker(0);
+}
+
+uint64_t constraintDataSize(const ConstraintSet& set, const ConstraintFileContext& context) {
+    return set.Empty() ? 0 : constraintDataBytes(set, context);
+}
+
+std::vector<uint8_t> makeConstraintData(const ConstraintSet& set, const ConstraintFileContext& context) {
+    if (set.Empty()) return {};
+    return writeConstraintData(set, context);
+}
+
+bool applyConstraintData(ConstraintSet& set, ConstraintFileContext& context, std::span<const uint8_t> data) {
+    if (!readConstraintData(set, context, data)) return false;
+    if (GeodesicLines* lines = context.Lines()) fitLoadedConstraints(set, *lines);
+    return set.Success();
+}
+
+}  // namespace Project

@@ -1,0 +1,502 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <memory>
+#include <numbers>
+#include <random>
+#include <string>
+
+#include "ConstraintTestSupport.h"
+#include "constraints/Constraint.h"
+#include "constraints/ConstraintSet.h"
+#include "constraints/GeodesicLines.h"
+#include "constraints/MeshLocator.h"
+#include "geometry/Projections.h"
+#include "warp/ClosedFormWarp.h"
+#include "warp/OctaMap.h"
+
+namespace Project {
+namespace {
+
+using Vec3 = std::array<double, 3>;
+
+Vec3 PhotoVec(SphereDirection d) {
+    return {std::sin(d.lambda) * std::cos(d.phi), std::sin(d.phi), std::cos(d.lambda) * std::cos(d.phi)};
+}
+double Dot(const Vec3& a, const Vec3& b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
+double AngleBetween(SphereDirection a, SphereDirection b) {
+    const Vec3 u = PhotoVec(a), v = PhotoVec(b);
+    const Vec3 c{u[1] * v[2] - u[2] * v[1], u[2] * v[0] - u[0] * v[2], u[0] * v[1] - u[1] * v[0]};
+    return std::atan2(std::sqrt(Dot(c, c)), Dot(u, v));
+}
+
+std::shared_ptr<const SourceRaster> Raster(int32_t w, int32_t h) { return std::make_shared<const SourceRaster>(w, h); }
+
+struct ModelCase {
+    std::string name;
+    std::function<std::shared_ptr<PhotoToSphere>()> make;
+    PointF first, second;  // source pixels
+};
+
+std::vector<ModelCase> Models() {
+    return {
+        {"Fisheye", [] { return std::make_shared<FisheyeImage>(Raster(6000, 4000), 1800.0f, 3000.0f, 2000.0f); },
+         {900.0f, 1000.0f}, {5200.0f, 1300.0f}},
+        {"Perspective",
+         [] { return std::make_shared<PerspectiveImage>(Raster(6000, 4000), 3500.0f, 3100.0f, 1950.0f); },
+         {200.0f, 3800.0f}, {5900.0f, 300.0f}},
+        {"Cylindrical",
+         [] { return std::make_shared<CylindricalImage>(Raster(12000, 3000), 1900.0f, 6000.0f, 1400.0f); },
+         {500.0f, 600.0f}, {11000.0f, 900.0f}},
+        {"Spherical",
+         [] {
+             return std::make_shared<SphericalImage>(Raster(8000, 4000), 4000.0f / 3.1415927f, 4000.0f, 2000.0f);
+         },
+         {300.0f, 1500.0f}, {7700.0f, 1200.0f}},
+        {"KestrixFisheye",
+         [] {
+             return std::make_shared<KestrixFisheye>(Raster(6000, 4000), 1750.0f, 1760.0f, -0.03f, 0.002f, 12.0f,
+                                                     -8.0f);
+         },
+         {1100.0f, 900.0f}, {4800.0f, 3200.0f}},
+        {"KestrixPerspective",
+         [] {
+             return std::make_shared<KestrixPerspective>(Raster(6000, 4000), 4200.0f, 4190.0f, -0.08f, 0.02f, 0.0f,
+                                                         0.0005f, -0.0003f, 15.0f, 6.0f);
+         },
+         {400.0f, 500.0f}, {5600.0f, 3500.0f}},
+    };
+}
+
+class FitEveryModel : public ::testing::TestWithParam<ModelCase> {};
+
+TEST_P(FitEveryModel, ArcPassesThroughBothEndpoints) {
+    const ModelCase& m = GetParam();
+    auto mesh = std::make_shared<const OctaMap>(6, false);
+    GeodesicLines lines(m.make(), mesh);
+    const GeodesicLine arc = lines.FitArc(m.first, m.second);
+    ASSERT_TRUE(arc.fitted);
+    ASSERT_GE(arc.samples.size(), 3u);
+
+    // The endpoints, projected back, land on the drawn pixels.
+    const PhotoToSphere& photo = *lines.Photo();
+    const SphereDirection a = arc.samples.front().direction;
+    const SphereDirection b = arc.samples.back().direction;
+    const PointF pa = lines.ToSourcePixel(photo.ToImagePoint(a.lambda, a.phi));
+    const PointF pb = lines.ToSourcePixel(photo.ToImagePoint(b.lambda, b.phi));
+    EXPECT_NEAR(pa.x, m.first.x, 0.01f);
+    EXPECT_NEAR(pa.y, m.first.y, 0.01f);
+    EXPECT_NEAR(pb.x, m.second.x, 0.01f);
+    EXPECT_NEAR(pb.y, m.second.y, 0.01f);
+
+    // Every sample lies on one great circle that holds both endpoints, and
+    // consecutive samples are at most the spacing apart.
+    for (size_t k = 0; k < arc.samples.size(); ++k) {
+        EXPECT_NEAR(Dot(arc.circleNormal, PhotoVec(arc.samples[k].direction)), 0.0, 2e-6) << k;
+        if (k > 0) {
+            EXPECT_LE(AngleBetween(arc.samples[k - 1].direction, arc.samples[k].direction),
+                      lines.SampleSpacing() * 1.001)
+                << k;
+        }
+        EXPECT_TRUE(arc.samples[k].Located()) << k;
+    }
+    double total = 0.0;
+    for (size_t k = 1; k < arc.samples.size(); ++k)
+        total += AngleBetween(arc.samples[k - 1].direction, arc.samples[k].direction);
+    EXPECT_NEAR(total, arc.arcAngle, 1e-5);
+}
+
+INSTANTIATE_TEST_SUITE_P(Models, FitEveryModel, ::testing::ValuesIn(Models()),
+                         [](const ::testing::TestParamInfo<ModelCase>& p) { return p.param.name; });
+
+TEST(GeodesicLines, ImagePointsCountFromTheFlooredCentre) {
+    // An odd-sized raster: the centre pixel is (floor(w/2), floor(h/2)).
+    auto photo = std::make_shared<PerspectiveImage>(Raster(4001, 3001), 1000.0f, 2000.5f, 1500.5f);
+    GeodesicLines lines(photo, std::make_shared<const OctaMap>(3, false));
+    const ImagePoint p = lines.ToImagePoint({2000.0f, 1500.0f});
+    EXPECT_EQ(p.x, 0.0f);
+    EXPECT_EQ(p.y, 0.0f);
+    SphereDirection d;
+    ASSERT_TRUE(lines.SourceToSphere({2000.0f, 1500.0f}, d));
+    EXPECT_NEAR(d.lambda, 0.0f, 1e-7f);
+    EXPECT_NEAR(d.phi, 0.0f, 1e-7f);
+}
+
+TEST(GeodesicLines, StraightPinholeLineStaysOnTheDrawnSegment) {
+    auto photo = std::make_shared<PerspectiveImage>(Raster(6000, 4000), 3000.0f, 3000.0f, 2000.0f);
+    GeodesicLines lines(photo, std::make_shared<const OctaMap>(6, false));
+    const PointF a{300.0f, 3500.0f}, b{5500.0f, 600.0f};
+    const GeodesicLine arc = lines.FitArc(a, b);
+    ASSERT_TRUE(arc.fitted);
+    const double len = std::hypot(b.x - a.x, b.y - a.y);
+    for (const SphereSample& s : arc.samples) {
+        const PointF p = lines.ToSourcePixel(photo->ToImagePoint(s.direction.lambda, s.direction.phi));
+        const double cross = ((p.x - a.x) * (b.y - a.y) - (p.y - a.y) * (b.x - a.x)) / len;
+        EXPECT_NEAR(cross, 0.0, 0.01);
+    }
+}
+
+TEST(GeodesicLines, FisheyeSceneLineFitsTheCurvedImage) {
+    // A straight scene line seen through an equisolid fisheye is a great
+    // circle: the fitted arc through its ends meets its middle too.
+    auto photo = std::make_shared<FisheyeImage>(Raster(6000, 4000), 1500.0f, 3000.0f, 2000.0f);
+    GeodesicLines lines(photo, std::make_shared<const OctaMap>(6, false));
+    auto pixelOf = [&](Vec3 v) {
+        const double n = std::sqrt(Dot(v, v));
+        const SphereDirection d{static_cast<float>(std::atan2(v[0], v[2])), static_cast<float>(std::asin(v[1] / n))};
+        return lines.ToSourcePixel(photo->ToImagePoint(d.lambda, d.phi));
+    };
+    const Vec3 p0{-3.0, -1.0, 2.0}, p1{2.5, 0.5, 1.0};
+    const PointF a = pixelOf(p0), b = pixelOf(p1);
+    const PointF mid = pixelOf({0.5 * (p0[0] + p1[0]), 0.5 * (p0[1] + p1[1]), 0.5 * (p0[2] + p1[2])});
+    const GeodesicLine arc = lines.FitArc(a, b);
+    ASSERT_TRUE(arc.fitted);
+    SphereDirection dm;
+    ASSERT_TRUE(lines.SourceToSphere(mid, dm));
+    EXPECT_NEAR(Dot(arc.circleNormal, PhotoVec(dm)), 0.0, 1e-5);
+}
+
+TEST(GeodesicLines, PanoramaLineLongerThanHalfATurnTakesTheDrawnSide) {
+    // On an equirectangular photo, a line drawn across 220 degrees of longitude
+    // through the front must not take the short way round through the back.
+    auto photo = std::make_shared<SphericalImage>(Raster(8000, 4000), 4000.0f / 3.1415927f, 4000.0f, 2000.0f);
+    GeodesicLines lines(photo, std::make_shared<const OctaMap>(5, false));
+    const float perRadian = 4000.0f / 3.1415927f;
+    const PointF a{4000.0f - 1.92f * perRadian, 2000.0f - 0.2f * perRadian};
+    const PointF b{4000.0f + 1.92f * perRadian, 2000.0f - 0.2f * perRadian};
+    const GeodesicLine arc = lines.FitArc(a, b);
+    ASSERT_TRUE(arc.fitted);
+    EXPECT_GT(arc.arcAngle, std::numbers::pi);
+    const SphereDirection middle = arc.samples[arc.samples.size() / 2].direction;
+    EXPECT_LT(std::fabs(middle.lambda), 0.1f);
+}
+
+TEST(GeodesicLines, DegenerateAndUnmappableLinesDoNotFit) {
+    auto photo = std::make_shared<FisheyeImage>(Raster(6000, 4000), 1000.0f, 3000.0f, 2000.0f);
+    GeodesicLines lines(photo, std::make_shared<const OctaMap>(4, false));
+    EXPECT_FALSE(lines.FitArc({100.0f, 100.0f}, {100.0f, 100.0f}).fitted);
+    // A corner of the frame lies beyond the fisheye's image circle.
+    EXPECT_FALSE(lines.FitArc({5.0f, 5.0f}, {3000.0f, 2000.0f}).fitted);
+    EXPECT_FALSE(lines.FitArc({NAN, 5.0f}, {3000.0f, 2000.0f}).fitted);
+
+    GeodesicLines none(nullptr, std::make_shared<const OctaMap>(4, false));
+    EXPECT_FALSE(none.FitArc({0.0f, 0.0f}, {10.0f, 10.0f}).fitted);
+}
+
+TEST(GeodesicLines, RecordsKeyedByIdentifierWithOrientationNormals) {
+    auto photo = std::make_shared<PerspectiveImage>(Raster(4000, 3000), 2500.0f, 2000.0f, 1500.0f);
+    GeodesicLines lines(photo, std::make_shared<const OctaMap>(5, false));
+    ConstraintSet set;
+    testing::FillSample(set);
+    lines.FitAll(set);
+    ASSERT_EQ(lines.Lines().size(), 4u);
+    EXPECT_EQ(lines.ActiveLineCount(), 4);
+
+    const double pi = std::numbers::pi;
+    const GeodesicLine* unfixed = lines.FindLine(set.At(0)->GetId());
+    const GeodesicLine* horizontal = lines.FindLine(set.At(1)->GetId());
+    const GeodesicLine* vertical = lines.FindLine(set.At(2)->GetId());
+    const GeodesicLine* arbitrary = lines.FindLine(set.At(3)->GetId());
+    ASSERT_TRUE(unfixed && horizontal && vertical && arbitrary);
+    EXPECT_FALSE(unfixed->HasFixedNormal());
+    EXPECT_DOUBLE_EQ(horizontal->fixedNormal, pi / 2.0);
+    EXPECT_DOUBLE_EQ(vertical->fixedNormal, 0.0);
+    EXPECT_NEAR(arbitrary->fixedNormal, -33.25 * pi / 180.0 + pi / 2.0, 1e-12);
+    EXPECT_EQ(lines.FindLine(12345), nullptr);
+
+    // Re-fitting replaces the entry in place.
+    auto& line = static_cast<LineConstraint&>(*set.At(0));
+    line.SetSecond({2000.0f, 2500.0f});
+    ASSERT_TRUE(lines.FitLine(line));
+    EXPECT_EQ(lines.Lines().size(), 4u);
+    EXPECT_EQ(lines.FindLine(line.GetId())->second, (PointF{2000.0f, 2500.0f}));
+
+    // Polygon edges form the second list: one per vertex, active when marked.
+    EXPECT_EQ(lines.EdgeLines().size(), 7u);
+    const auto edges = lines.FindEdges(set.At(4)->GetId());
+    ASSERT_EQ(edges.size(), 4u);
+    EXPECT_FALSE(edges[0]->active);  // code 1
+    EXPECT_TRUE(edges[1]->active);   // code 2
+    EXPECT_DOUBLE_EQ(edges[1]->fixedNormal, pi / 2.0);
+    EXPECT_TRUE(edges[2]->active);  // code 3
+    EXPECT_DOUBLE_EQ(edges[2]->fixedNormal, 0.0);
+    // Edge 1 runs from vertex 0 to vertex 1.
+    const auto& quad = static_cast<const PlaneConstraint&>(*set.At(4));
+    EXPECT_EQ(edges[1]->first, (PointF{quad.Vertex(0).x, quad.Vertex(0).y}));
+    EXPECT_EQ(edges[1]->second, (PointF{quad.Vertex(1).x, quad.Vertex(1).y}));
+    EXPECT_EQ(lines.ActiveEdgeCount(), 4);  // 3 in the quad, 1 in the triangle
+
+    lines.Remove(set.At(4)->GetId());
+    EXPECT_EQ(lines.EdgeLines().size(), 3u);
+    EXPECT_EQ(lines.FindPlane(set.At(4)->GetId()), nullptr);
+    lines.Clear();
+    EXPECT_TRUE(lines.Lines().empty());
+}
+
+TEST(GeodesicLines, PlaneSamplesAreTheMeshVerticesInside) {
+    auto photo = std::make_shared<PerspectiveImage>(Raster(4000, 3000), 2000.0f, 2000.0f, 1500.0f);
+    auto mesh = std::make_shared<const OctaMap>(6, false);
+    GeodesicLines lines(photo, mesh);
+    PlaneConstraint plane;
+    plane.SetId(4);
+    plane.AddVertex({1000.0f, 700.0f});
+    plane.AddVertex({3000.0f, 800.0f});
+    plane.AddVertex({2900.0f, 2300.0f});
+    plane.AddVertex({1100.0f, 2200.0f});
+    ASSERT_TRUE(lines.SetUpPlane(plane));
+    const GeodesicPlane* p = lines.FindPlane(4);
+    ASSERT_NE(p, nullptr);
+    EXPECT_TRUE(p->valid);
+    EXPECT_TRUE(p->active);
+    EXPECT_GT(p->samples.size(), 100u);
+
+    // Each sample is a mesh vertex whose direction falls inside the drawn
+    // quadrilateral, and its (u, v) are the gnomonic coordinates about the
+    // mean direction.
+    std::vector<PointF> outline;
+    for (const PlaneVertex& v : plane.Vertices()) outline.push_back({v.x, v.y});
+    for (const PlaneSample& s : p->samples) {
+        const SphereDirection d = mesh->UnrotatedAngles(s.i, s.j);
+        const PointF px = lines.ToSourcePixel(photo->ToImagePoint(d.lambda, d.phi));
+        EXPECT_GE(detail::PointInPolygon(px, outline), 0) << s.i << "," << s.j;
+        const Vec3 v = PhotoVec(d);
+        const double vm = Dot(v, p->mean);
+        EXPECT_NEAR(s.u, Dot(v, p->e1) / vm, 1e-5);
+        EXPECT_NEAR(s.v, Dot(v, p->e2) / vm, 1e-5);
+    }
+    // And every mesh vertex inside (a margin away from the outline) is a
+    // sample.
+    size_t inside = 0;
+    for (int32_t j = 0; j < mesh->Size(); ++j)
+        for (int32_t i = 0; i < mesh->Size(); ++i) {
+            const SphereDirection d = mesh->UnrotatedAngles(i, j);
+            if (std::fabs(d.lambda) > 1.5f) continue;
+            const PointF px = lines.ToSourcePixel(photo->ToImagePoint(d.lambda, d.phi));
+            if (detail::PointInPolygon(px, outline) > 0) ++inside;
+        }
+    EXPECT_NEAR(static_cast<double>(p->samples.size()), static_cast<double>(inside), 2.0);
+}
+
+TEST(GeodesicLines, PlaneSetUpFailures) {
+    auto photo = std::make_shared<FisheyeImage>(Raster(6000, 4000), 1000.0f, 3000.0f, 2000.0f);
+    GeodesicLines lines(photo, std::make_shared<const OctaMap>(4, false));
+    PlaneConstraint two;
+    two.SetId(1);
+    two.AddVertex({100.0f, 100.0f});
+    two.AddVertex({200.0f, 100.0f});
+    EXPECT_FALSE(lines.SetUpPlane(two));
+    EXPECT_FALSE(lines.FindPlane(1)->valid);
+
+    PlaneConstraint outside;  // a corner beyond the image circle
+    outside.SetId(2);
+    outside.AddVertex({3000.0f, 2000.0f});
+    outside.AddVertex({3100.0f, 2000.0f});
+    outside.AddVertex({5.0f, 5.0f});
+    EXPECT_FALSE(lines.SetUpPlane(outside));
+
+    PlaneConstraint tiny;  // valid, but too small to hold four mesh vertices
+    tiny.SetId(3);
+    tiny.AddVertex({3000.0f, 2000.0f});
+    tiny.AddVertex({3004.0f, 2000.0f});
+    tiny.AddVertex({3004.0f, 2004.0f});
+    EXPECT_TRUE(lines.SetUpPlane(tiny));
+    EXPECT_FALSE(lines.FindPlane(3)->active);
+    EXPECT_EQ(tiny.Refresh(lines), 1);
+    EXPECT_EQ(outside.Refresh(lines), 0);
+}
+
+// --- The quad finder.
+
+TEST(MeshLocator, FindsTheQuadAndWeightsOfEveryDirection) {
+    for (bool layout : {false, true}) {
+        auto mesh = std::make_shared<const OctaMap>(4, layout);
+        const MeshLocator locator(mesh);
+        // Every vertex is found at itself (a corner of a quad, weight 1).
+        for (int32_t j = 0; j < mesh->Size(); ++j) {
+            for (int32_t i = 0; i < mesh->Size(); ++i) {
+                const SphereDirection d = mesh->UnrotatedAngles(i, j);
+                const auto loc = locator.Locate(d);
+                ASSERT_TRUE(loc.has_value()) << i << "," << j;
+                // The weighted corners reproduce the direction.
+                Vec3 sum{0, 0, 0};
+                const int32_t ci[4] = {loc->i, loc->i + 1, loc->i, loc->i + 1};
+                const int32_t cj[4] = {loc->j, loc->j, loc->j + 1, loc->j + 1};
+                for (int k = 0; k < 4; ++k) {
+                    const MeshVector& v = mesh->StoredDirection(ci[k], cj[k]);
+                    for (int c = 0; c < 3; ++c) sum[c] += loc->weights[k] * v[c];
+                }
+                const Vec3 q = MeshFrameVector(d);
+                const double n = std::sqrt(Dot(sum, sum));
+                EXPECT_GT(Dot(sum, q) / n, 1.0 - 1e-6) << i << "," << j;
+            }
+        }
+        // Random directions over the whole sphere.
+        std::mt19937 rng(7);
+        std::uniform_real_distribution<float> lon(-3.14159f, 3.14159f), lat(-1.5707f, 1.5707f);
+        for (int k = 0; k < 5000; ++k) {
+            const SphereDirection d{lon(rng), lat(rng)};
+            const auto loc = locator.Locate(d);
+            ASSERT_TRUE(loc.has_value()) << d.lambda << "," << d.phi;
+            float sumW = 0.0f;
+            for (float w : loc->weights) {
+                EXPECT_GE(w, 0.0f);
+                sumW += w;
+            }
+            EXPECT_NEAR(sumW, 1.0f, 1e-5f);
+        }
+    }
+    EXPECT_FALSE(MeshLocator(std::make_shared<const OctaMap>(2, false)).Locate({NAN, 0.0f}).has_value());
+}
+
+// --- Display through a warp.
+
+TEST(GeodesicLines, DisplayThroughAClosedFormWarp) {
+    auto photo = std::make_shared<FisheyeImage>(Raster(6000, 4000), 1500.0f, 3000.0f, 2000.0f);
+    auto mesh = std::make_shared<const OctaMap>(6, false);
+    GeodesicLines lines(photo, mesh);
+    lines.SetWarp(std::make_shared<StereographicClosedForm>(mesh, photo));
+
+    // Output plane -> display pixels: 1000 pixels per unit, y flipped.
+    const DisplaySpace space{true, Affine2D::ScaleOffset(1000.0, -1000.0, 3000.0, 2000.0)};
+    auto stereo = [&](SphereDirection d) {
+        // The closed form on the mesh's angles (OctaMap frame = photo angles).
+        const double k = 2.0 / (1.0 + std::cos(d.phi) * std::cos(d.lambda));
+        return PointF{static_cast<float>(3000.0 + 1000.0 * k * std::cos(d.phi) * std::sin(d.lambda)),
+                      static_cast<float>(2000.0 - 1000.0 * k * std::sin(d.phi))};
+    };
+
+    ConstraintSet set;
+    set.Add(std::make_unique<LineConstraint>(1200.0f, 1500.0f, 4700.0f, 2600.0f, Orientation::Horizontal));
+    auto& line = static_cast<LineConstraint&>(*set.At(0));
+    ASSERT_TRUE(lines.FitLine(line));
+    line.UpdateDisplay(lines, space);
+    EXPECT_TRUE(line.HasValidEntry());
+
+    SphereDirection d1, d2;
+    ASSERT_TRUE(lines.SourceToSphere(line.First(), d1));
+    ASSERT_TRUE(lines.SourceToSphere(line.Second(), d2));
+    EXPECT_NEAR(line.DisplayFirst().x, stereo(d1).x, 1.0f);
+    EXPECT_NEAR(line.DisplayFirst().y, stereo(d1).y, 1.0f);
+    EXPECT_NEAR(line.DisplaySecond().x, stereo(d2).x, 1.0f);
+    EXPECT_NEAR(line.DisplaySecond().y, stereo(d2).y, 1.0f);
+    const GeodesicLine* entry = lines.FindLine(line.GetId());
+    ASSERT_EQ(line.DisplaySamples().size(), entry->samples.size());
+    for (size_t k = 0; k < entry->samples.size(); ++k) {
+        const PointF expect = stereo(entry->samples[k].direction);
+        EXPECT_NEAR(line.DisplaySamples()[k].x, expect.x, 1.0f) << k;
+        EXPECT_NEAR(line.DisplaySamples()[k].y, expect.y, 1.0f) << k;
+    }
+    EXPECT_EQ(line.DisplaySamples().front(), line.DisplayFirst());
+
+    // A point off the image circle keeps its previous display position.
+    const PointF before = line.DisplayFirst();
+    line.SetFirst({2.0f, 2.0f});
+    line.UpdateDisplay(lines, space);
+    EXPECT_EQ(line.DisplayFirst(), before);
+    EXPECT_TRUE(line.DisplaySamples().empty());  // no arc without a direction
+
+    // Unwarped: the samples come back to the source pixels of the arc.
+    line.SetFirst({1200.0f, 1500.0f});
+    line.UpdateDisplay(lines, DisplaySpace{false, Affine2D::Identity()});
+    EXPECT_EQ(line.DisplayFirst(), line.First());
+    EXPECT_NEAR(line.DisplaySamples().front().x, 1200.0f, 0.01f);
+    EXPECT_NEAR(line.DisplaySamples().back().y, 2600.0f, 0.01f);
+}
+
+TEST(GeodesicLines, SampleInterpolationNeedsAValidQuad) {
+    auto photo = std::make_shared<FisheyeImage>(Raster(6000, 4000), 1500.0f, 3000.0f, 2000.0f);
+    auto mesh = std::make_shared<const OctaMap>(5, false);
+    GeodesicLines lines(photo, mesh);
+    auto warp = std::make_shared<EquirectangularClosedForm>(mesh, photo);
+    SphereSample front{{0.1f, 0.2f}, {}};
+    float x = 0.0f, y = 0.0f;
+    EXPECT_FALSE(front.Interpolate(*warp, x, y));  // not located
+    front.quad = *lines.Locator().Locate(front.direction);
+    ASSERT_TRUE(front.Interpolate(*warp, x, y));
+    EXPECT_NEAR(x, 0.1f, 2e-3f);
+    EXPECT_NEAR(y, 0.2f, 2e-3f);
+    // Behind the camera no corner sees the photo.
+    SphereSample back{{3.0f, 0.0f}, {}};
+    back.quad = *lines.Locator().Locate(back.direction);
+    EXPECT_FALSE(back.Interpolate(*warp, x, y));
+    EXPECT_FALSE(back.Interpolate(*warp, x, y, true));
+}
+
+TEST(GeodesicLines, PolygonDisplayEdgesFollowTheArcs) {
+    auto photo = std::make_shared<FisheyeImage>(Raster(6000, 4000), 1500.0f, 3000.0f, 2000.0f);
+    auto mesh = std::make_shared<const OctaMap>(6, false);
+    GeodesicLines lines(photo, mesh);
+    lines.SetWarp(std::make_shared<StereographicClosedForm>(mesh, photo));
+    PlaneConstraint plane;
+    plane.SetId(11);
+    plane.AddVertex({2000.0f, 1200.0f});
+    plane.AddVertex({4000.0f, 1300.0f}, 2);
+    plane.AddVertex({3900.0f, 2800.0f}, 3);
+    ASSERT_TRUE(lines.SetUpPlane(plane));
+    const DisplaySpace space{true, Affine2D::ScaleOffset(1000.0, -1000.0, 0.0, 0.0)};
+    plane.UpdateDisplay(lines, space);
+    ASSERT_EQ(plane.DisplayVertices().size(), 3u);
+    ASSERT_EQ(plane.DisplayEdges().size(), 3u);
+    for (int32_t k = 0; k < 3; ++k) {
+        const auto& edge = plane.DisplayEdges()[static_cast<size_t>(k)];
+        ASSERT_GE(edge.size(), 2u);
+        const PointF start = plane.DisplayVertices()[static_cast<size_t>(PlaneConstraint::EdgeStart(k, 3))];
+        const PointF end = plane.DisplayVertices()[static_cast<size_t>(k)];
+        EXPECT_NEAR(edge.front().x, start.x, 1e-3f);
+        EXPECT_NEAR(edge.front().y, start.y, 1e-3f);
+        EXPECT_NEAR(edge.back().x, end.x, 1e-3f);
+        EXPECT_NEAR(edge.back().y, end.y, 1e-3f);
+    }
+    // The centroid of the display triangle is inside it in display space.
+    PointF c{0.0f, 0.0f};
+    for (const PointF& p : plane.DisplayVertices()) c.x += p.x / 3.0f, c.y += p.y / 3.0f;
+    EXPECT_TRUE(plane.HitTest(c, 0.001f, true));
+    EXPECT_EQ(plane.Refresh(lines), 1);
+}
+
+TEST(GeodesicLines, DisplayBackToSource) {
+    auto photo = std::make_shared<FisheyeImage>(Raster(6000, 4000), 1500.0f, 3000.0f, 2000.0f);
+    auto mesh = std::make_shared<const OctaMap>(6, false);
+    GeodesicLines lines(photo, mesh);
+    const DisplaySpace space{true, Affine2D::ScaleOffset(800.0, -800.0, 2500.0, 1800.0)};
+    PointF out;
+    EXPECT_FALSE(lines.DisplayToSource({2500.0f, 1800.0f}, space, out));  // no warp yet
+    lines.SetWarp(std::make_shared<StereographicClosedForm>(mesh, photo));
+
+    std::mt19937 rng(3);
+    std::uniform_real_distribution<float> x(1700.0f, 4300.0f), y(700.0f, 3300.0f);
+    for (int k = 0; k < 300; ++k) {
+        const PointF src{x(rng), y(rng)};
+        PointF display, back;
+        ASSERT_TRUE(lines.SourceToDisplay(src, space, display));
+        ASSERT_TRUE(lines.DisplayToSource(display, space, back)) << src.x << "," << src.y;
+        EXPECT_NEAR(back.x, src.x, 0.5f);
+        EXPECT_NEAR(back.y, src.y, 0.5f);
+        EXPECT_TRUE(lines.IsInValidArea(display, space));
+    }
+    // Far outside the warped picture.
+    EXPECT_FALSE(lines.IsInValidArea({-100000.0f, 5.0f}, space));
+    EXPECT_FALSE(lines.IsInValidArea({NAN, 5.0f}, space));
+
+    // Unwarped: the transform's inverse alone.
+    ASSERT_TRUE(lines.DisplayToSource({30.0f, 50.0f}, DisplaySpace{false, Affine2D::ScaleOffset(2.0, 2.0, 10.0, 0.0)},
+                                      out));
+    EXPECT_EQ(out, (PointF{10.0f, 25.0f}));
+    EXPECT_FALSE(lines.IsInValidArea({1.0f, 1.0f}, DisplaySpace{false, Affine2D::ScaleOffset(0.0, 1.0, 0.0, 0.0)}));
+}
+
+TEST(GeodesicLines, AffineInverse) {
+    const Affine2D m{2.0, 1.0, 5.0, -1.0, 3.0, 7.0};
+    Affine2D inv;
+    ASSERT_TRUE(m.Invert(inv));
+    double x, y, bx, by;
+    m.Apply(1.5, -2.0, x, y);
+    inv.Apply(x, y, bx, by);
+    EXPECT_NEAR(bx, 1.5, 1e-12);
+    EXPECT_NEAR(by, -2.0, 1e-12);
+    EXPECT_FALSE((Affine2D{1.0, 2.0, 0.0, 2.0, 4.0, 0.0}).Invert(inv));
+}
+
+}  // namespace
+}  // namespace Project
