@@ -175,7 +175,7 @@ TEST_P(LensfunProfileTest, ProfileReproducesLensfun) {
 INSTANTIATE_TEST_SUITE_P(DatabaseLenses, LensfunProfileTest, ::testing::ValuesIn(lensCases()),
                          [](const ::testing::TestParamInfo<LensCase>& tpi) { return tpi.param.name; });
 
-TEST(LensfunLookup, NoMatchGivesTheWarningKey) {
+TEST(LensfunLookup, MatchingAndTheNoMatchKey) {
     CameraMetadata m;
     m.make = "NoSuchMaker";
     m.model = "NoSuchCamera 1";
@@ -192,6 +192,19 @@ TEST(LensfunLookup, NoMatchGivesTheWarningKey) {
     EXPECT_FALSE(lensfunProfileLookup()->Find(m, kWidth, kHeight).profile.has_value());
     m.focalLength = 18.0f;
     EXPECT_FALSE(lensfunProfileLookup()->Find(m, 1, 1).profile.has_value());
+    // A loosely written lens name still finds the lens.
+    m.lens = "Nikkor 18-105mm VR";
+    const auto loose = lensfunProfileLookup()->Find(m, kWidth, kHeight);
+    ASSERT_TRUE(loose.profile.has_value());
+    EXPECT_NE(loose.profile->description.find("18-105mm"), std::string::npos) << loose.profile->description;
+    // A camera with a fixed lens needs no lens name.
+    m.make = "Canon";
+    m.model = "Canon PowerShot G12";
+    m.lens = "";
+    m.focalLength = 6.1f;
+    const auto fixed = lensfunProfileLookup()->Find(m, 3648, 2736);
+    ASSERT_TRUE(fixed.profile.has_value());
+    EXPECT_EQ(fixed.profile->cameraModel, LensCameraModel::RadialDistortion);
 }
 
 TEST(LensfunLookup, ProfileOnAnotherSensorFormatScalesTheFocalLength) {
