@@ -71,10 +71,9 @@ inline constexpr std::string_view kInvalidFullSphericalRatioKey =
 // The 16 mm rule that picks Fisheye or Perspective from a focal length in
 // millimetres: |f| < 0.01 gives fallback; f - 16 > 0.01 gives Perspective;
 // f > 0.01 and 16 - f > 0.01 gives Fisheye; f within 0.01 of 16 gives current.
-// The session's chooseProjection passes the metadata's focal length (when
-// defaults are restored it is the same rule on the 35 mm-equivalent focal
-// length, CameraMetadata::equivalentFocalLength()); the rule is the same for
-// either value, so the caller picks the value and this picks the model.
+// The caller picks the value that decides: the session's chooseProjection
+// (which the editor's popup and "As Shot" go through) passes the photo's
+// 35 mm-equivalent focal length, CameraMetadata::equivalentFocalLength().
 uint32_t modelForFocalLength(float focalMm, uint32_t current, uint32_t fallback);
 
 }  // namespace Project
