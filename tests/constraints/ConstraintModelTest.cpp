@@ -3,7 +3,6 @@
 #include <cmath>
 #include <memory>
 
-#include "ConstraintTestSupport.h"
 #include "constraints/Constraint.h"
 #include "constraints/ConstraintSet.h"
 #include "constraints/GeodesicLines.h"
@@ -70,6 +69,10 @@ TEST(ConstraintModel, LineCloneCarriesDisplayEndpointsButNoSamples) {
     float angle = 0.0f;
     EXPECT_EQ(clone->GetOrientation(angle), Orientation::Arbitrary);
     EXPECT_EQ(angle, 17.5f);
+    // The angle is kept under another orientation.
+    clone->SetOrientation(Orientation::Horizontal);
+    EXPECT_EQ(clone->GetOrientation(angle), Orientation::Horizontal);
+    EXPECT_EQ(angle, 17.5f);
 }
 
 TEST(ConstraintModel, PlaneCloneKeepsVerticesAndFlagButNoDisplayLists) {
@@ -83,50 +86,10 @@ TEST(ConstraintModel, PlaneCloneKeepsVerticesAndFlagButNoDisplayLists) {
     auto clone = plane->ClonePlane();
     EXPECT_EQ(clone->GetId(), 3);
     EXPECT_EQ(clone->Vertices(), plane->Vertices());
+    EXPECT_EQ(clone->PayloadSize(), 8u + 12u * 4u);
     EXPECT_EQ(clone->Flag(), 0);
     EXPECT_TRUE(clone->DisplayVertices().empty());
     EXPECT_TRUE(clone->DisplayEdges().empty());
-}
-
-TEST(ConstraintModel, PayloadSizes) {
-    EXPECT_EQ(LineConstraint().PayloadSize(), 28u);
-    PlaneConstraint p;
-    EXPECT_EQ(p.PayloadSize(), 8u);
-    p.AddVertex({0, 0});
-    p.AddVertex({1, 0});
-    p.AddVertex({1, 1});
-    EXPECT_EQ(p.PayloadSize(), 8u + 36u);
-}
-
-TEST(ConstraintModel, OrientationWithAngle) {
-    LineConstraint line;
-    float angle = 99.0f;
-    EXPECT_EQ(line.GetOrientation(angle), Orientation::Unfixed);
-    EXPECT_EQ(angle, 0.0f);
-    line.SetOrientation(Orientation::Arbitrary, -42.0f);
-    EXPECT_EQ(line.GetOrientation(angle), Orientation::Arbitrary);
-    EXPECT_EQ(angle, -42.0f);
-    // The angle is kept under another orientation.
-    line.SetOrientation(Orientation::Horizontal);
-    EXPECT_EQ(line.GetOrientation(angle), Orientation::Horizontal);
-    EXPECT_EQ(angle, -42.0f);
-}
-
-TEST(ConstraintModel, PolygonVerticesAndEdgeCodes) {
-    PlaneConstraint p;
-    p.AddVertex({1, 2});
-    p.AddVertex({3, 4}, 2);
-    p.AddVertex({5, 6}, 3);
-    EXPECT_EQ(p.VertexCount(), 3);
-    EXPECT_EQ(p.GetEdgeCode(0), 1);
-    EXPECT_EQ(p.GetEdgeCode(1), 2);
-    p.SetEdgeCode(0, 3);
-    EXPECT_EQ(p.GetEdgeCode(0), 3);
-    EXPECT_TRUE(p.Vertex(2).present);
-    EXPECT_EQ(p.Flag(), 1);
-    // Edge k ends at vertex k; edge 0 closes the polygon.
-    EXPECT_EQ(PlaneConstraint::EdgeStart(0, 3), 2);
-    EXPECT_EQ(PlaneConstraint::EdgeStart(2, 3), 1);
 }
 
 // --- Hit tests.
@@ -323,33 +286,6 @@ TEST(ConstraintSet, HitTestReturnsTopmost) {
     EXPECT_EQ(set.HitTest({75.0f, 75.0f}, 1.0f, false)->GetId(), above);
     EXPECT_EQ(set.HitTest({25.0f, 25.0f}, 1.0f, false)->GetId(), below);
     EXPECT_EQ(set.HitTest({500.0f, 500.0f}, 1.0f, false), nullptr);
-}
-
-TEST(ConstraintSet, EditorStateDefaults) {
-    ConstraintSet set;
-    EXPECT_EQ(set.Highlight(), -1);
-    EXPECT_FALSE(set.HasFitPoint());
-    set.SetFitPoint({3.0f, 4.0f});
-    EXPECT_TRUE(set.HasFitPoint());
-    set.ResetFitPoint();
-    EXPECT_EQ(set.FitPoint(), (PointF{-1.0f, -1.0f}));
-    EXPECT_TRUE(set.Success());
-    EXPECT_EQ(set.StateWord(), 0u);
-    EXPECT_EQ(set.SavedMarker(), 0);
-}
-
-// Draw dispatches to the painter method of the class.
-TEST(ConstraintModel, DrawDispatchesByClass) {
-    struct Painter : ConstraintPainter {
-        int lines = 0, planes = 0;
-        void PaintLine(const LineConstraint&) override { ++lines; }
-        void PaintPlane(const PlaneConstraint&) override { ++planes; }
-    } painter;
-    ConstraintSet set;
-    testing::FillSample(set);
-    for (const auto& c : set.Constraints()) c->Draw(painter);
-    EXPECT_EQ(painter.lines, 4);
-    EXPECT_EQ(painter.planes, 2);
 }
 
 }  // namespace

@@ -123,20 +123,6 @@ TEST(GeodesicLines, ImagePointsCountFromTheFlooredCentre) {
     EXPECT_NEAR(d.phi, 0.0f, 1e-7f);
 }
 
-TEST(GeodesicLines, StraightPinholeLineStaysOnTheDrawnSegment) {
-    auto photo = std::make_shared<PerspectiveImage>(Raster(6000, 4000), 3000.0f, 3000.0f, 2000.0f);
-    GeodesicLines lines(photo, std::make_shared<const OctaMap>(6, false));
-    const PointF a{300.0f, 3500.0f}, b{5500.0f, 600.0f};
-    const GeodesicLine arc = lines.FitArc(a, b);
-    ASSERT_TRUE(arc.fitted);
-    const double len = std::hypot(b.x - a.x, b.y - a.y);
-    for (const SphereSample& s : arc.samples) {
-        const PointF p = lines.ToSourcePixel(photo->ToImagePoint(s.direction.lambda, s.direction.phi));
-        const double cross = ((p.x - a.x) * (b.y - a.y) - (p.y - a.y) * (b.x - a.x)) / len;
-        EXPECT_NEAR(cross, 0.0, 0.01);
-    }
-}
-
 TEST(GeodesicLines, FisheyeSceneLineFitsTheCurvedImage) {
     // A straight scene line seen through an equisolid fisheye is a great
     // circle: the fitted arc through its ends meets its middle too.
@@ -484,18 +470,6 @@ TEST(GeodesicLines, DisplayBackToSource) {
                                       out));
     EXPECT_EQ(out, (PointF{10.0f, 25.0f}));
     EXPECT_FALSE(lines.IsInValidArea({1.0f, 1.0f}, DisplaySpace{false, Affine2D::ScaleOffset(0.0, 1.0, 0.0, 0.0)}));
-}
-
-TEST(GeodesicLines, AffineInverse) {
-    const Affine2D m{2.0, 1.0, 5.0, -1.0, 3.0, 7.0};
-    Affine2D inv;
-    ASSERT_TRUE(m.Invert(inv));
-    double x, y, bx, by;
-    m.Apply(1.5, -2.0, x, y);
-    inv.Apply(x, y, bx, by);
-    EXPECT_NEAR(bx, 1.5, 1e-12);
-    EXPECT_NEAR(by, -2.0, 1e-12);
-    EXPECT_FALSE((Affine2D{1.0, 2.0, 0.0, 2.0, 4.0, 0.0}).Invert(inv));
 }
 
 }  // namespace
