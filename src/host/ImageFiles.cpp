@@ -1,0 +1,417 @@
+#include "host/ImageFiles.h"
+
+#include <jpeglib.h>
+#include <png.h>
+// jerror.h after jpeglib.h: the message codes, for the end-of-data warning.
+#include <jerror.h>
+
+#include <csetjmp>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace Curvana::Host {
+namespace {
+
+struct FileCloser {
+    void operator()(std::FILE* f) const {
+        if (f)
+            std::fclose(f);
+    }
+};
+using FileHandle = std::unique_ptr<std::FILE, FileCloser>;
+
+FileHandle openFile(const std::filesystem::path& path, const char* mode) {
+    FileHandle f(std::fopen(path.c_str(), mode));
+    if (!f)
+        throw HostError(path.string() + ": cannot " + (mode[0] == 'r' ? "open" : "create") + " (" +
+                        std::strerror(errno) + ")");
+    return f;
+}
+
+// Closes a written file and reports a failed flush (a full disk) as an error.
+void closeWritten(FileHandle& f, const std::filesystem::path& path) {
+    std::FILE* raw = f.release();
+    if (std::fclose(raw) != 0)
+        throw HostError(path.string() + ": cannot write (" + std::strerror(errno) + ")");
+}
+
+// ---- PNG --------------------------------------------------------------------
+
+struct PngContext {
+    png_structp png = nullptr;
+    png_infop info = nullptr;
+    bool writing = false;
+    char message[256] = {};
+    ~PngContext() {
+        if (writing)
+            png_destroy_write_struct(&png, &info);
+        else
+            png_destroy_read_struct(&png, &info, nullptr);
+    }
+};
+
+void pngError(png_structp png, png_const_charp message) {
+    auto* ctx = static_cast<PngContext*>(png_get_error_ptr(png));
+    std::snprintf(ctx->message, sizeof ctx->message, "%s", message);
+    png_longjmp(png, 1);
+}
+void pngWarning(png_structp, png_const_charp) {}
+
+struct PngHeader {
+    uint32_t width, height;
+    int bitDepth, colorType, channels, passes;
+    png_bytep icc;
+    png_uint_32 iccLength;
+};
+
+// The functions that call setjmp hold only plain C values in their frames.
+bool pngReadHeader(PngContext* ctx, std::FILE* file, PngHeader* header) {
+    if (setjmp(png_jmpbuf(ctx->png)))
+        return false;
+    png_init_io(ctx->png, file);
+    png_read_info(ctx->png, ctx->info);
+    header->width = png_get_image_width(ctx->png, ctx->info);
+    header->height = png_get_image_height(ctx->png, ctx->info);
+    header->bitDepth = png_get_bit_depth(ctx->png, ctx->info);
+    header->colorType = png_get_color_type(ctx->png, ctx->info);
+    header->icc = nullptr;
+    header->iccLength = 0;
+    png_charp name = nullptr;
+    int compression = 0;
+    if (png_get_valid(ctx->png, ctx->info, PNG_INFO_iCCP))
+        png_get_iCCP(ctx->png, ctx->info, &name, &compression, &header->icc, &header->iccLength);
+    return true;
+}
+
+bool pngSetupTransforms(PngContext* ctx, PngHeader* header) {
+    if (setjmp(png_jmpbuf(ctx->png)))
+        return false;
+    if (header->colorType == PNG_COLOR_TYPE_PALETTE)
+        png_set_palette_to_rgb(ctx->png);
+    if (header->colorType == PNG_COLOR_TYPE_GRAY && header->bitDepth < 8)
+        png_set_expand_gray_1_2_4_to_8(ctx->png);
+    if (header->bitDepth == 16)
+        png_set_swap(ctx->png);  // native order on little-endian machines
+    header->passes = png_set_interlace_handling(ctx->png);
+    png_read_update_info(ctx->png, ctx->info);
+    header->channels = png_get_channels(ctx->png, ctx->info);
+    header->bitDepth = png_get_bit_depth(ctx->png, ctx->info);
+    return true;
+}
+
+bool pngReadRows(PngContext* ctx, uint8_t* data, size_t rowBytes, uint32_t height, int passes) {
+    if (setjmp(png_jmpbuf(ctx->png)))
+        return false;
+    for (int pass = 0; pass < passes; ++pass)
+        for (uint32_t y = 0; y < height; ++y)
+            png_read_row(ctx->png, data + rowBytes * y, nullptr);
+    png_read_end(ctx->png, nullptr);
+    return true;
+}
+
+struct PngWriteJob {
+    uint32_t width, height;
+    int bitDepth, colorType;
+    const uint8_t* data;
+    size_t rowBytes;
+    const uint8_t* icc;
+    uint32_t iccLength;
+};
+
+bool pngWriteAll(PngContext* ctx, std::FILE* file, const PngWriteJob* job) {
+    if (setjmp(png_jmpbuf(ctx->png)))
+        return false;
+    // libpng checks ICC profiles against the image (colour space, D50 white):
+    // one that does not fit is left out rather than failing the whole file.
+    png_set_benign_errors(ctx->png, 1);
+    png_init_io(ctx->png, file);
+    png_set_IHDR(ctx->png, ctx->info, job->width, job->height, job->bitDepth, job->colorType,
+                 PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+    if (job->icc)
+        png_set_iCCP(ctx->png, ctx->info, "ICC profile", PNG_COMPRESSION_TYPE_BASE, job->icc,
+                     job->iccLength);
+    png_write_info(ctx->png, ctx->info);
+    if (job->bitDepth == 16)
+        png_set_swap(ctx->png);
+    for (uint32_t y = 0; y < job->height; ++y)
+        png_write_row(ctx->png, const_cast<png_bytep>(job->data + job->rowBytes * y));
+    png_write_end(ctx->png, nullptr);
+    return true;
+}
+
+// ---- JPEG -------------------------------------------------------------------
+
+struct JpegError {
+    jpeg_error_mgr pub;
+    std::jmp_buf jump;
+    bool ended;  // the data ended before the image did
+    char message[JMSG_LENGTH_MAX];
+};
+
+void jpegErrorExit(j_common_ptr cinfo) {
+    auto* err = reinterpret_cast<JpegError*>(cinfo->err);
+    (*cinfo->err->format_message)(cinfo, err->message);
+    std::longjmp(err->jump, 1);
+}
+
+void jpegEmitMessage(j_common_ptr cinfo, int level) {
+    auto* err = reinterpret_cast<JpegError*>(cinfo->err);
+    // A truncated file decodes "successfully" with grey fill after this warning.
+    if (level < 0 && cinfo->err->msg_code == JWRN_JPEG_EOF)
+        err->ended = true;
+}
+
+// The APP14 colour-transform marker: CMYK files that carry it store inverted
+// ink values (libjpeg writes it, and inverted values, for CMYK too).
+bool hasApp14(const jpeg_decompress_struct& cinfo) {
+    for (jpeg_saved_marker_ptr m = cinfo.marker_list; m; m = m->next)
+        if (m->marker == JPEG_APP0 + 14)
+            return true;
+    return false;
+}
+
+struct JpegDecompress {
+    jpeg_decompress_struct cinfo{};
+    JpegError error{};
+    bool created = false;
+    bool app14 = false;  // read with the header: finishing frees the saved markers
+    ~JpegDecompress() {
+        if (created)
+            jpeg_destroy_decompress(&cinfo);
+    }
+};
+
+struct JpegCompress {
+    jpeg_compress_struct cinfo{};
+    JpegError error{};
+    bool created = false;
+    ~JpegCompress() {
+        if (created)
+            jpeg_destroy_compress(&cinfo);
+    }
+};
+
+bool jpegReadHeader(JpegDecompress* d, std::FILE* file, JOCTET** icc, unsigned int* iccLength) {
+    d->cinfo.err = jpeg_std_error(&d->error.pub);
+    d->error.pub.error_exit = jpegErrorExit;
+    d->error.pub.emit_message = jpegEmitMessage;
+    if (setjmp(d->error.jump))
+        return false;
+    jpeg_create_decompress(&d->cinfo);
+    d->created = true;
+    jpeg_stdio_src(&d->cinfo, file);
+    jpeg_save_markers(&d->cinfo, JPEG_APP0 + 2, 0xFFFF);
+    jpeg_save_markers(&d->cinfo, JPEG_APP0 + 14, 16);
+    jpeg_read_header(&d->cinfo, TRUE);
+    d->app14 = hasApp14(d->cinfo);
+    if (!jpeg_read_icc_profile(&d->cinfo, icc, iccLength)) {
+        *icc = nullptr;
+        *iccLength = 0;
+    }
+    switch (d->cinfo.jpeg_color_space) {
+        case JCS_GRAYSCALE:
+            d->cinfo.out_color_space = JCS_GRAYSCALE;
+            break;
+        case JCS_CMYK:
+        case JCS_YCCK:
+            d->cinfo.out_color_space = JCS_CMYK;
+            break;
+        default:
+            d->cinfo.out_color_space = JCS_RGB;
+            break;
+    }
+    jpeg_start_decompress(&d->cinfo);
+    return true;
+}
+
+bool jpegReadRows(JpegDecompress* d, uint8_t* data, size_t rowBytes) {
+    if (setjmp(d->error.jump))
+        return false;
+    while (d->cinfo.output_scanline < d->cinfo.output_height) {
+        JSAMPROW row = data + rowBytes * d->cinfo.output_scanline;
+        jpeg_read_scanlines(&d->cinfo, &row, 1);
+    }
+    jpeg_finish_decompress(&d->cinfo);
+    return true;
+}
+
+struct JpegWriteJob {
+    const Raster* raster;
+    J_COLOR_SPACE colorSpace;
+    int components;
+    int quality;
+    const uint8_t* icc;
+    unsigned int iccLength;
+    uint8_t* rowScratch;  // one row, for CMYK inversion
+};
+
+bool jpegWriteAll(JpegCompress* c, std::FILE* file, const JpegWriteJob* job) {
+    c->cinfo.err = jpeg_std_error(&c->error.pub);
+    c->error.pub.error_exit = jpegErrorExit;
+    if (setjmp(c->error.jump))
+        return false;
+    jpeg_create_compress(&c->cinfo);
+    c->created = true;
+    jpeg_stdio_dest(&c->cinfo, file);
+    c->cinfo.image_width = static_cast<JDIMENSION>(job->raster->info.width);
+    c->cinfo.image_height = static_cast<JDIMENSION>(job->raster->info.height);
+    c->cinfo.input_components = job->components;
+    c->cinfo.in_color_space = job->colorSpace;
+    jpeg_set_defaults(&c->cinfo);
+    jpeg_set_quality(&c->cinfo, job->quality, TRUE);
+    c->cinfo.optimize_coding = TRUE;
+    jpeg_start_compress(&c->cinfo, TRUE);
+    if (job->icc)
+        jpeg_write_icc_profile(&c->cinfo, job->icc, job->iccLength);
+    const size_t rowBytes = job->raster->rowBytes();
+    while (c->cinfo.next_scanline < c->cinfo.image_height) {
+        const uint8_t* src = job->raster->row(static_cast<int32_t>(c->cinfo.next_scanline));
+        JSAMPROW row = const_cast<JSAMPROW>(src);
+        if (job->colorSpace == JCS_CMYK) {
+            for (size_t i = 0; i < rowBytes; ++i)
+                job->rowScratch[i] = static_cast<uint8_t>(255 - src[i]);
+            row = job->rowScratch;
+        }
+        jpeg_write_scanlines(&c->cinfo, &row, 1);
+    }
+    jpeg_finish_compress(&c->cinfo);
+    return true;
+}
+
+struct MallocFree {
+    void operator()(void* p) const { std::free(p); }
+};
+
+}  // namespace
+
+DecodedImage readPng(const std::filesystem::path& path) {
+    FileHandle file = openFile(path, "rb");
+    PngContext ctx;
+    ctx.png = png_create_read_struct(PNG_LIBPNG_VER_STRING, &ctx, pngError, pngWarning);
+    if (!ctx.png)
+        throw HostError("out of memory");
+    ctx.info = png_create_info_struct(ctx.png);
+    if (!ctx.info)
+        throw HostError("out of memory");
+    PngHeader header{};
+    if (!pngReadHeader(&ctx, file.get(), &header))
+        throw HostError(path.string() + ": not a readable PNG (" + ctx.message + ")");
+    if (header.colorType & PNG_COLOR_MASK_ALPHA)
+        throw HostError(path.string() + ": PNG with an alpha channel is not supported");
+    if (header.width == 0 || header.height == 0)
+        throw HostError(path.string() + ": the image has zero size");
+    DecodedImage out;
+    if (header.icc)
+        out.icc.assign(header.icc, header.icc + header.iccLength);
+    if (!pngSetupTransforms(&ctx, &header))
+        throw HostError(path.string() + ": not a readable PNG (" + ctx.message + ")");
+    ImageInfo info;
+    info.width = static_cast<int32_t>(header.width);
+    info.height = static_cast<int32_t>(header.height);
+    info.mode = header.channels == 1 ? Mode::Gray : Mode::RGB;
+    info.depth = header.bitDepth;
+    out.raster = Raster::allocate(info);
+    if (!pngReadRows(&ctx, out.raster.data.data(), out.raster.rowBytes(), header.height,
+                     header.passes))
+        throw HostError(path.string() +
+                        ": cannot decode (truncated or corrupt PNG: " + ctx.message + ")");
+    if (info.depth == 16) {
+        auto* v = reinterpret_cast<uint16_t*>(out.raster.data.data());
+        for (size_t i = 0, n = out.raster.data.size() / 2; i < n; ++i)
+            v[i] = hostFromFile16(v[i]);
+    }
+    return out;
+}
+
+void writePng(const std::filesystem::path& path, const Raster& raster,
+              const std::vector<uint8_t>& icc) {
+    checkFormatHolds(FileFormat::Png, raster.info, path);
+    // libpng takes file values: convert 16-bit host values on a copy of each row set.
+    std::vector<uint8_t> converted;
+    const uint8_t* data = raster.data.data();
+    if (raster.info.depth == 16) {
+        converted.resize(raster.data.size());
+        const auto* src = reinterpret_cast<const uint16_t*>(raster.data.data());
+        auto* dst = reinterpret_cast<uint16_t*>(converted.data());
+        for (size_t i = 0, n = raster.data.size() / 2; i < n; ++i)
+            dst[i] = fileFromHost16(src[i]);
+        data = converted.data();
+    }
+    FileHandle file = openFile(path, "wb");
+    PngContext ctx;
+    ctx.writing = true;
+    ctx.png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &ctx, pngError, pngWarning);
+    if (!ctx.png)
+        throw HostError("out of memory");
+    ctx.info = png_create_info_struct(ctx.png);
+    if (!ctx.info)
+        throw HostError("out of memory");
+    const PngWriteJob job{static_cast<uint32_t>(raster.info.width),
+                          static_cast<uint32_t>(raster.info.height),
+                          raster.info.depth,
+                          raster.info.mode == Mode::Gray ? PNG_COLOR_TYPE_GRAY : PNG_COLOR_TYPE_RGB,
+                          data,
+                          raster.rowBytes(),
+                          icc.empty() ? nullptr : icc.data(),
+                          static_cast<uint32_t>(icc.size())};
+    if (!pngWriteAll(&ctx, file.get(), &job))
+        throw HostError(path.string() + ": cannot write PNG (" + ctx.message + ")");
+    closeWritten(file, path);
+}
+
+DecodedImage readJpeg(const std::filesystem::path& path) {
+    FileHandle file = openFile(path, "rb");
+    JpegDecompress d;
+    JOCTET* iccRaw = nullptr;
+    unsigned int iccLength = 0;
+    const bool headerOk = jpegReadHeader(&d, file.get(), &iccRaw, &iccLength);
+    std::unique_ptr<JOCTET, MallocFree> iccOwner(iccRaw);
+    if (!headerOk)
+        throw HostError(path.string() + ": not a readable JPEG (" + d.error.message + ")");
+    DecodedImage out;
+    if (iccRaw)
+        out.icc.assign(iccRaw, iccRaw + iccLength);
+    ImageInfo info;
+    info.width = static_cast<int32_t>(d.cinfo.output_width);
+    info.height = static_cast<int32_t>(d.cinfo.output_height);
+    info.depth = 8;
+    info.mode = d.cinfo.out_color_space == JCS_GRAYSCALE ? Mode::Gray
+                : d.cinfo.out_color_space == JCS_CMYK    ? Mode::CMYK
+                                                         : Mode::RGB;
+    if (info.width == 0 || info.height == 0)
+        throw HostError(path.string() + ": the image has zero size");
+    out.raster = Raster::allocate(info);
+    if (!jpegReadRows(&d, out.raster.data.data(), out.raster.rowBytes()))
+        throw HostError(path.string() + ": cannot decode (corrupt JPEG: " + d.error.message + ")");
+    if (d.error.ended)
+        throw HostError(path.string() +
+                        ": cannot decode (the JPEG data ends early: truncated file)");
+    if (info.mode == Mode::CMYK && d.app14)
+        for (auto& v : out.raster.data)
+            v = static_cast<uint8_t>(255 - v);
+    return out;
+}
+
+void writeJpeg(const std::filesystem::path& path, const Raster& raster,
+               const std::vector<uint8_t>& icc, int quality) {
+    checkFormatHolds(FileFormat::Jpeg, raster.info, path);
+    std::vector<uint8_t> scratch(raster.rowBytes());
+    FileHandle file = openFile(path, "wb");
+    JpegCompress c;
+    const JpegWriteJob job{&raster,
+                           raster.info.mode == Mode::Gray   ? JCS_GRAYSCALE
+                           : raster.info.mode == Mode::CMYK ? JCS_CMYK
+                                                            : JCS_RGB,
+                           raster.info.planes(),
+                           quality,
+                           icc.empty() ? nullptr : icc.data(),
+                           static_cast<unsigned int>(icc.size()),
+                           scratch.data()};
+    if (!jpegWriteAll(&c, file.get(), &job))
+        throw HostError(path.string() + ": cannot write JPEG (" + c.error.message + ")");
+    closeWritten(file, path);
+}
+
+}  // namespace Curvana::Host

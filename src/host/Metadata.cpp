@@ -1,0 +1,107 @@
+#include "host/Metadata.h"
+
+#include <exiv2/exiv2.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <mutex>
+
+namespace Curvana::Host {
+namespace {
+
+void quietExiv2() {
+    static std::once_flag once;
+    std::call_once(once, [] { Exiv2::LogMsg::setLevel(Exiv2::LogMsg::mute); });
+}
+
+bool carried(const Exiv2::Exifdatum& datum) {
+    static constexpr std::array<const char*, 11> imageTags = {
+        "Make",        "Model",          "Orientation",      "DateTime",
+        "Artist",      "Copyright",      "ImageDescription", "XResolution",
+        "YResolution", "ResolutionUnit", "Software"};
+    const std::string group = datum.groupName();
+    if (group == "Photo")
+        return datum.tagName() != "MakerNote";
+    if (group == "GPSInfo" || group == "Iop")
+        return true;
+    if (group == "Image")
+        return std::find(imageTags.begin(), imageTags.end(), datum.tagName()) != imageTags.end();
+    return false;
+}
+
+double rationalValue(const Exiv2::ExifData& exif, const char* key) {
+    auto it = exif.findKey(Exiv2::ExifKey(key));
+    if (it == exif.end() || it->count() == 0)
+        return 0;
+    const double v = it->toFloat(0);
+    return std::isfinite(v) && v > 0 ? v : 0;
+}
+
+std::string oneLine(std::string s) {
+    std::replace(s.begin(), s.end(), '\n', ' ');
+    return s;
+}
+
+}  // namespace
+
+PhotoMetadata readMetadata(const std::filesystem::path& path) {
+    quietExiv2();
+    PhotoMetadata out;
+    try {
+        auto image = Exiv2::ImageFactory::open(path.string());
+        image->readMetadata();
+        auto exif = std::make_shared<Exiv2::ExifData>();
+        for (const auto& datum : image->exifData())
+            if (carried(datum))
+                exif->add(datum);
+        out.focalLengthMm = rationalValue(image->exifData(), "Exif.Photo.FocalLength");
+        out.focalLength35mm = rationalValue(image->exifData(), "Exif.Photo.FocalLengthIn35mmFilm");
+        out.xmpPacket = image->xmpPacket();
+        Exiv2::XmpData xmp = image->xmpData();
+        Exiv2::copyExifToXmp(image->exifData(), xmp);
+        if (!xmp.empty() && Exiv2::XmpParser::encode(out.moduleXmp, xmp) != 0) {
+            out.moduleXmp.clear();
+            out.warnings.push_back(path.string() + ": cannot encode its metadata as XMP");
+        }
+        out.exif = std::move(exif);
+    } catch (const Exiv2::AnyError& e) {
+        out.warnings.push_back(path.string() + ": metadata not read (" + oneLine(e.what()) + ")");
+    } catch (const std::exception& e) {
+        out.warnings.push_back(path.string() + ": metadata not read (" + oneLine(e.what()) + ")");
+    }
+    return out;
+}
+
+std::string writeMetadata(const std::filesystem::path& path, FileFormat format,
+                          const PhotoMetadata& metadata) {
+    quietExiv2();
+    const bool hasExif = metadata.exif && !metadata.exif->empty();
+    if (format == FileFormat::Tiff) {
+        std::error_code ec;
+        const auto size = std::filesystem::file_size(path, ec);
+        if (!hasExif || ec || size > kMaxTiffExifRewrite)
+            return {};
+    } else if (!hasExif && metadata.xmpPacket.empty()) {
+        return {};
+    }
+    try {
+        auto image = Exiv2::ImageFactory::open(path.string());
+        image->readMetadata();  // keeps the ICC profile and the file's own tags
+        Exiv2::ExifData& exif = image->exifData();
+        if (hasExif)
+            for (const auto& datum : *metadata.exif)
+                exif[datum.key()] = datum.value();
+        if (format != FileFormat::Tiff && !metadata.xmpPacket.empty())
+            image->setXmpPacket(metadata.xmpPacket);
+        image->writeXmpFromPacket(true);
+        image->writeMetadata();
+    } catch (const Exiv2::AnyError& e) {
+        return path.filename().string() + ": metadata not written (" + oneLine(e.what()) + ")";
+    } catch (const std::exception& e) {
+        return path.filename().string() + ": metadata not written (" + oneLine(e.what()) + ")";
+    }
+    return {};
+}
+
+}  // namespace Curvana::Host

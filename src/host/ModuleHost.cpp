@@ -1,0 +1,404 @@
+#include "host/ModuleHost.h"
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <unordered_map>
+
+#include "host/SystemInfo.h"
+
+namespace Curvana::Host {
+
+volatile std::sig_atomic_t abortFlag = 0;
+
+namespace {
+
+// Everything the callbacks reach through the record's host pointer.
+struct HostContext {
+    const HostFacts* facts = nullptr;
+    const Invocation* invocation = nullptr;
+    InvocationOutcome* outcome = nullptr;
+    CvRect filterRect{};
+    std::mutex planes;  // libtiff handles are not thread-safe
+    const CvBufferSuite1* bufferSuite = nullptr;
+};
+
+HostContext* context(void* host) {
+    return static_cast<HostContext*>(host);
+}
+
+CvError getProperty(void* host, uint32_t signature, uint32_t key, int32_t* value) {
+    HostContext* ctx = context(host);
+    if (!ctx || !value)
+        return cvErrParam;
+    if (signature != CV_PROPERTY_SIGNATURE)
+        return cvErrUnsupported;
+    if (key == CV_PROPERTY_VERSION) {
+        *value = static_cast<int32_t>(static_cast<uint32_t>(ctx->facts->majorVersion) << 16);
+        return cvNoErr;
+    }
+    if (key == CV_PROPERTY_GPU_FLAGS) {
+        *value = ctx->facts->gpuAvailable ? 0x80 : 0;
+        return cvNoErr;
+    }
+    return cvErrUnsupported;
+}
+
+void* bufferAllocate(void* suiteContext, uint64_t size) {
+    auto* pool = static_cast<BufferPool*>(suiteContext);
+    return pool ? pool->allocate(size) : nullptr;
+}
+
+void bufferRelease(void* suiteContext, void* buffer) {
+    if (auto* pool = static_cast<BufferPool*>(suiteContext))
+        pool->release(buffer);
+}
+
+CvError acquireSuite(void* host, const char* name, int32_t version, const void** suite) {
+    HostContext* ctx = context(host);
+    if (!ctx || !name || !suite)
+        return cvErrParam;
+    if (std::strcmp(name, CV_BUFFER_SUITE_NAME) == 0 && version == CV_BUFFER_SUITE_VERSION) {
+        *suite = ctx->bufferSuite;
+        return cvNoErr;
+    }
+    if (std::strcmp(name, CV_DESCRIPTOR_SUITE_NAME) == 0 &&
+        version == CV_DESCRIPTOR_SUITE_VERSION) {
+        *suite = descriptorSuite();
+        return cvNoErr;
+    }
+    *suite = nullptr;
+    return cvErrUnsupported;  // the lens-profile suite among others
+}
+
+CvError releaseSuite(void* host, const char* name, int32_t) {
+    return context(host) && name ? cvNoErr : cvErrParam;
+}
+
+CvError setResultDescriptor(void* host, CvDescriptor result) {
+    HostContext* ctx = context(host);
+    if (!ctx || !ctx->outcome)
+        return cvErrParam;
+    Descriptor* d = Descriptor::fromHandle(result);
+    if (!d || !d->madeByModule)
+        return cvErrParam;
+    d->madeByModule = false;  // the host owns it now
+    ctx->outcome->resultDescriptor.reset(d);
+    return cvNoErr;
+}
+
+// Checks a plane request against the filtered area and the buffer's stride.
+bool validPlaneRequest(const HostContext* ctx, const CvRect* rect, int32_t plane,
+                       const void* buffer, int32_t rowBytes) {
+    const ImageInfo& info = ctx->invocation->source->info();
+    if (!rect || !buffer || rectEmpty(*rect) || !rectInside(*rect, ctx->filterRect))
+        return false;
+    if (plane < 0 || plane >= info.planes())
+        return false;
+    return rowBytes >= static_cast<int64_t>(rect->right - rect->left) *
+                           static_cast<int64_t>(info.bytesPerSample());
+}
+
+CvError readSourcePlane(void* host, const CvRect* rect, int32_t plane, void* buffer,
+                        int32_t rowBytes) {
+    HostContext* ctx = context(host);
+    if (!ctx || !ctx->invocation)
+        return cvErrParam;
+    if (abortFlag)
+        return cvErrAborted;
+    if (!validPlaneRequest(ctx, rect, plane, buffer, rowBytes))
+        return cvErrParam;
+    std::lock_guard lock(ctx->planes);
+    try {
+        ctx->invocation->source->readPlane(*rect, plane, buffer, rowBytes);
+        return cvNoErr;
+    } catch (const std::bad_alloc&) {
+        return cvErrMemory;
+    } catch (const InputError& e) {
+        if (ctx->outcome->ioError.empty()) {
+            ctx->outcome->ioError = e.what();
+            ctx->outcome->inputError = true;
+        }
+        return cvErrFilterFailed;
+    } catch (const std::exception& e) {
+        if (ctx->outcome->ioError.empty())
+            ctx->outcome->ioError = e.what();
+        return cvErrFilterFailed;
+    }
+}
+
+CvError writeResultPlane(void* host, const CvRect* rect, int32_t plane, const void* buffer,
+                         int32_t rowBytes) {
+    HostContext* ctx = context(host);
+    if (!ctx || !ctx->invocation)
+        return cvErrParam;
+    if (abortFlag)
+        return cvErrAborted;
+    if (!validPlaneRequest(ctx, rect, plane, buffer, rowBytes))
+        return cvErrParam;
+    std::lock_guard lock(ctx->planes);
+    try {
+        ctx->invocation->result->writePlane(*rect, plane, buffer, rowBytes);
+        return cvNoErr;
+    } catch (const std::bad_alloc&) {
+        return cvErrMemory;
+    } catch (const std::exception& e) {
+        if (ctx->outcome->ioError.empty())
+            ctx->outcome->ioError = e.what();
+        return cvErrFilterFailed;
+    }
+}
+
+CvError getXmpPacket(void* host, char* buffer, size_t capacity, size_t* length) {
+    HostContext* ctx = context(host);
+    if (!ctx || !ctx->invocation || !length || (capacity > 0 && !buffer))
+        return cvErrParam;
+    const std::string& xmp = ctx->invocation->xmpPacket;
+    *length = xmp.size();
+    if (capacity > 0)
+        std::memcpy(buffer, xmp.data(), std::min(capacity, xmp.size()));
+    return cvNoErr;
+}
+
+void setProgressText(void* host, const char* title, const char* message) {
+    HostContext* ctx = context(host);
+    if (!ctx || !ctx->invocation || !ctx->invocation->listener)
+        return;
+    try {
+        ctx->invocation->listener->text(displayText(title), displayText(message));
+    } catch (...) {
+    }
+}
+
+void progress(void* host, int64_t done, int64_t total) {
+    HostContext* ctx = context(host);
+    if (!ctx || !ctx->invocation || !ctx->invocation->listener)
+        return;
+    try {
+        ctx->invocation->listener->progress(done, total);
+    } catch (...) {
+    }
+}
+
+int32_t abortRequested(void*) {
+    return abortFlag ? 1 : 0;
+}
+
+int32_t alert(void* host, const char* message, const char* title, int32_t buttons) {
+    HostContext* ctx = context(host);
+    try {
+        const std::string t = displayText(title), m = displayText(message);
+        const std::string line = t.empty() ? m : t + ": " + m;
+        std::fprintf(stderr, "\ncurvana: %s\n", line.c_str());
+        if (ctx && ctx->outcome)
+            ctx->outcome->alerts.push_back(line);
+    } catch (...) {
+    }
+    // No one answers in a command-line run: take the affirmative button.
+    return buttons == cvButtonsYesNoCancel ? cvAnswerYes : cvAnswerOK;
+}
+
+uint64_t maxSpace(void* host) {
+    HostContext* ctx = context(host);
+    return ctx ? ctx->facts->maxSpace : 0;
+}
+
+uint64_t freeMemory(void*) {
+    return memoryFigures().available;
+}
+
+CvError preferencesBaseCallback(void* host, char* buffer, size_t capacity, size_t* length) {
+    HostContext* ctx = context(host);
+    if (!ctx || !length || (capacity > 0 && !buffer))
+        return cvErrParam;
+    const std::string& base = ctx->facts->preferencesBase;
+    if (base.empty())
+        return cvErrUnsupported;
+    *length = base.size();
+    if (capacity > 0) {
+        const size_t n = std::min(capacity - 1, base.size());
+        std::memcpy(buffer, base.data(), n);
+        buffer[n] = '\0';
+    }
+    return cvNoErr;
+}
+
+uint32_t modifierKeys(void*) {
+    return 0;
+}
+
+}  // namespace
+
+void* BufferPool::allocate(uint64_t size) {
+    if (size == 0)
+        return nullptr;
+    std::lock_guard lock(mutex);
+    if (allocated + size > limit)
+        return nullptr;
+    void* p = std::malloc(static_cast<size_t>(size));
+    if (!p)
+        return nullptr;
+    try {
+        live.emplace(p, size);
+    } catch (...) {
+        std::free(p);
+        return nullptr;
+    }
+    allocated += size;
+    return p;
+}
+
+void BufferPool::release(void* buffer) {
+    if (!buffer)
+        return;
+    std::lock_guard lock(mutex);
+    auto it = live.find(buffer);
+    if (it == live.end())
+        return;  // not ours: never free a foreign pointer
+    allocated -= it->second;
+    live.erase(it);
+    std::free(buffer);
+}
+
+BufferPool::~BufferPool() {
+    for (auto& [p, size] : live)
+        std::free(p);
+}
+
+std::string displayText(const char* text) {
+    if (!text)
+        return {};
+    std::string s = text;
+    if (s.rfind("$$$/", 0) == 0) {
+        const auto eq = s.find('=');
+        s = eq == std::string::npos ? s : s.substr(eq + 1);
+    }
+    return s;
+}
+
+std::filesystem::path Module::locate(const std::filesystem::path& explicitPath) {
+    std::error_code ec;
+    if (!explicitPath.empty()) {
+        if (!std::filesystem::is_regular_file(explicitPath, ec))
+            throw HostError(explicitPath.string() + ": no such module file");
+        return explicitPath;
+    }
+    std::vector<std::string> tried;
+    const auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
+    if (!ec) {
+        const auto beside = exe.parent_path() / "libcurvana.so";
+        if (std::filesystem::is_regular_file(beside, ec))
+            return beside;
+        tried.push_back(beside.string());
+    }
+    if (const char* env = std::getenv("CURVANA_MODULE"); env && *env) {
+        if (std::filesystem::is_regular_file(env, ec))
+            return env;
+        tried.push_back(std::string(env) + " ($CURVANA_MODULE)");
+    }
+    std::string list;
+    for (const auto& t : tried)
+        list += (list.empty() ? "" : ", ") + t;
+    throw HostError("the filter module libcurvana.so was not found (looked at " + list +
+                    "; use --module PATH or set CURVANA_MODULE)");
+}
+
+std::unique_ptr<Module> Module::load(const std::filesystem::path& path, HostFacts facts) {
+    std::unique_ptr<Module> m(new Module());
+    m->path_ = path;
+    m->facts_ = std::move(facts);
+    m->buffers_.limit = m->facts_.maxSpace;
+    m->bufferSuite_ = CvBufferSuite1{bufferAllocate, bufferRelease, &m->buffers_};
+    // A path without a slash would make dlopen search the library path.
+    const std::string name = path.has_parent_path() ? path.string() : ("./" + path.string());
+    m->handle_ = ::dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!m->handle_) {
+        const char* why = ::dlerror();
+        throw HostError(path.string() + ": cannot load the filter module (" +
+                        (why ? why : "unknown error") + ")");
+    }
+    m->entry_ = reinterpret_cast<CvEntryPoint>(::dlsym(m->handle_, "EntryFI"));
+    if (!m->entry_)
+        throw HostError(path.string() + ": not a Curvana filter module (no EntryFI)");
+    return m;
+}
+
+Module::~Module() {
+    if (entry_ && data_ != 0) {
+        CvFilterRecord record{};
+        record.abiVersion = CURVANA_ABI_VERSION;
+        record.structSize = sizeof(CvFilterRecord);
+        int16_t result = 0;
+        entry_(cvSelectorUnload, &record, &data_, &result);
+    }
+    if (handle_)
+        ::dlclose(handle_);
+}
+
+InvocationOutcome Module::run(const Invocation& invocation) {
+    InvocationOutcome outcome;
+    HostContext ctx;
+    ctx.facts = &facts_;
+    ctx.invocation = &invocation;
+    ctx.outcome = &outcome;
+    const ImageInfo& info = invocation.source->info();
+    ctx.filterRect = info.bounds();
+    ctx.bufferSuite = &bufferSuite_;
+
+    // The input descriptor is the module's to read only: hand it a copy.
+    std::unique_ptr<Descriptor> input;
+    if (invocation.descriptor)
+        input = std::make_unique<Descriptor>(*invocation.descriptor);
+
+    CvFilterRecord record{};
+    record.abiVersion = CURVANA_ABI_VERSION;
+    record.structSize = sizeof(CvFilterRecord);
+    record.host = &ctx;
+    record.getProperty = getProperty;
+    record.acquireSuite = acquireSuite;
+    record.releaseSuite = releaseSuite;
+    record.descriptor = input ? input->handle() : nullptr;
+    record.setResultDescriptor = setResultDescriptor;
+    record.mode = static_cast<int32_t>(info.mode);
+    record.depth = info.depth;
+    record.planes = info.planes();
+    record.imageWidth = info.width;
+    record.imageHeight = info.height;
+    record.filterRect = ctx.filterRect;
+    record.readSourcePlane = readSourcePlane;
+    record.writeResultPlane = writeResultPlane;
+    record.getXmpPacket = getXmpPacket;
+    record.setProgressText = setProgressText;
+    record.progress = progress;
+    record.abortRequested = abortRequested;
+    record.alert = alert;
+    record.maxSpace = maxSpace;
+    record.freeMemory = freeMemory;
+    record.preferencesBase = preferencesBaseCallback;
+    record.modifierKeys = modifierKeys;
+
+    auto call = [&](int16_t selector) {
+        int16_t result = 0;
+        entry_(selector, &record, &data_, &result);
+        if (result != 0 && outcome.error == 0) {
+            outcome.error = result;
+            outcome.failedSelector = selector;
+        }
+        return result == 0;
+    };
+
+    bool ok = !invocation.parameters || call(cvSelectorParameters);
+    if (ok && call(cvSelectorPrepare)) {
+        if (call(cvSelectorStart))
+            call(cvSelectorContinue);
+        call(cvSelectorFinish);
+    }
+    outcome.aborted = abortFlag != 0;
+    return outcome;
+}
+
+}  // namespace Curvana::Host

@@ -1,0 +1,102 @@
+// Loads libcurvana.so and plays the host for it: fills the parameter block,
+// serves every callback, and drives the selectors of one invocation.
+#pragma once
+
+#include <csignal>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "host/Descriptor.h"
+#include "host/Raster.h"
+#include "plugin/CurvanaPlugin.h"
+
+namespace Curvana::Host {
+
+// Set by the SIGINT handler (or a test); abortRequested reports it and the
+// plane callbacks refuse further work once it is set.
+extern volatile std::sig_atomic_t abortFlag;
+
+// What the module sees of the host, beside the image.
+struct HostFacts {
+    int32_t majorVersion = 27;
+    bool gpuAvailable = false;    // "GPUF" bit 7
+    uint64_t maxSpace = 0;        // the host's maximum space for the filter
+    std::string preferencesBase;  // empty: the module is told there is none
+};
+
+// Receives the module's progress; default: nothing.
+struct ProgressListener {
+    virtual ~ProgressListener() = default;
+    virtual void text(const std::string& /*title*/, const std::string& /*message*/) {}
+    virtual void progress(int64_t /*done*/, int64_t /*total*/) {}
+};
+
+struct Invocation {
+    ImageSource* source = nullptr;
+    ResultImage* result = nullptr;
+    std::string xmpPacket;
+    const Descriptor* descriptor = nullptr;  // scripting parameters passed in; null for none
+    bool parameters = false;                 // send the Parameters selector (the editor)
+    ProgressListener* listener = nullptr;
+};
+
+struct InvocationOutcome {
+    int16_t error = 0;  // first non-zero selector result
+    int16_t failedSelector = -1;
+    bool aborted = false;     // the abort flag was set during the run
+    std::string ioError;      // the first file error met while serving planes
+    bool inputError = false;  // ... and it was the input that could not be decoded
+    std::unique_ptr<Descriptor> resultDescriptor;
+    std::vector<std::string> alerts;  // "title: message" as shown
+};
+
+// The buffer suite's memory: malloc within the host's maximum space. Buffers
+// may outlive an invocation (the module's pixel cache); those still live
+// when the module is closed are freed then.
+struct BufferPool {
+    std::mutex mutex;
+    std::unordered_map<void*, uint64_t> live;
+    uint64_t allocated = 0;
+    uint64_t limit = 0;
+    void* allocate(uint64_t size);
+    void release(void* buffer);
+    ~BufferPool();
+};
+
+class Module {
+public:
+    // Throws HostError when the file cannot be loaded or lacks EntryFI.
+    static std::unique_ptr<Module> load(const std::filesystem::path& path, HostFacts facts);
+    ~Module();  // sends Unload when the module stored an instance, then closes it
+    Module(const Module&) = delete;
+    Module& operator=(const Module&) = delete;
+
+    InvocationOutcome run(const Invocation& invocation);
+    const std::filesystem::path& path() const { return path_; }
+
+    // The module file to use: an explicit path (--module) wins; then
+    // libcurvana.so beside the executable; then $CURVANA_MODULE. Throws
+    // HostError naming the places tried.
+    static std::filesystem::path locate(const std::filesystem::path& explicitPath);
+
+private:
+    Module() = default;
+    std::filesystem::path path_;
+    void* handle_ = nullptr;
+    CvEntryPoint entry_ = nullptr;
+    intptr_t data_ = 0;
+    HostFacts facts_;
+    BufferPool buffers_;
+    CvBufferSuite1 bufferSuite_{};
+};
+
+// Strips a localisation key ("$$$/Curvana/Warning/X=Text" -> "Text").
+std::string displayText(const char* text);
+
+}  // namespace Curvana::Host

@@ -1,0 +1,183 @@
+#include "host/Raster.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <new>
+
+#include "host/ImageFiles.h"
+#include "host/TiffFile.h"
+
+namespace Curvana::Host {
+
+Raster Raster::allocate(const ImageInfo& info) {
+    if (info.width <= 0 || info.height <= 0)
+        throw HostError("the image has zero size");
+    Raster r;
+    r.info = info;
+    try {
+        r.data.assign(static_cast<size_t>(info.byteCount()), 0);
+    } catch (const std::bad_alloc&) {
+        throw HostError("not enough memory for a " + std::to_string(info.width) + " x " +
+                        std::to_string(info.height) + " image");
+    }
+    return r;
+}
+
+void extractPlane(const uint8_t* interleaved, ptrdiff_t srcRowBytes, int planes, int plane,
+                  size_t bytesPerSample, int32_t width, int32_t height, uint8_t* dst,
+                  ptrdiff_t dstRowBytes) {
+    for (int32_t y = 0; y < height; ++y) {
+        const uint8_t* s =
+            interleaved + srcRowBytes * y + static_cast<size_t>(plane) * bytesPerSample;
+        uint8_t* d = dst + dstRowBytes * y;
+        if (bytesPerSample == 1) {
+            for (int32_t x = 0; x < width; ++x)
+                d[x] = s[static_cast<size_t>(x) * planes];
+        } else {
+            for (int32_t x = 0; x < width; ++x)
+                std::memcpy(d + 2 * x, s + static_cast<size_t>(x) * planes * 2, 2);
+        }
+    }
+}
+
+void insertPlane(const uint8_t* src, ptrdiff_t srcRowBytes, int planes, int plane,
+                 size_t bytesPerSample, int32_t width, int32_t height, uint8_t* interleaved,
+                 ptrdiff_t dstRowBytes) {
+    for (int32_t y = 0; y < height; ++y) {
+        const uint8_t* s = src + srcRowBytes * y;
+        uint8_t* d = interleaved + dstRowBytes * y + static_cast<size_t>(plane) * bytesPerSample;
+        if (bytesPerSample == 1) {
+            for (int32_t x = 0; x < width; ++x)
+                d[static_cast<size_t>(x) * planes] = s[x];
+        } else {
+            for (int32_t x = 0; x < width; ++x)
+                std::memcpy(d + static_cast<size_t>(x) * planes * 2, s + 2 * x, 2);
+        }
+    }
+}
+
+void ImageSource::readInterleaved(const CvRect& rect, uint8_t* dst, ptrdiff_t rowBytes) {
+    const int32_t w = rect.right - rect.left, h = rect.bottom - rect.top;
+    const size_t bps = info_.bytesPerSample();
+    std::vector<uint8_t> plane(static_cast<size_t>(w) * h * bps);
+    for (int p = 0; p < info_.planes(); ++p) {
+        readPlane(rect, p, plane.data(), static_cast<ptrdiff_t>(w * bps));
+        insertPlane(plane.data(), static_cast<ptrdiff_t>(w * bps), info_.planes(), p, bps, w, h,
+                    dst, rowBytes);
+    }
+}
+
+MemorySource::MemorySource(std::filesystem::path path, FileFormat format, Raster raster,
+                           std::vector<uint8_t> icc)
+    : raster_(std::move(raster)) {
+    path_ = std::move(path);
+    format_ = format;
+    info_ = raster_.info;
+    icc_ = std::move(icc);
+}
+
+void MemorySource::readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_t rowBytes) {
+    if (plane < 0 || plane >= info_.planes() || !rectInside(rect, info_.bounds()))
+        throw HostError(path_.string() + ": plane request outside the image");
+    const size_t bps = info_.bytesPerSample();
+    const uint8_t* origin =
+        raster_.row(rect.top) + static_cast<size_t>(rect.left) * raster_.pixelBytes();
+    extractPlane(origin, static_cast<ptrdiff_t>(raster_.rowBytes()), info_.planes(), plane, bps,
+                 rect.right - rect.left, rect.bottom - rect.top, static_cast<uint8_t*>(buffer),
+                 rowBytes);
+}
+
+std::unique_ptr<ImageSource> openImage(const std::filesystem::path& path,
+                                       const SourceOptions& options) {
+    std::error_code ec;
+    if (!std::filesystem::exists(path, ec))
+        throw HostError(path.string() + ": no such file");
+    if (std::filesystem::is_directory(path, ec))
+        throw HostError(path.string() + ": is a folder, not an image");
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        throw HostError(path.string() + ": cannot open (" + std::strerror(errno) + ")");
+    unsigned char magic[8] = {};
+    in.read(reinterpret_cast<char*>(magic), sizeof magic);
+    const std::streamsize got = in.gcount();
+    in.close();
+    if (got == 0)
+        throw HostError(path.string() + ": empty file");
+    auto starts = [&](const char* bytes, int n) {
+        return got >= n && std::memcmp(magic, bytes, n) == 0;
+    };
+    if (starts("II*\0", 4) || starts("MM\0*", 4) || starts("II+\0", 4) || starts("MM\0+", 4))
+        return std::make_unique<TiffSource>(path, options);
+    if (starts("\x89PNG\r\n\x1a\n", 8)) {
+        DecodedImage d = readPng(path);
+        return std::make_unique<MemorySource>(path, FileFormat::Png, std::move(d.raster),
+                                              std::move(d.icc));
+    }
+    if (starts("\xff\xd8\xff", 3)) {
+        DecodedImage d = readJpeg(path);
+        return std::make_unique<MemorySource>(path, FileFormat::Jpeg, std::move(d.raster),
+                                              std::move(d.icc));
+    }
+    throw HostError(path.string() + ": unsupported image format (TIFF, PNG and JPEG are read)");
+}
+
+namespace {
+
+// JPEG and PNG results: a copy of the source in memory, encoded at finish.
+class MemoryResult final : public ResultImage {
+public:
+    MemoryResult(FileFormat format, std::filesystem::path path, ImageSource& source,
+                 const ResultOptions& options)
+        : format_(format), path_(std::move(path)), options_(options) {
+        checkFormatHolds(format_, source.info(), path_);
+        if (auto* memory = dynamic_cast<MemorySource*>(&source)) {
+            raster_ = memory->raster();
+        } else {
+            raster_ = Raster::allocate(source.info());
+            // Band by band keeps the source's own cache small.
+            const ImageInfo& info = source.info();
+            for (int32_t top = 0; top < info.height; top += 256) {
+                const CvRect band{0, top, info.width, std::min(info.height, top + 256)};
+                source.readInterleaved(band, raster_.row(top),
+                                       static_cast<ptrdiff_t>(raster_.rowBytes()));
+            }
+        }
+    }
+
+    void writePlane(const CvRect& rect, int plane, const void* buffer,
+                    ptrdiff_t rowBytes) override {
+        if (plane < 0 || plane >= raster_.info.planes() || !rectInside(rect, raster_.info.bounds()))
+            throw HostError(path_.string() + ": result plane outside the image");
+        uint8_t* origin =
+            raster_.row(rect.top) + static_cast<size_t>(rect.left) * raster_.pixelBytes();
+        insertPlane(static_cast<const uint8_t*>(buffer), rowBytes, raster_.info.planes(), plane,
+                    raster_.info.bytesPerSample(), rect.right - rect.left, rect.bottom - rect.top,
+                    origin, static_cast<ptrdiff_t>(raster_.rowBytes()));
+        anyWritten_ = true;
+    }
+
+    void finish() override {
+        if (format_ == FileFormat::Png)
+            writePng(path_, raster_, options_.icc);
+        else
+            writeJpeg(path_, raster_, options_.icc, options_.jpegQuality);
+    }
+
+private:
+    FileFormat format_;
+    std::filesystem::path path_;
+    ResultOptions options_;
+    Raster raster_;
+};
+
+}  // namespace
+
+std::unique_ptr<ResultImage> createResult(FileFormat format, const std::filesystem::path& path,
+                                          ImageSource& source, const ResultOptions& options) {
+    if (format == FileFormat::Tiff)
+        return makeTiledTiffResult(path, source, options);
+    return std::make_unique<MemoryResult>(format, path, source, options);
+}
+
+}  // namespace Curvana::Host

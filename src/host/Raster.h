@@ -1,0 +1,115 @@
+// An image held whole in memory, and the pixel-source and result-image
+// interfaces through which the module's plane requests reach the files.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/ImageTypes.h"
+
+namespace Curvana::Host {
+
+// Interleaved host values (uint8_t at depth 8, native uint16_t at depth 16),
+// rows top to bottom without padding.
+struct Raster {
+    ImageInfo info;
+    std::vector<uint8_t> data;
+
+    // Throws HostError when the image is empty or cannot be allocated.
+    static Raster allocate(const ImageInfo& info);
+    size_t pixelBytes() const { return static_cast<size_t>(info.planes()) * info.bytesPerSample(); }
+    size_t rowBytes() const { return pixelBytes() * static_cast<size_t>(info.width); }
+    uint8_t* row(int32_t y) { return data.data() + rowBytes() * static_cast<size_t>(y); }
+    const uint8_t* row(int32_t y) const {
+        return data.data() + rowBytes() * static_cast<size_t>(y);
+    }
+};
+
+// Copies one plane of an interleaved block into a plane buffer, or back.
+// Samples are bytesPerSample wide; strides are in bytes.
+void extractPlane(const uint8_t* interleaved, ptrdiff_t srcRowBytes, int planes, int plane,
+                  size_t bytesPerSample, int32_t width, int32_t height, uint8_t* dst,
+                  ptrdiff_t dstRowBytes);
+void insertPlane(const uint8_t* src, ptrdiff_t srcRowBytes, int planes, int plane,
+                 size_t bytesPerSample, int32_t width, int32_t height, uint8_t* interleaved,
+                 ptrdiff_t dstRowBytes);
+
+// The source photograph as the module reads it. readPlane copies plane
+// `plane` of rect (inside bounds()) into buffer as host values. Errors
+// (a strip that cannot be decoded) throw HostError naming the file.
+class ImageSource {
+public:
+    virtual ~ImageSource() = default;
+    const ImageInfo& info() const { return info_; }
+    FileFormat format() const { return format_; }
+    const std::filesystem::path& path() const { return path_; }
+    const std::vector<uint8_t>& iccProfile() const { return icc_; }
+    virtual void readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_t rowBytes) = 0;
+    // Reads every plane of rect interleaved into dst (rowBytes stride).
+    void readInterleaved(const CvRect& rect, uint8_t* dst, ptrdiff_t rowBytes);
+
+protected:
+    ImageInfo info_;
+    FileFormat format_ = FileFormat::Tiff;
+    std::filesystem::path path_;
+    std::vector<uint8_t> icc_;
+};
+
+// A decoded JPEG or PNG, held whole in memory.
+class MemorySource final : public ImageSource {
+public:
+    MemorySource(std::filesystem::path path, FileFormat format, Raster raster,
+                 std::vector<uint8_t> icc);
+    void readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_t rowBytes) override;
+    const Raster& raster() const { return raster_; }
+
+private:
+    Raster raster_;
+};
+
+// How much memory the source may keep decoded (strips or tiles of a TIFF).
+struct SourceOptions {
+    uint64_t cacheBudget = 256ull << 20;
+};
+
+// Opens a photograph by its content (not its extension). Throws HostError
+// with a one-line reason: missing, empty, unsupported format or mode, corrupt.
+std::unique_ptr<ImageSource> openImage(const std::filesystem::path& path,
+                                       const SourceOptions& options = {});
+
+// The image the module writes its result into. Pixels it never writes keep
+// the source's values (the filter works in place). finish() writes the file.
+class ResultImage {
+public:
+    virtual ~ResultImage() = default;
+    // rect must lie inside the image; throws HostError otherwise.
+    virtual void writePlane(const CvRect& rect, int plane, const void* buffer,
+                            ptrdiff_t rowBytes) = 0;
+    virtual void finish() = 0;
+    bool anyWritten() const { return anyWritten_; }
+
+protected:
+    bool anyWritten_ = false;
+};
+
+struct ResultOptions {
+    // Memory for result tiles not yet complete; beyond it they go to a
+    // temporary file in spillFolder (TIFF only).
+    uint64_t budget = 256ull << 20;
+    std::filesystem::path spillFolder;
+    std::vector<uint8_t> icc;
+    std::string xmpPacket;  // embedded by TIFF output; JPEG and PNG get theirs from Exiv2
+    int jpegQuality = 95;
+};
+
+// A result for source written as format to path. TIFF results are written
+// tile by tile as tiles complete (memory bounded by options.budget); JPEG and
+// PNG results are held whole in memory.
+std::unique_ptr<ResultImage> createResult(FileFormat format, const std::filesystem::path& path,
+                                          ImageSource& source, const ResultOptions& options);
+
+}  // namespace Curvana::Host

@@ -1,0 +1,383 @@
+#include "host/TiffFile.h"
+
+#include <tiffio.h>
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+
+namespace Curvana::Host {
+namespace {
+
+// libtiff reports through process-wide handlers: keep the last error for
+// the exception that follows, and silence warnings (unknown tags and the like).
+thread_local std::string tiffLastError;
+
+void tiffErrorHandler(const char* module, const char* fmt, va_list ap) {
+    char buffer[512];
+    std::vsnprintf(buffer, sizeof buffer, fmt, ap);
+    tiffLastError = buffer;
+    (void)module;
+}
+void tiffWarningHandler(const char*, const char*, va_list) {}
+
+void installTiffHandlers() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        TIFFSetErrorHandler(tiffErrorHandler);
+        TIFFSetWarningHandler(tiffWarningHandler);
+    });
+}
+
+std::string takeTiffError() {
+    // libtiff reads beyond the end of a mapped file without a message.
+    std::string message =
+        tiffLastError.empty() ? std::string("its data is missing") : tiffLastError;
+    tiffLastError.clear();
+    // libtiff messages may span lines; the host's errors are one line.
+    std::replace(message.begin(), message.end(), '\n', ' ');
+    return message;
+}
+
+}  // namespace
+
+void TiffCloser::operator()(TIFF* tif) const {
+    if (tif)
+        TIFFClose(tif);
+}
+
+TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& options)
+    : budget_(options.cacheBudget) {
+    installTiffHandlers();
+    path_ = path;
+    format_ = FileFormat::Tiff;
+    const std::string name = path.string();
+    // "m": no memory mapping. Touched pages of a mapped file count as resident
+    // memory, which would grow with the image instead of the cache budget.
+    tif_.reset(TIFFOpen(name.c_str(), "rm"));
+    if (!tif_)
+        throw HostError(name + ": not a readable TIFF (" + takeTiffError() + ")");
+    TIFF* tif = tif_.get();
+
+    uint32_t width = 0, height = 0;
+    uint16_t bits = 8, photometric = PHOTOMETRIC_MINISBLACK, planar = PLANARCONFIG_CONTIG;
+    uint16_t sampleFormat = SAMPLEFORMAT_UINT, inkSet = INKSET_CMYK;
+    TIFFGetField(tif, TIFFTAG_IMAGEWIDTH, &width);
+    TIFFGetField(tif, TIFFTAG_IMAGELENGTH, &height);
+    TIFFGetFieldDefaulted(tif, TIFFTAG_BITSPERSAMPLE, &bits);
+    TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLESPERPIXEL, &samplesPerPixel_);
+    TIFFGetFieldDefaulted(tif, TIFFTAG_PLANARCONFIG, &planar);
+    TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLEFORMAT, &sampleFormat);
+    TIFFGetFieldDefaulted(tif, TIFFTAG_COMPRESSION, &compression_);
+    if (!TIFFGetField(tif, TIFFTAG_PHOTOMETRIC, &photometric))
+        throw HostError(name + ": TIFF without a photometric interpretation");
+    if (width == 0 || height == 0)
+        throw HostError(name + ": the image has zero size");
+    if (width > 0x7fffffffu || height > 0x7fffffffu)
+        throw HostError(name + ": the image is too large");
+    if (bits != 8 && bits != 16)
+        throw HostError(name + ": " + std::to_string(bits) +
+                        "-bit TIFF samples are not supported (8 or 16 bits)");
+    if (sampleFormat != SAMPLEFORMAT_UINT && sampleFormat != SAMPLEFORMAT_INT)
+        throw HostError(name + ": floating-point TIFF samples are not supported");
+    separate_ = planar == PLANARCONFIG_SEPARATE;
+
+    Mode mode;
+    int basePlanes;
+    Convert chroma = Convert::Copy;
+    Convert first = Convert::Copy;
+    switch (photometric) {
+        case PHOTOMETRIC_MINISBLACK:
+            mode = Mode::Gray;
+            basePlanes = 1;
+            break;
+        case PHOTOMETRIC_MINISWHITE:
+            mode = Mode::Gray;
+            basePlanes = 1;
+            first = Convert::Invert;
+            break;
+        case PHOTOMETRIC_RGB:
+            mode = Mode::RGB;
+            basePlanes = 3;
+            break;
+        case PHOTOMETRIC_YCBCR:
+            if (compression_ != COMPRESSION_JPEG)
+                throw HostError(name + ": YCbCr TIFF is supported only with JPEG compression");
+            TIFFSetField(tif, TIFFTAG_JPEGCOLORMODE, JPEGCOLORMODE_RGB);
+            mode = Mode::RGB;
+            basePlanes = 3;
+            break;
+        case PHOTOMETRIC_SEPARATED:
+            TIFFGetFieldDefaulted(tif, TIFFTAG_INKSET, &inkSet);
+            if (inkSet != INKSET_CMYK || samplesPerPixel_ < 4)
+                throw HostError(name + ": separated TIFF other than CMYK is not supported");
+            mode = Mode::CMYK;
+            basePlanes = 4;
+            break;
+        case PHOTOMETRIC_CIELAB:
+            mode = Mode::Lab;
+            basePlanes = 3;
+            chroma = Convert::SignedOffset;
+            break;
+        case PHOTOMETRIC_ICCLAB:
+            mode = Mode::Lab;
+            basePlanes = 3;
+            break;
+        case PHOTOMETRIC_PALETTE:
+            throw HostError(name + ": palette TIFF is not supported");
+        default:
+            throw HostError(name + ": TIFF photometric " + std::to_string(photometric) +
+                            " is not supported");
+    }
+    if (samplesPerPixel_ < basePlanes)
+        throw HostError(name + ": TIFF has too few samples per pixel");
+    if (samplesPerPixel_ > basePlanes)
+        throw HostError(name + ": TIFF with extra (alpha) samples is not supported");
+    convert_[0] = first;
+    for (int p = 1; p < 4; ++p)
+        convert_[p] = chroma;
+
+    info_.width = static_cast<int32_t>(width);
+    info_.height = static_cast<int32_t>(height);
+    info_.mode = mode;
+    info_.depth = bits;
+
+    tiled_ = TIFFIsTiled(tif) != 0;
+    const uint32_t samplesInBlock = separate_ ? 1u : samplesPerPixel_;
+    if (tiled_) {
+        TIFFGetField(tif, TIFFTAG_TILEWIDTH, &blockWidth_);
+        TIFFGetField(tif, TIFFTAG_TILELENGTH, &blockHeight_);
+        if (blockWidth_ == 0 || blockHeight_ == 0)
+            throw HostError(name + ": TIFF tiles of zero size");
+    } else {
+        uint32_t rowsPerStrip = height;
+        TIFFGetFieldDefaulted(tif, TIFFTAG_ROWSPERSTRIP, &rowsPerStrip);
+        blockWidth_ = width;
+        blockHeight_ = std::clamp<uint32_t>(rowsPerStrip, 1u, height);
+    }
+    blockRowBytes_ = static_cast<uint64_t>(blockWidth_) * samplesInBlock * (bits / 8);
+
+    uint32_t count = 0;
+    const void* data = nullptr;
+    if (TIFFGetField(tif, TIFFTAG_ICCPROFILE, &count, &data) && data && count > 0) {
+        const auto* bytes = static_cast<const uint8_t*>(data);
+        icc_.assign(bytes, bytes + count);
+    }
+}
+
+TiffSource::~TiffSource() = default;
+
+const TiffSource::Block& TiffSource::block(uint32_t index, uint32_t expectedRows) {
+    auto found = cache_.find(index);
+    if (found != cache_.end()) {
+        lru_.splice(lru_.begin(), lru_, found->second.lru);
+        return found->second;
+    }
+    TIFF* tif = tif_.get();
+    const tmsize_t size = tiled_ ? TIFFTileSize(tif) : TIFFStripSize(tif);
+    const uint64_t needed = blockRowBytes_ * expectedRows;
+    if (size <= 0 || static_cast<uint64_t>(size) < needed)
+        throw HostError(path_.string() + ": inconsistent TIFF block size");
+    // Make room first so that peak memory stays within budget plus one block.
+    while (!lru_.empty() && cacheBytes_ + static_cast<uint64_t>(size) > budget_) {
+        auto victim = cache_.find(lru_.back());
+        cacheBytes_ -= victim->second.data.size();
+        cache_.erase(victim);
+        lru_.pop_back();
+    }
+    Block b;
+    b.data.resize(static_cast<size_t>(size));
+    const tmsize_t got = tiled_ ? TIFFReadEncodedTile(tif, index, b.data.data(), size)
+                                : TIFFReadEncodedStrip(tif, index, b.data.data(), size);
+    if (got < 0 || static_cast<uint64_t>(got) < needed)
+        throw InputError(path_.string() + ": cannot decode " + (tiled_ ? "tile " : "strip ") +
+                         std::to_string(index) + " (truncated or corrupt file: " + takeTiffError() +
+                         ")");
+    ++blocksDecoded_;
+    lru_.push_front(index);
+    b.lru = lru_.begin();
+    cacheBytes_ += b.data.size();
+    peakCacheBytes_ = std::max(peakCacheBytes_, cacheBytes_);
+    return cache_.emplace(index, std::move(b)).first->second;
+}
+
+void TiffSource::readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_t rowBytes) {
+    if (plane < 0 || plane >= info_.planes() || !rectInside(rect, info_.bounds()))
+        throw HostError(path_.string() + ": plane request outside the image");
+    const bool sixteen = info_.depth == 16;
+    const uint32_t bps = sixteen ? 2 : 1;
+    const uint32_t stride = separate_ ? 1u : samplesPerPixel_;
+    const uint32_t sampleInBlock = separate_ ? 0u : static_cast<uint32_t>(plane);
+    const Convert convert = convert_[plane];
+    auto* out = static_cast<uint8_t*>(buffer);
+
+    const uint32_t bx0 = static_cast<uint32_t>(rect.left) / blockWidth_;
+    const uint32_t bx1 = static_cast<uint32_t>(rect.right - 1) / blockWidth_;
+    const uint32_t by0 = static_cast<uint32_t>(rect.top) / blockHeight_;
+    const uint32_t by1 = static_cast<uint32_t>(rect.bottom - 1) / blockHeight_;
+    for (uint32_t by = by0; by <= by1; ++by) {
+        for (uint32_t bx = bx0; bx <= bx1; ++bx) {
+            const uint32_t x0 = bx * blockWidth_, y0 = by * blockHeight_;
+            const uint32_t rows =
+                std::min<uint32_t>(blockHeight_, static_cast<uint32_t>(info_.height) - y0);
+            uint32_t index;
+            if (tiled_)
+                index = TIFFComputeTile(tif_.get(), x0, y0, 0,
+                                        separate_ ? static_cast<uint16_t>(plane) : 0);
+            else
+                index =
+                    TIFFComputeStrip(tif_.get(), y0, separate_ ? static_cast<uint16_t>(plane) : 0);
+            // Tiles are always stored whole; strips only down to the last row.
+            const Block& b = block(index, tiled_ ? blockHeight_ : rows);
+            const CvRect area =
+                intersect(rect, CvRect{static_cast<int32_t>(x0), static_cast<int32_t>(y0),
+                                       static_cast<int32_t>(x0 + blockWidth_),
+                                       static_cast<int32_t>(y0 + rows)});
+            for (int32_t y = area.top; y < area.bottom; ++y) {
+                const uint8_t* src =
+                    b.data.data() + (static_cast<uint64_t>(y) - y0) * blockRowBytes_ +
+                    (static_cast<uint64_t>(area.left - x0) * stride + sampleInBlock) * bps;
+                uint8_t* dst = out + static_cast<ptrdiff_t>(y - rect.top) * rowBytes +
+                               static_cast<ptrdiff_t>(area.left - rect.left) * bps;
+                const int32_t n = area.right - area.left;
+                if (!sixteen) {
+                    for (int32_t i = 0; i < n; ++i, src += stride) {
+                        const uint8_t v = *src;
+                        dst[i] = convert == Convert::Copy ? v
+                                 : convert == Convert::Invert
+                                     ? static_cast<uint8_t>(255 - v)
+                                     : static_cast<uint8_t>(v ^ 0x80);  // int8 + 128
+                    }
+                } else {
+                    auto* d = reinterpret_cast<uint16_t*>(dst);
+                    for (int32_t i = 0; i < n; ++i, src += 2 * stride) {
+                        uint16_t v;
+                        std::memcpy(&v, src, 2);
+                        if (convert == Convert::Invert)
+                            v = static_cast<uint16_t>(65535 - v);
+                        else if (convert == Convert::SignedOffset)
+                            v = static_cast<uint16_t>(v ^ 0x8000);
+                        d[i] = hostFromFile16(v);
+                    }
+                }
+            }
+        }
+    }
+}
+
+bool needsBigTiff(const ImageInfo& info, uint32_t tileSize, bool compressed) {
+    const uint64_t across = (static_cast<uint64_t>(info.width) + tileSize - 1) / tileSize;
+    const uint64_t down = (static_cast<uint64_t>(info.height) + tileSize - 1) / tileSize;
+    const uint64_t pixels = across * down * tileSize * tileSize;
+    uint64_t bytes = pixels * static_cast<uint64_t>(info.planes()) * info.bytesPerSample();
+    if (compressed)
+        bytes += bytes / 2;
+    return bytes + (64ull << 20) > 0xFFFFFFFFull;
+}
+
+uint16_t outputCompression(uint16_t inputCompression) {
+    switch (inputCompression) {
+        case kTiffNone:
+        case kTiffLzw:
+        case kTiffDeflate:
+        case kTiffPackBits:
+            return inputCompression;
+        case COMPRESSION_DEFLATE:  // the old private code of Deflate
+            return kTiffDeflate;
+        default:
+            return kTiffLzw;
+    }
+}
+
+TiffTileWriter::TiffTileWriter(const std::filesystem::path& path, const ImageInfo& info,
+                               const TiffWriteOptions& options)
+    : path_(path), info_(info), tileSize_(options.tileSize) {
+    installTiffHandlers();
+    const std::string name = path.string();
+    tif_.reset(TIFFOpen(name.c_str(), options.bigTiff ? "w8" : "w"));
+    if (!tif_)
+        throw HostError(name + ": cannot create (" + takeTiffError() + ")");
+    TIFF* tif = tif_.get();
+    const uint16_t planes = static_cast<uint16_t>(info.planes());
+    TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, static_cast<uint32_t>(info.width));
+    TIFFSetField(tif, TIFFTAG_IMAGELENGTH, static_cast<uint32_t>(info.height));
+    TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, static_cast<uint16_t>(info.depth));
+    TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, planes);
+    TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+    TIFFSetField(tif, TIFFTAG_SAMPLEFORMAT, SAMPLEFORMAT_UINT);
+    switch (info.mode) {
+        case Mode::Gray:
+            TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
+            break;
+        case Mode::RGB:
+            TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB);
+            break;
+        case Mode::CMYK:
+            TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_SEPARATED);
+            TIFFSetField(tif, TIFFTAG_INKSET, INKSET_CMYK);
+            break;
+        case Mode::Lab:
+            TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_CIELAB);
+            break;
+    }
+    TIFFSetField(tif, TIFFTAG_COMPRESSION, options.compression);
+    if (options.compression == kTiffLzw || options.compression == kTiffDeflate)
+        TIFFSetField(tif, TIFFTAG_PREDICTOR, PREDICTOR_HORIZONTAL);
+    TIFFSetField(tif, TIFFTAG_TILEWIDTH, tileSize_);
+    TIFFSetField(tif, TIFFTAG_TILELENGTH, tileSize_);
+    TIFFSetField(tif, TIFFTAG_SOFTWARE, "Curvana");
+    if (!options.icc.empty())
+        TIFFSetField(tif, TIFFTAG_ICCPROFILE, static_cast<uint32_t>(options.icc.size()),
+                     options.icc.data());
+    if (!options.xmpPacket.empty())
+        TIFFSetField(tif, TIFFTAG_XMLPACKET, static_cast<uint32_t>(options.xmpPacket.size()),
+                     options.xmpPacket.data());
+    tilesAcross_ = (static_cast<uint32_t>(info.width) + tileSize_ - 1) / tileSize_;
+    tilesDown_ = (static_cast<uint32_t>(info.height) + tileSize_ - 1) / tileSize_;
+    scratch_.resize(static_cast<size_t>(tileSize_) * tileSize_ * planes * info.bytesPerSample());
+}
+
+TiffTileWriter::~TiffTileWriter() = default;
+
+void TiffTileWriter::writeTile(uint32_t tx, uint32_t ty, const uint8_t* host) {
+    if (!tif_)
+        throw HostError(path_.string() + ": write after close");
+    const size_t samples =
+        static_cast<size_t>(tileSize_) * tileSize_ * static_cast<size_t>(info_.planes());
+    const int planes = info_.planes();
+    const bool lab = info_.mode == Mode::Lab;
+    if (info_.depth == 8) {
+        for (size_t i = 0; i < samples; ++i) {
+            const uint8_t v = host[i];
+            scratch_[i] = (lab && i % planes != 0) ? static_cast<uint8_t>(v ^ 0x80) : v;
+        }
+    } else {
+        const auto* src = reinterpret_cast<const uint16_t*>(host);
+        auto* dst = reinterpret_cast<uint16_t*>(scratch_.data());
+        for (size_t i = 0; i < samples; ++i) {
+            uint16_t v = fileFromHost16(src[i]);
+            if (lab && i % planes != 0)
+                v = static_cast<uint16_t>(v ^ 0x8000);
+            dst[i] = v;
+        }
+    }
+    const uint32_t index = TIFFComputeTile(tif_.get(), tx * tileSize_, ty * tileSize_, 0, 0);
+    if (TIFFWriteEncodedTile(tif_.get(), index, scratch_.data(),
+                             static_cast<tmsize_t>(scratch_.size())) < 0)
+        throw HostError(path_.string() + ": cannot write tile (" + takeTiffError() + ")");
+}
+
+void TiffTileWriter::close() {
+    if (!tif_)
+        return;
+    const bool ok = TIFFWriteDirectory(tif_.get()) != 0;
+    // TIFFClose flushes; its failure shows only in the error handler.
+    tiffLastError.clear();
+    tif_.reset();
+    if (!ok || !tiffLastError.empty())
+        throw HostError(path_.string() + ": cannot finish the file (" + takeTiffError() + ")");
+}
+
+}  // namespace Curvana::Host

@@ -1,0 +1,116 @@
+// TIFF files read strip by strip or tile by tile through a bounded cache of
+// decoded blocks, and written tile by tile, so that images far larger than
+// memory pass through.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <list>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "host/Raster.h"
+
+typedef struct tiff TIFF;
+
+namespace Curvana::Host {
+
+struct TiffCloser {
+    void operator()(TIFF* tif) const;
+};
+using TiffHandle = std::unique_ptr<TIFF, TiffCloser>;
+
+// TIFF compression codes the host writes.
+inline constexpr uint16_t kTiffNone = 1, kTiffLzw = 5, kTiffDeflate = 8, kTiffPackBits = 32773;
+
+// A TIFF photograph: grey (min-is-black or min-is-white), RGB (also
+// JPEG-compressed YCbCr, decoded to RGB), CMYK, CIE Lab or ICC Lab; 8 or
+// 16 bits; contiguous or separate planes; strips or tiles; classic or
+// BigTIFF. Extra (alpha) samples are refused. Blocks (strips or tiles) are
+// decoded on demand and kept in an LRU within the cache budget; one block
+// is always kept, so a file stored as one huge strip needs that strip's
+// memory.
+class TiffSource final : public ImageSource {
+public:
+    TiffSource(const std::filesystem::path& path, const SourceOptions& options);
+    ~TiffSource() override;
+    void readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_t rowBytes) override;
+
+    bool tiled() const { return tiled_; }
+    uint16_t compression() const { return compression_; }
+    uint64_t blocksDecoded() const { return blocksDecoded_; }
+    uint64_t peakCacheBytes() const { return peakCacheBytes_; }
+
+private:
+    enum class Convert { Copy, Invert, SignedOffset };
+    struct Block {
+        std::vector<uint8_t> data;
+        std::list<uint32_t>::iterator lru;
+    };
+    const Block& block(uint32_t index, uint32_t expectedRows);
+
+    TiffHandle tif_;
+    bool tiled_ = false;
+    bool separate_ = false;
+    uint16_t samplesPerPixel_ = 1;
+    uint16_t compression_ = 1;
+    uint32_t blockWidth_ = 0, blockHeight_ = 0;  // tile size, or image width x rows per strip
+    uint64_t blockRowBytes_ = 0;
+    Convert convert_[4] = {};
+    uint64_t budget_;
+    uint64_t cacheBytes_ = 0, peakCacheBytes_ = 0, blocksDecoded_ = 0;
+    std::list<uint32_t> lru_;  // most recent first
+    std::unordered_map<uint32_t, Block> cache_;
+};
+
+struct TiffWriteOptions {
+    uint16_t compression = kTiffLzw;
+    bool bigTiff = false;
+    uint32_t tileSize = 256;
+    std::vector<uint8_t> icc;
+    std::string xmpPacket;
+};
+
+// True when a tiled file of this image could pass the 4 GiB limit of classic
+// TIFF: the padded tiles at file depth, times 1.5 when compressed (the worst
+// case growth of LZW or Deflate on noise), plus 64 MiB for the directory.
+bool needsBigTiff(const ImageInfo& info, uint32_t tileSize, bool compressed);
+
+// Compression for an output: the input's own when it is one we write well
+// (none, LZW, Deflate, PackBits), else LZW.
+uint16_t outputCompression(uint16_t inputCompression);
+
+// Writes a tiled, contiguous TIFF tile by tile in any order. Photometric:
+// min-is-black, RGB, separated (CMYK ink set) or CIE Lab.
+class TiffTileWriter {
+public:
+    TiffTileWriter(const std::filesystem::path& path, const ImageInfo& info,
+                   const TiffWriteOptions& options);
+    ~TiffTileWriter();
+    uint32_t tileSize() const { return tileSize_; }
+    uint32_t tilesAcross() const { return tilesAcross_; }
+    uint32_t tilesDown() const { return tilesDown_; }
+    // host: tileSize x tileSize interleaved host values (padding beyond the
+    // image edge is written as given). Each tile once. Throws HostError.
+    void writeTile(uint32_t tx, uint32_t ty, const uint8_t* host);
+    // Writes the directory and closes the file. Throws HostError.
+    void close();
+
+private:
+    std::filesystem::path path_;
+    ImageInfo info_;
+    TiffHandle tif_;
+    uint32_t tileSize_, tilesAcross_, tilesDown_;
+    std::vector<uint8_t> scratch_;
+};
+
+// The TIFF result: tiles collect the module's plane writes in memory and are
+// encoded as soon as all their samples are written. Incomplete tiles beyond
+// options.budget move to an unlinked temporary file in options.spillFolder.
+// finish() fills what was never written from the source and closes the file.
+std::unique_ptr<ResultImage> makeTiledTiffResult(const std::filesystem::path& path,
+                                                 ImageSource& source, const ResultOptions& options);
+
+}  // namespace Curvana::Host

@@ -1,0 +1,351 @@
+// Scenarios: the real curvana binary on generated photographs, with the fake
+// module standing in for the filter (it mirrors the image). Output mode,
+// depth, size, pixels and metadata are checked, and every refusal must be
+// one clear line, a non-zero exit and no file.
+#include <gtest/gtest.h>
+
+#include <exiv2/exiv2.hpp>
+
+#include "HostTestUtil.h"
+#include "host/Cli.h"
+#include "host/Descriptor.h"
+#include "samplegen/SampleFiles.h"
+
+namespace Curvana::Host::Test {
+namespace {
+
+// An XMP packet with one property that must reach the output unchanged.
+std::string ratingPacket() {
+    Exiv2::XmpData xmp;
+    xmp["Xmp.xmp.Rating"] = 4;
+    std::string packet;
+    Exiv2::XmpParser::encode(packet, xmp);
+    return packet;
+}
+
+class CliScenario : public ::testing::Test {
+protected:
+    fs::path sample(const std::string& name, Mode mode, int depth, int32_t width = 240,
+                    int32_t height = 160) {
+        SampleGen::SampleFileOptions o;
+        o.scene.width = width;
+        o.scene.height = height;
+        o.scene.samples = 1;
+        o.mode = mode;
+        o.depth = depth;
+        o.icc = makeIcc(mode);
+        o.xmpPacket = ratingPacket();
+        const fs::path p = dir / name;
+        SampleGen::writeSampleFile(p, o);
+        return p;
+    }
+
+    RunResult curvana(std::vector<std::string> args, std::map<std::string, std::string> env = {}) {
+        if (!args.empty() && args[0] != "--help" &&
+            std::find(args.begin(), args.end(), "--module") == args.end()) {
+            args.push_back("--module");
+            args.push_back(CURVANA_FAKE_MODULE);
+        }
+        env.emplace("XDG_CONFIG_HOME", (dir / "xdg").string());
+        env.emplace("CURVANA_FAKE_REPORT", (dir / "report.txt").string());
+        return runProgram(CURVANA_EXE, args, env);
+    }
+
+    std::string report() {
+        std::ifstream in(dir / "report.txt");
+        std::stringstream s;
+        s << in.rdbuf();
+        return s.str();
+    }
+
+    // Files in the scratch folder other than the given ones (temporaries left behind).
+    std::vector<std::string> strayFiles(const std::vector<std::string>& expected) {
+        std::vector<std::string> stray;
+        for (const auto& e : fs::directory_iterator(dir.path())) {
+            const std::string name = e.path().filename().string();
+            if (e.is_regular_file() && name != "report.txt" &&
+                std::find(expected.begin(), expected.end(), name) == expected.end())
+                stray.push_back(name);
+        }
+        return stray;
+    }
+
+    void expectCarriedMetadata(const fs::path& out) {
+        auto image = Exiv2::ImageFactory::open(out.string());
+        image->readMetadata();
+        const auto& exif = image->exifData();
+        ASSERT_NE(exif.findKey(Exiv2::ExifKey("Exif.Image.Make")), exif.end()) << out;
+        EXPECT_EQ(exif.findKey(Exiv2::ExifKey("Exif.Image.Make"))->toString(), "Curvana");
+        EXPECT_EQ(exif.findKey(Exiv2::ExifKey("Exif.Image.Model"))->toString(),
+                  "Sample Room Camera");
+        EXPECT_FLOAT_EQ(exif.findKey(Exiv2::ExifKey("Exif.Photo.FocalLength"))->toFloat(), 15.0f);
+        const auto& xmp = image->xmpData();
+        const auto rating = xmp.findKey(Exiv2::XmpKey("Xmp.xmp.Rating"));
+        ASSERT_NE(rating, xmp.end()) << out;
+        EXPECT_EQ(rating->toString(), "4");
+        auto image2 = openImage(out);
+        EXPECT_EQ(image2->iccProfile(), makeIcc(image2->info().mode));
+    }
+
+    // Runs apply on a sample and checks the output against the mirrored input.
+    void roundTrip(const std::string& in, const std::string& out, Mode mode, int depth,
+                   int tolerance) {
+        const fs::path input = sample(in, mode, depth);
+        const RunResult r = curvana({"apply", input.string(), "-o", (dir / out).string()});
+        ASSERT_EQ(r.exitCode, 0) << r.err;
+        auto source = openImage(dir / out);
+        EXPECT_EQ(source->info().mode, mode);
+        EXPECT_EQ(source->info().depth, depth);
+        EXPECT_EQ(source->info().width, 240);
+        EXPECT_EQ(source->info().height, 160);
+        EXPECT_LE(maxDifference(readWhole(dir / out), mirrored(readWhole(input))), tolerance);
+        expectCarriedMetadata(dir / out);
+        EXPECT_NE(report().find("xmpHasFocal=1"),
+                  std::string::npos);  // EXIF reached the module as XMP
+        EXPECT_TRUE(strayFiles({in, out}).empty());
+    }
+
+    ScratchDir dir;
+};
+
+TEST_F(CliScenario, RgbJpeg8) {
+    roundTrip("in.jpg", "out.jpg", Mode::RGB, 8, 48);
+}
+TEST_F(CliScenario, RgbTiff16) {
+    roundTrip("in.tif", "out.tif", Mode::RGB, 16, 0);
+}
+TEST_F(CliScenario, CmykTiff8) {
+    roundTrip("in.tif", "out.tif", Mode::CMYK, 8, 0);
+}
+TEST_F(CliScenario, LabTiff16) {
+    roundTrip("in.tif", "out.tif", Mode::Lab, 16, 0);
+}
+TEST_F(CliScenario, GreyPng8) {
+    roundTrip("in.png", "out.png", Mode::Gray, 8, 0);
+}
+TEST_F(CliScenario, GreyPng16) {
+    roundTrip("in.png", "out.png", Mode::Gray, 16, 0);
+}
+
+TEST_F(CliScenario, ConvertsBetweenFormatsByExtension) {
+    const fs::path input = sample("in.jpg", Mode::RGB, 8);
+    const RunResult r = curvana({"apply", input.string(), "-o", (dir / "out.tif").string(), "-q"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(maxDifference(readWhole(dir / "out.tif"), mirrored(readWhole(input))), 0);
+    expectCarriedMetadata(dir / "out.tif");
+}
+
+TEST_F(CliScenario, HandsTheOptionsToTheModuleAndRecordsTheResult) {
+    const fs::path input = sample("in.png", Mode::RGB, 8);
+    RunResult r =
+        curvana({"apply", input.string(), "-o", (dir / "a.png").string(), "--projection", "fisheye",
+                 "--regularizer", "mercator", "--focal-mm", "12", "--crop", "1.5"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    std::string seen = report();
+    EXPECT_NE(seen.find("in.prjM=prjM:fisP"), std::string::npos) << seen;
+    EXPECT_NE(seen.find("in.regM=regM:merR"), std::string::npos);
+    EXPECT_NE(seen.find("in.focL=120.0000"), std::string::npos);  // 1.5 x 12 x 240 / 36
+    EXPECT_NE(seen.find("in.CrpF=1.5000"), std::string::npos);
+    const fs::path record = dir / "xdg" / "curvana" / "last-action.json";
+    ASSERT_TRUE(fs::exists(record));
+    EXPECT_TRUE(loadAction(record)->find(CV_FOURCC('r', 'u', 'n', 'N')));
+
+    // repeat replays the recorded action, and so does apply --params with an override.
+    fs::remove(dir / "report.txt");
+    r = curvana({"repeat", input.string(), "-o", (dir / "b.png").string()});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    seen = report();
+    EXPECT_NE(seen.find("in.regM=regM:merR"), std::string::npos) << seen;
+    EXPECT_NE(seen.find("in.focL=120.0000"), std::string::npos);
+    EXPECT_NE(seen.find("parameters=0"), std::string::npos);
+
+    fs::copy_file(record, dir / "action.json");
+    fs::remove(dir / "report.txt");
+    r = curvana({"apply", input.string(), "-o", (dir / "c.png").string(), "--params",
+                 (dir / "action.json").string(), "--regularizer", "panini"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    seen = report();
+    EXPECT_NE(seen.find("in.regM=regM:panR"), std::string::npos) << seen;
+    EXPECT_NE(seen.find("in.focL=120.0000"), std::string::npos);
+}
+
+TEST_F(CliScenario, TakesTheFocalLengthFromExif) {
+    const fs::path input = sample("in.png", Mode::RGB, 8);
+    const RunResult r = curvana({"apply", input.string(), "-o", (dir / "a.png").string()});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_NE(report().find("in.focL=100.0000"), std::string::npos)
+        << report();  // 15 mm x 240 / 36
+}
+
+TEST_F(CliScenario, KeepsTheSourceWhereTheFilterWroteNothing) {
+    const fs::path input = sample("in.tif", Mode::RGB, 8);
+    const RunResult r = curvana({"apply", input.string(), "-o", (dir / "out.tif").string()},
+                                {{"CURVANA_FAKE", "half"}});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const Raster out = readWhole(dir / "out.tif"), in = readWhole(input), mirror = mirrored(in);
+    for (int32_t y = 0; y < 160; y += 7)
+        for (int32_t x = 0; x < 240; x += 5)
+            ASSERT_EQ(out.row(y)[3 * x], (x < 120 ? mirror : in).row(y)[3 * x]) << x << "," << y;
+}
+
+TEST_F(CliScenario, SpillsResultTilesWhenTheModuleWritesPlaneByPlane) {
+    const fs::path input = sample("in.tif", Mode::CMYK, 16, 900, 700);
+    const RunResult r =
+        curvana({"apply", input.string(), "-o", (dir / "out.tif").string(), "--cache-mb", "16"},
+                {{"CURVANA_FAKE", "planes"}, {"CURVANA_FAKE_TILE", "128"}});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(maxDifference(readWhole(dir / "out.tif"), mirrored(readWhole(input))), 0);
+}
+
+TEST_F(CliScenario, ProcessesABatchIntoAFolderWithProgress) {
+    fs::create_directory(dir / "out");
+    const fs::path a = sample("a.jpg", Mode::RGB, 8), b = sample("b.png", Mode::Gray, 8),
+                   c = sample("c.tif", Mode::Lab, 8);
+    const RunResult r =
+        curvana({"apply", a.string(), b.string(), c.string(), "-o", (dir / "out").string()});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    for (const char* name : {"a.jpg", "b.png", "c.tif"})
+        EXPECT_TRUE(fs::exists(dir / "out" / name)) << name;
+    EXPECT_NE(r.err.find("c.tif (3/3): Applying Curvana. 100%"), std::string::npos) << r.err;
+}
+
+TEST_F(CliScenario, NeverOverwritesAnInputUnlessNamedAsTheOutput) {
+    const fs::path input = sample("in.png", Mode::RGB, 8);
+    const auto before = fs::file_size(input);
+    RunResult r = curvana({"apply", input.string(), "-o", dir.path().string()});
+    EXPECT_EQ(r.exitCode, kExitOutput);
+    EXPECT_NE(r.err.find("would overwrite the input"), std::string::npos) << r.err;
+    EXPECT_EQ(fs::file_size(input), before);
+
+    const Raster original = readWhole(input);
+    r = curvana({"apply", input.string(), "-o", input.string()});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(maxDifference(readWhole(input), mirrored(original)), 0);
+}
+
+// Lines of standard error that are messages (not progress).
+std::vector<std::string> messages(const RunResult& r) {
+    std::vector<std::string> lines;
+    for (const auto& l : r.errLines())
+        if (l.rfind("curvana: ", 0) == 0)
+            lines.push_back(l);
+    return lines;
+}
+
+// Every refusal: one message line, the expected exit code, no output and no temporary file.
+void expectRefusal(const RunResult& r, int code, const std::string& text) {
+    EXPECT_EQ(r.exitCode, code) << r.err;
+    const auto lines = messages(r);
+    ASSERT_EQ(lines.size(), 1u) << r.err;
+    EXPECT_EQ(lines[0].rfind("curvana: ", 0), 0u) << lines[0];
+    EXPECT_NE(lines[0].find(text), std::string::npos) << lines[0];
+}
+
+TEST_F(CliScenario, RefusesBadInputsCleanly) {
+    const std::string out = (dir / "out.tif").string();
+    expectRefusal(curvana({"apply", (dir / "missing.tif").string(), "-o", out}), kExitInput,
+                  "no such file");
+
+    std::ofstream(dir / "notes.tif") << "these are notes, not a picture";
+    expectRefusal(curvana({"apply", (dir / "notes.tif").string(), "-o", out}), kExitInput,
+                  "unsupported image format");
+
+    const fs::path cut = sample("cut.tif", Mode::RGB, 8, 600, 400);
+    fs::resize_file(cut, fs::file_size(cut) * 2 / 3);
+    expectRefusal(curvana({"apply", cut.string(), "-o", out}), kExitInput, "cut.tif");
+
+    // A classic TIFF whose one directory says the image is 0 pixels wide.
+    const uint8_t zero[] = {'I', 'I', 42, 0, 8, 0, 0, 0, 3,  0, 0, 1,
+                            4,   0,   1,  0, 0, 0, 0, 0, 0,  0,        // ImageWidth 0
+                            1,   1,   4,  0, 1, 0, 0, 0, 10, 0, 0, 0,  // ImageLength 10
+                            6,   1,   3,  0, 1, 0, 0, 0, 1,  0, 0, 0,  // Photometric min-is-black
+                            0,   0,   0,  0};
+    std::ofstream(dir / "zero.tif", std::ios::binary)
+        .write(reinterpret_cast<const char*>(zero), sizeof zero);
+    const RunResult r = curvana({"apply", (dir / "zero.tif").string(), "-o", out});
+    EXPECT_EQ(r.exitCode, kExitInput) << r.err;
+    EXPECT_EQ(messages(r).size(), 1u) << r.err;
+
+    EXPECT_FALSE(fs::exists(out));
+    EXPECT_TRUE(strayFiles({"notes.tif", "cut.tif", "zero.tif"}).empty());
+}
+
+TEST_F(CliScenario, RefusesOutputsItCannotWrite) {
+    const fs::path input = sample("in.tif", Mode::RGB, 16);
+    expectRefusal(curvana({"apply", input.string(), "-o", (dir / "nowhere" / "out.tif").string()}),
+                  kExitOutput, "no such folder");
+    // Root ignores folder permissions: use a folder no one can create files in.
+    const fs::path locked =
+        ::geteuid() == 0 ? fs::path("/proc/curvana-out.tif") : dir / "locked" / "out.tif";
+    if (::geteuid() != 0) {
+        fs::create_directory(dir / "locked");
+        fs::permissions(dir / "locked", fs::perms::owner_read | fs::perms::owner_exec);
+    }
+    expectRefusal(curvana({"apply", input.string(), "-o", locked.string()}), kExitOutput,
+                  "cannot write there");
+    expectRefusal(curvana({"apply", input.string(), "-o", (dir / "out.jpg").string()}), kExitOutput,
+                  "JPEG cannot hold");
+    expectRefusal(curvana({"apply", input.string(), "-o", (dir / "out.bmp").string()}), kExitOutput,
+                  "unknown output format");
+    EXPECT_TRUE(strayFiles({"in.tif"}).empty());
+}
+
+TEST_F(CliScenario, RefusesAMalformedParamsFile) {
+    const fs::path input = sample("in.png", Mode::RGB, 8);
+    std::ofstream(dir / "bad.json") << "{ \"curvanaAction\": 1, \"descriptor\": [ { \"key\": ";
+    expectRefusal(curvana({"apply", input.string(), "-o", (dir / "out.png").string(), "--params",
+                           (dir / "bad.json").string()}),
+                  kExitUsage, "not valid JSON");
+    EXPECT_FALSE(fs::exists(dir / "out.png"));
+}
+
+TEST_F(CliScenario, SaysWhatIsNotAvailableYet) {
+    const fs::path input = sample("in.png", Mode::RGB, 8);
+    expectRefusal(curvana({"edit", input.string(), "-o", (dir / "out.png").string()}),
+                  kExitUnavailable, "editor is not available");
+    expectRefusal(curvana({"apply", input.string(), "-o", (dir / "out.png").string(),
+                           "--constraints", "c.cvc"}),
+                  kExitUnavailable, "--constraints");
+    EXPECT_FALSE(fs::exists(dir / "out.png"));
+}
+
+TEST_F(CliScenario, WritesNothingWhenTheFilterFailsOrDeclines) {
+    const fs::path input = sample("in.png", Mode::RGB, 8);
+    for (const char* mode : {"fail", "nowrite"}) {
+        const RunResult r = curvana({"apply", input.string(), "-o", (dir / "out.png").string()},
+                                    {{"CURVANA_FAKE", mode}});
+        EXPECT_EQ(r.exitCode, kExitFailed) << mode << ": " << r.err;
+        EXPECT_NE(r.err.find("nothing written"), std::string::npos) << r.err;
+        EXPECT_FALSE(fs::exists(dir / "out.png")) << mode;
+    }
+    EXPECT_TRUE(strayFiles({"in.png"}).empty());
+    EXPECT_FALSE(fs::exists(dir / "xdg" / "curvana" / "last-action.json"));
+}
+
+TEST_F(CliScenario, CtrlCLeavesNoPartialFile) {
+    fs::create_directory(dir / "out");
+    const fs::path a = sample("a.tif", Mode::RGB, 8), b = sample("b.tif", Mode::RGB, 8);
+    const RunResult r = curvana({"apply", a.string(), b.string(), "-o", (dir / "out").string()},
+                                {{"CURVANA_FAKE", "interrupt"}});
+    EXPECT_EQ(r.exitCode, kExitInterrupted) << r.err;
+    EXPECT_TRUE(fs::is_empty(dir / "out"));
+}
+
+TEST_F(CliScenario, ReportsAMissingModule) {
+    const fs::path input = sample("in.png", Mode::RGB, 8);
+    expectRefusal(curvana({"apply", input.string(), "-o", (dir / "o.png").string(), "--module",
+                           (dir / "nope.so").string()}),
+                  kExitModule, "no such module");
+}
+
+TEST_F(CliScenario, HelpListsTheExitCodes) {
+    for (const char* command : {"apply", "repeat", "edit"}) {
+        const RunResult r = runProgram(CURVANA_EXE, {command, "--help"});
+        EXPECT_EQ(r.exitCode, 0);
+    }
+    const RunResult bad = curvana({"apply"});
+    EXPECT_EQ(bad.exitCode, kExitUsage);
+}
+
+}  // namespace
+}  // namespace Curvana::Host::Test

@@ -1,0 +1,197 @@
+// Action descriptors: the suite the module uses, their JSON form, and the
+// descriptor an `apply` builds from its options.
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "HostTestUtil.h"
+#include "host/Cli.h"
+#include "host/Descriptor.h"
+
+namespace Curvana::Host::Test {
+namespace {
+
+constexpr uint32_t kFoc = CV_FOURCC('f', 'o', 'c', 'L'), kPrj = CV_FOURCC('p', 'r', 'j', 'M');
+constexpr uint32_t kCrp = CV_FOURCC('C', 'r', 'p', 'F'), kPhy = CV_FOURCC('P', 'h', 'y', 'F');
+
+TEST(Base64, MatchesTheStandardVectors) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"", ""},        {"f", "Zg=="},        {"fo", "Zm8="},
+        {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {"foobar", "Zm9vYmFy"}};
+    for (const auto& [plain, coded] : cases) {
+        const std::vector<uint8_t> bytes(plain.begin(), plain.end());
+        EXPECT_EQ(base64Encode(bytes), coded);
+        EXPECT_EQ(base64Decode(coded), bytes);
+    }
+    EXPECT_FALSE(base64Decode("Zm9").has_value());
+    EXPECT_FALSE(base64Decode("Zm=v").has_value());
+    EXPECT_FALSE(base64Decode("Zm9*").has_value());
+}
+
+TEST(FourCC, SpellsPrintableCodesAndHexForTheRest) {
+    EXPECT_EQ(fourccToString(kPrj), "prjM");
+    EXPECT_EQ(fourccFromString("prjM"), kPrj);
+    EXPECT_EQ(fourccToString(1), "0x00000001");
+    EXPECT_EQ(fourccFromString("0x00000001"), 1u);
+    EXPECT_FALSE(fourccFromString("prj").has_value());
+}
+
+TEST(DescriptorJson, RoundTripsEveryTypeInOrder) {
+    Descriptor d;
+    d.putEnumerated(kPrj, kPrj, CV_FOURCC('f', 'i', 's', 'P'));
+    d.putFloat(kFoc, 1250.25);
+    d.putInteger(CV_FOURCC('i', 'm', 'g', 'S'), -120);
+    DescriptorEntry flag;
+    flag.key = CV_FOURCC('f', 'l', 'a', 'g');
+    flag.type = cvTypeBoolean;
+    flag.boolean = true;
+    d.put(flag);
+    DescriptorEntry data;
+    data.key = CV_FOURCC('c', 'n', 's', 'D');
+    data.type = cvTypeRawData;
+    data.data = {0, 1, 2, 0xFF, 0x80, 'x'};
+    d.put(data);
+    const auto back = descriptorFromJson(nlohmann::json::parse(descriptorToJson(d).dump()), "test");
+    ASSERT_EQ(back->entries().size(), 5u);
+    for (size_t i = 0; i < 5; ++i) {
+        const auto &a = d.entries()[i], &b = back->entries()[i];
+        EXPECT_EQ(a.key, b.key);
+        EXPECT_EQ(a.type, b.type);
+        EXPECT_EQ(a.integer, b.integer);
+        EXPECT_EQ(a.number, b.number);
+        EXPECT_EQ(a.boolean, b.boolean);
+        EXPECT_EQ(a.enumValue, b.enumValue);
+        EXPECT_EQ(a.data, b.data);
+    }
+}
+
+std::string loadError(const std::string& text) {
+    ScratchDir dir;
+    std::ofstream(dir / "a.json") << text;
+    try {
+        loadAction(dir / "a.json");
+    } catch (const HostError& e) {
+        return e.what();
+    }
+    return "";
+}
+
+TEST(DescriptorJson, ExplainsEveryRefusalInOneLine) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"{ \"curvanaAction\": 1, ", "not valid JSON"},
+        {"[]", "must be a JSON object"},
+        {"{\"descriptor\": []}", "curvanaAction"},
+        {R"({"curvanaAction":1,"descriptor":[{"key":"toolong","type":"integer","value":1}]})",
+         "four-character"},
+        {R"({"curvanaAction":1,"descriptor":[{"key":"imgS","type":"float","value":1}]})",
+         "unknown type"},
+        {R"({"curvanaAction":1,"descriptor":[{"key":"imgS","type":"integer","value":4294967296}]})",
+         "32-bit"},
+        {R"({"curvanaAction":1,"descriptor":[{"key":"imgS","type":"integer","value":1.5}]})",
+         "whole number"},
+        {R"({"curvanaAction":1,"descriptor":[{"key":"cnsD","type":"data","value":"%%%"}]})",
+         "base64"},
+        {R"({"curvanaAction":1,"descriptor":[{"key":"imgS","type":"integer","value":1},
+            {"key":"imgS","type":"integer","value":2}]})",
+         "twice"},
+        {R"({"curvanaAction":1,"descriptor":[{"key":"prjM","type":"enumerated","value":"fisP"}]})",
+         "enumType"},
+    };
+    for (const auto& [text, expected] : cases) {
+        const std::string message = loadError(text);
+        EXPECT_NE(message.find(expected), std::string::npos) << text << " -> " << message;
+        EXPECT_EQ(message.find('\n'), std::string::npos) << message;
+    }
+}
+
+TEST(DescriptorSuite, ServesTheModuleAndGuardsItsHandles) {
+    const CvDescriptorSuite5* s = descriptorSuite();
+    CvDescriptor made = nullptr;
+    ASSERT_EQ(s->make(&made), cvNoErr);
+    EXPECT_EQ(s->putFloat(made, kFoc, 10.0), cvNoErr);
+    EXPECT_EQ(s->putInteger(made, kPrj, 3), cvNoErr);
+    EXPECT_EQ(s->putFloat(made, kFoc, 20.0), cvNoErr);  // replaced in place
+    uint32_t count = 0, key = 0, type = 0;
+    s->count(made, &count);
+    EXPECT_EQ(count, 2u);
+    s->keyAt(made, 0, &key, &type);
+    EXPECT_EQ(key, kFoc);
+    EXPECT_EQ(type, static_cast<uint32_t>(cvTypeFloat));
+    double v = 0;
+    EXPECT_EQ(s->getFloat(made, kFoc, &v), cvNoErr);
+    EXPECT_EQ(v, 20.0);
+    int32_t i = 0;
+    EXPECT_NE(s->getInteger(made, kFoc, &i), cvNoErr);  // wrong type
+    const char bytes[] = "abc";
+    EXPECT_EQ(s->putData(made, CV_FOURCC('c', 'n', 's', 'D'), bytes, 3), cvNoErr);
+    int32_t length = 0;
+    s->getDataLength(made, CV_FOURCC('c', 'n', 's', 'D'), &length);
+    EXPECT_EQ(length, 3);
+    EXPECT_EQ(s->release(made), cvNoErr);
+    EXPECT_EQ(s->count(made, &count), cvErrParam);  // stale handle
+
+    Descriptor hostOwned;
+    EXPECT_EQ(s->release(hostOwned.handle()), cvErrParam);  // not the module's to release
+    int garbage = 0;
+    EXPECT_EQ(s->count(reinterpret_cast<CvDescriptor>(&garbage), &count), cvErrParam);
+}
+
+TEST(ApplyDescriptor, ComputesTheFocalLengthInPixelsFromTheOptions) {
+    CliOptions o;
+    o.focalMm = 10.5;
+    o.crop = 1.5;
+    o.projection = "perspective";
+    PhotoMetadata none;
+    const auto d = applyDescriptor(o, nullptr, 6000, 4000, none);
+    EXPECT_DOUBLE_EQ(*d->getFloat(kFoc), 1.5 * 10.5 * 6000 / 36);
+    EXPECT_DOUBLE_EQ(*d->getFloat(kPhy), 10.5);
+    EXPECT_DOUBLE_EQ(*d->getFloat(kCrp), 1.5);
+    EXPECT_EQ(d->find(kPrj)->enumValue, CV_FOURCC('p', 'e', 'r', 'P'));
+}
+
+TEST(ApplyDescriptor, TakesTheFocalLengthFromExifWhenNothingElseGivesIt) {
+    CliOptions o;
+    PhotoMetadata exif;
+    exif.focalLengthMm = 8;
+    exif.focalLength35mm = 12;  // crop 1.5
+    const auto d = applyDescriptor(o, nullptr, 3000, 2000, exif);
+    EXPECT_DOUBLE_EQ(*d->getFloat(kFoc), 1.5 * 8 * 3000 / 36);
+
+    Descriptor params;
+    params.putFloat(kFoc, 777);
+    params.putFloat(kCrp, 2.0);
+    EXPECT_DOUBLE_EQ(*applyDescriptor(o, &params, 3000, 2000, exif)->getFloat(kFoc),
+                     777);  // a replay is kept
+    o.focalMm = 10;         // the crop factor of the replayed action stays
+    EXPECT_DOUBLE_EQ(*applyDescriptor(o, &params, 3000, 2000, exif)->getFloat(kFoc),
+                     2.0 * 10 * 3000 / 36);
+}
+
+TEST(CommandLine, RefusesBadUsageWithAReason) {
+    auto error = [](std::vector<std::string> args) {
+        try {
+            parseCommandLine(args);
+        } catch (const HostError& e) {
+            return std::string(e.what());
+        }
+        return std::string();
+    };
+    EXPECT_NE(error({"frobnicate"}).find("unknown command"), std::string::npos);
+    EXPECT_NE(error({"apply", "a.jpg"}).find("-o"), std::string::npos);
+    EXPECT_NE(error({"apply", "-o", "b.jpg"}).find("no input"), std::string::npos);
+    EXPECT_NE(error({"apply", "a", "-o", "b", "--projection", "round"}).find("fisheye"),
+              std::string::npos);
+    EXPECT_NE(error({"apply", "a", "-o", "b", "--focal-mm", "x"}).find("not a number"),
+              std::string::npos);
+    EXPECT_NE(error({"repeat", "a", "-o", "b", "--crop", "2"}).find("only"), std::string::npos);
+    EXPECT_NE(error({"apply", "a", "-o", "b", "--bogus"}).find("unknown option"),
+              std::string::npos);
+    const auto ok = parseCommandLine(
+        {"apply", "a", "b", "-o", "d", "--regularizer", "panini", "--crop", "1.6"});
+    ASSERT_TRUE(ok.has_value());
+    EXPECT_EQ(ok->inputs.size(), 2u);
+    EXPECT_EQ(*ok->crop, 1.6);
+}
+
+}  // namespace
+}  // namespace Curvana::Host::Test

@@ -1,0 +1,444 @@
+// The host's image readers and writers on their own: round trips for every
+// format, mode and depth, TIFF layouts written by libtiff directly, the
+// bounded tile cache, the result tile store and the BigTIFF decision.
+#include <gtest/gtest.h>
+#include <tiffio.h>
+
+#include "HostTestUtil.h"
+#include "host/ImageFiles.h"
+#include "host/TiffFile.h"
+
+namespace Curvana::Host::Test {
+namespace {
+
+TEST(SixteenBit, HostValuesSurviveTheFileRange) {
+    for (uint32_t h = 0; h <= 32768; ++h)
+        ASSERT_EQ(hostFromFile16(fileFromHost16(h)), h);
+    EXPECT_EQ(fileFromHost16(32768), 65535);
+    EXPECT_EQ(hostFromFile16(65535), 32768);
+    EXPECT_EQ(hostFromFile16(0), 0);
+    EXPECT_EQ(hostFromFile16(32768), 16384);  // Lab's neutral chroma stays neutral
+    for (uint32_t v = 1; v <= 65535; ++v)
+        ASSERT_LE(hostFromFile16(v - 1), hostFromFile16(v));
+}
+
+struct Layout {
+    Mode mode;
+    int depth;
+};
+
+class TiffRoundTrip : public ::testing::TestWithParam<Layout> {};
+
+TEST_P(TiffRoundTrip, TiledWriterAndReaderAgreeExactly) {
+    ScratchDir dir;
+    const ImageInfo info{300, 170, GetParam().mode,
+                         GetParam().depth};  // not a multiple of the tile size
+    const Raster original = randomRaster(info, 7);
+    TiffWriteOptions options;
+    options.icc = makeIcc(info.mode);
+    options.xmpPacket = "<x:xmpmeta/>";
+    {
+        TiffTileWriter writer(dir / "t.tif", info, options);
+        std::vector<uint8_t> tile(static_cast<size_t>(writer.tileSize()) * writer.tileSize() *
+                                  original.pixelBytes());
+        for (uint32_t ty = 0; ty < writer.tilesDown(); ++ty)
+            for (uint32_t tx = 0; tx < writer.tilesAcross(); ++tx) {
+                std::fill(tile.begin(), tile.end(), 0);
+                for (uint32_t y = 0; y < writer.tileSize(); ++y) {
+                    const int32_t sy = static_cast<int32_t>(ty * writer.tileSize() + y);
+                    if (sy >= info.height)
+                        break;
+                    const int32_t sx = static_cast<int32_t>(tx * writer.tileSize());
+                    const int32_t n =
+                        std::min<int32_t>(static_cast<int32_t>(writer.tileSize()), info.width - sx);
+                    std::memcpy(tile.data() + y * writer.tileSize() * original.pixelBytes(),
+                                original.row(sy) + static_cast<size_t>(sx) * original.pixelBytes(),
+                                static_cast<size_t>(n) * original.pixelBytes());
+                }
+                writer.writeTile(tx, ty, tile.data());
+            }
+        writer.close();
+    }
+    auto source = openImage(dir / "t.tif");
+    EXPECT_EQ(source->format(), FileFormat::Tiff);
+    EXPECT_EQ(source->info().mode, info.mode);
+    EXPECT_EQ(source->info().depth, info.depth);
+    EXPECT_EQ(source->iccProfile(), options.icc);
+    const Raster back = readWhole(dir / "t.tif");
+    EXPECT_EQ(back.data, original.data);
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryModeAndDepth, TiffRoundTrip,
+                         ::testing::Values(Layout{Mode::Gray, 8}, Layout{Mode::Gray, 16},
+                                           Layout{Mode::RGB, 8}, Layout{Mode::RGB, 16},
+                                           Layout{Mode::CMYK, 8}, Layout{Mode::CMYK, 16},
+                                           Layout{Mode::Lab, 8}, Layout{Mode::Lab, 16}));
+
+// Writes a TIFF with libtiff itself: strips or tiles, contiguous or separate planes.
+struct RawTiff {
+    uint32_t width = 203, height = 77;
+    uint16_t samples = 3, bits = 16, photometric = PHOTOMETRIC_RGB, planar = PLANARCONFIG_CONTIG;
+    uint16_t compression = COMPRESSION_LZW;
+    uint32_t rowsPerStrip = 7, tile = 0;  // tile > 0: tiled
+    std::vector<uint16_t> values;         // file values, contiguous, samples per pixel
+
+    uint16_t at(uint32_t x, uint32_t y, uint32_t s) const {
+        return values[(y * width + x) * samples + s];
+    }
+
+    void write(const fs::path& path) {
+        std::mt19937 rng(3);
+        values.resize(static_cast<size_t>(width) * height * samples);
+        for (auto& v : values)
+            v = static_cast<uint16_t>(bits == 8 ? rng() % 256 : rng() % 65536);
+        TIFF* tif = TIFFOpen(path.c_str(), "w");
+        TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, width);
+        TIFFSetField(tif, TIFFTAG_IMAGELENGTH, height);
+        TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, samples);
+        TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, bits);
+        TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, photometric);
+        TIFFSetField(tif, TIFFTAG_PLANARCONFIG, planar);
+        TIFFSetField(tif, TIFFTAG_COMPRESSION, compression);
+        if (photometric == PHOTOMETRIC_SEPARATED)
+            TIFFSetField(tif, TIFFTAG_INKSET, INKSET_CMYK);
+        const uint32_t bw = tile ? tile : width, bh = tile ? tile : rowsPerStrip;
+        if (tile) {
+            TIFFSetField(tif, TIFFTAG_TILEWIDTH, tile);
+            TIFFSetField(tif, TIFFTAG_TILELENGTH, tile);
+        } else {
+            TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, rowsPerStrip);
+        }
+        const bool separate = planar == PLANARCONFIG_SEPARATE;
+        const uint32_t perBlock = separate ? 1 : samples;
+        std::vector<uint8_t> block(static_cast<size_t>(bw) * bh * perBlock * (bits / 8));
+        for (uint32_t s = 0; s < (separate ? samples : 1u); ++s)
+            for (uint32_t y0 = 0; y0 < height; y0 += bh)
+                for (uint32_t x0 = 0; x0 < width; x0 += bw) {
+                    std::fill(block.begin(), block.end(), 0);
+                    const uint32_t rows = tile ? bh : std::min(bh, height - y0);
+                    for (uint32_t y = 0; y < rows && y0 + y < height; ++y)
+                        for (uint32_t x = 0; x < bw && x0 + x < width; ++x)
+                            for (uint32_t k = 0; k < perBlock; ++k) {
+                                const uint16_t v = at(x0 + x, y0 + y, separate ? s : k);
+                                const size_t i = (static_cast<size_t>(y) * bw + x) * perBlock + k;
+                                if (bits == 8)
+                                    block[i] = static_cast<uint8_t>(v);
+                                else
+                                    std::memcpy(block.data() + 2 * i, &v, 2);
+                            }
+                    const tmsize_t size = static_cast<tmsize_t>(static_cast<size_t>(bw) * rows *
+                                                                perBlock * (bits / 8));
+                    if (tile)
+                        TIFFWriteEncodedTile(
+                            tif, TIFFComputeTile(tif, x0, y0, 0, static_cast<uint16_t>(s)),
+                            block.data(), size);
+                    else
+                        TIFFWriteEncodedStrip(tif,
+                                              TIFFComputeStrip(tif, y0, static_cast<uint16_t>(s)),
+                                              block.data(), size);
+                }
+        TIFFClose(tif);
+    }
+};
+
+// Checks readPlane over an odd rectangle against the file values.
+void expectPlanesMatch(const RawTiff& raw, const fs::path& path,
+                       int (*expected)(const RawTiff&, uint32_t, uint32_t, uint32_t)) {
+    SourceOptions options;
+    options.cacheBudget = 4096;  // far below the image: blocks come and go
+    auto source = openImage(path, options);
+    const CvRect rect{13, 5, 190, 71};
+    const int32_t w = rect.right - rect.left, h = rect.bottom - rect.top;
+    const size_t bps = source->info().bytesPerSample();
+    std::vector<uint8_t> plane(static_cast<size_t>(w) * h * bps);
+    for (int p = 0; p < source->info().planes(); ++p) {
+        source->readPlane(rect, p, plane.data(), static_cast<ptrdiff_t>(w * bps));
+        for (int32_t y = 0; y < h; ++y)
+            for (int32_t x = 0; x < w; ++x) {
+                int got;
+                if (bps == 1)
+                    got = plane[static_cast<size_t>(y) * w + x];
+                else {
+                    uint16_t v;
+                    std::memcpy(&v, plane.data() + 2 * (static_cast<size_t>(y) * w + x), 2);
+                    got = v;
+                }
+                ASSERT_EQ(got,
+                          expected(raw, static_cast<uint32_t>(rect.left + x),
+                                   static_cast<uint32_t>(rect.top + y), static_cast<uint32_t>(p)))
+                    << "plane " << p << " at " << x << "," << y;
+            }
+    }
+}
+
+int asHost(const RawTiff& r, uint32_t x, uint32_t y, uint32_t s) {
+    return r.bits == 8 ? r.at(x, y, s) : hostFromFile16(r.at(x, y, s));
+}
+
+TEST(TiffReader, ReadsStripsOfContiguousSixteenBitRgb) {
+    ScratchDir dir;
+    RawTiff raw;
+    raw.write(dir / "s.tif");
+    expectPlanesMatch(raw, dir / "s.tif", asHost);
+}
+
+TEST(TiffReader, ReadsStripsOfSeparatePlanes) {
+    ScratchDir dir;
+    RawTiff raw;
+    raw.planar = PLANARCONFIG_SEPARATE;
+    raw.bits = 8;
+    raw.samples = 4;
+    raw.photometric = PHOTOMETRIC_SEPARATED;
+    raw.write(dir / "s.tif");
+    EXPECT_EQ(openImage(dir / "s.tif")->info().mode, Mode::CMYK);
+    expectPlanesMatch(raw, dir / "s.tif", asHost);
+}
+
+TEST(TiffReader, ReadsTilesOfSeparatePlanes) {
+    ScratchDir dir;
+    RawTiff raw;
+    raw.planar = PLANARCONFIG_SEPARATE;
+    raw.tile = 32;
+    raw.compression = kTiffDeflate;
+    raw.write(dir / "t.tif");
+    expectPlanesMatch(raw, dir / "t.tif", asHost);
+}
+
+TEST(TiffReader, InvertsMinIsWhiteGrey) {
+    ScratchDir dir;
+    RawTiff raw;
+    raw.samples = 1;
+    raw.bits = 8;
+    raw.photometric = PHOTOMETRIC_MINISWHITE;
+    raw.compression = COMPRESSION_NONE;
+    raw.write(dir / "g.tif");
+    expectPlanesMatch(raw, dir / "g.tif", [](const RawTiff& r, uint32_t x, uint32_t y, uint32_t) {
+        return 255 - static_cast<int>(r.at(x, y, 0));
+    });
+}
+
+TEST(TiffReader, MapsSignedCieLabChromaToTheHostRange) {
+    ScratchDir dir;
+    RawTiff raw;
+    raw.photometric = PHOTOMETRIC_CIELAB;
+    raw.write(dir / "lab.tif");
+    expectPlanesMatch(
+        raw, dir / "lab.tif", [](const RawTiff& r, uint32_t x, uint32_t y, uint32_t s) {
+            const uint16_t v = r.at(x, y, s);
+            return static_cast<int>(hostFromFile16(s == 0 ? v : static_cast<uint16_t>(v ^ 0x8000)));
+        });
+}
+
+TEST(TiffReader, KeepsItsCacheWithinTheBudget) {
+    ScratchDir dir;
+    RawTiff raw;
+    raw.width = 512;
+    raw.height = 512;
+    raw.tile = 64;  // 64 x 64 x 3 x 2 = 24 KiB a tile
+    raw.write(dir / "big.tif");
+    SourceOptions options;
+    options.cacheBudget = 100 << 10;
+    TiffSource source(dir / "big.tif", options);
+    std::vector<uint16_t> band(512 * 16);
+    for (int32_t y = 0; y < 512; y += 16)
+        source.readPlane(CvRect{0, y, 512, y + 16}, 1, band.data(), 1024);
+    EXPECT_LE(source.peakCacheBytes(), options.cacheBudget + 24 * 1024);
+    // A row of 8 tiles does not fit in the budget: tiles were dropped and decoded again.
+    EXPECT_GT(source.blocksDecoded(), 64u);
+}
+
+TEST(TiffReader, RefusesWhatItCannotRead) {
+    ScratchDir dir;
+    RawTiff raw;
+    raw.samples = 4;  // RGB with an extra sample
+    raw.write(dir / "rgba.tif");
+    EXPECT_THROW(openImage(dir / "rgba.tif"), HostError);
+}
+
+TEST(TiffReader, ReportsATruncatedFileAsAnInputError) {
+    ScratchDir dir;
+    RawTiff raw;
+    raw.compression = COMPRESSION_NONE;
+    raw.width = 400;
+    raw.height = 300;
+    raw.write(dir / "cut.tif");
+    fs::resize_file(dir / "cut.tif", fs::file_size(dir / "cut.tif") / 2);
+    try {
+        Raster r = readWhole(dir / "cut.tif");
+        FAIL() << "a truncated file was read";
+    } catch (const HostError& e) {
+        EXPECT_NE(std::string(e.what()).find("cut.tif"), std::string::npos) << e.what();
+    }
+}
+
+TEST(BigTiff, ChosenOnlyWhenTheFileCouldPassFourGiB) {
+    EXPECT_TRUE(needsBigTiff(ImageInfo{40000, 25000, Mode::RGB, 8}, 256,
+                             true));  // 3 GB raw, LZW worst case 4.5 GB
+    EXPECT_FALSE(needsBigTiff(ImageInfo{40000, 25000, Mode::Gray, 8}, 256, true));  // 1 GB raw
+    EXPECT_FALSE(needsBigTiff(ImageInfo{36000, 36000, Mode::RGB, 8}, 256, false));  // 3.9 GB raw
+    EXPECT_TRUE(needsBigTiff(ImageInfo{38000, 38000, Mode::RGB, 8}, 256, false));   // 4.3 GB raw
+    EXPECT_TRUE(needsBigTiff(ImageInfo{30000, 30000, Mode::RGB, 16}, 256, false));
+    EXPECT_FALSE(needsBigTiff(ImageInfo{6000, 4000, Mode::CMYK, 16}, 256, true));
+}
+
+TEST(BigTiff, WriterProducesAReadableBigTiff) {
+    ScratchDir dir;
+    const ImageInfo info{40, 30, Mode::Gray, 16};
+    TiffWriteOptions options;
+    options.bigTiff = true;
+    options.tileSize = 32;
+    const Raster original = randomRaster(ImageInfo{32, 32, Mode::Gray, 16}, 5);
+    {
+        TiffTileWriter writer(dir / "b.tif", info, options);
+        for (uint32_t ty = 0; ty < writer.tilesDown(); ++ty)
+            for (uint32_t tx = 0; tx < writer.tilesAcross(); ++tx)
+                writer.writeTile(tx, ty, original.data.data());
+        writer.close();
+    }
+    std::ifstream in(dir / "b.tif", std::ios::binary);
+    char magic[4];
+    in.read(magic, 4);
+    EXPECT_EQ(magic[2], 43);  // BigTIFF version 43
+    const Raster back = readWhole(dir / "b.tif");
+    EXPECT_EQ(back.info.width, 40);
+    EXPECT_EQ(std::memcmp(back.row(0), original.row(0), 64), 0);
+}
+
+class PngRoundTrip : public ::testing::TestWithParam<Layout> {};
+
+TEST_P(PngRoundTrip, IsExactWithItsProfile) {
+    ScratchDir dir;
+    const ImageInfo info{61, 43, GetParam().mode, GetParam().depth};
+    const Raster original = randomRaster(info, 11);
+    writePng(dir / "p.png", original, makeIcc(info.mode));
+    auto source = openImage(dir / "p.png");
+    EXPECT_EQ(source->format(), FileFormat::Png);
+    EXPECT_EQ(source->iccProfile(), makeIcc(info.mode));
+    EXPECT_EQ(readWhole(dir / "p.png").data, original.data);
+}
+
+INSTANTIATE_TEST_SUITE_P(GreyAndRgb, PngRoundTrip,
+                         ::testing::Values(Layout{Mode::Gray, 8}, Layout{Mode::Gray, 16},
+                                           Layout{Mode::RGB, 8}, Layout{Mode::RGB, 16}));
+
+class JpegRoundTrip : public ::testing::TestWithParam<Mode> {};
+
+TEST_P(JpegRoundTrip, StaysCloseAndKeepsItsProfile) {
+    ScratchDir dir;
+    const ImageInfo info{64, 48, GetParam(), 8};
+    Raster original = Raster::allocate(info);
+    for (int32_t y = 0; y < info.height; ++y)  // smooth content: JPEG's loss stays small
+        for (int32_t x = 0; x < info.width; ++x)
+            for (int p = 0; p < info.planes(); ++p)
+                original.row(y)[static_cast<size_t>(x) * info.planes() + p] =
+                    static_cast<uint8_t>(40 + 2 * x + y + 30 * p);
+    writeJpeg(dir / "j.jpg", original, makeIcc(info.mode), 95);
+    auto source = openImage(dir / "j.jpg");
+    EXPECT_EQ(source->info().mode, info.mode);
+    EXPECT_EQ(source->iccProfile(), makeIcc(info.mode));
+    const Raster back = readWhole(dir / "j.jpg");
+    EXPECT_LT(meanDifference(back, original), 2.0);  // also catches an inverted CMYK
+}
+
+INSTANTIATE_TEST_SUITE_P(GreyRgbCmyk, JpegRoundTrip,
+                         ::testing::Values(Mode::Gray, Mode::RGB, Mode::CMYK));
+
+TEST(JpegReader, RefusesATruncatedFile) {
+    ScratchDir dir;
+    const Raster original = randomRaster(ImageInfo{128, 128, Mode::RGB, 8}, 2);
+    writeJpeg(dir / "j.jpg", original, {}, 90);
+    fs::resize_file(dir / "j.jpg", fs::file_size(dir / "j.jpg") * 2 / 3);
+    EXPECT_THROW(openImage(dir / "j.jpg"), HostError);
+}
+
+TEST(PngReader, RefusesATruncatedFile) {
+    ScratchDir dir;
+    writePng(dir / "p.png", randomRaster(ImageInfo{128, 128, Mode::RGB, 8}, 2), {});
+    fs::resize_file(dir / "p.png", fs::file_size(dir / "p.png") / 2);
+    EXPECT_THROW(openImage(dir / "p.png"), HostError);
+}
+
+TEST(OpenImage, NamesTheProblemInOneLine) {
+    ScratchDir dir;
+    std::ofstream(dir / "empty.tif").close();
+    std::ofstream(dir / "text.png") << "not an image at all";
+    auto message = [](const fs::path& p) {
+        try {
+            openImage(p);
+        } catch (const HostError& e) {
+            return std::string(e.what());
+        }
+        return std::string();
+    };
+    EXPECT_NE(message(dir / "missing.jpg").find("no such file"), std::string::npos);
+    EXPECT_NE(message(dir / "empty.tif").find("empty file"), std::string::npos);
+    EXPECT_NE(message(dir / "text.png").find("unsupported image format"), std::string::npos);
+    EXPECT_EQ(message(dir / "text.png").find('\n'), std::string::npos);
+}
+
+TEST(Formats, AreChosenByExtensionAndCheckedAgainstTheImage) {
+    EXPECT_EQ(formatFromExtension("a/b.TIFF"), FileFormat::Tiff);
+    EXPECT_EQ(formatFromExtension("b.jpeg"), FileFormat::Jpeg);
+    EXPECT_EQ(formatFromExtension("b.png"), FileFormat::Png);
+    EXPECT_FALSE(formatFromExtension("b.bmp").has_value());
+    EXPECT_THROW(checkFormatHolds(FileFormat::Jpeg, ImageInfo{1, 1, Mode::RGB, 16}, "x.jpg"),
+                 HostError);
+    EXPECT_THROW(checkFormatHolds(FileFormat::Png, ImageInfo{1, 1, Mode::CMYK, 8}, "x.png"),
+                 HostError);
+    EXPECT_NO_THROW(checkFormatHolds(FileFormat::Jpeg, ImageInfo{1, 1, Mode::CMYK, 8}, "x.jpg"));
+}
+
+// ---- The TIFF result: tiles completed, spilled, filled from the source --------
+
+Raster writeThroughResult(const fs::path& folder, const Raster& source, const Raster& written,
+                          bool planesFirst, int32_t writeRight, uint64_t budget) {
+    writePng(folder / "src.png", source, {});
+    auto src = openImage(folder / "src.png");
+    ResultOptions options;
+    options.budget = budget;
+    auto result = createResult(FileFormat::Tiff, folder / "out.tif", *src, options);
+    const ImageInfo& info = source.info;
+    const size_t bps = info.bytesPerSample();
+    const int32_t step = 50;  // deliberately not aligned with the 256-pixel tiles
+    std::vector<uint8_t> plane(static_cast<size_t>(step) * step * bps);
+    for (int outer = 0; outer < (planesFirst ? info.planes() : 1); ++outer)
+        for (int32_t top = 0; top < info.height; top += step)
+            for (int32_t left = 0; left < writeRight; left += step)
+                for (int p = planesFirst ? outer : 0; p < (planesFirst ? outer + 1 : info.planes());
+                     ++p) {
+                    const CvRect r{left, top, std::min(left + step, writeRight),
+                                   std::min(top + step, info.height)};
+                    const int32_t w = r.right - r.left;
+                    extractPlane(
+                        written.row(r.top) + static_cast<size_t>(r.left) * written.pixelBytes(),
+                        static_cast<ptrdiff_t>(written.rowBytes()), info.planes(), p, bps, w,
+                        r.bottom - r.top, plane.data(), static_cast<ptrdiff_t>(w * bps));
+                    result->writePlane(r, p, plane.data(), static_cast<ptrdiff_t>(w * bps));
+                }
+    result->finish();
+    return readWhole(folder / "out.tif");
+}
+
+TEST(TiffResult, SpillsIncompleteTilesAndStillWritesEverySample) {
+    ScratchDir dir;
+    const ImageInfo info{700, 530, Mode::RGB, 16};
+    const Raster source = randomRaster(info, 1), written = randomRaster(info, 2);
+    // Plane by plane over the whole image: every tile stays incomplete until the last
+    // plane, far beyond a budget of two tiles, so tiles go to disk and come back.
+    const Raster out =
+        writeThroughResult(dir.path(), source, written, true, info.width, 2 * 256 * 256 * 6);
+    EXPECT_EQ(out.data, written.data);
+}
+
+TEST(TiffResult, KeepsTheSourceWhereNothingWasWritten) {
+    ScratchDir dir;
+    const ImageInfo info{300, 200, Mode::Gray, 8};
+    const Raster source = randomRaster(info, 3), written = randomRaster(info, 4);
+    const Raster out = writeThroughResult(dir.path(), source, written, false, 120, 64 << 20);
+    for (int32_t y = 0; y < info.height; ++y)
+        for (int32_t x = 0; x < info.width; ++x)
+            ASSERT_EQ(out.row(y)[x], (x < 120 ? written : source).row(y)[x]) << x << "," << y;
+}
+
+}  // namespace
+}  // namespace Curvana::Host::Test
