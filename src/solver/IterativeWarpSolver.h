@@ -99,6 +99,10 @@ public:
     const SolveTimings& Timings() const { return timings_; }
     // Unknowns in the linear system of the last ResetSystem (mesh and extras).
     int32_t SystemSize() const { return static_cast<int32_t>(systemToFull_.size()); }
+    // The normal matrix of the last iteration and the fill-reducing ordering
+    // it was analysed with (new to old), for diagnostics and benchmarks.
+    const SymmetricUpperMatrix& SystemMatrix() const { return system_; }
+    const std::vector<int>& SystemOrdering() const { return ordering_; }
 
 protected:
     // Hooks, in the order Solve and ResetSystem call them.
@@ -202,6 +206,7 @@ private:
     std::vector<int32_t> fixedSlots_;  // fixed_ value k -> system_ value slot
     Eigen::VectorXd rhs_;
     std::unique_ptr<SparseCholesky> cholesky_;
+    std::vector<int> ordering_;
 
     Eigen::VectorXd solution_;
     Eigen::VectorXd lastUpdate_;

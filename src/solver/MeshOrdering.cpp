@@ -5,7 +5,6 @@
 #include <metis.h>
 
 #include <algorithm>
-#include <map>
 #include <mutex>
 #include <numeric>
 
@@ -20,13 +19,13 @@ struct VertexGraph {
     std::vector<int32_t> vertexOf;  // compact -> canonical vertex index
 };
 
-VertexGraph BuildStencilGraph(int32_t n) {
+VertexGraph BuildStencilGraph(int32_t n, std::span<const uint8_t> active) {
     std::vector<int32_t> compactOf(static_cast<size_t>(n) * n, -1);
     VertexGraph g;
     for (int32_t j = 0; j < n; ++j) {
         for (int32_t i = 0; i < n; ++i) {
             const int32_t k = i + j * n;
-            if (OctaMap::Fold(n, i, j) == MeshVertex{i, j}) {
+            if (OctaMap::Fold(n, i, j) == MeshVertex{i, j} && active[static_cast<size_t>(k)] != 0) {
                 compactOf[static_cast<size_t>(k)] = static_cast<int32_t>(g.vertexOf.size());
                 g.vertexOf.push_back(k);
             }
@@ -38,7 +37,7 @@ VertexGraph BuildStencilGraph(int32_t n) {
     };
     std::vector<std::vector<idx_t>> adjacency(g.vertexOf.size());
     auto link = [&](int32_t a, int32_t b) {
-        if (a != b) {
+        if (a != b && a >= 0 && b >= 0) {
             adjacency[static_cast<size_t>(a)].push_back(b);
             adjacency[static_cast<size_t>(b)].push_back(a);
         }
@@ -74,8 +73,8 @@ VertexGraph BuildStencilGraph(int32_t n) {
     return g;
 }
 
-std::vector<int32_t> ComputeVertexOrder(int32_t n) {
-    VertexGraph g = BuildStencilGraph(n);
+std::vector<int32_t> ComputeVertexOrder(int32_t n, std::span<const uint8_t> active) {
+    VertexGraph g = BuildStencilGraph(n, active);
     idx_t count = static_cast<idx_t>(g.vertexOf.size());
     std::vector<idx_t> perm(g.vertexOf.size());
     std::vector<idx_t> iperm(g.vertexOf.size());
@@ -96,20 +95,42 @@ std::vector<int32_t> ComputeVertexOrder(int32_t n) {
 
 }  // namespace
 
-std::shared_ptr<const std::vector<int32_t>> MeshOrdering::VertexOrder(int32_t n) {
+std::shared_ptr<const std::vector<int32_t>> MeshOrdering::VertexOrder(int32_t n,
+                                                                     std::span<const uint8_t> active) {
+    // The last few masks: a session alternates between very few (one per
+    // projection and focal length), while constraints come and go freely.
+    struct Entry {
+        int32_t n;
+        std::vector<uint8_t> active;
+        std::shared_ptr<const std::vector<int32_t>> order;
+    };
+    constexpr size_t kKept = 4;
     static std::mutex mutex;
-    static std::map<int32_t, std::shared_ptr<const std::vector<int32_t>>> cache;
-    const std::lock_guard<std::mutex> lock(mutex);
-    auto& slot = cache[n];
-    if (!slot) {
-        slot = std::make_shared<const std::vector<int32_t>>(ComputeVertexOrder(n));
+    static std::vector<Entry> cache;
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        for (const Entry& e : cache) {
+            if (e.n == n && std::equal(e.active.begin(), e.active.end(), active.begin(), active.end())) {
+                return e.order;
+            }
+        }
     }
-    return slot;
+    auto order = std::make_shared<const std::vector<int32_t>>(ComputeVertexOrder(n, active));
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (cache.size() == kKept) {
+        cache.erase(cache.begin());
+    }
+    cache.push_back({n, std::vector<uint8_t>(active.begin(), active.end()), order});
+    return order;
 }
 
 std::vector<int> MeshOrdering::SystemPermutation(int32_t n, std::span<const int32_t> systemVertexOf,
                                                  int32_t extraCount) {
-    const auto order = VertexOrder(n);
+    std::vector<uint8_t> active(systemVertexOf.size(), 0);
+    for (size_t k = 0; k < active.size(); ++k) {
+        active[k] = systemVertexOf[k] >= 0 ? 1 : 0;
+    }
+    const auto order = VertexOrder(n, active);
     std::vector<int> permutation;
     for (int32_t vertex : *order) {
         const int32_t s = systemVertexOf[static_cast<size_t>(vertex)];
