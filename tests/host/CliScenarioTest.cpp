@@ -347,5 +347,26 @@ TEST_F(CliScenario, HelpListsTheExitCodes) {
     EXPECT_EQ(bad.exitCode, kExitUsage);
 }
 
+// The real filter module, where the build placed it beside curvana: the host's
+// side of a whole run (selectors, callbacks, files, the recorded action).
+TEST_F(CliScenario, RunsTheRealModuleOnTheSampleRoom) {
+    const fs::path module = fs::path(CURVANA_EXE).parent_path() / "libcurvana.so";
+    if (!fs::exists(module))
+        GTEST_SKIP() << "no libcurvana.so beside curvana in this build";
+    const fs::path input = sample("room.jpg", Mode::RGB, 8, 480, 320);
+    const RunResult r = curvana(
+        {"apply", input.string(), "-o", (dir / "out.tif").string(), "--module", module.string()});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    auto out = openImage(dir / "out.tif");
+    EXPECT_EQ(out->info().width, 480);
+    EXPECT_EQ(out->info().height, 320);
+    EXPECT_EQ(out->info().mode, Mode::RGB);
+    expectCarriedMetadata(dir / "out.tif");
+    const auto action = loadAction(dir / "xdg" / "curvana" / "last-action.json");
+    const DescriptorEntry* focal = action->find(CV_FOURCC('f', 'o', 'c', 'L'));
+    ASSERT_NE(focal, nullptr);
+    EXPECT_NEAR(focal->number, 15.0 * 480 / 36, 0.01);  // from the sample's EXIF
+}
+
 }  // namespace
 }  // namespace Curvana::Host::Test
