@@ -1,5 +1,7 @@
 #include "session/PFilter.h"
 
+#include "constraints/ConstraintFile.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -58,7 +60,7 @@ struct PFilter::InvocationScope {
 
 PFilter::PFilter(std::unique_ptr<PFilterComponents> components)
     : components_(Required(std::move(components), "factory")),
-      constraints_(Required(components_->CreateConstraintData(), "constraint set")),
+      constraints_(Required(components_->CreateConstraintData(*this), "constraint set")),
       pipeline_(Required(components_->CreateWarpPipeline(), "warp pipeline")) {}
 
 PFilter::~PFilter() = default;
@@ -177,7 +179,12 @@ bool PFilter::runFilter() {
 
     if (host.Descriptor() && readScriptParameters(working)) {
         // Replayed from scripting parameters: silent unless the host asks for
-        // the dialog.
+        // the dialog. Constraint data that does not fit this image ends the
+        // invocation with its message, before anything is applied.
+        if (!constraintDataAccepted()) {
+            savePreferences();
+            return true;
+        }
         live = working;
         chooseProjection(ProjectionModel::Fisheye, false, false);
         pipeline_->RebuildSolver(*this);
@@ -195,6 +202,10 @@ bool PFilter::runFilter() {
     } else {
         // Repeat of the last filter.
         readScriptParameters(live);
+        if (!constraintDataAccepted()) {
+            savePreferences();
+            return true;
+        }
         chooseProjection(ProjectionModel::Fisheye, false, false);
         pipeline_->RebuildSolver(*this);
         applyWithoutDialog();
@@ -202,6 +213,15 @@ bool PFilter::runFilter() {
 
     savePreferences();
     return true;
+}
+
+bool PFilter::constraintDataAccepted() {
+    const std::string failure = constraints_->TakeFailureMessage();
+    if (failure.empty())
+        return true;
+    Host().Alert(localizeConstraintMessage(failure, [](std::string_view key) { return Localize(key); }),
+                 processName(), cvButtonsOK);
+    return false;
 }
 
 void PFilter::applyWithoutDialog() {

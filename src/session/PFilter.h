@@ -92,6 +92,8 @@ private:
     bool hostChecksPass() const;
     void runEditor();
     void applyWithoutDialog();
+    // Shows why scripting's constraint data was refused; false then.
+    bool constraintDataAccepted();
     void savePreferences();
 
     std::unique_ptr<PFilterComponents> components_;

@@ -4,16 +4,18 @@
 #include <memory>
 
 #include "geometry/LensProfile.h"
+#include "geometry/PhotoToSphere.h"
 #include "plugin/CurvanaPlugin.h"
 #include "session/HostRecord.h"
 #include "session/PSettings.h"
 #include "session/ScriptParameters.h"
+#include "warp/OctaMap.h"
+#include "warp/SphereWarp.h"
 
 // The seams between the filter session and the layers that do the work. The
 // session drives an invocation through these interfaces only; the module's
-// component factory decides which implementations run (the stand-ins of
-// StandIns.h until the real renderer, solver and editor are plugged in). Every call happens on the
-// host's thread, inside runFilter.
+// component factory decides which implementations run (tests plug in their
+// own). Every call happens on the host's thread, inside runFilter.
 
 namespace Project {
 
@@ -53,6 +55,13 @@ public:
     // Brings the warp up to date. A failed solve is a flag the pipeline keeps,
     // never an exception.
     virtual void Solve(PFilter& filter) = 0;
+
+    // The solved warp that the final render draws, with the projection whose
+    // texture coordinates it samples and the mesh it was built on; null
+    // before the first solve and after a failed one.
+    virtual std::shared_ptr<const SphereWarp> SolvedWarp() const = 0;
+    virtual std::shared_ptr<const PhotoToSphere> Photo() const = 0;
+    virtual std::shared_ptr<const OctaMap> Mesh() const = 0;
 };
 
 // The modal editor.
@@ -79,7 +88,9 @@ public:
     // invocation's end (the lens-profile suite's handle).
     virtual std::shared_ptr<const LensProfileLookup> AcquireLensProfileLookup() = 0;
     virtual std::unique_ptr<PEditor> CreateEditor() = 0;
-    virtual std::unique_ptr<PConstraintData> CreateConstraintData() = 0;
+    // The constraint set of the instance; `filter` is the instance being
+    // constructed (keep the reference, do not call it yet).
+    virtual std::unique_ptr<PConstraintData> CreateConstraintData(PFilter& filter) = 0;
 };
 
 }  // namespace Project

@@ -72,7 +72,7 @@ void ReadFloat(const CvDescriptorSuite5& suite, CvDescriptor d, uint32_t key, fl
         field = static_cast<float>(v);
 }
 
-void ReadConstraintData(const CvDescriptorSuite5& suite, CvDescriptor d,
+void ReadConstraintData(const CvDescriptorSuite5& suite, CvDescriptor d, PSettings& settings,
                         PConstraintData* constraints) {
     int32_t length = 0;
     if (suite.getDataLength(d, ScriptKey::kConstraintData, &length) != cvNoErr || length <= 0)
@@ -84,7 +84,7 @@ void ReadConstraintData(const CvDescriptorSuite5& suite, CvDescriptor d,
     if (suite.getData(d, ScriptKey::kConstraintData, buffer.get(), length) != cvNoErr)
         return;
     if (constraints)
-        constraints->Parse(buffer.get(), size);
+        constraints->Parse(buffer.get(), size, settings);
 }
 
 }  // namespace
@@ -127,7 +127,7 @@ void ReadScriptDescriptor(const CvDescriptorSuite5& suite, CvDescriptor d, PSett
                 break;
             }
             case ScriptKey::kConstraintData:
-                ReadConstraintData(suite, d, constraints);
+                ReadConstraintData(suite, d, settings, constraints);
                 break;
             case ScriptKey::kProjectionModel: {
                 uint32_t enumType = 0;

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "plugin/CurvanaPlugin.h"
 #include "session/FourCC.h"
@@ -15,10 +16,14 @@ namespace Project {
 class PConstraintData {
 public:
     virtual ~PConstraintData() = default;
-    // Replaces the set with the one serialised in the bytes; false when they
-    // do not hold a valid set (the set is then left as the implementation
-    // documents).
-    virtual bool Parse(const uint8_t* data, size_t size) = 0;
+    // Replaces the set with the one serialised in the bytes, applying the
+    // settings the bytes carry to `settings` (the record being read); false
+    // when they do not hold a valid set or do not match the image, and then
+    // neither the set nor the settings change and FailureMessage() says why.
+    virtual bool Parse(const uint8_t* data, size_t size, PSettings& settings) = 0;
+    // Why the last Parse failed, as localisable keys joined with "\n", and
+    // forgets it; empty when nothing failed since the last call.
+    virtual std::string TakeFailureMessage() { return {}; }
     // Bytes that Serialize writes; 0 when there is nothing to write.
     virtual size_t SerializedSize() const = 0;
     // Writes exactly SerializedSize() bytes.

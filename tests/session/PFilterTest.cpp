@@ -63,6 +63,9 @@ public:
         if (s_.inSolve)
             s_.inSolve();
     }
+    std::shared_ptr<const SphereWarp> SolvedWarp() const override { return nullptr; }
+    std::shared_ptr<const PhotoToSphere> Photo() const override { return nullptr; }
+    std::shared_ptr<const OctaMap> Mesh() const override { return nullptr; }
 
 private:
     Scenario& s_;
@@ -103,7 +106,7 @@ private:
 class FakeConstraints : public PConstraintData {
 public:
     explicit FakeConstraints(Scenario& s) : s_(s) {}
-    bool Parse(const uint8_t*, size_t) override { return true; }
+    bool Parse(const uint8_t*, size_t, PSettings&) override { return true; }
     size_t SerializedSize() const override { return 0; }
     void Serialize(uint8_t*) const override {}
     void FocalLengthChanged() override { ++s_.focalChanges; }
@@ -126,7 +129,7 @@ public:
         return lookup;
     }
     std::unique_ptr<PEditor> CreateEditor() override { return std::make_unique<FakeEditor>(s_); }
-    std::unique_ptr<PConstraintData> CreateConstraintData() override {
+    std::unique_ptr<PConstraintData> CreateConstraintData(PFilter&) override {
         return std::make_unique<FakeConstraints>(s_);
     }
 

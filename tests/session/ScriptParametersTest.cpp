@@ -12,7 +12,7 @@ using Enumerated = ActionDescriptor::Enumerated;
 // Records what the reader hands to the constraint set.
 class RecordingConstraints : public PConstraintData {
 public:
-    bool Parse(const uint8_t* data, size_t size) override {
+    bool Parse(const uint8_t* data, size_t size, PSettings&) override {
         parsed.emplace_back(data, data + size);
         return true;
     }

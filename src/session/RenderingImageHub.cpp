@@ -1,0 +1,135 @@
+#include "session/RenderingImageHub.h"
+
+#include <algorithm>
+#include <exception>
+#include <limits>
+#include <optional>
+
+#include "render/PResult.h"
+#include "render/RenderMesh.h"
+#include "session/LocalizedString.h"
+#include "session/PFilter.h"
+
+namespace Project {
+
+namespace {
+
+constexpr const char* kProgressTitle = "$$$/Curvana/Final/Progress/Title=Progress";
+constexpr const char* kProgressMessage = "$$$/Curvana/Final/Progress/Message=Applying Curvana.";
+constexpr const char* kSolveFailed = "$$$/Curvana/Warning/SolveFailed=Solve failed";
+constexpr const char* kGpuFailed =
+    "$$$/private/Curvana/Warning/GpuFailed=The graphics processor could not render the result: ^0";
+
+// The host's source and result planes as the renderer's source and sink.
+// Renderer rectangles are relative to the filtered area. A host error is kept
+// and the call fails, so the renderer stops cleanly; the hub rethrows it.
+class HostPixels final : public RenderSource, public RenderSink {
+public:
+    HostPixels(const HostRecord& host, ImageRect area) : host_(host), area_(area) {}
+
+    bool ReadWindow(const PixelRect& rect, std::span<void* const> planes,
+                    ptrdiff_t rowBytes) override {
+        return Each(rect, planes.size(), rowBytes, [&](const ImageRect& r, int32_t p, int32_t stride) {
+            host_.ReadSourcePlane(r, p, planes[static_cast<size_t>(p)], stride);
+        });
+    }
+    bool WriteTile(const PixelRect& rect, std::span<const void* const> planes,
+                   ptrdiff_t rowBytes) override {
+        return Each(rect, planes.size(), rowBytes, [&](const ImageRect& r, int32_t p, int32_t stride) {
+            host_.WriteResultPlane(r, p, planes[static_cast<size_t>(p)], stride);
+        });
+    }
+
+    void RethrowHostError() const {
+        if (error_)
+            std::rethrow_exception(error_);
+    }
+
+private:
+    template <class Op>
+    bool Each(const PixelRect& rect, size_t planeCount, ptrdiff_t rowBytes, Op&& op) {
+        if (rowBytes <= 0 || rowBytes > std::numeric_limits<int32_t>::max())
+            return false;
+        const ImageRect r{area_.left + rect.left, area_.top + rect.top, area_.left + rect.right,
+                          area_.top + rect.bottom};
+        try {
+            for (size_t p = 0; p < planeCount; ++p)
+                op(r, static_cast<int32_t>(p), static_cast<int32_t>(rowBytes));
+        } catch (...) {
+            error_ = std::current_exception();
+            return false;
+        }
+        return true;
+    }
+
+    const HostRecord& host_;
+    ImageRect area_;
+    std::exception_ptr error_;
+};
+
+}  // namespace
+
+RenderingImageHub::RenderingImageHub(Gpu::GpuOptions options) : options_(std::move(options)) {}
+
+bool RenderingImageHub::RenderFinal(PFilter& filter) {
+    const HostRecord& host = context_.host;
+    host.SetProgressText(Localize(kProgressTitle), Localize(kProgressMessage));
+    const ImageRect area = GetImageRect();
+    if (area.Width() <= 0 || area.Height() <= 0)
+        return true;
+
+    const PWarpPipeline& pipeline = filter.warpPipeline();
+    const std::shared_ptr<const SphereWarp> warp = pipeline.SolvedWarp();
+    const std::shared_ptr<const PhotoToSphere> photo = pipeline.Photo();
+    const std::shared_ptr<const OctaMap> mesh = pipeline.Mesh();
+    if (!warp || !photo || !mesh) {
+        filter.alert(kSolveFailed);
+        return false;
+    }
+
+    if (!device_) {
+        auto created = Gpu::GpuDevice::Create(options_);
+        if (!created) {
+            filter.alert(Localize(kGpuFailed, {created.error().message}));
+            return false;
+        }
+        device_ = std::move(created).value();
+    }
+
+    const PSettings& s = filter.settings();
+    PResult::Config config;
+    config.width = area.Width();
+    config.height = area.Height();
+    config.format = PixelFormat{host.Planes(), host.Depth() > 8 ? 16 : 8};
+    config.options.framing = ViewFraming{s.scale, s.offsetX, s.offsetY};
+    // One source texture may take at most the pixel-cache budget; a larger
+    // source is drawn through windows.
+    config.options.sourceTextureBudget =
+        std::clamp<uint64_t>(context_.cacheBudget, uint64_t{32} << 20, uint64_t{1} << 30);
+
+    auto made = PResult::Create(device_, config);
+    if (!made) {
+        filter.alert(Localize(kGpuFailed, {made.error().message}));
+        return false;
+    }
+    PResult& result = *made.value();
+    result.SetWarp(*warp, MeshTextureCoordinates(*mesh, *photo));
+
+    HostPixels pixels(host, area);
+    RenderControl control;
+    control.progress = [&host](int64_t done, int64_t total) { host.Progress(done, total); };
+    control.abortRequested = [&host] { return host.AbortRequested(); };
+    const RenderStatus status = result.Render(pixels, pixels, control);
+    pixels.RethrowHostError();
+    switch (status.code) {
+        case RenderCode::Ok:
+            return true;
+        case RenderCode::Cancelled:
+            return false;
+        default:
+            filter.alert(Localize(kGpuFailed, {status.message}));
+            return false;
+    }
+}
+
+}  // namespace Project

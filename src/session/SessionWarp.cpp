@@ -1,0 +1,200 @@
+#include "session/SessionWarp.h"
+
+#include <algorithm>
+#include <cstring>
+#include <span>
+
+#include "geometry/ProjectionFactory.h"
+#include "session/PFilter.h"
+
+namespace Project {
+
+namespace {
+
+// The constraint file's view of a settings record being read from scripting
+// parameters. The projection decision and the solver reset are not run here:
+// the session decides the projection and rebuilds the warp right after the
+// whole descriptor was read.
+class ScriptConstraintContext final : public ConstraintFileContext {
+public:
+    ScriptConstraintContext(PFilter& filter, PSettings& settings)
+        : filter_(filter), settings_(settings), rect_(filter.imageRect()) {}
+
+    int32_t ImageWidth() const override { return rect_.Width(); }
+    int32_t ImageHeight() const override { return rect_.Height(); }
+    std::string CameraMake() const override { return filter_.cameraMetadata().make; }
+    std::string CameraModel() const override { return filter_.cameraMetadata().model; }
+    std::string LensModel() const override { return filter_.cameraMetadata().lens; }
+
+    ConstraintFileSettings Settings() const override {
+        ConstraintFileSettings s;
+        s.physicalFocal = settings_.physicalFocalLength;
+        s.cropFactor = settings_.cropFactor;
+        s.focalLength = settings_.focalLength;
+        s.projectionModel = static_cast<int32_t>(settings_.projectionModel);
+        s.regularizerModel = static_cast<int32_t>(settings_.regularizerModel);
+        s.scale = settings_.scale;
+        s.offsetX = settings_.offsetX;
+        s.offsetY = settings_.offsetY;
+        return s;
+    }
+    void SetPhysicalFocal(float mm) override { settings_.physicalFocalLength = mm; }
+    void SetCropFactor(float crop) override { settings_.cropFactor = crop; }
+    void SetFocalLength(float pixels) override { settings_.focalLength = pixels; }
+    void SetProjectionModel(int32_t model) override {
+        settings_.projectionModel = static_cast<ProjectionModel>(model);
+    }
+    void SetRegularizerModel(int32_t model) override {
+        settings_.regularizerModel = static_cast<RegularizerModel>(model);
+    }
+    void SetScale(int32_t scale) override { settings_.scale = scale; }
+    void SetOffsets(float x, float y) override {
+        settings_.offsetX = x;
+        settings_.offsetY = y;
+    }
+    void ChooseProjection(int32_t) override {}
+    void SettingsChanged() override {}
+
+private:
+    PFilter& filter_;
+    PSettings& settings_;
+    ImageRect rect_;
+};
+
+// The writer's view: the live settings and the invocation's image.
+class LiveConstraintContext final : public ConstraintFileContext {
+public:
+    explicit LiveConstraintContext(PFilter& filter) : inner_(filter, filter.settings()) {}
+    int32_t ImageWidth() const override { return inner_.ImageWidth(); }
+    int32_t ImageHeight() const override { return inner_.ImageHeight(); }
+    std::string CameraMake() const override { return inner_.CameraMake(); }
+    std::string CameraModel() const override { return inner_.CameraModel(); }
+    std::string LensModel() const override { return inner_.LensModel(); }
+    ConstraintFileSettings Settings() const override { return inner_.Settings(); }
+    void SetPhysicalFocal(float) override {}
+    void SetCropFactor(float) override {}
+    void SetFocalLength(float) override {}
+    void SetProjectionModel(int32_t) override {}
+    void SetRegularizerModel(int32_t) override {}
+    void SetScale(int32_t) override {}
+    void SetOffsets(float, float) override {}
+    void ChooseProjection(int32_t) override {}
+    void SettingsChanged() override {}
+
+private:
+    ScriptConstraintContext inner_;
+};
+
+int32_t regulariserCodeFor(RegularizerModel model) {
+    switch (model) {
+        case RegularizerModel::Mercator:
+            return 2;
+        case RegularizerModel::Panini:
+            return 3;
+        case RegularizerModel::Equirectangular:
+            return 1000;
+        case RegularizerModel::Auto:
+            // Panini keeps verticals and a natural look over moderate fields;
+            // the solver's wide-field check falls back to stereographic
+            // (leaving the choice at Auto) beyond 120 degrees.
+            return 3;
+        default:
+            return 1;
+    }
+}
+
+}  // namespace
+
+// --- SessionConstraintData -------------------------------------------------
+
+SessionConstraintData::SessionConstraintData(PFilter& filter, std::shared_ptr<ConstraintSet> set)
+    : filter_(filter), set_(std::move(set)) {}
+
+bool SessionConstraintData::Parse(const uint8_t* data, size_t size, PSettings& settings) {
+    ScriptConstraintContext context(filter_, settings);
+    const bool ok = readConstraintData(*set_, context, std::span<const uint8_t>(data, size));
+    failure_ = ok ? std::string() : set_->Message();
+    return ok;
+}
+
+size_t SessionConstraintData::SerializedSize() const {
+    if (set_->Empty())
+        return 0;
+    LiveConstraintContext context(filter_);
+    return static_cast<size_t>(constraintDataSize(*set_, context));
+}
+
+void SessionConstraintData::Serialize(uint8_t* out) const {
+    LiveConstraintContext context(filter_);
+    const std::vector<uint8_t> bytes = makeConstraintData(*set_, context);
+    if (!bytes.empty())
+        std::memcpy(out, bytes.data(), bytes.size());
+}
+
+// --- MeshWarpPipeline ------------------------------------------------------
+
+SolverSettings solverSettingsFrom(const PSettings& s) {
+    SolverSettings out;
+    out.meshLevel = s.meshLevel;
+    out.meshLayoutFlag = s.solverFlags[0] != 0;
+    out.boundaryOnly = s.solverFlags[1] != 0;
+    out.regulariserWeight = s.regularizerWeight;
+    out.iterationCount = s.iterationCount;
+    out.modeValue = s.modeValue;
+    out.lineWeight = s.lineWeight;
+    out.shapeWeight = s.shapeWeight;
+    out.smoothnessWeight = s.smoothnessWeight;
+    out.projectionModel = static_cast<int32_t>(s.projectionModel);
+    out.regulariserCode = regulariserCodeFor(s.regularizerModel);
+    out.storedRegulariserChoice = static_cast<int32_t>(s.regularizerModel);
+    return out;
+}
+
+MeshWarpPipeline::MeshWarpPipeline(std::shared_ptr<ConstraintSet> set) : set_(std::move(set)) {}
+
+void MeshWarpPipeline::RebuildSolver(PFilter& filter) {
+    const PSettings& s = filter.settings();
+    const ImageRect rect = filter.imageRect();
+    solved_ = false;
+
+    const bool layout = s.solverFlags[0] != 0;
+    if (!mesh_ || mesh_->Level() != s.meshLevel || mesh_->LayoutFlag() != layout) {
+        mesh_ = std::make_shared<const OctaMap>(s.meshLevel, layout);
+        locator_ = std::make_shared<const MeshLocator>(mesh_);
+    }
+
+    photo_ = makeProjection(static_cast<uint32_t>(s.projectionModel), s.focalLength, rect.Width(),
+                            rect.Height(), filter.cameraMetadata(), filter.lensProfile(),
+                            filter.lensFocalScaleRatio());
+    if (!photo_) {
+        // The projection decision falls back before this happens; a model
+        // that still builds nothing is drawn as the fisheye it falls back to.
+        photo_ = makeProjection(static_cast<uint32_t>(ProjectionModel::Fisheye), s.focalLength,
+                                rect.Width(), rect.Height(), filter.cameraMetadata(), std::nullopt,
+                                1.0f);
+    }
+
+    lines_ = std::make_shared<GeodesicLines>(photo_, locator_);
+    lines_->FitAll(*set_);
+    solver_ = std::make_unique<Solver>(mesh_, photo_, lines_, solverSettingsFrom(s));
+}
+
+void MeshWarpPipeline::Solve(PFilter& filter) {
+    if (!solver_)
+        RebuildSolver(filter);
+    solved_ = solver_->Run();
+    if (solver_->FellBack()) {
+        // The field was too wide for the chosen closed form: the settings
+        // keep the stereographic choice the solver fell back to.
+        filter.settings().regularizerModel =
+            static_cast<RegularizerModel>(solver_->StoredRegulariserChoice());
+    }
+}
+
+std::shared_ptr<const SphereWarp> MeshWarpPipeline::SolvedWarp() const {
+    if (!solved_ || !solver_ || !solver_->Warp() || !solver_->Warp()->IsSolved())
+        return nullptr;
+    return solver_->Warp();
+}
+
+}  // namespace Project

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "constraints/ConstraintFile.h"
+#include "constraints/ConstraintSet.h"
+#include "constraints/GeodesicLines.h"
+#include "constraints/MeshLocator.h"
+#include "session/PFilterComponents.h"
+#include "solver/Solver.h"
+
+namespace Project {
+
+// The constraint set of a plug-in instance as the scripting "cnsD" value: the
+// bytes of a constraint file. Parsing checks them against the invocation's
+// image (size, camera, lens) and applies the settings they carry to the
+// record being read; the constraints are fitted later, when the warp is
+// rebuilt under the projection that the session then decides.
+class SessionConstraintData final : public PConstraintData {
+public:
+    SessionConstraintData(PFilter& filter, std::shared_ptr<ConstraintSet> set);
+
+    bool Parse(const uint8_t* data, size_t size, PSettings& settings) override;
+    std::string TakeFailureMessage() override { return std::exchange(failure_, {}); }
+    size_t SerializedSize() const override;
+    void Serialize(uint8_t* out) const override;
+
+private:
+    PFilter& filter_;
+    std::shared_ptr<ConstraintSet> set_;
+    std::string failure_;
+};
+
+// The warp of a plug-in instance: the projection built from the live
+// settings, the sphere mesh, the constraints fitted on the sphere and the
+// mesh solver. RebuildSolver builds them afresh (the mesh and its quad
+// finder are kept while the level and layout stay the same); Solve runs the
+// Gauss-Newton solve and keeps a failure as a flag.
+class MeshWarpPipeline final : public PWarpPipeline {
+public:
+    explicit MeshWarpPipeline(std::shared_ptr<ConstraintSet> set);
+
+    void RebuildSolver(PFilter& filter) override;
+    void Solve(PFilter& filter) override;
+
+    std::shared_ptr<const SphereWarp> SolvedWarp() const override;
+    std::shared_ptr<const PhotoToSphere> Photo() const override { return photo_; }
+    std::shared_ptr<const OctaMap> Mesh() const override { return mesh_; }
+
+    // The fitted constraints (null before the first rebuild).
+    const GeodesicLines* Lines() const { return lines_.get(); }
+    const Solver* CurrentSolver() const { return solver_.get(); }
+
+private:
+    std::shared_ptr<ConstraintSet> set_;
+    std::shared_ptr<const OctaMap> mesh_;
+    std::shared_ptr<const MeshLocator> locator_;
+    std::shared_ptr<const PhotoToSphere> photo_;
+    std::shared_ptr<GeodesicLines> lines_;
+    std::unique_ptr<Solver> solver_;
+    bool solved_ = false;
+};
+
+// The solver's settings from the session's record.
+SolverSettings solverSettingsFrom(const PSettings& settings);
+
+}  // namespace Project
