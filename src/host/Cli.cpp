@@ -327,11 +327,9 @@ std::optional<Failure> processOne(RunContext& run, const fs::path& input, const 
         ResultOptions resultOptions;
         resultOptions.budget = (run.options.cacheMiB << 20) / 2;
         resultOptions.icc = source->iccProfile();
-        // A TIFF too large for Exiv2 to add EXIF to carries the EXIF as XMP instead.
-        resultOptions.xmpPacket =
-            info.byteCount() > kMaxTiffExifRewrite && !metadata.moduleXmp.empty()
-                ? metadata.moduleXmp
-                : metadata.xmpPacket;
+        resultOptions.xmpPacket = tiffExifAsXmp(info) && !metadata.moduleXmp.empty()
+                                      ? metadata.moduleXmp
+                                      : metadata.xmpPacket;
         result = createResult(*format, temp->path(), *source, resultOptions);
     } catch (const HostError& e) {
         return Failure{kExitOutput, e.what()};
@@ -370,7 +368,7 @@ std::optional<Failure> processOne(RunContext& run, const fs::path& input, const 
         return Failure{kExitOutput, e.what()};
     }
     result.reset();
-    const std::string warning = writeMetadata(temp->path(), *format, metadata);
+    const std::string warning = writeMetadata(temp->path(), *format, info, metadata);
     if (!warning.empty())
         std::fprintf(stderr, "curvana: warning: %s\n", warning.c_str());
     try {

@@ -74,13 +74,11 @@ PhotoMetadata readMetadata(const std::filesystem::path& path) {
 }
 
 std::string writeMetadata(const std::filesystem::path& path, FileFormat format,
-                          const PhotoMetadata& metadata) {
+                          const ImageInfo& info, const PhotoMetadata& metadata) {
     quietExiv2();
     const bool hasExif = metadata.exif && !metadata.exif->empty();
     if (format == FileFormat::Tiff) {
-        std::error_code ec;
-        const auto size = std::filesystem::file_size(path, ec);
-        if (!hasExif || ec || size > kMaxTiffExifRewrite)
+        if (!hasExif || tiffExifAsXmp(info))
             return {};
     } else if (!hasExif && metadata.xmpPacket.empty()) {
         return {};

@@ -36,14 +36,19 @@ struct PhotoMetadata {
 // record and a warning, never an error.
 PhotoMetadata readMetadata(const std::filesystem::path& path);
 
-// Largest TIFF output that Exiv2 may rewrite to add EXIF (Exiv2 rewrites a
-// TIFF in memory). Larger or BigTIFF outputs carry their EXIF as XMP only.
+// Exiv2 adds EXIF to a TIFF by rewriting the whole file in memory: a TIFF
+// output whose pixels pass this size carries its EXIF converted to XMP
+// instead (metadata.moduleXmp, embedded when the file is written).
 inline constexpr uint64_t kMaxTiffExifRewrite = 512ull << 20;
+inline bool tiffExifAsXmp(const ImageInfo& info) {
+    return info.byteCount() > kMaxTiffExifRewrite;
+}
 
 // Writes EXIF and XMP into an image file already written with the pixels
-// and ICC profile. For TIFF (whose XMP was embedded when the file was
-// written) only the EXIF is added. Returns a warning, empty on success.
+// and ICC profile of an image described by info. For TIFF (whose XMP was
+// embedded when the file was written) only the EXIF is added, and not at
+// all when tiffExifAsXmp(info). Returns a warning, empty on success.
 std::string writeMetadata(const std::filesystem::path& path, FileFormat format,
-                          const PhotoMetadata& metadata);
+                          const ImageInfo& info, const PhotoMetadata& metadata);
 
 }  // namespace Curvana::Host
