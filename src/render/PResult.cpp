@@ -113,8 +113,7 @@ RenderStatus PResultScaled::Render(RenderSource& source, MemoryImage& output,
                 static_cast<size_t>(output.RowBytes()) * static_cast<size_t>(output.Height()));
         }
     }
-    // The preview's source is re-read on every render.
-    renderer_->InvalidateSource();
+    // RenderAll reads the source afresh on every call.
     return renderer_->RenderAll(source, output, control);
 }
 

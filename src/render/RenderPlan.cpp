@@ -12,7 +12,11 @@ int32_t CeilDiv(int32_t a, int32_t b) {
 }
 
 int32_t FloorToInt(double value) {
-    // Clamp first so that far-away quads do not overflow the conversion.
+    // Clamp first so that far-away quads do not overflow the conversion; a
+    // broken (non-finite) position counts as 0 rather than being undefined.
+    if (!std::isfinite(value)) {
+        return 0;
+    }
     return static_cast<int32_t>(std::floor(std::clamp(value, -1.0e9, 1.0e9)));
 }
 

@@ -36,7 +36,8 @@ struct PixelFormat {
 // Upload: min(2 v, 65535). Readback: 65535 -> 32768, else v / 2
 // with the remainder dropped. Readback(Upload(v)) == v for every host value.
 constexpr uint16_t HostToGpu16(uint16_t v) {
-    return v >= 32768 ? uint16_t{65535} : static_cast<uint16_t>(2 * v);
+    const uint32_t doubled = 2u * v;
+    return static_cast<uint16_t>(doubled < 65535u ? doubled : 65535u);
 }
 constexpr uint16_t GpuToHost16(uint16_t v) {
     return v > 65534 ? uint16_t{32768} : static_cast<uint16_t>(v / 2);

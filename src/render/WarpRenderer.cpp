@@ -58,10 +58,28 @@ RenderStatus GpuFailure(const Gpu::GpuError& error) {
     return {RenderCode::GpuFailed, error.message};
 }
 
-// Interleaves `planes` planes of w x rows values into four-channel texels.
+template <typename T>
+T ToGpu(T value) {
+    if constexpr (sizeof(T) == 2) {
+        return HostToGpu16(value);
+    } else {
+        return value;
+    }
+}
+
+template <typename T>
+T ToHost(T value) {
+    if constexpr (sizeof(T) == 2) {
+        return GpuToHost16(value);
+    } else {
+        return value;
+    }
+}
+
+// Interleaves Planes planes of w x rows values into four-channel texels.
 // Channels the image lacks are 0. 16-bit host values (0 ... 32768) are
-// expanded to 0 ... 65535 as min(2 v, 65535), which the readback's v / 2 (and
-// 65535 -> 32768) turns back into v exactly.
+// expanded to 0 ... 65535 (HostToGpu16), which the readback turns back into
+// the same values exactly.
 template <typename T, int Planes>
 void InterleaveRows(const std::vector<std::vector<uint8_t>>& planes, uint32_t w, uint32_t rows,
                     void* dst, size_t pitch) {
@@ -70,19 +88,20 @@ void InterleaveRows(const std::vector<std::vector<uint8_t>>& planes, uint32_t w,
         in[p] = reinterpret_cast<const T*>(planes[static_cast<size_t>(p)].data());
     }
     for (uint32_t r = 0; r < rows; ++r) {
-        T* out = reinterpret_cast<T*>(static_cast<uint8_t*>(dst) + r * pitch);
+        T* __restrict out = reinterpret_cast<T*>(static_cast<uint8_t*>(dst) + r * pitch);
         const size_t base = static_cast<size_t>(r) * w;
+        const T* __restrict c0 = in[0] + base;
         for (uint32_t x = 0; x < w; ++x) {
-            T texel[4] = {0, 0, 0, 0};
-            for (int p = 0; p < Planes; ++p) {
-                const T value = in[p][base + x];
-                if constexpr (sizeof(T) == 2) {
-                    texel[p] = HostToGpu16(value);
-                } else {
-                    texel[p] = value;
-                }
+            out[4 * x] = ToGpu(c0[x]);
+            out[4 * x + 1] = 0;
+            out[4 * x + 2] = 0;
+            out[4 * x + 3] = 0;
+        }
+        for (int p = 1; p < Planes; ++p) {
+            const T* __restrict cp = in[p] + base;
+            for (uint32_t x = 0; x < w; ++x) {
+                out[4 * x + static_cast<uint32_t>(p)] = ToGpu(cp[x]);
             }
-            std::memcpy(out + 4 * static_cast<size_t>(x), texel, sizeof(texel));
         }
     }
 }
@@ -103,6 +122,18 @@ void Interleave(int32_t planes, const std::vector<std::vector<uint8_t>>& data, u
         default:
             InterleaveRows<T, 4>(data, w, rows, dst, pitch);
             break;
+    }
+}
+
+// Splits count four-channel texels into `planes` planes on the host scale.
+template <typename T>
+void Deinterleave(const void* texels, size_t count, std::vector<std::vector<uint8_t>>& planes) {
+    const T* __restrict in = static_cast<const T*>(texels);
+    for (size_t p = 0; p < planes.size(); ++p) {
+        T* __restrict out = reinterpret_cast<T*>(planes[p].data());
+        for (size_t k = 0; k < count; ++k) {
+            out[k] = ToHost(in[4 * k + p]);
+        }
     }
 }
 
@@ -498,26 +529,16 @@ RenderStatus WarpRenderer::WriteBack(const PixelRect& region, RenderSink& sink) 
     const size_t bpv = static_cast<size_t>(format_.BytesPerValue());
     planeScratch_.resize(static_cast<size_t>(format_.planes));
     std::vector<const void*> pointers;
-    const void* data = resampler_->ReadbackData();
-    for (size_t p = 0; p < planeScratch_.size(); ++p) {
-        auto& plane = planeScratch_[p];
+    for (auto& plane : planeScratch_) {
         if (plane.size() < w * h * bpv) {
             plane.resize(w * h * bpv);
         }
-        if (format_.depth > 8) {
-            const auto* in = static_cast<const uint16_t*>(data);
-            auto* out = reinterpret_cast<uint16_t*>(plane.data());
-            for (size_t k = 0; k < w * h; ++k) {
-                out[k] = GpuToHost16(in[4 * k + p]);
-            }
-        } else {
-            const auto* in = static_cast<const uint8_t*>(data);
-            uint8_t* out = plane.data();
-            for (size_t k = 0; k < w * h; ++k) {
-                out[k] = in[4 * k + p];
-            }
-        }
         pointers.push_back(plane.data());
+    }
+    if (format_.depth > 8) {
+        Deinterleave<uint16_t>(resampler_->ReadbackData(), w * h, planeScratch_);
+    } else {
+        Deinterleave<uint8_t>(resampler_->ReadbackData(), w * h, planeScratch_);
     }
     if (!sink.WriteTile(region, pointers, static_cast<ptrdiff_t>(w * bpv))) {
         return {RenderCode::SinkFailed, "writing the result tile failed"};

@@ -6,12 +6,14 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "RenderTestSupport.h"
 #include "render/gpu/GpuDevice.h"
 #include "render/gpu/GpuResampler.h"
 #include "render/gpu/HlslCompiler.h"
+#include "render/gpu/VulkanContext.h"
 
 namespace Project {
 namespace {
@@ -29,6 +31,35 @@ TEST(GpuDevice, StartsHeadlessAndLogsTheProduct) {
     EXPECT_GE(device->DeviceMaxImageDimension2D(), 4096u);
     EXPECT_EQ(device->MaxTextureDimension(), device->DeviceMaxImageDimension2D());
     EXPECT_TRUE(Gpu::IsVulkanDevicePresent());
+    // The test devices run under the validation layers whenever they are
+    // installed (scripts/setup installs them).
+    EXPECT_TRUE(device->ValidationEnabled() || log.Contains("validation requested but"));
+}
+
+// The debug messenger reports a validation error to the handler: an invalid
+// call (a buffer of size 0) made directly on the device.
+TEST(GpuDevice, ValidationErrorsReachTheHandler) {
+    Testing::KeepVulkanDriverLoaded();
+    std::vector<std::string> errors;
+    Gpu::GpuOptions options;
+    options.enableValidation = true;
+    options.onValidationError = [&](std::string_view message) { errors.emplace_back(message); };
+    options.log = [](Gpu::LogLevel, std::string_view) {};
+    auto device = Gpu::GpuDevice::Create(options);
+    ASSERT_TRUE(device) << device.error().message;
+    if (!device.value()->ValidationEnabled()) {
+        GTEST_SKIP() << "VK_LAYER_KHRONOS_validation is not installed";
+    }
+    auto info = Gpu::detail::Info<VkBufferCreateInfo>(VK_STRUCTURE_TYPE_BUFFER_CREATE_INFO);
+    info.size = 0;  // invalid
+    info.usage = VK_BUFFER_USAGE_VERTEX_BUFFER_BIT;
+    VkBuffer buffer = VK_NULL_HANDLE;
+    const VkDevice vk = device.value()->impl().vk();
+    if (vkCreateBuffer(vk, &info, nullptr, &buffer) == VK_SUCCESS) {
+        vkDestroyBuffer(vk, buffer, nullptr);
+    }
+    EXPECT_FALSE(errors.empty());
+    EXPECT_EQ(device.value()->ValidationErrorCount(), errors.size());
 }
 
 TEST(GpuDevice, ForcedTextureLimitIsTheSmallerOne) {

@@ -21,8 +21,20 @@ bool CapturedLog::Contains(const std::string& text) {
     });
 }
 
-std::shared_ptr<Gpu::GpuDevice> MakeTestDevice(uint32_t maxTextureDimension, CapturedLog* log) {
+void KeepVulkanDriverLoaded() {
     setenv("MESA_SHADER_CACHE_DISABLE", "true", 0);
+    // Reachable for the whole process on purpose (not a leak).
+    static const auto* const keeper = [] {
+        Gpu::GpuOptions options;
+        options.log = [](Gpu::LogLevel, std::string_view) {};
+        auto device = Gpu::GpuDevice::Create(options);
+        return new std::shared_ptr<Gpu::GpuDevice>(device ? std::move(device).value() : nullptr);
+    }();
+    (void)keeper;
+}
+
+std::shared_ptr<Gpu::GpuDevice> MakeTestDevice(uint32_t maxTextureDimension, CapturedLog* log) {
+    KeepVulkanDriverLoaded();
     Gpu::GpuOptions options;
     options.enableValidation = true;
     options.onValidationError = [](std::string_view message) {

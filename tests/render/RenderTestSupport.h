@@ -29,6 +29,12 @@ struct CapturedLog {
     bool Contains(const std::string& text);
 };
 
+// Keeps one device, and so the Vulkan driver library, alive until the
+// process exits. Mesa keeps process-wide allocations in the driver's globals;
+// unloading the driver with the last instance would make them look leaked to
+// the leak sanitizer. MakeTestDevice calls it.
+void KeepVulkanDriverLoaded();
+
 // A device on whatever Vulkan driver is present (lavapipe here), with
 // VK_LAYER_KHRONOS_validation when installed and every validation error
 // turned into a test failure. Sets MESA_SHADER_CACHE_DISABLE=true first.
