@@ -38,7 +38,6 @@ void PResult::SetWarp(const SphereWarp& warp, const TexCoordFunction& texCoord) 
 
 void PResult::SetFraming(const ViewFraming& framing) {
     config_.options.framing = framing;
-    renderer_->SetFraming(framing);
     if (mesh_) {
         SetMesh(mesh_);
     }
@@ -91,7 +90,6 @@ void PResultScaled::SetMesh(std::shared_ptr<const RenderMesh> mesh) {
 
 void PResultScaled::SetFraming(const ViewFraming& framing) {
     config_.options.framing = framing;
-    renderer_->SetFraming(framing);
     if (mesh_) {
         SetMesh(mesh_);
     }

@@ -71,8 +71,9 @@ public:
                                                              const RenderOptions& options);
 
     const PixelFormat& Format() const { return format_; }
+    // The options it was made with; the framing in them is the plan's
+    // business (RenderPlan), the budget decides the source mode.
     const RenderOptions& Options() const { return options_; }
-    void SetFraming(const ViewFraming& framing) { options_.framing = framing; }
 
     // A new plan (the mesh or the sizes changed). Keeps the source texture.
     void SetPlan(std::shared_ptr<const RenderPlan> plan);
