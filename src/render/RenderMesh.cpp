@@ -46,8 +46,36 @@ RenderMesh BuildRenderMesh(const SphereWarp& warp, const TexCoordFunction& texCo
             if (used[k] == 0) {
                 continue;
             }
-            warp.GetVertexPosition(i, j, mesh.positions[2 * k], mesh.positions[2 * k + 1]);
+            float y = 0.0f;
+            warp.GetVertexPosition(i, j, mesh.positions[2 * k], y);
+            // A warp's y grows downwards in the photo; the render plane's y
+            // grows upwards (output row 0 shows the frame's largest y).
+            mesh.positions[2 * k + 1] = -y;
             texCoord(i, j, mesh.texcoords[2 * k], mesh.texcoords[2 * k + 1]);
+        }
+    }
+    // A quad whose texture coordinates lie wholly beside the photograph would
+    // only repeat the photo's edge texels (the sampler clamps to the edge):
+    // it is not drawn, and the output stays empty (zero) there.
+    for (int32_t j = 0; j < quads; ++j) {
+        for (int32_t i = 0; i < quads; ++i) {
+            auto& valid = mesh.quadValid[static_cast<size_t>(mesh.QuadIndex(i, j))];
+            if (valid == 0) {
+                continue;
+            }
+            float u0 = 2.0f, u1 = -1.0f, v0 = 2.0f, v1 = -1.0f;
+            for (int32_t dj = 0; dj < 2; ++dj) {
+                for (int32_t di = 0; di < 2; ++di) {
+                    const auto k = static_cast<size_t>(mesh.VertexIndex(i + di, j + dj));
+                    u0 = std::min(u0, mesh.texcoords[2 * k]);
+                    u1 = std::max(u1, mesh.texcoords[2 * k]);
+                    v0 = std::min(v0, mesh.texcoords[2 * k + 1]);
+                    v1 = std::max(v1, mesh.texcoords[2 * k + 1]);
+                }
+            }
+            if (u1 < 0.0f || u0 > 1.0f || v1 < 0.0f || v0 > 1.0f) {
+                valid = 0;
+            }
         }
     }
     return mesh;

@@ -13,7 +13,8 @@ class PhotoToSphere;
 
 // What the renderer needs of a solved warp, copied out once per mesh change:
 // for each of the N x N vertices (vertex (i, j) at index i + j * N) its
-// output-plane position (SphereWarp units: x right, y up) and its texture
+// output-plane position (SphereWarp units, with y turned over: x right, y
+// up in the picture) and its texture
 // coordinate in the source ((u, v) = (0, 0) top-left, (1, 1) bottom-right, as
 // PhotoToSphere::ToTexture gives it), and for each of the (N - 1)^2 quads
 // (quad (i, j), lowest corner (i, j), at index i + j * (N - 1)) whether it may

@@ -22,12 +22,30 @@ int32_t FloorToInt(double value) {
 
 }  // namespace
 
-MeshExtent ComputeMeshExtent(const RenderMesh& mesh) {
+namespace {
+
+// A corner of the quad samples the photograph itself, not the area around it
+// that a fisheye or perspective projection also maps.
+bool QuadShowsPhoto(const RenderMesh& mesh, int32_t i, int32_t j) {
+    for (int32_t dj = 0; dj < 2; ++dj) {
+        for (int32_t di = 0; di < 2; ++di) {
+            const auto k = static_cast<size_t>(mesh.VertexIndex(i + di, j + dj));
+            const float u = mesh.texcoords[2 * k];
+            const float v = mesh.texcoords[2 * k + 1];
+            if (u >= 0.0f && u <= 1.0f && v >= 0.0f && v <= 1.0f) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+MeshExtent ExtentOf(const RenderMesh& mesh, bool photoOnly) {
     MeshExtent extent;
     const int32_t quads = mesh.QuadsPerSide();
     for (int32_t j = 0; j < quads; ++j) {
         for (int32_t i = 0; i < quads; ++i) {
-            if (!mesh.IsQuadValid(mesh.QuadIndex(i, j))) {
+            if (!mesh.IsQuadValid(mesh.QuadIndex(i, j)) || (photoOnly && !QuadShowsPhoto(mesh, i, j))) {
                 continue;
             }
             for (int32_t dj = 0; dj < 2; ++dj) {
@@ -48,6 +66,16 @@ MeshExtent ComputeMeshExtent(const RenderMesh& mesh) {
         }
     }
     return extent;
+}
+
+}  // namespace
+
+MeshExtent ComputeMeshExtent(const RenderMesh& mesh) {
+    // The frame fits the photograph's own content: the valid mesh of a
+    // fisheye or perspective photo spans its whole front hemisphere, most of
+    // which lies outside the picture.
+    const MeshExtent photo = ExtentOf(mesh, true);
+    return photo.empty ? ExtentOf(mesh, false) : photo;
 }
 
 ViewFrame FitViewFrame(const MeshExtent& extent, int32_t width, int32_t height,

@@ -22,7 +22,9 @@ namespace Project {
 // extent.height / H plane units wide and high.
 //
 // The frame follows from the *mesh extent* (the bounding box of the positions
-// of every corner of every valid quad) and the settings' scale and offsets
+// of every corner of every valid quad that shows the photograph, i.e. has a
+// corner whose texture coordinate lies in the source; of every valid quad
+// when none does) and the settings' scale and offsets
 // (scripting keys "imgS", "imgX", "imgY"):
 //  - Scale 100 % is the fit: the smallest W : H frame that holds the whole
 //    mesh extent. The extent then touches the frame on one axis and is

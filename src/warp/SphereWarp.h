@@ -10,7 +10,10 @@ namespace Project {
 // only: closed-form projections and the mesh solver alike.
 //
 // Output-plane units are radians of the unit sphere (scale 1 at the centre of
-// the view for the closed forms); x grows to the right and y grows upwards.
+// the view for the closed forms); x grows to the right, like the photo's
+// longitude, and y grows with the latitude, that is downwards in the photo
+// (the stereographic form gives y = k sin phi). The renderer turns y over
+// for its own upward plane.
 class SphereWarp {
 public:
     virtual ~SphereWarp() = default;

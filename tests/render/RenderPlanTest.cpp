@@ -154,7 +154,7 @@ TEST(RenderPlan, QuadLeftOfTheFrameStillLandsInColumnZero) {
                       [](int32_t i, int32_t j, float& x, float& y) {
                           // Quads (0, j) lie far to the left, between x = -50 and -49.
                           x = i == 0 ? -50.0f : (i == 1 ? -49.0f : 2.0f);
-                          y = -static_cast<float>(j);
+                          y = static_cast<float>(j);  // the render plane turns it to -j
                       },
                       {});
     auto mesh = std::make_shared<RenderMesh>(
