@@ -4,6 +4,7 @@
 #include <exception>
 #include <limits>
 #include <optional>
+#include <vector>
 
 #include "render/PResult.h"
 #include "render/RenderMesh.h"
@@ -35,9 +36,35 @@ public:
     }
     bool WriteTile(const PixelRect& rect, std::span<const void* const> planes,
                    ptrdiff_t rowBytes) override {
+        written_.push_back(rect);
         return Each(rect, planes.size(), rowBytes, [&](const ImageRect& r, int32_t p, int32_t stride) {
             host_.WriteResultPlane(r, p, planes[static_cast<size_t>(p)], stride);
         });
+    }
+
+    // Tiles the renderer drew nothing into (no quad reaches them) are still
+    // part of the result: they are written empty (zero), like the uncovered
+    // pixels of a drawn tile.
+    bool ClearUnwrittenTiles(int32_t planes, int32_t bytesPerValue) {
+        const int32_t tile = 1024;
+        std::vector<uint8_t> zeros;
+        for (int32_t top = 0; top < area_.Height(); top += tile) {
+            for (int32_t left = 0; left < area_.Width(); left += tile) {
+                const PixelRect r{left, top, std::min(left + tile, area_.Width()),
+                                  std::min(top + tile, area_.Height())};
+                if (std::find(written_.begin(), written_.end(), r) != written_.end())
+                    continue;
+                const ptrdiff_t rowBytes = static_cast<ptrdiff_t>(r.Width()) * bytesPerValue;
+                zeros.assign(static_cast<size_t>(rowBytes) * static_cast<size_t>(r.Height()), 0);
+                std::vector<const void*> pointers(static_cast<size_t>(planes), zeros.data());
+                if (!Each(r, pointers.size(), rowBytes,
+                          [&](const ImageRect& hr, int32_t p, int32_t stride) {
+                              host_.WriteResultPlane(hr, p, pointers[static_cast<size_t>(p)], stride);
+                          }))
+                    return false;
+            }
+        }
+        return true;
     }
 
     void RethrowHostError() const {
@@ -65,6 +92,7 @@ private:
     const HostRecord& host_;
     ImageRect area_;
     std::exception_ptr error_;
+    std::vector<PixelRect> written_;
 };
 
 }  // namespace
@@ -123,6 +151,8 @@ bool RenderingImageHub::RenderFinal(PFilter& filter) {
     pixels.RethrowHostError();
     switch (status.code) {
         case RenderCode::Ok:
+            pixels.ClearUnwrittenTiles(config.format.planes, config.format.BytesPerValue());
+            pixels.RethrowHostError();
             return true;
         case RenderCode::Cancelled:
             return false;
