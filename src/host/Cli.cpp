@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 
 #include "host/ModuleHost.h"
@@ -69,7 +70,9 @@ void printHelp(const std::string& command) {
                "EXIF, or 1)\n"
                "  --params ACTION.json   replay a recorded action (the options above override its "
                "keys)\n"
-               "  --constraints FILE.cvc constraint file (not available in this build)\n\n"
+               "  --constraints FILE.cvc constraints saved from the editor: lines and polygons to\n"
+               "                         keep straight, with the settings they were drawn with\n"
+               "                         (the options above override those settings)\n\n"
                "The focal length in pixels handed to the filter is C x F x max(width, height) / "
                "36.\n"
                "Without focal options, the photo's EXIF focal length is used when it has one.\n"
@@ -356,7 +359,7 @@ std::optional<Failure> processOne(RunContext& run, const fs::path& input, const 
     if (outcome.error != 0)
         return Failure{kExitFailed, "the filter failed on " + input.string() + " (error " +
                                         std::to_string(outcome.error) + "); nothing written"};
-    if (!result->anyWritten())
+    if (!result->anyWritten() || !outcome.resultDescriptor)
         return Failure{kExitFailed, "the filter wrote no result for " + input.string() +
                                         (outcome.alerts.empty() ? "" : " (see its message above)") +
                                         "; nothing written"};
@@ -464,6 +467,38 @@ std::optional<CliOptions> parseCommandLine(const std::vector<std::string>& args)
     return o;
 }
 
+std::unique_ptr<Descriptor> withConstraintFile(const Descriptor* params, const fs::path& file) {
+    // The filter checks the bytes (image size, camera, lens) itself; the host
+    // only refuses what it cannot pass on.
+    constexpr uintmax_t kMaxBytes = uintmax_t{256} << 20;
+    std::error_code ec;
+    const uintmax_t size = fs::file_size(file, ec);
+    if (ec)
+        throw HostError(file.string() + ": cannot read the constraint file (" + ec.message() + ")");
+    if (size == 0)
+        throw HostError(file.string() + ": the constraint file is empty");
+    if (size > kMaxBytes)
+        throw HostError(file.string() + ": too large for a constraint file");
+    std::ifstream in(file, std::ios::binary);
+    DescriptorEntry entry;
+    entry.key = kConstraintDataKey;
+    entry.type = cvTypeRawData;
+    entry.data.resize(static_cast<size_t>(size));
+    if (!in.read(reinterpret_cast<char*>(entry.data.data()), static_cast<std::streamsize>(size)))
+        throw HostError(file.string() + ": cannot read the constraint file");
+
+    // The constraint data goes first: the filter reads keys in order, so the
+    // settings of --params and of the options, put after it, win over the
+    // file's.
+    auto d = std::make_unique<Descriptor>();
+    d->put(std::move(entry));
+    if (params)
+        for (const DescriptorEntry& e : params->entries())
+            if (e.key != kConstraintDataKey)
+                d->put(e);
+    return d;
+}
+
 std::unique_ptr<Descriptor> applyDescriptor(const CliOptions& options, const Descriptor* params,
                                             int32_t width, int32_t height,
                                             const PhotoMetadata& metadata) {
@@ -498,7 +533,8 @@ std::unique_ptr<Descriptor> applyDescriptor(const CliOptions& options, const Des
             put(focal, crop);
         else
             d->putFloat(kCrp, crop);
-    } else if (!d->find(kFoc)) {
+    } else if (!d->find(kFoc) && !d->find(kConstraintDataKey)) {
+        // (A constraint file carries the focal length it was drawn with.)
         if (metadata.focalLengthMm > 0)
             put(metadata.focalLengthMm, exifCrop > 0 ? exifCrop : 1.0);
         else if (metadata.focalLength35mm > 0)
@@ -525,13 +561,6 @@ int runCli(int argc, char** argv) {
                      "use 'curvana apply' with options or --params\n");
         return kExitUnavailable;
     }
-    if (options.constraints) {
-        std::fprintf(
-            stderr,
-            "curvana: --constraints: constraint files are not supported yet in this build\n");
-        return kExitUnavailable;
-    }
-
     std::unique_ptr<Descriptor> params;
     try {
         if (options.params)
@@ -542,6 +571,8 @@ int runCli(int argc, char** argv) {
             if (!record.empty() && fs::exists(record, ec))
                 params = loadAction(record);
         }
+        if (options.constraints)
+            params = withConstraintFile(params.get(), *options.constraints);
     } catch (const HostError& e) {
         std::fprintf(stderr, "curvana: %s\n", e.what());
         return kExitUsage;

@@ -1,6 +1,7 @@
 // The curvana command line: commands, options, batches, exit codes.
 #pragma once
 
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -45,6 +46,15 @@ std::optional<CliOptions> parseCommandLine(const std::vector<std::string>& args)
 std::unique_ptr<Descriptor> applyDescriptor(const CliOptions& options, const Descriptor* params,
                                             int32_t width, int32_t height,
                                             const PhotoMetadata& metadata);
+
+// The scripting key of the constraint data ("cnsD").
+inline constexpr uint32_t kConstraintDataKey = CV_FOURCC('c', 'n', 's', 'D');
+
+// --params (may be null) with a constraint file's bytes as the constraint
+// data, placed first so that every other key overrides the settings the file
+// carries. Throws HostError for a file that is missing, empty or too large.
+std::unique_ptr<Descriptor> withConstraintFile(const Descriptor* params,
+                                               const std::filesystem::path& file);
 
 int runCli(int argc, char** argv);
 

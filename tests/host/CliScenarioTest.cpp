@@ -299,13 +299,13 @@ TEST_F(CliScenario, RefusesAMalformedParamsFile) {
     EXPECT_FALSE(fs::exists(dir / "out.png"));
 }
 
-TEST_F(CliScenario, SaysWhatIsNotAvailableYet) {
+TEST_F(CliScenario, SaysWhatIsNotAvailableOrMissing) {
     const fs::path input = sample("in.png", Mode::RGB, 8);
     expectRefusal(curvana({"edit", input.string(), "-o", (dir / "out.png").string()}),
                   kExitUnavailable, "editor is not available");
     expectRefusal(curvana({"apply", input.string(), "-o", (dir / "out.png").string(),
-                           "--constraints", "c.cvc"}),
-                  kExitUnavailable, "--constraints");
+                           "--constraints", (dir / "missing.cvc").string()}),
+                  kExitUsage, "cannot read the constraint file");
     EXPECT_FALSE(fs::exists(dir / "out.png"));
 }
 

@@ -1,0 +1,159 @@
+// The real curvana binary with the real filter module (libcurvana.so beside
+// it): constraint files handed in with --constraints, checked against the
+// photograph by the filter, and their effect on the result.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "HostTestUtil.h"
+#include "constraints/ConstraintFile.h"
+#include "host/Cli.h"
+#include "samplegen/SampleFiles.h"
+#include "samplegen/SampleScene.h"
+
+namespace Curvana::Host::Test {
+namespace {
+
+constexpr int32_t kWidth = 480;
+constexpr int32_t kHeight = 320;
+
+class RealModuleScenario : public ::testing::Test {
+protected:
+    void SetUp() override {
+        module = fs::path(CURVANA_EXE).parent_path() / "libcurvana.so";
+        if (!fs::exists(module))
+            GTEST_SKIP() << "no libcurvana.so beside curvana in this build";
+        SampleGen::SampleFileOptions o;
+        o.scene.width = kWidth;
+        o.scene.height = kHeight;
+        o.scene.samples = 1;
+        o.mode = Mode::RGB;
+        o.depth = 8;
+        scene = o.scene;
+        input = dir / "room.png";
+        SampleGen::writeSampleFile(input, o);
+    }
+
+    RunResult curvana(std::vector<std::string> args) {
+        args.push_back("--module");
+        args.push_back(module.string());
+        return runProgram(CURVANA_EXE, args, {{"XDG_CONFIG_HOME", (dir / "xdg").string()}});
+    }
+
+    // A constraint file for an image of the given size with the sample
+    // camera's strings: every vertical edge of the room as a vertical line,
+    // the others free.
+    fs::path constraintFile(const std::string& name, int32_t width, int32_t height,
+                            const std::string& model = "Sample Room Camera") {
+        Project::SimpleConstraintFileContext context;
+        context.width = width;
+        context.height = height;
+        context.make = "Curvana";
+        context.model = model;
+        context.lens = "Sample Fisheye";
+        context.settings.focalLength = static_cast<float>(SampleGen::focalPixels(scene));
+        context.settings.projectionModel = 1;
+        Project::ConstraintSet set;
+        for (const SampleGen::SceneEdge& e : SampleGen::roomEdges(scene)) {
+            if (e.points.size() < 8)
+                continue;
+            const auto& a = e.points.front();
+            const auto& b = e.points.back();
+            auto line = std::make_unique<Project::LineConstraint>();
+            line->SetEndpoints({static_cast<float>(a.x), static_cast<float>(a.y)},
+                               {static_cast<float>(b.x), static_cast<float>(b.y)});
+            const bool vertical = std::abs(e.a[0] - e.b[0]) < 1e-9 && std::abs(e.a[2] - e.b[2]) < 1e-9;
+            line->SetOrientation(vertical ? Project::Orientation::Vertical
+                                          : Project::Orientation::Unfixed);
+            set.Add(std::move(line));
+        }
+        EXPECT_GE(set.Size(), 4u);
+        const fs::path p = dir / name;
+        EXPECT_TRUE(Project::saveConstraintFile(set, context, dir.path(), name));
+        return p;
+    }
+
+    ScratchDir dir;
+    fs::path module;
+    fs::path input;
+    SampleGen::SceneOptions scene;
+};
+
+TEST_F(RealModuleScenario, AMatchingConstraintFileIsAppliedAndRecorded) {
+    const fs::path plain = dir / "plain.png", constrained = dir / "constrained.png";
+    RunResult r = curvana({"apply", input.string(), "-o", plain.string()});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+
+    const fs::path cvc = constraintFile("room.cvc", kWidth, kHeight);
+    r = curvana({"apply", input.string(), "-o", constrained.string(), "--constraints", cvc.string()});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+
+    // The constraints change the correction.
+    const Raster a = readWhole(plain), b = readWhole(constrained);
+    ASSERT_EQ(b.info.width, kWidth);
+    ASSERT_EQ(b.info.height, kHeight);
+    size_t different = 0;
+    for (size_t i = 0; i < a.data.size(); ++i)
+        different += std::abs(int(a.data[i]) - int(b.data[i])) > 8;
+    EXPECT_GT(different, a.data.size() / 20);
+
+    // The recorded action carries them, so repeat and --params replay them.
+    const auto action = loadAction(dir / "xdg" / "curvana" / "last-action.json");
+    const DescriptorEntry* data = action->find(kConstraintDataKey);
+    ASSERT_NE(data, nullptr);
+    EXPECT_GT(data->data.size(), 100u);
+}
+
+// Mean of all samples in rows [top, bottom).
+double meanOfRows(const Raster& r, int32_t top, int32_t bottom) {
+    double sum = 0;
+    size_t n = 0;
+    for (int32_t y = top; y < bottom; ++y)
+        for (size_t i = 0; i < r.rowBytes(); ++i, ++n)
+            sum += r.row(y)[i];
+    return sum / static_cast<double>(n);
+}
+
+TEST_F(RealModuleScenario, TheCorrectionKeepsThePhotoUpright) {
+    // The sample room has a bright ceiling above and a dark floor below; the
+    // correction must keep them there, and fill the frame with the photo.
+    const fs::path out = dir / "out.png";
+    const RunResult r = curvana({"apply", input.string(), "-o", out.string()});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const Raster before = readWhole(input), after = readWhole(out);
+    ASSERT_GT(meanOfRows(before, 0, kHeight / 4), meanOfRows(before, 3 * kHeight / 4, kHeight));
+    EXPECT_GT(meanOfRows(after, kHeight / 8, kHeight / 4),
+              meanOfRows(after, 3 * kHeight / 4, 7 * kHeight / 8) + 20.0);
+    // The middle row is covered from edge to edge (no empty margin).
+    const uint8_t* middle = after.row(kHeight / 2);
+    EXPECT_GT(middle[0] + middle[1] + middle[2], 0);
+    const size_t last = after.rowBytes() - 3;
+    EXPECT_GT(middle[last] + middle[last + 1] + middle[last + 2], 0);
+}
+
+TEST_F(RealModuleScenario, AMismatchingConstraintFileIsRefusedWithTheFiltersMessage) {
+    const fs::path out = dir / "out.png";
+    RunResult r = curvana({"apply", input.string(), "-o", out.string(), "--constraints",
+                           constraintFile("wide.cvc", kWidth + 8, kHeight).string()});
+    EXPECT_NE(r.exitCode, 0);
+    EXPECT_NE(r.err.find("Image size doesn't match."), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("Value in the loaded file: 488x320"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("Value of the current image: 480x320"), std::string::npos) << r.err;
+    EXPECT_FALSE(fs::exists(out));
+
+    r = curvana({"apply", input.string(), "-o", out.string(), "--constraints",
+                 constraintFile("other.cvc", kWidth, kHeight, "Another Camera").string()});
+    EXPECT_NE(r.exitCode, 0);
+    EXPECT_NE(r.err.find("Camera model doesn't match."), std::string::npos) << r.err;
+    EXPECT_FALSE(fs::exists(out));
+
+    std::ofstream(dir / "empty.cvc").close();
+    r = curvana({"apply", input.string(), "-o", out.string(), "--constraints",
+                 (dir / "empty.cvc").string()});
+    EXPECT_NE(r.exitCode, 0);
+    EXPECT_NE(r.err.find("empty"), std::string::npos) << r.err;
+    EXPECT_FALSE(fs::exists(out));
+}
+
+}  // namespace
+}  // namespace Curvana::Host::Test
