@@ -33,9 +33,10 @@ LineSolve::LineSolve(std::shared_ptr<const OctaMap> mesh, std::shared_ptr<const 
 }
 
 void LineSolve::ResetSystem() {
-    activeLines_ = lines_ ? lines_->ActiveLineCount() : 0;
-    activeEdges_ = lines_ ? lines_->ActiveEdgeCount() : 0;
-    activePlanes_ = lines_ ? lines_->ActivePlaneCount() : 0;
+    const auto lines = lines_.lock();
+    activeLines_ = lines ? lines->ActiveLineCount() : 0;
+    activeEdges_ = lines ? lines->ActiveEdgeCount() : 0;
+    activePlanes_ = lines ? lines->ActivePlaneCount() : 0;
     SetExtraUnknownCount(activeLines_ + activeEdges_ + 8 * activePlanes_);
     extrasInitialised_ = false;
     IterativeWarpSolver::ResetSystem();
@@ -249,23 +250,24 @@ void LineSolve::InitialiseExtras() {
 void LineSolve::PrepareSolve() {
     lineTerms_.clear();
     planeTerms_.clear();
-    if (!lines_) {
+    const auto lines = lines_.lock();
+    if (!lines) {
         return;
     }
-    if (lines_->ActiveLineCount() != activeLines_ || lines_->ActiveEdgeCount() != activeEdges_ ||
-        lines_->ActivePlaneCount() != activePlanes_) {
+    if (lines->ActiveLineCount() != activeLines_ || lines->ActiveEdgeCount() != activeEdges_ ||
+        lines->ActivePlaneCount() != activePlanes_) {
         ResetSystem();  // the constraints changed since the last assembly
     }
     // Locate every sample of the active lines in this warp's mesh.
-    const MeshLocator* locator = &lines_->Locator();
-    if (&lines_->Mesh() != &Mesh()) {
+    const MeshLocator* locator = &lines->Locator();
+    if (&lines->Mesh() != &Mesh()) {
         if (!ownLocator_) {
             ownLocator_ = std::make_unique<MeshLocator>(MeshRef());
         }
         locator = ownLocator_.get();
     }
     std::vector<const GeodesicLine*> active;
-    for (const auto* list : {&lines_->Lines(), &lines_->EdgeLines()}) {
+    for (const auto* list : {&lines->Lines(), &lines->EdgeLines()}) {
         for (const GeodesicLine& line : *list) {
             if (line.active) {
                 active.push_back(&line);
@@ -289,7 +291,7 @@ void LineSolve::PrepareSolve() {
         offset += count;
     }
     int32_t planeIndex = 0;
-    for (const GeodesicPlane& plane : lines_->Planes()) {
+    for (const GeodesicPlane& plane : lines->Planes()) {
         if (plane.active) {
             PreparePlane(plane, PlaneUnknown(planeIndex));
             ++planeIndex;
@@ -408,12 +410,13 @@ double LineSolve::LineEnergy(const GeodesicLine& line, int32_t unknown) const {
 }
 
 double LineSolve::Energy() const {
-    if (!lines_) {
+    const auto lines = lines_.lock();
+    if (!lines) {
         return 0.0;
     }
     double total = 0.0;
     int32_t k = 0;
-    for (const auto* list : {&lines_->Lines(), &lines_->EdgeLines()}) {
+    for (const auto* list : {&lines->Lines(), &lines->EdgeLines()}) {
         for (const GeodesicLine& line : *list) {
             if (line.active) {
                 total += LineEnergy(line, MeshUnknownCount() + k);
@@ -423,7 +426,7 @@ double LineSolve::Energy() const {
     }
     const Eigen::VectorXd& u = Solution();
     int32_t planeIndex = 0;
-    for (const GeodesicPlane& plane : lines_->Planes()) {
+    for (const GeodesicPlane& plane : lines->Planes()) {
         if (!plane.active) {
             continue;
         }

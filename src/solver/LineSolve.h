@@ -64,8 +64,8 @@ public:
     // `unknown` when the line is free. 0 without samples.
     double LineEnergy(const GeodesicLine& line, int32_t unknown) const;
 
-    const GeodesicLines& Lines() const { return *lines_; }
-    const std::shared_ptr<const GeodesicLines>& LinesRef() const { return lines_; }
+    // The constraints, or null once their owner has let them go.
+    std::shared_ptr<const GeodesicLines> LinesRef() const { return lines_.lock(); }
     // The unknown index of the k-th active line of the first list, of the
     // second list, and of the first entry of the k-th active plane.
     int32_t LineUnknown(int32_t k) const { return MeshUnknownCount() + k; }
@@ -113,7 +113,10 @@ private:
     void InitialiseExtras();
     double Interpolate(const Eigen::VectorXd& v, const Corners& c, int32_t component) const;
 
-    std::shared_ptr<const GeodesicLines> lines_;
+    // Held weakly: the session owns the constraints, and they hold the
+    // finished warp (GeodesicLines::SetWarp), so a strong reference here would
+    // make a cycle that keeps both alive for ever.
+    std::weak_ptr<const GeodesicLines> lines_;
     double lineWeight_;
     double shapeWeight_;
     double smoothnessWeight_;
