@@ -56,14 +56,14 @@ int convertPixel(const uint8_t* rgb, Host::Mode mode, double* out) {
 
 std::shared_ptr<const Exiv2::ExifData> cameraExif(const SceneOptions& scene) {
     auto exif = std::make_shared<Exiv2::ExifData>();
-    (*exif)["Exif.Image.Make"] = "Curvana";
-    (*exif)["Exif.Image.Model"] = "Sample Room Camera";
+    (*exif)["Exif.Image.Make"] = kSampleMake;
+    (*exif)["Exif.Image.Model"] = kSampleModel;
     (*exif)["Exif.Photo.FocalLength"] =
         Exiv2::Rational(static_cast<int32_t>(std::lround(scene.focalMm * 100)), 100);
     (*exif)["Exif.Photo.FocalLengthIn35mmFilm"] =
         static_cast<uint16_t>(std::lround(scene.focalMm * scene.cropFactor));
     (*exif)["Exif.Photo.LensModel"] =
-        scene.lens == Lens::Equisolid ? "Sample Fisheye" : "Sample Rectilinear";
+        sampleLensName(scene.lens);
     return exif;
 }
 

@@ -1,11 +1,14 @@
 // curvana-samplegen: writes the sample room photograph.
 //   curvana-samplegen OUT.{jpg,png,tif} [--width W] [--height H] [--mode rgb|grey|cmyk|lab]
 //                     [--depth 8|16] [--focal-mm F] [--crop C] [--lens equisolid|rectilinear]
-//                     [--samples N] [--no-exif]
+//                     [--samples N] [--no-exif] [--constraints OUT.cvc]
+// --constraints also writes the scene's straight edges as a constraint file
+// for the photograph (upright edges Vertical, level ones Horizontal).
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
+#include "samplegen/SampleConstraints.h"
 #include "samplegen/SampleFiles.h"
 
 using namespace Curvana;
@@ -13,6 +16,7 @@ using namespace Curvana;
 int main(int argc, char** argv) {
     SampleGen::SampleFileOptions o;
     std::string out;
+    std::string constraints;
     try {
         for (int i = 1; i < argc; ++i) {
             const std::string a = argv[i];
@@ -33,6 +37,8 @@ int main(int argc, char** argv) {
                 o.scene.cropFactor = std::stod(value());
             else if (a == "--samples")
                 o.scene.samples = std::stoi(value());
+            else if (a == "--constraints")
+                constraints = value();
             else if (a == "--no-exif")
                 o.exif = false;
             else if (a == "--lens") {
@@ -65,6 +71,13 @@ int main(int argc, char** argv) {
         if (o.scene.width <= 0 || o.scene.height <= 0 || (o.depth != 8 && o.depth != 16))
             throw Host::HostError("bad size or depth");
         SampleGen::writeSampleFile(out, o);
+        if (!constraints.empty()) {
+            SampleGen::SampleCameraStrings camera;
+            if (o.exif)
+                camera = {SampleGen::kSampleMake, SampleGen::kSampleModel,
+                          SampleGen::sampleLensName(o.scene.lens)};
+            SampleGen::writeSampleConstraints(constraints, o.scene, camera);
+        }
     } catch (const std::exception& e) {
         std::fprintf(stderr, "curvana-samplegen: %s\n", e.what());
         return 1;

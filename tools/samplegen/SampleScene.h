@@ -20,6 +20,13 @@ namespace Curvana::SampleGen {
 
 enum class Lens { Equisolid, Rectilinear };
 
+// The camera the sample photograph's EXIF names.
+inline constexpr const char* kSampleMake = "Curvana";
+inline constexpr const char* kSampleModel = "Sample Room Camera";
+inline const char* sampleLensName(Lens lens) {
+    return lens == Lens::Equisolid ? "Sample Fisheye" : "Sample Rectilinear";
+}
+
 struct SceneOptions {
     int32_t width = 3000;
     int32_t height = 2000;
