@@ -38,7 +38,7 @@ enum class DeviceKind { Discrete, Integrated, Virtual, Cpu, Other };
 // object made on it holds a reference, so the device outlives them.
 //
 // Not thread-safe: one thread at a time uses a device and what is made on it
-// (everything runs on the host's thread; Part "Threads" of the overview).
+// (everything runs on the host's thread; parallel work is joined inside each call).
 class GpuDevice {
 public:
     // Initialises Vulkan and compiles the shader program. Logs
