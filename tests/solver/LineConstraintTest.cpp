@@ -99,6 +99,26 @@ TEST(LineSolveConstraintTest, AFreeLineComesOutStraightAtAnAngleOfItsOwn) {
     EXPECT_LT(std::abs(std::cos(alpha) * fit.direction.x() + std::sin(alpha) * fit.direction.y()), 1e-3);
 }
 
+TEST(LineSolveConstraintTest, AnArbitraryLineComesOutAtItsFixedAngle) {
+    auto photo = Fisheye(1200, 800, 380.0f);
+    auto mesh = std::make_shared<const OctaMap>(5, false);
+    auto lines = std::make_shared<GeodesicLines>(photo, mesh);
+    const Eigen::Vector3d a(-1.8, 1.0, 0.8), b(-1.8, 1.0, 4.0);
+    LineConstraint line;
+    line.SetEndpoints(SourcePixelOf(*photo, a), SourcePixelOf(*photo, b));
+    // The edge comes out at about -29 degrees when free; ask for -20.
+    line.SetOrientation(Orientation::Arbitrary, -20.0f);
+    line.SetId(5);
+    ASSERT_TRUE(lines->FitLine(line));
+    auto solver = Solve(photo, lines);
+    ASSERT_TRUE(solver->IsSolved());
+    const test::LineFit fit = FitLine(MapSegment(*solver, lines->Locator(), a, b));
+    EXPECT_LT(fit.maxDeviation * NominalScale(*solver, lines->Locator(), *photo, 3000, 2000), 1.5);
+    // Perpendicular to the stored normal: -20 degrees from the x axis, either way along the line.
+    const double degrees = std::atan2(fit.direction.y(), fit.direction.x()) * 180.0 / 3.14159265358979;
+    EXPECT_NEAR(std::remainder(degrees + 20.0, 180.0), 0.0, 0.2);
+}
+
 // A square on a flat wall, drawn as a polygon: the mesh over it must come out
 // as a projective image of the wall (here checked as: a homography from the
 // wall's own coordinates fits every mapped point, and the wall's straight
