@@ -531,11 +531,16 @@ bool IterativeWarpSolver::RunIteration(int32_t iteration) {
         }
         timings_.factorize += SecondsSince(start);
     } else {
-        start = Clock::now();
-        if (cholesky_->Factorize(system_) != SparseStatus::Success) {
-            return false;
+        // Without iteration terms the matrix is the fixed one in every
+        // iteration: one factorisation serves them all.
+        const bool constantMatrix = groups_.empty() && damping_.empty();
+        if (iteration == 0 || !constantMatrix) {
+            start = Clock::now();
+            if (cholesky_->Factorize(system_) != SparseStatus::Success) {
+                return false;
+            }
+            timings_.factorize += SecondsSince(start);
         }
-        timings_.factorize += SecondsSince(start);
         start = Clock::now();
         if (cholesky_->Solve(rhs_, update) != SparseStatus::Success) {
             return false;

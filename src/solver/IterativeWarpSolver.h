@@ -57,6 +57,14 @@ struct SolveTimings {
 // 0.005. A failed factorisation clears the solved flag and ends Solve; the
 // positions must not be read then.
 //
+// Cost (bench/solver_bench, a 3000 x 2000 fisheye, 2 shared cores; real time,
+// level 6 = 16k unknowns): assembling the fixed system 26 ms; the pattern,
+// slot maps and symbolic analysis once per Solve 24 ms with 20 lines; per
+// iteration, refilling values through the slot map 1 ms (under 1 % of it),
+// factorisation 85 ms, substitution 3 ms. A whole solve with 20 lines (three
+// iterations) 320 ms; without constraints 200 ms (the matrix never changes,
+// so it is factorised once). Level 7 with 20 lines: 1.5 s.
+//
 // Validity. A vertex is valid when the photo sees its unrotated direction;
 // with two-pass on it must in addition lie inside the latitude and longitude
 // ranges (inclusive). That gives a full sphere, which has no edge of its own, a
