@@ -13,11 +13,29 @@
 
 #include "session/ActionDescriptor.h"
 #include "session/ScriptParameters.h"
-#include "session/StandIns.h"
+#include <vector>
 
 namespace {
 
 using Project::ActionDescriptor;
+
+// Keeps the constraint data as the bytes it was given, so that what was read
+// is written back unchanged (the real set's parser has its own fuzz target).
+class RawConstraintData final : public Project::PConstraintData {
+public:
+    bool Parse(const uint8_t* data, size_t size, Project::PSettings&) override {
+        bytes_.assign(data, data + size);
+        return true;
+    }
+    size_t SerializedSize() const override { return bytes_.size(); }
+    void Serialize(uint8_t* out) const override {
+        if (!bytes_.empty())
+            std::memcpy(out, bytes_.data(), bytes_.size());
+    }
+
+private:
+    std::vector<uint8_t> bytes_;
+};
 
 class Input {
 public:
@@ -86,7 +104,7 @@ ActionDescriptor Decode(const uint8_t* data, size_t size) {
 ActionDescriptor ReadAndWrite(const ActionDescriptor& in) {
     const CvDescriptorSuite5& suite = Project::DescriptorSuite();
     Project::PSettings settings(1000);
-    Project::RawConstraintData constraints;
+    RawConstraintData constraints;
     Project::ReadScriptDescriptor(suite, Project::ToHandle(const_cast<ActionDescriptor*>(&in)),
                                   settings, &constraints);
     ActionDescriptor out;
