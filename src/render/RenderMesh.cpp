@@ -55,8 +55,8 @@ RenderMesh BuildRenderMesh(const SphereWarp& warp, const TexCoordFunction& texCo
         }
     }
     // A quad whose texture coordinates lie wholly beside the photograph would
-    // only repeat the photo's edge texels (the sampler clamps to the edge):
-    // it is not drawn, and the output stays empty (zero) there.
+    // only sample the sampler's empty border: it is not drawn at all, and the
+    // output stays empty (zero) there.
     for (int32_t j = 0; j < quads; ++j) {
         for (int32_t i = 0; i < quads; ++i) {
             auto& valid = mesh.quadValid[static_cast<size_t>(mesh.QuadIndex(i, j))];

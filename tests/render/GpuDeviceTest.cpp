@@ -204,7 +204,10 @@ TEST(GpuResampler, DrawsAndReadsBackInTheExpectedOrientation) {
             return true;
         }));
         const std::vector<Gpu::GpuVertex> quad = {
-            {-1, -1, 0, 1, 0, 0}, {1, -1, 0, 1, 1, 0}, {-1, 1, 0, 1, 0, 1}, {1, 1, 0, 1, 1, 1}};
+            // Texture coordinates at the 2 x 2 texture's texel centres: the
+            // corners show whole texels, clear of the empty border.
+            {-1, -1, 0, 1, 0.25f, 0.25f}, {1, -1, 0, 1, 0.75f, 0.25f},
+            {-1, 1, 0, 1, 0.25f, 0.75f},  {1, 1, 0, 1, 0.75f, 0.75f}};
         const std::vector<uint32_t> indices = {0, 2, 3, 0, 1, 3};
         ASSERT_TRUE(r.UploadVertices(quad));
         ASSERT_TRUE(r.UploadIndices(indices));
@@ -221,19 +224,19 @@ TEST(GpuResampler, DrawsAndReadsBackInTheExpectedOrientation) {
             return static_cast<const uint16_t*>(r.ReadbackData())[at] / 257;
         };
         EXPECT_EQ(value(100, 5, 0), 0u) << "left half is uncovered and cleared";
-        EXPECT_EQ(value(513, 1, 0), 10u) << "top-left texel at the quad's top-left";
-        EXPECT_EQ(value(513, 1, 3), 13u);
-        EXPECT_EQ(value(1022, 1, 0), 20u);
-        EXPECT_EQ(value(513, 1022, 0), 30u);
-        EXPECT_EQ(value(1022, 1022, 2), 42u);
+        EXPECT_NEAR(value(513, 1, 0), 10.0, 1.0) << "top-left texel at the quad's top-left";
+        EXPECT_NEAR(value(513, 1, 3), 13.0, 1.0);
+        EXPECT_NEAR(value(1022, 1, 0), 20.0, 1.0);
+        EXPECT_NEAR(value(513, 1022, 0), 30.0, 1.0);
+        EXPECT_NEAR(value(1022, 1022, 2), 42.0, 1.0);
         // A second draw without clearing keeps the first; a region readback.
         matrix[3] = -0.5f;  // now the left half
         ASSERT_TRUE(r.SetMatrix(matrix));
         ASSERT_TRUE(r.Draw(6, false, Gpu::TargetRegion{510, 0, 4, 1}));
         if (depth == 8) {
             const auto* row = static_cast<const uint8_t*>(r.ReadbackData());
-            EXPECT_EQ(row[0], 20u);      // (510, 0): right edge of the new quad
-            EXPECT_EQ(row[4 * 3], 10u);  // (513, 0): left edge of the old quad
+            EXPECT_NEAR(row[0], 20.0, 1.0);      // (510, 0): right edge of the new quad
+            EXPECT_NEAR(row[4 * 3], 10.0, 1.0);  // (513, 0): left edge of the old quad
         }
     }
 }

@@ -261,9 +261,14 @@ Status GpuResampler::Impl::CreateAll() {
     samplerInfo.magFilter = VK_FILTER_LINEAR;
     samplerInfo.minFilter = VK_FILTER_LINEAR;
     samplerInfo.mipmapMode = VK_SAMPLER_MIPMAP_MODE_NEAREST;
-    samplerInfo.addressModeU = VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_EDGE;
-    samplerInfo.addressModeV = VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_EDGE;
-    samplerInfo.addressModeW = VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_EDGE;
+    // Beyond the photograph the output is empty (zero), with a smooth edge,
+    // not the photo's edge texels smeared outwards. Source windows carry a
+    // texel of margin beyond every bilinear footprint, so the border is only
+    // ever reached at the photo's own edge.
+    samplerInfo.addressModeU = VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_BORDER;
+    samplerInfo.addressModeV = VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_BORDER;
+    samplerInfo.addressModeW = VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_BORDER;
+    samplerInfo.borderColor = VK_BORDER_COLOR_FLOAT_TRANSPARENT_BLACK;
     samplerInfo.maxLod = 0.0f;
     VkSampler made = VK_NULL_HANDLE;
     if (VkResult r = vkCreateSampler(vk(), &samplerInfo, nullptr, &made); r != VK_SUCCESS) {
