@@ -83,7 +83,7 @@ GeodesicLines::GeodesicLines(std::shared_ptr<const PhotoToSphere> photo, std::sh
 
 GeodesicLines::GeodesicLines(std::shared_ptr<const PhotoToSphere> photo, std::shared_ptr<const MeshLocator> locator)
     : photo_(std::move(photo)), locator_(std::move(locator)) {
-    spacing_ = (std::numbers::pi / 2.0) / std::ldexp(1.0, locator_->Mesh().Level()) / 3.0;
+    spacing_ = (std::numbers::pi / 2.0) / std::ldexp(1.0, locator_->Mesh().Level()) / 12.0;
 }
 
 void GeodesicLines::SetWarp(std::shared_ptr<const SphereWarp> warp) {

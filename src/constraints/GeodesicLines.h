@@ -139,9 +139,13 @@ public:
     void SetWarp(std::shared_ptr<const SphereWarp> warp);
     const SphereWarp* Warp() const { return warp_.get(); }
 
-    // Angular spacing of samples along an arc, radians: a third of the
-    // mesh's angle per index step ((pi / 2) / 2^level), so every mesh cell
-    // that an arc crosses holds samples.
+    // Angular spacing of samples along an arc, radians: a twelfth of the
+    // mesh's angle per index step ((pi / 2) / 2^level). Every mesh cell that
+    // an arc crosses holds samples, and since each sample adds its own
+    // residual, the density sets how firmly the solver holds a line against
+    // the mesh's shape terms: at a third of a step the most bent edges of a
+    // fisheye room bowed by 1.8 pixels at their far end (3000 x 2000), at a
+    // twelfth by 1.2. The sparsity pattern does not grow with it.
     double SampleSpacing() const { return spacing_; }
 
     // --- Fitting, without storing anything.
