@@ -254,7 +254,9 @@ Result<detail::ImageResource> GpuDevice::Impl::CreateImage(uint32_t width, uint3
     return out;
 }
 
-Status GpuDevice::Impl::Flush(const detail::BufferResource& buffer) const {
+Status GpuDevice::Impl::SyncMapped(const detail::BufferResource& buffer,
+                                   PFN_vkFlushMappedMemoryRanges sync, const char* call) const {
+    // Coherent memory needs neither a flush nor an invalidation.
     if (buffer.coherent) {
         return {};
     }
@@ -262,24 +264,19 @@ Status GpuDevice::Impl::Flush(const detail::BufferResource& buffer) const {
     range.memory = buffer.memoryHandle;
     range.offset = 0;
     range.size = VK_WHOLE_SIZE;
-    if (VkResult r = vkFlushMappedMemoryRanges(vk(), 1, &range); r != VK_SUCCESS) {
-        return VkFailure("vkFlushMappedMemoryRanges", r);
+    if (VkResult r = sync(vk(), 1, &range); r != VK_SUCCESS) {
+        return VkFailure(call, r);
     }
     return {};
 }
 
+Status GpuDevice::Impl::Flush(const detail::BufferResource& buffer) const {
+    return SyncMapped(buffer, vkFlushMappedMemoryRanges, "vkFlushMappedMemoryRanges");
+}
+
 Status GpuDevice::Impl::Invalidate(const detail::BufferResource& buffer) const {
-    if (buffer.coherent) {
-        return {};
-    }
-    auto range = detail::Info<VkMappedMemoryRange>(VK_STRUCTURE_TYPE_MAPPED_MEMORY_RANGE);
-    range.memory = buffer.memoryHandle;
-    range.offset = 0;
-    range.size = VK_WHOLE_SIZE;
-    if (VkResult r = vkInvalidateMappedMemoryRanges(vk(), 1, &range); r != VK_SUCCESS) {
-        return VkFailure("vkInvalidateMappedMemoryRanges", r);
-    }
-    return {};
+    // Same signature as the flush.
+    return SyncMapped(buffer, vkInvalidateMappedMemoryRanges, "vkInvalidateMappedMemoryRanges");
 }
 
 // ---- Device selection -----------------------------------------------------------------

@@ -146,6 +146,10 @@ struct GpuDevice::Impl {
     // visible to the host (no-ops for coherent memory).
     Status Flush(const detail::BufferResource& buffer) const;
     Status Invalidate(const detail::BufferResource& buffer) const;
+
+private:
+    Status SyncMapped(const detail::BufferResource& buffer, PFN_vkFlushMappedMemoryRanges sync,
+                      const char* call) const;
 };
 
 }  // namespace Project::Gpu
