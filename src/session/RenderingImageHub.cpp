@@ -46,7 +46,7 @@ public:
     // part of the result: they are written empty (zero), like the uncovered
     // pixels of a drawn tile.
     bool ClearUnwrittenTiles(int32_t planes, int32_t bytesPerValue) {
-        const int32_t tile = 1024;
+        const int32_t tile = RenderPlan::kTileSize;
         std::vector<uint8_t> zeros;
         for (int32_t top = 0; top < area_.Height(); top += tile) {
             for (int32_t left = 0; left < area_.Width(); left += tile) {
