@@ -63,22 +63,27 @@ RenderMesh BuildRenderMesh(const SphereWarp& warp, const TexCoordFunction& texCo
             if (valid == 0) {
                 continue;
             }
-            float u0 = 2.0f, u1 = -1.0f, v0 = 2.0f, v1 = -1.0f;
-            for (int32_t dj = 0; dj < 2; ++dj) {
-                for (int32_t di = 0; di < 2; ++di) {
-                    const auto k = static_cast<size_t>(mesh.VertexIndex(i + di, j + dj));
-                    u0 = std::min(u0, mesh.texcoords[2 * k]);
-                    u1 = std::max(u1, mesh.texcoords[2 * k]);
-                    v0 = std::min(v0, mesh.texcoords[2 * k + 1]);
-                    v1 = std::max(v1, mesh.texcoords[2 * k + 1]);
-                }
-            }
-            if (u1 < 0.0f || u0 > 1.0f || v1 < 0.0f || v0 > 1.0f) {
+            const QuadBox t = QuadBounds(mesh, mesh.texcoords, i, j);
+            if (t.maxX < 0.0 || t.minX > 1.0 || t.maxY < 0.0 || t.minY > 1.0) {
                 valid = 0;
             }
         }
     }
     return mesh;
+}
+
+QuadBox QuadBounds(const RenderMesh& mesh, const std::vector<float>& pairs, int32_t i, int32_t j) {
+    QuadBox box{};
+    for (int32_t c = 0; c < 4; ++c) {
+        const auto k = static_cast<size_t>(mesh.VertexIndex(i + (c & 1), j + (c >> 1)));
+        const double x = pairs[2 * k];
+        const double y = pairs[2 * k + 1];
+        box.minX = c == 0 ? x : std::min(box.minX, x);
+        box.maxX = c == 0 ? x : std::max(box.maxX, x);
+        box.minY = c == 0 ? y : std::min(box.minY, y);
+        box.maxY = c == 0 ? y : std::max(box.maxY, y);
+    }
+    return box;
 }
 
 TexCoordFunction MeshTextureCoordinates(const OctaMap& mesh, const PhotoToSphere& photo) {

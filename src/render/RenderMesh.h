@@ -33,6 +33,13 @@ struct RenderMesh {
     int32_t ValidQuadCount() const;
 };
 
+// The bounding box of quad (i, j)'s four corners in one of the mesh's
+// per-vertex pairs (positions or texcoords).
+struct QuadBox {
+    double minX, maxX, minY, maxY;
+};
+QuadBox QuadBounds(const RenderMesh& mesh, const std::vector<float>& pairs, int32_t i, int32_t j);
+
 // The texture coordinate of mesh vertex (i, j).
 using TexCoordFunction = std::function<void(int32_t i, int32_t j, float& u, float& v)>;
 

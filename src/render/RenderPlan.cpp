@@ -48,20 +48,16 @@ MeshExtent ExtentOf(const RenderMesh& mesh, bool photoOnly) {
             if (!mesh.IsQuadValid(mesh.QuadIndex(i, j)) || (photoOnly && !QuadShowsPhoto(mesh, i, j))) {
                 continue;
             }
-            for (int32_t dj = 0; dj < 2; ++dj) {
-                for (int32_t di = 0; di < 2; ++di) {
-                    const auto k = static_cast<size_t>(mesh.VertexIndex(i + di, j + dj));
-                    const float x = mesh.positions[2 * k];
-                    const float y = mesh.positions[2 * k + 1];
-                    if (extent.empty) {
-                        extent = {x, y, x, y, false};
-                    } else {
-                        extent.minX = std::min(extent.minX, x);
-                        extent.maxX = std::max(extent.maxX, x);
-                        extent.minY = std::min(extent.minY, y);
-                        extent.maxY = std::max(extent.maxY, y);
-                    }
-                }
+            const QuadBox b = QuadBounds(mesh, mesh.positions, i, j);
+            const auto minX = static_cast<float>(b.minX), maxX = static_cast<float>(b.maxX);
+            const auto minY = static_cast<float>(b.minY), maxY = static_cast<float>(b.maxY);
+            if (extent.empty) {
+                extent = {minX, minY, maxX, maxY, false};
+            } else {
+                extent.minX = std::min(extent.minX, minX);
+                extent.maxX = std::max(extent.maxX, maxX);
+                extent.minY = std::min(extent.minY, minY);
+                extent.maxY = std::max(extent.maxY, maxY);
             }
         }
     }
@@ -178,26 +174,14 @@ void RenderPlan::BuildBuckets() {
                 if (!mesh.IsQuadValid(quad)) {
                     continue;
                 }
-                double minX = 0.0;
-                double maxX = 0.0;
-                double minY = 0.0;
-                double maxY = 0.0;
-                for (int32_t c = 0; c < 4; ++c) {
-                    const auto k = static_cast<size_t>(mesh.VertexIndex(i + (c & 1), j + (c >> 1)));
-                    const double x = mesh.positions[2 * k];
-                    const double y = mesh.positions[2 * k + 1];
-                    minX = c == 0 ? x : std::min(minX, x);
-                    maxX = c == 0 ? x : std::max(maxX, x);
-                    minY = c == 0 ? y : std::min(minY, y);
-                    maxY = c == 0 ? y : std::max(maxY, y);
-                }
-                minX -= mx;
-                maxX += mx;
-                minY -= my;
-                maxY += my;
+                const QuadBox box = QuadBounds(mesh, mesh.positions, i, j);
+                const double minX = box.minX - mx;
+                const double maxX = box.maxX + mx;
+                const double minY = box.minY - my;
+                const double maxY = box.maxY + my;
                 // Both ends are clamped into the grid, so that a quad beside
-                // the frame still lands in the border column or row (Part
-                // 5.1's edge case); the viewport clips what lies outside.
+                // the frame still lands in the border column or row; the
+                // viewport clips what lies outside.
                 const int32_t col0 =
                     std::clamp(FloorToInt((minX - frame_.left) / sx), 0, tileColumns_ - 1);
                 const int32_t col1 =
@@ -236,19 +220,8 @@ void RenderPlan::BuildSourceTiles() {
         if (mesh.IsQuadValid(quad) && sourceTileColumns_ > 0 && sourceTileRows_ > 0) {
             const int32_t i = quad % n;
             const int32_t j = quad / n;
-            double u0 = 0.0;
-            double u1 = 0.0;
-            double v0 = 0.0;
-            double v1 = 0.0;
-            for (int32_t c = 0; c < 4; ++c) {
-                const auto k = static_cast<size_t>(mesh.VertexIndex(i + (c & 1), j + (c >> 1)));
-                const double u = mesh.texcoords[2 * k];
-                const double v = mesh.texcoords[2 * k + 1];
-                u0 = c == 0 ? u : std::min(u0, u);
-                u1 = c == 0 ? u : std::max(u1, u);
-                v0 = c == 0 ? v : std::min(v0, v);
-                v1 = c == 0 ? v : std::max(v1, v);
-            }
+            const QuadBox box = QuadBounds(mesh, mesh.texcoords, i, j);
+            const double u0 = box.minX, u1 = box.maxX, v0 = box.minY, v1 = box.maxY;
             // Texture coordinates are PhotoToSphere::ToTexture's, whose v
             // grows downwards like the source rows and tile rows, so v needs
             // no turning over (1 - v) here: tile row ty covers v in
