@@ -103,8 +103,12 @@ bool validPlaneRequest(const HostContext* ctx, const CvRect* rect, int32_t plane
                            static_cast<int64_t>(info.bytesPerSample());
 }
 
-CvError readSourcePlane(void* host, const CvRect* rect, int32_t plane, void* buffer,
-                        int32_t rowBytes) {
+// A plane request of the module: checked, serialised, and every exception
+// turned into an error code with its message kept for the run's outcome
+// (input errors marked as such, so the exit code names the input).
+template <class Transfer>
+CvError planeRequest(void* host, const CvRect* rect, int32_t plane, const void* buffer,
+                     int32_t rowBytes, Transfer&& transfer) {
     HostContext* ctx = context(host);
     if (!ctx || !ctx->invocation)
         return cvErrParam;
@@ -114,7 +118,7 @@ CvError readSourcePlane(void* host, const CvRect* rect, int32_t plane, void* buf
         return cvErrParam;
     std::lock_guard lock(ctx->planes);
     try {
-        ctx->invocation->source->readPlane(*rect, plane, buffer, rowBytes);
+        transfer(*ctx->invocation);
         return cvNoErr;
     } catch (const std::bad_alloc&) {
         return cvErrMemory;
@@ -131,26 +135,18 @@ CvError readSourcePlane(void* host, const CvRect* rect, int32_t plane, void* buf
     }
 }
 
+CvError readSourcePlane(void* host, const CvRect* rect, int32_t plane, void* buffer,
+                        int32_t rowBytes) {
+    return planeRequest(host, rect, plane, buffer, rowBytes, [&](const Invocation& inv) {
+        inv.source->readPlane(*rect, plane, buffer, rowBytes);
+    });
+}
+
 CvError writeResultPlane(void* host, const CvRect* rect, int32_t plane, const void* buffer,
                          int32_t rowBytes) {
-    HostContext* ctx = context(host);
-    if (!ctx || !ctx->invocation)
-        return cvErrParam;
-    if (abortFlag)
-        return cvErrAborted;
-    if (!validPlaneRequest(ctx, rect, plane, buffer, rowBytes))
-        return cvErrParam;
-    std::lock_guard lock(ctx->planes);
-    try {
-        ctx->invocation->result->writePlane(*rect, plane, buffer, rowBytes);
-        return cvNoErr;
-    } catch (const std::bad_alloc&) {
-        return cvErrMemory;
-    } catch (const std::exception& e) {
-        if (ctx->outcome->ioError.empty())
-            ctx->outcome->ioError = e.what();
-        return cvErrFilterFailed;
-    }
+    return planeRequest(host, rect, plane, buffer, rowBytes, [&](const Invocation& inv) {
+        inv.result->writePlane(*rect, plane, buffer, rowBytes);
+    });
 }
 
 CvError getXmpPacket(void* host, char* buffer, size_t capacity, size_t* length) {
