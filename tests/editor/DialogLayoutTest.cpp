@@ -5,6 +5,7 @@
 #include <QMenu>
 #include <QPushButton>
 #include <QToolButton>
+#include <set>
 
 #include "../framework/QtTestApp.h"
 #include "editor/PDialogLayout.h"
@@ -126,6 +127,16 @@ TEST(DialogLayout, TheCompiledInLayoutBuildsTheDialogsViews) {
     EXPECT_EQ(view("Project/Dialog/DetailedPreviewPane")->maximumHeight(), 200);
     EXPECT_TRUE(view("Project/Dialog/SolverInfoPane")->isHidden());
     EXPECT_EQ(view("Project/Dialog/CameraEXIFInfo")->maximumWidth(), 300);
+    // Every named view keeps a distinct 32-bit code (settings tasks store it).
+    std::set<Velmo::CViewId> codes;
+    int named = 0;
+    for (const QWidget* w : dialog.findChildren<QWidget*>()) {
+        if (w->objectName().isEmpty() || w->objectName().startsWith("qt_")) continue;
+        ++named;
+        codes.insert(Velmo::ViewIdOf(w->objectName().toStdString()));
+    }
+    EXPECT_GE(named, 40);
+    EXPECT_EQ(codes.size(), static_cast<size_t>(named));
     // The tips' letters are the tools' shortcuts.
     EXPECT_EQ(tools.Find("Project/Tool/PlaneTool")->Shortcut(), QChar('Y'));
 }
