@@ -330,32 +330,32 @@ void CLayoutLoader::SetPaneFactory(std::string viewId, PaneFactory factory) {
     paneFactories_[std::move(viewId)] = std::move(factory);
 }
 
-bool CLayoutLoader::Load(std::string_view text, QWidget& host, CZelError& error) {
+bool CLayoutLoader::Load(std::string_view text, QWidget& target, CZelError& error) {
     const std::optional<CZelNode> root = ParseZel(text, error);
-    return root && Instantiate(*root, host, error);
+    return root && Instantiate(*root, target, error);
 }
 
-bool CLayoutLoader::LoadResource(const QString& path, QWidget& host, CZelError& error) {
+bool CLayoutLoader::LoadResource(const QString& path, QWidget& target, CZelError& error) {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) {
         error = {{1, 1}, "cannot read the layout " + path.toStdString()};
         return false;
     }
     const QByteArray bytes = file.read(static_cast<qint64>(kZelMaxBytes) + 1);
-    return Load(std::string_view(bytes.constData(), static_cast<size_t>(bytes.size())), host,
+    return Load(std::string_view(bytes.constData(), static_cast<size_t>(bytes.size())), target,
                 error);
 }
 
-bool CLayoutLoader::Instantiate(const CZelNode& root, QWidget& host, CZelError& error) {
+bool CLayoutLoader::Instantiate(const CZelNode& root, QWidget& target, CZelError& error) {
     if (const std::optional<CZelError> invalid = ValidateZel(root)) {
         error = *invalid;
         return false;
     }
-    if (host.layout()) {
-        error = {root.position, "the host widget already has a layout"};
+    if (target.layout()) {
+        error = {root.position, "the target widget already has a layout"};
         return false;
     }
-    // Built apart from the host, so that a failure leaves it untouched.
+    // Built apart from the target, so that a failure leaves it untouched.
     auto staging = std::make_unique<QWidget>();
     Builder builder(toolSets_, paneFactories_);
     QWidget* content = builder.Build(root, staging.get());
@@ -363,17 +363,17 @@ bool CLayoutLoader::Instantiate(const CZelNode& root, QWidget& host, CZelError& 
         error = builder.Error();
         return false;
     }
-    auto* layout = new QVBoxLayout(&host);
+    auto* layout = new QVBoxLayout(&target);
     layout->setContentsMargins(0, 0, 0, 0);
     if (root.kind == "window") {
-        // The window's own settings belong to the host.
+        // The window's own settings belong to the target.
         content->setObjectName(QString());
         if (!root.viewId.empty())
-            SetViewId(host, root.viewId);
+            SetViewId(target, root.viewId);
         if (const CZelProperty* title = root.Find("title"))
-            host.setWindowTitle(Text(title->value.text));
+            target.setWindowTitle(Text(title->value.text));
         if (const CZelProperty* offset = root.Find("offset"))
-            host.setProperty("velmoOffset",
+            target.setProperty("velmoOffset",
                              QPoint(static_cast<int>(offset->value.items[0].number),
                                     static_cast<int>(offset->value.items[1].number)));
         if (const CZelProperty* resizable = root.Find("resizable");

@@ -28,14 +28,14 @@ public:
     // The image pane with this view id is made by `factory`.
     void SetPaneFactory(std::string viewId, PaneFactory factory);
 
-    // Parses, checks and instantiates `text` into `host`, which must not have
+    // Parses, checks and instantiates `text` into `target`, which must not have
     // a layout yet. A root "window" element gives its view id, title and
-    // offset (property "velmoOffset") to the host itself. On failure `host`
+    // offset (property "velmoOffset") to the target itself. On failure `target`
     // is left as it was and `error` says what and where.
-    bool Load(std::string_view text, QWidget& host, CZelError& error);
+    bool Load(std::string_view text, QWidget& target, CZelError& error);
     // The same for a layout stored as a Qt resource (":/...") or a file.
-    bool LoadResource(const QString& path, QWidget& host, CZelError& error);
-    bool Instantiate(const CZelNode& root, QWidget& host, CZelError& error);
+    bool LoadResource(const QString& path, QWidget& target, CZelError& error);
+    bool Instantiate(const CZelNode& root, QWidget& target, CZelError& error);
 
 private:
     std::map<std::string, CToolSet*, std::less<>> toolSets_;
