@@ -8,98 +8,16 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
 
 #include "constraints/GeodesicLines.h"
+#include "core/ByteIO.h"
 
 namespace Project {
 
 namespace {
 
 namespace msg = constraint_message;
-
-// Little-endian writer into a growing buffer.
-class ByteWriter {
-public:
-    explicit ByteWriter(std::vector<uint8_t>& out) : out_(out) {}
-    void U16(uint16_t v) {
-        out_.push_back(static_cast<uint8_t>(v));
-        out_.push_back(static_cast<uint8_t>(v >> 8));
-    }
-    void U32(uint32_t v) {
-        for (int k = 0; k < 4; ++k) out_.push_back(static_cast<uint8_t>(v >> (8 * k)));
-    }
-    void I32(int32_t v) { U32(static_cast<uint32_t>(v)); }
-    void F32(float v) {
-        uint32_t bits;
-        std::memcpy(&bits, &v, sizeof bits);
-        U32(bits);
-    }
-    void String(const std::string& s) {
-        U32(static_cast<uint32_t>(s.size()));
-        if (s.empty()) return;
-        U32(constraint_file::kUtf8Encoding);
-        out_.insert(out_.end(), s.begin(), s.end());
-    }
-
-private:
-    std::vector<uint8_t>& out_;
-};
-
-// Little-endian reader that never reads past its buffer: a read that would
-// sets the error state and yields zero.
-class ByteReader {
-public:
-    explicit ByteReader(std::span<const uint8_t> data) : data_(data) {}
-    bool Ok() const { return ok_; }
-    size_t Remaining() const { return data_.size() - pos_; }
-    void Fail() { ok_ = false; }
-
-    uint16_t U16() {
-        if (!Take(2)) return 0;
-        return static_cast<uint16_t>(data_[pos_ - 2] | (data_[pos_ - 1] << 8));
-    }
-    uint32_t U32() {
-        if (!Take(4)) return 0;
-        uint32_t v = 0;
-        for (int k = 0; k < 4; ++k) v |= static_cast<uint32_t>(data_[pos_ - 4 + static_cast<size_t>(k)]) << (8 * k);
-        return v;
-    }
-    int32_t I32() { return static_cast<int32_t>(U32()); }
-    float F32() {
-        const uint32_t bits = U32();
-        float v;
-        std::memcpy(&v, &bits, sizeof v);
-        return v;
-    }
-    std::string String() {
-        const uint32_t n = U32();
-        if (n == 0 || !ok_) return {};
-        (void)U32();  // encoding word: opaque
-        if (!ok_ || n > Remaining()) {
-            ok_ = false;
-            return {};
-        }
-        std::string s(reinterpret_cast<const char*>(data_.data() + pos_), n);
-        pos_ += n;
-        return s;
-    }
-
-private:
-    bool Take(size_t n) {
-        if (!ok_ || n > Remaining()) {
-            ok_ = false;
-            return false;
-        }
-        pos_ += n;
-        return true;
-    }
-
-    std::span<const uint8_t> data_;
-    size_t pos_ = 0;
-    bool ok_ = true;
-};
 
 uint64_t StringBytes(const std::string& s) { return s.empty() ? 4 : 8 + s.size(); }
 
@@ -145,13 +63,19 @@ float clampSetting(float value, float lo, float hi) {
     return value;
 }
 
-int32_t projectionModelFromIndex(uint32_t index) { return index <= 3 ? static_cast<int32_t>(index) + 1 : 1; }
-int32_t regularizerModelFromIndex(uint32_t index) { return index <= 3 ? static_cast<int32_t>(index) + 1 : 4; }
-uint32_t projectionIndexFromModel(int32_t model) {
-    return model >= 1 && model <= 4 ? static_cast<uint32_t>(model - 1) : 0u;
+ProjectionModel projectionModelFromIndex(uint32_t index) {
+    return index <= 3 ? ProjectionModel{index + 1} : ProjectionModel::Fisheye;
 }
-uint32_t regularizerIndexFromModel(int32_t model) {
-    return model >= 1 && model <= 4 ? static_cast<uint32_t>(model - 1) : 3u;
+RegularizerModel regularizerModelFromIndex(uint32_t index) {
+    return index <= 3 ? RegularizerModel{index + 1} : RegularizerModel::Auto;
+}
+uint32_t projectionIndexFromModel(ProjectionModel model) {
+    const auto code = static_cast<uint32_t>(model);
+    return code >= 1 && code <= 4 ? code - 1 : 0u;
+}
+uint32_t regularizerIndexFromModel(RegularizerModel model) {
+    const auto code = static_cast<uint32_t>(model);
+    return code >= 1 && code <= 4 ? code - 1 : 3u;
 }
 
 std::string localizeConstraintMessage(std::string_view message,
@@ -201,9 +125,9 @@ void writeConstraintData(const ConstraintSet& set, const ConstraintFileContext& 
     w.U16(constraint_file::kVersion);
     w.U16(static_cast<uint16_t>(context.ImageWidth()));
     w.U16(static_cast<uint16_t>(context.ImageHeight()));
-    w.String(context.CameraMake());
-    w.String(context.CameraModel());
-    w.String(context.LensModel());
+    w.String(context.CameraMake(), constraint_file::kUtf8Encoding);
+    w.String(context.CameraModel(), constraint_file::kUtf8Encoding);
+    w.String(context.LensModel(), constraint_file::kUtf8Encoding);
     w.F32(s.physicalFocal);
     w.F32(s.cropFactor);
     w.F32(s.focalLength);
@@ -361,13 +285,13 @@ bool readConstraintData(ConstraintSet& set, ConstraintFileContext& context, std:
     set.SetStateWord(p.setWord);
 
     bool changed = false;
-    const int32_t projection = projectionModelFromIndex(p.projectionIndex);
+    const ProjectionModel projection = projectionModelFromIndex(p.projectionIndex);
     if (projection != current.projectionModel) {
         context.SetProjectionModel(projection);
         context.ChooseProjection(current.projectionModel);
         changed = context.Settings().projectionModel != current.projectionModel;
     }
-    const int32_t regularizer = regularizerModelFromIndex(p.regularizerIndex);
+    const RegularizerModel regularizer = regularizerModelFromIndex(p.regularizerIndex);
     if (regularizer != current.regularizerModel) {
         context.SetRegularizerModel(regularizer);
         changed = true;

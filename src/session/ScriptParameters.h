@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string>
 
+#include "core/FourCC.h"
 #include "plugin/CurvanaPlugin.h"
-#include "session/FourCC.h"
 #include "session/PSettings.h"
 
 namespace Project {

@@ -84,8 +84,8 @@ struct Builder {
 TEST(ConstraintFileWrite, ByteLayoutOfHeaderAndRecords) {
     SimpleConstraintFileContext ctx = testing::MakeContext();
     ctx.model.clear();
-    ctx.settings.projectionModel = 2;
-    ctx.settings.regularizerModel = 3;
+    ctx.settings.projectionModel = ProjectionModel::Perspective;
+    ctx.settings.regularizerModel = RegularizerModel::Panini;
     ConstraintSet set;
     set.Add(std::make_unique<LineConstraint>(1.0f, 2.0f, 3.0f, 4.0f, Orientation::Vertical, 5.0f));
     const Bytes bytes = writeConstraintData(set, ctx);
@@ -191,9 +191,9 @@ TEST(ConstraintFileRead, HandWrittenFile) {
     EXPECT_FLOAT_EQ(ctx.settings.physicalFocal, 24.0f);
     EXPECT_FLOAT_EQ(ctx.settings.cropFactor, 1.5f);
     EXPECT_FLOAT_EQ(ctx.settings.focalLength, 2000.0f);
-    EXPECT_EQ(ctx.settings.projectionModel, 2);
-    EXPECT_EQ(ctx.chooseProjectionCalls, std::vector<int32_t>{1});
-    EXPECT_EQ(ctx.settings.regularizerModel, 3);
+    EXPECT_EQ(ctx.settings.projectionModel, ProjectionModel::Perspective);
+    EXPECT_EQ(ctx.chooseProjectionCalls, std::vector{ProjectionModel::Fisheye});
+    EXPECT_EQ(ctx.settings.regularizerModel, RegularizerModel::Panini);
     EXPECT_EQ(ctx.settings.scale, 100);
     EXPECT_FLOAT_EQ(ctx.settings.offsetX, 0.25f);
     EXPECT_FLOAT_EQ(ctx.settings.offsetY, 0.75f);
@@ -337,8 +337,8 @@ TEST(ConstraintFileRead, ZeroConstraintsAppliesSettingsAndEmptiesTheList) {
     EXPECT_EQ(ctx.settings.physicalFocal, 35.0f);
     EXPECT_FLOAT_EQ(ctx.settings.cropFactor, 1.6f);
     EXPECT_EQ(ctx.settings.focalLength, 3000.0f);
-    EXPECT_EQ(ctx.settings.projectionModel, 2);
-    EXPECT_EQ(ctx.settings.regularizerModel, 1);
+    EXPECT_EQ(ctx.settings.projectionModel, ProjectionModel::Perspective);
+    EXPECT_EQ(ctx.settings.regularizerModel, RegularizerModel::Stereographic);
     EXPECT_EQ(ctx.settings.scale, 90);
     EXPECT_EQ(ctx.settingsChangedCalls, 1);
 }
@@ -396,16 +396,16 @@ TEST(ConstraintFileRead, SettingsClampingAndWhatCountsAsAChange) {
     EXPECT_EQ(ctx.settingsChangedCalls, 0);
 
     // Unknown popup indices: Fisheye and Auto.
-    EXPECT_EQ(projectionModelFromIndex(4), 1);
-    EXPECT_EQ(regularizerModelFromIndex(99), 4);
-    EXPECT_EQ(projectionIndexFromModel(0), 0u);
-    EXPECT_EQ(regularizerIndexFromModel(1000), 3u);
+    EXPECT_EQ(projectionModelFromIndex(4), ProjectionModel::Fisheye);
+    EXPECT_EQ(regularizerModelFromIndex(99), RegularizerModel::Auto);
+    EXPECT_EQ(projectionIndexFromModel(ProjectionModel::None), 0u);
+    EXPECT_EQ(regularizerIndexFromModel(RegularizerModel::Equirectangular), 3u);
 }
 
 TEST(ConstraintFileRead, ProjectionReDecisionThatFallsBackIsNoChange) {
     // A session that refuses the file's model and keeps the previous one.
     struct Refusing : SimpleConstraintFileContext {
-        void ChooseProjection(int32_t previous) override {
+        void ChooseProjection(ProjectionModel previous) override {
             SimpleConstraintFileContext::ChooseProjection(previous);
             settings.projectionModel = previous;
         }
@@ -415,8 +415,8 @@ TEST(ConstraintFileRead, ProjectionReDecisionThatFallsBackIsNoChange) {
     Builder b;
     b.Header(15.0f, 1.0f, 1666.6666f, 3, 3, 120, 0.5f, 0.5f, 0, 0);  // Full Spherical
     ASSERT_TRUE(readConstraintData(set, ctx, b.b));
-    EXPECT_EQ(ctx.chooseProjectionCalls, std::vector<int32_t>{1});
-    EXPECT_EQ(ctx.settings.projectionModel, 1);
+    EXPECT_EQ(ctx.chooseProjectionCalls, std::vector{ProjectionModel::Fisheye});
+    EXPECT_EQ(ctx.settings.projectionModel, ProjectionModel::Fisheye);
     EXPECT_EQ(ctx.settingsChangedCalls, 0);
 }
 

@@ -47,8 +47,8 @@ inline SimpleConstraintFileContext MakeContext() {
     c.settings.physicalFocal = 15.0f;
     c.settings.cropFactor = 1.0f;
     c.settings.focalLength = 1666.6666f;
-    c.settings.projectionModel = 1;
-    c.settings.regularizerModel = 4;
+    c.settings.projectionModel = ProjectionModel::Fisheye;
+    c.settings.regularizerModel = RegularizerModel::Auto;
     c.settings.scale = 120;
     c.settings.offsetX = 0.5f;
     c.settings.offsetY = 0.5f;

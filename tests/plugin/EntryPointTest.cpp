@@ -9,8 +9,8 @@
 #include "FakeHost.h"
 #include "LoadedModule.h"
 #include "constraints/ConstraintFile.h"
+#include "core/FourCC.h"
 #include "session/FileIO.h"
-#include "session/FourCC.h"
 #include "session/PreferencesFile.h"
 #include "session/ScriptParameters.h"
 

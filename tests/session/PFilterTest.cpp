@@ -11,7 +11,7 @@
 #include <new>
 
 #include "FakeHost.h"
-#include "session/FourCC.h"
+#include "core/FourCC.h"
 #include "session/PluginEntry.h"
 #include "session/PreferencesFile.h"
 

@@ -6,7 +6,7 @@
 #include <fstream>
 
 #include "FakeHost.h"
-#include "session/FourCC.h"
+#include "core/FourCC.h"
 
 namespace Project {
 namespace {

@@ -57,8 +57,9 @@ TEST_P(WarpPhotoModelValidity, VertexAndQuadValidityFollowTheModel) {
     const int32_t n = mesh->Width();
     const int32_t c = mesh->Centre();
     const std::shared_ptr<const PhotoToSphere> photo = mc.make();
-    for (int32_t code : {1, 2, 3, 1000}) {
-        const auto warp = MakeClosedForm(code, mesh, photo);
+    for (RegularizerModel model : {RegularizerModel::Stereographic, RegularizerModel::Mercator,
+                                   RegularizerModel::Panini, RegularizerModel::Equirectangular}) {
+        const auto warp = MakeClosedForm(model, mesh, photo);
         int32_t valid = 0;
         for (int32_t j = 0; j < n; ++j) {
             for (int32_t i = 0; i < n; ++i) {
