@@ -8,13 +8,14 @@
 #include "HostTestUtil.h"
 #include "RenderTestSupport.h"
 #include "constraints/ConstraintFile.h"
+#include "curvana/CurvanaScripting.h"
 #include "geometry/ProjectionFactory.h"
+#include "host/Cli.h"
 #include "render/RenderMesh.h"
 #include "render/RenderPlan.h"
-#include "solver/Solver.h"
-#include "host/Cli.h"
 #include "samplegen/SampleFiles.h"
 #include "samplegen/SampleScene.h"
+#include "solver/Solver.h"
 
 namespace Curvana::Host::Test {
 namespace {
@@ -104,7 +105,7 @@ TEST_F(RealModuleScenario, AMatchingConstraintFileIsAppliedAndRecorded) {
 
     // The recorded action carries them, so repeat and --params replay them.
     const auto action = loadAction(dir / "xdg" / "curvana" / "last-action.json");
-    const DescriptorEntry* data = action->find(kConstraintDataKey);
+    const DescriptorEntry* data = action->find(cvKeyConstraintData);
     ASSERT_NE(data, nullptr);
     EXPECT_GT(data->data.size(), 100u);
 }

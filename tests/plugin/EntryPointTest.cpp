@@ -49,15 +49,15 @@ struct Expected {
 
 void ExpectDescriptor(const ActionDescriptor* d, const Expected& e) {
     ASSERT_NE(d, nullptr) << "no result descriptor";
-    EXPECT_EQ(d->GetEnumerated(ScriptKey::kProjectionModel)->value, e.projection)
-        << FourCCText(d->GetEnumerated(ScriptKey::kProjectionModel)->value);
-    EXPECT_EQ(d->GetEnumerated(ScriptKey::kRegularizerModel)->value, e.regularizer);
-    EXPECT_FLOAT_EQ(static_cast<float>(*d->GetFloat(ScriptKey::kFocalLength)), e.focal);
-    EXPECT_FLOAT_EQ(static_cast<float>(*d->GetFloat(ScriptKey::kPhysicalFocalLength)), e.physical);
-    EXPECT_FLOAT_EQ(static_cast<float>(*d->GetFloat(ScriptKey::kCropFactor)), e.crop);
-    EXPECT_EQ(d->GetInteger(ScriptKey::kScale), e.scale);
-    EXPECT_FLOAT_EQ(static_cast<float>(*d->GetFloat(ScriptKey::kOffsetX)), e.offsetX);
-    EXPECT_FLOAT_EQ(static_cast<float>(*d->GetFloat(ScriptKey::kOffsetY)), e.offsetY);
+    EXPECT_EQ(d->GetEnumerated(cvKeyProjectionModel)->value, e.projection)
+        << FourCCText(d->GetEnumerated(cvKeyProjectionModel)->value);
+    EXPECT_EQ(d->GetEnumerated(cvKeyRegularizerModel)->value, e.regularizer);
+    EXPECT_FLOAT_EQ(static_cast<float>(*d->GetFloat(cvKeyFocalLength)), e.focal);
+    EXPECT_FLOAT_EQ(static_cast<float>(*d->GetFloat(cvKeyPhysicalFocalLength)), e.physical);
+    EXPECT_FLOAT_EQ(static_cast<float>(*d->GetFloat(cvKeyCropFactor)), e.crop);
+    EXPECT_EQ(d->GetInteger(cvKeyScale), e.scale);
+    EXPECT_FLOAT_EQ(static_cast<float>(*d->GetFloat(cvKeyOffsetX)), e.offsetX);
+    EXPECT_FLOAT_EQ(static_cast<float>(*d->GetFloat(cvKeyOffsetY)), e.offsetY);
 }
 
 // What a run with only "regM" = "merR" returns when StoredPrefs were loaded,
@@ -65,10 +65,10 @@ void ExpectDescriptor(const ActionDescriptor* d, const Expected& e) {
 // request comes back stereographic: the mesh of a fisheye or perspective
 // photo spans its whole front hemisphere, wider than the 120 degrees the
 // Mercator and Panini forms are kept for.
-const Expected kFromStored{ScriptEnum::kPerspective, ScriptEnum::kStereographic, 777.0f, 24.0f,
+const Expected kFromStored{cvProjectionPerspective, cvRegularizerStereographic, 777.0f, 24.0f,
                            1.6f};
-const Expected kFromDefaults{ScriptEnum::kFisheye, ScriptEnum::kStereographic,
-                             64.0f * 15.0f / 36.0f, 15.0f, 1.0f};
+const Expected kFromDefaults{cvProjectionFisheye, cvRegularizerStereographic, 64.0f * 15.0f / 36.0f,
+                             15.0f, 1.0f};
 
 class EntryPoint : public ::testing::Test {
 protected:
@@ -91,8 +91,8 @@ protected:
 
     void InputRegulariserOnly() {
         host.input = std::make_unique<ActionDescriptor>();
-        host.input->Put(ScriptKey::kRegularizerModel,
-                        Enumerated{ScriptKey::kRegularizerModel, ScriptEnum::kMercator});
+        host.input->Put(cvKeyRegularizerModel,
+                        Enumerated{cvKeyRegularizerModel, cvRegularizerMercator});
     }
 
     // The final render wrote every sample of the filtered area once (the
@@ -184,20 +184,18 @@ TEST_F(EntryPoint, GraphicsProcessorNotInUseIsRefused) {
 TEST_F(EntryPoint, ScriptedApplyRendersAndHandsTheParametersBack) {
     host.input = std::make_unique<ActionDescriptor>();
     ActionDescriptor& in = *host.input;
-    in.Put(ScriptKey::kActionVersion, 0);
+    in.Put(cvKeyActionVersion, 0);
     const std::vector<uint8_t> constraintData = OneLineConstraintData(host.width, host.height);
-    in.Put(ScriptKey::kConstraintData,
+    in.Put(cvKeyConstraintData,
            ActionDescriptor::Data(constraintData.begin(), constraintData.end()));
-    in.Put(ScriptKey::kProjectionModel,
-           Enumerated{ScriptKey::kProjectionModel, ScriptEnum::kPerspective});
-    in.Put(ScriptKey::kRegularizerModel,
-           Enumerated{ScriptKey::kRegularizerModel, ScriptEnum::kPanini});
-    in.Put(ScriptKey::kFocalLength, 1234.5);
-    in.Put(ScriptKey::kPhysicalFocalLength, 20.0);
-    in.Put(ScriptKey::kCropFactor, 1.5);
-    in.Put(ScriptKey::kScale, 150);
-    in.Put(ScriptKey::kOffsetX, 0.25);
-    in.Put(ScriptKey::kOffsetY, 0.75);
+    in.Put(cvKeyProjectionModel, Enumerated{cvKeyProjectionModel, cvProjectionPerspective});
+    in.Put(cvKeyRegularizerModel, Enumerated{cvKeyRegularizerModel, cvRegularizerPanini});
+    in.Put(cvKeyFocalLength, 1234.5);
+    in.Put(cvKeyPhysicalFocalLength, 20.0);
+    in.Put(cvKeyCropFactor, 1.5);
+    in.Put(cvKeyScale, 150);
+    in.Put(cvKeyOffsetX, 0.25);
+    in.Put(cvKeyOffsetY, 0.75);
     ExpectAllSucceeded(module.RunWithoutDialog(host.Record()));
 
     EXPECT_TRUE(host.alerts.empty());
@@ -208,7 +206,7 @@ TEST_F(EntryPoint, ScriptedApplyRendersAndHandsTheParametersBack) {
     EXPECT_EQ(host.progressReports.back().first, host.progressReports.back().second);
     ASSERT_EQ(host.resultDescriptors, 1);
     // Panini falls back to stereographic over the perspective hemisphere.
-    ExpectDescriptor(host.result.get(), {ScriptEnum::kPerspective, ScriptEnum::kStereographic,
+    ExpectDescriptor(host.result.get(), {cvProjectionPerspective, cvRegularizerStereographic,
                                          1234.5f, 20.0f, 1.5f, 150, 0.25f, 0.75f});
     std::vector<std::string> keys;
     for (const auto& e : host.result->Entries())
@@ -216,7 +214,7 @@ TEST_F(EntryPoint, ScriptedApplyRendersAndHandsTheParametersBack) {
     EXPECT_EQ(keys, (std::vector<std::string>{"actV", "cnsD", "prjM", "regM", "focL", "PhyF",
                                               "CrpF", "imgS", "imgX", "imgY"}));
     // The constraints come back; the header carries the settings applied.
-    const auto* data = host.result->GetData(ScriptKey::kConstraintData);
+    const auto* data = host.result->GetData(cvKeyConstraintData);
     ASSERT_NE(data, nullptr);
     SimpleConstraintFileContext back;
     back.width = host.width;
@@ -238,7 +236,7 @@ TEST_F(EntryPoint, ScriptedApplyRendersAndHandsTheParametersBack) {
 TEST_F(EntryPoint, ConstraintDataOfAnotherImageSizeIsRefusedWithItsMessage) {
     host.input = std::make_unique<ActionDescriptor>();
     const std::vector<uint8_t> data = OneLineConstraintData(host.width + 1, host.height);
-    host.input->Put(ScriptKey::kConstraintData, ActionDescriptor::Data(data.begin(), data.end()));
+    host.input->Put(cvKeyConstraintData, ActionDescriptor::Data(data.begin(), data.end()));
     ExpectAllSucceeded(module.RunWithoutDialog(host.Record()));
 
     ASSERT_EQ(host.alerts.size(), 1u);
@@ -264,15 +262,15 @@ TEST_F(EntryPoint, ProjectionEnumeratorsReadAsDocumented) {
     // "panP" reads as Fisheye; "autP" finds no lens profile for a photo
     // without metadata and falls back to Fisheye.
     for (const Case c :
-         {Case{ScriptEnum::kPanorama, ScriptEnum::kFisheye},
-          Case{ScriptEnum::kAutoProjection, ScriptEnum::kFisheye},
-          Case{ScriptEnum::kFullSpherical, ScriptEnum::kFisheye},  // 64 x 48 is not 2:1
-          Case{FourCC("junk"), ScriptEnum::kFisheye}}) {
+         {Case{cvProjectionPanorama, cvProjectionFisheye},
+          Case{cvProjectionAuto, cvProjectionFisheye},
+          Case{cvProjectionFullSpherical, cvProjectionFisheye},  // 64 x 48 is not 2:1
+          Case{FourCC("junk"), cvProjectionFisheye}}) {
         host.input = std::make_unique<ActionDescriptor>();
-        host.input->Put(ScriptKey::kProjectionModel, Enumerated{ScriptKey::kProjectionModel, c.in});
+        host.input->Put(cvKeyProjectionModel, Enumerated{cvKeyProjectionModel, c.in});
         module.RunWithoutDialog(host.Record());
         ASSERT_TRUE(host.result);
-        EXPECT_EQ(host.result->GetEnumerated(ScriptKey::kProjectionModel)->value, c.out)
+        EXPECT_EQ(host.result->GetEnumerated(cvKeyProjectionModel)->value, c.out)
             << FourCCText(c.in);
     }
     EXPECT_TRUE(host.alerts.empty()) << "scripted runs stay silent";
@@ -281,24 +279,24 @@ TEST_F(EntryPoint, ProjectionEnumeratorsReadAsDocumented) {
 TEST_F(EntryPoint, FullSphericalIsKeptOnATwoToOneImage) {
     host.mode = cvModeGray;
     for (auto [h, expected] :
-         {std::pair{200, ScriptEnum::kFullSpherical}, std::pair{199, ScriptEnum::kFisheye}}) {
+         {std::pair{200, cvProjectionFullSpherical}, std::pair{199, cvProjectionFisheye}}) {
         host.width = 400;
         host.height = h;
         host.input = std::make_unique<ActionDescriptor>();
-        host.input->Put(ScriptKey::kProjectionModel,
-                        Enumerated{ScriptKey::kProjectionModel, ScriptEnum::kFullSpherical});
+        host.input->Put(cvKeyProjectionModel,
+                        Enumerated{cvKeyProjectionModel, cvProjectionFullSpherical});
         module.RunWithoutDialog(host.Record());
         ASSERT_TRUE(host.result);
-        EXPECT_EQ(host.result->GetEnumerated(ScriptKey::kProjectionModel)->value, expected) << h;
+        EXPECT_EQ(host.result->GetEnumerated(cvKeyProjectionModel)->value, expected) << h;
     }
 }
 
 TEST_F(EntryPoint, RepeatWithoutDescriptorUsesTheLastSettingsOfTheInstance) {
     host.input = std::make_unique<ActionDescriptor>();
-    host.input->Put(ScriptKey::kProjectionModel,
-                    Enumerated{ScriptKey::kProjectionModel, ScriptEnum::kPerspective});
-    host.input->Put(ScriptKey::kFocalLength, 321.0);
-    host.input->Put(ScriptKey::kScale, 90);
+    host.input->Put(cvKeyProjectionModel,
+                    Enumerated{cvKeyProjectionModel, cvProjectionPerspective});
+    host.input->Put(cvKeyFocalLength, 321.0);
+    host.input->Put(cvKeyScale, 90);
     module.RunWithoutDialog(host.Record());
 
     host.input.reset();
@@ -306,8 +304,8 @@ TEST_F(EntryPoint, RepeatWithoutDescriptorUsesTheLastSettingsOfTheInstance) {
     host.samplesWritten = 0;
     ExpectAllSucceeded(module.RunWithoutDialog(host.Record()));
     EXPECT_EQ(host.resultDescriptors, 2);
-    ExpectDescriptor(host.result.get(), {ScriptEnum::kPerspective, ScriptEnum::kAutoRegularizer,
-                                         321.0f, 15.0f, 1.0f, 90});
+    ExpectDescriptor(host.result.get(),
+                     {cvProjectionPerspective, cvRegularizerAuto, 321.0f, 15.0f, 1.0f, 90});
     ExpectImageRendered();
     EXPECT_TRUE(host.alerts.empty());
 }
@@ -316,7 +314,7 @@ TEST_F(EntryPoint, RepeatInAFreshInstanceUsesTheStoredPreferences) {
     PlacePrefs(StoredPrefs());
     ExpectAllSucceeded(module.RunWithoutDialog(host.Record()));
     Expected stored = kFromStored;
-    stored.regularizer = ScriptEnum::kAutoRegularizer;  // not stored: the default
+    stored.regularizer = cvRegularizerAuto;  // not stored: the default
     ExpectDescriptor(host.result.get(), stored);
     EXPECT_EQ(SavedPrefs()->settings.loupeSize, 200) << "the stored preferences survive";
 }
@@ -339,7 +337,7 @@ TEST_F(EntryPoint, DialogWithoutAnEditorEndsLikeCancel) {
 
 TEST_F(EntryPoint, DescriptorWithTheDialogOpensTheEditorAndSavesItsSettings) {
     host.input = std::make_unique<ActionDescriptor>();
-    host.input->Put(ScriptKey::kFocalLength, 555.0);
+    host.input->Put(cvKeyFocalLength, 555.0);
     ExpectAllSucceeded(module.RunWithDialog(host.Record()));
     ASSERT_EQ(host.alerts.size(), 1u);
     EXPECT_EQ(host.alerts[0].message, kEditorMissing);

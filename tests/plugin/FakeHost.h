@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "plugin/CurvanaPlugin.h"
+#include "curvana/CurvanaPlugin.h"
 #include "session/ActionDescriptor.h"
 
 namespace Project::test {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "core/FourCC.h"
 #include "session/ActionDescriptor.h"
 
 namespace Project {
