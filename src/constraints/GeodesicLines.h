@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "constraints/ConstraintTypes.h"
-#include "constraints/MeshLocator.h"
 #include "core/Vector3.h"
 #include "geometry/PhotoToSphere.h"
+#include "warp/MeshLocator.h"
 #include "warp/OctaMap.h"
 #include "warp/SphereWarp.h"
 

@@ -1,4 +1,4 @@
-#include "constraints/MeshLocator.h"
+#include "warp/MeshLocator.h"
 
 #include <algorithm>
 #include <cmath>
