@@ -47,6 +47,53 @@ std::string Mismatch(std::string_view what, const std::string& inFile, const std
     return m;
 }
 
+// Magic, version and the photo the data was drawn on: false, with the
+// message left in the set, when it is no constraint data or another photo's.
+bool ReadHeader(ByteReader& r, ConstraintSet& set, const ConstraintFileContext& context) {
+    const uint32_t magic = r.U32();
+    const uint32_t tag = r.U32();
+    if (!r.Ok() || magic != constraint_file::kMagic || tag != constraint_file::kVersionTag) {
+        FailInvalid(set);
+        return false;
+    }
+
+    (void)r.U16();  // version: not checked
+    const uint16_t width = r.U16();
+    const uint16_t height = r.U16();
+    if (!r.Ok()) {
+        FailInvalid(set);
+        return false;
+    }
+    const int32_t docWidth = context.ImageWidth();
+    const int32_t docHeight = context.ImageHeight();
+    if (static_cast<int64_t>(width) != docWidth || static_cast<int64_t>(height) != docHeight) {
+        Fail(set, Mismatch(msg::kUnmatchedImageWidth, SizeText(width, height),
+                           SizeText(docWidth, docHeight)));
+        return false;
+    }
+
+    const std::string make = r.String();
+    const std::string model = r.String();
+    const std::string lens = r.String();
+    if (!r.Ok()) {
+        FailInvalid(set);
+        return false;
+    }
+    if (const std::string doc = context.CameraMake(); make != doc) {
+        Fail(set, Mismatch(msg::kUnmatchedCameraMake, make, doc));
+        return false;
+    }
+    if (const std::string doc = context.CameraModel(); model != doc) {
+        Fail(set, Mismatch(msg::kUnmatchedCameraModel, model, doc));
+        return false;
+    }
+    if (const std::string doc = context.LensModel(); lens != doc) {
+        Fail(set, Mismatch(msg::kUnmatchedLensModel, lens, doc));
+        return false;
+    }
+    return true;
+}
+
 struct ParsedSettings {
     float physicalFocal, cropFactor, focalLength;
     uint32_t projectionIndex, regularizerIndex;
@@ -54,6 +101,115 @@ struct ParsedSettings {
     float offsetX, offsetY;
     uint32_t setWord;
 };
+
+ParsedSettings ReadSettings(ByteReader& r) {
+    ParsedSettings p{};
+    p.physicalFocal = r.F32();
+    p.cropFactor = r.F32();
+    p.focalLength = r.F32();
+    p.projectionIndex = r.U32();
+    p.regularizerIndex = r.U32();
+    p.scale = r.I32();
+    p.offsetX = r.F32();
+    p.offsetY = r.F32();
+    p.setWord = r.U32();
+    return p;
+}
+
+std::unique_ptr<LineConstraint> ReadLine(ByteReader& r) {
+    const float x1 = r.F32(), y1 = r.F32(), x2 = r.F32(), y2 = r.F32();
+    const uint32_t orientation = r.U32();
+    const float angle = r.F32();
+    const int32_t id = r.I32();
+    auto line = std::make_unique<LineConstraint>(x1, y1, x2, y2,
+                                                 IsLineOrientationCode(orientation)
+                                                     ? static_cast<Orientation>(orientation)
+                                                     : Orientation::Unfixed,
+                                                 angle);
+    line->SetId(id);
+    return line;
+}
+
+// Null (and the reader failed) for a vertex count that cannot be right.
+std::unique_ptr<PlaneConstraint> ReadPlane(ByteReader& r) {
+    const int32_t id = r.I32();
+    const int32_t vertices = r.I32();
+    if (!r.Ok() || vertices < 0 || static_cast<uint64_t>(vertices) > r.Remaining() / 12) {
+        r.Fail();
+        return nullptr;
+    }
+    auto plane = std::make_unique<PlaneConstraint>();
+    plane->SetId(id);
+    std::vector<PlaneVertex> vs(static_cast<size_t>(vertices));
+    for (PlaneVertex& v : vs) {
+        v.x = r.F32();
+        v.y = r.F32();
+        const uint32_t code = r.U32();
+        v.edgeCode = IsEdgeCode(code) ? static_cast<int32_t>(code) : 1;
+        v.present = true;
+    }
+    plane->SetVertices(std::move(vs));
+    return plane;
+}
+
+// The record count and the records. False when the data ends early or holds
+// an impossible count (the reader's failure also covers the reads before).
+bool ReadRecords(ByteReader& r, ConstraintSet::List& records) {
+    const uint32_t count = r.U32();
+    // Every record takes at least its four tag bytes.
+    if (!r.Ok() || count > r.Remaining() / 4)
+        return false;
+    records.reserve(count);
+    for (uint32_t k = 0; k < count && r.Ok(); ++k) {
+        const uint32_t tag = r.U32();
+        if (tag == constraint_file::kLineTag) {
+            records.push_back(ReadLine(r));
+        } else if (tag == constraint_file::kPlaneTag) {
+            auto plane = ReadPlane(r);
+            if (!plane)
+                break;
+            records.push_back(std::move(plane));
+        }
+        // Any other tag: nothing is created; only the tag was consumed.
+    }
+    return r.Ok();
+}
+
+// Applies the settings read, each only when it differs from the current one;
+// a new projection goes through the session's decision, and a change of
+// projection, regulariser or focal length resets the solver once.
+void ApplySettings(const ParsedSettings& p, ConstraintSet& set, ConstraintFileContext& context) {
+    const ConstraintFileSettings current = context.Settings();
+    context.SetPhysicalFocal(
+        clampSetting(p.physicalFocal, kMinPhysicalFocalMm, kMaxPhysicalFocalMm));
+    context.SetCropFactor(p.cropFactor);
+    set.SetStateWord(p.setWord);
+
+    bool changed = false;
+    const ProjectionModel projection = projectionModelFromIndex(p.projectionIndex);
+    if (projection != current.projectionModel) {
+        context.SetProjectionModel(projection);
+        context.ChooseProjection(current.projectionModel);
+        changed = context.Settings().projectionModel != current.projectionModel;
+    }
+    const RegularizerModel regularizer = regularizerModelFromIndex(p.regularizerIndex);
+    if (regularizer != current.regularizerModel) {
+        context.SetRegularizerModel(regularizer);
+        changed = true;
+    }
+    const float focal = clampSetting(p.focalLength, kMinFocalPixels, kMaxFocalPixels);
+    if (std::fabs(static_cast<double>(focal) - current.focalLength) > 0.01) {
+        context.SetFocalLength(focal);
+        changed = true;
+    }
+    if (p.scale != current.scale)
+        context.SetScale(p.scale);
+    if (std::fabs(static_cast<double>(p.offsetX) - current.offsetX) > 1e-06 ||
+        std::fabs(static_cast<double>(p.offsetY) - current.offsetY) > 1e-06)
+        context.SetOffsets(p.offsetX, p.offsetY);
+    if (changed)
+        context.SettingsChanged();
+}
 
 }  // namespace
 
@@ -171,142 +327,22 @@ std::vector<uint8_t> writeConstraintData(const ConstraintSet& set, const Constra
     return out;
 }
 
-bool readConstraintData(ConstraintSet& set, ConstraintFileContext& context, std::span<const uint8_t> data) {
+bool readConstraintData(ConstraintSet& set, ConstraintFileContext& context,
+                        std::span<const uint8_t> data) {
     set.SetSuccess(true);
     set.ClearMessage();
     ByteReader r(data);
-
-    const uint32_t magic = r.U32();
-    const uint32_t tag = r.U32();
-    if (!r.Ok() || magic != constraint_file::kMagic || tag != constraint_file::kVersionTag) {
-        FailInvalid(set);
+    if (!ReadHeader(r, set, context))
         return false;
-    }
-
-    (void)r.U16();  // version: not checked
-    const uint16_t width = r.U16();
-    const uint16_t height = r.U16();
-    if (!r.Ok()) {
-        FailInvalid(set);
-        return false;
-    }
-    const int32_t docWidth = context.ImageWidth();
-    const int32_t docHeight = context.ImageHeight();
-    if (static_cast<int64_t>(width) != docWidth || static_cast<int64_t>(height) != docHeight) {
-        Fail(set, Mismatch(msg::kUnmatchedImageWidth, SizeText(width, height), SizeText(docWidth, docHeight)));
-        return false;
-    }
-
-    const std::string make = r.String();
-    const std::string model = r.String();
-    const std::string lens = r.String();
-    if (!r.Ok()) {
-        FailInvalid(set);
-        return false;
-    }
-    if (const std::string doc = context.CameraMake(); make != doc) {
-        Fail(set, Mismatch(msg::kUnmatchedCameraMake, make, doc));
-        return false;
-    }
-    if (const std::string doc = context.CameraModel(); model != doc) {
-        Fail(set, Mismatch(msg::kUnmatchedCameraModel, model, doc));
-        return false;
-    }
-    if (const std::string doc = context.LensModel(); lens != doc) {
-        Fail(set, Mismatch(msg::kUnmatchedLensModel, lens, doc));
-        return false;
-    }
-
     // Everything else is parsed before anything is applied, so that data that
     // ends early changes nothing.
-    ParsedSettings p{};
-    p.physicalFocal = r.F32();
-    p.cropFactor = r.F32();
-    p.focalLength = r.F32();
-    p.projectionIndex = r.U32();
-    p.regularizerIndex = r.U32();
-    p.scale = r.I32();
-    p.offsetX = r.F32();
-    p.offsetY = r.F32();
-    p.setWord = r.U32();
-    const uint32_t count = r.U32();
-    // Every record takes at least its four tag bytes.
-    if (!r.Ok() || count > r.Remaining() / 4) {
-        FailInvalid(set);
-        return false;
-    }
-
+    const ParsedSettings settings = ReadSettings(r);
     ConstraintSet::List records;
-    records.reserve(count);
-    for (uint32_t k = 0; k < count && r.Ok(); ++k) {
-        const uint32_t recordTag = r.U32();
-        if (recordTag == constraint_file::kLineTag) {
-            const float x1 = r.F32(), y1 = r.F32(), x2 = r.F32(), y2 = r.F32();
-            const uint32_t orientation = r.U32();
-            const float angle = r.F32();
-            const int32_t id = r.I32();
-            auto line = std::make_unique<LineConstraint>(
-                x1, y1, x2, y2,
-                IsLineOrientationCode(orientation) ? static_cast<Orientation>(orientation) : Orientation::Unfixed,
-                angle);
-            line->SetId(id);
-            records.push_back(std::move(line));
-        } else if (recordTag == constraint_file::kPlaneTag) {
-            const int32_t id = r.I32();
-            const int32_t vertices = r.I32();
-            if (!r.Ok() || vertices < 0 || static_cast<uint64_t>(vertices) > r.Remaining() / 12) {
-                r.Fail();
-                break;
-            }
-            auto plane = std::make_unique<PlaneConstraint>();
-            plane->SetId(id);
-            std::vector<PlaneVertex> vs(static_cast<size_t>(vertices));
-            for (PlaneVertex& v : vs) {
-                v.x = r.F32();
-                v.y = r.F32();
-                const uint32_t code = r.U32();
-                v.edgeCode = IsEdgeCode(code) ? static_cast<int32_t>(code) : 1;
-                v.present = true;
-            }
-            plane->SetVertices(std::move(vs));
-            records.push_back(std::move(plane));
-        }
-        // Any other tag: nothing is created; only the tag was consumed.
-    }
-    if (!r.Ok()) {
+    if (!ReadRecords(r, records)) {
         FailInvalid(set);
         return false;
     }
-
-    // Apply: settings first, then the list.
-    const ConstraintFileSettings current = context.Settings();
-    context.SetPhysicalFocal(clampSetting(p.physicalFocal, kMinPhysicalFocalMm, kMaxPhysicalFocalMm));
-    context.SetCropFactor(p.cropFactor);
-    set.SetStateWord(p.setWord);
-
-    bool changed = false;
-    const ProjectionModel projection = projectionModelFromIndex(p.projectionIndex);
-    if (projection != current.projectionModel) {
-        context.SetProjectionModel(projection);
-        context.ChooseProjection(current.projectionModel);
-        changed = context.Settings().projectionModel != current.projectionModel;
-    }
-    const RegularizerModel regularizer = regularizerModelFromIndex(p.regularizerIndex);
-    if (regularizer != current.regularizerModel) {
-        context.SetRegularizerModel(regularizer);
-        changed = true;
-    }
-    const float focal = clampSetting(p.focalLength, kMinFocalPixels, kMaxFocalPixels);
-    if (std::fabs(static_cast<double>(focal) - current.focalLength) > 0.01) {
-        context.SetFocalLength(focal);
-        changed = true;
-    }
-    if (p.scale != current.scale) context.SetScale(p.scale);
-    if (std::fabs(static_cast<double>(p.offsetX) - current.offsetX) > 1e-06 ||
-        std::fabs(static_cast<double>(p.offsetY) - current.offsetY) > 1e-06)
-        context.SetOffsets(p.offsetX, p.offsetY);
-    if (changed) context.SettingsChanged();
-
+    ApplySettings(settings, set, context);
     set.Replace(std::move(records));
     return true;
 }
