@@ -422,7 +422,7 @@ nlohmann::json descriptorToJson(const Descriptor& descriptor) {
 
 std::unique_ptr<Descriptor> descriptorFromJson(const nlohmann::json& json,
                                                const std::string& where) {
-    auto fail = [&](const std::string& why) { return HostError(where + ": " + why); };
+    auto fail = [&](const std::string& why) { return HostError(kExitUsage, where + ": " + why); };
     if (!json.is_object())
         throw fail("an action must be a JSON object");
     const auto version = json.find("curvanaAction");
@@ -508,14 +508,14 @@ std::unique_ptr<Descriptor> descriptorFromJson(const nlohmann::json& json,
 std::unique_ptr<Descriptor> loadAction(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
     if (!in)
-        throw HostError(path.string() + ": cannot open (" + std::strerror(errno) + ")");
+        throw HostError(kExitUsage, path.string() + ": cannot open (" + std::strerror(errno) + ")");
     std::stringstream text;
     text << in.rdbuf();
     nlohmann::json json;
     try {
         json = nlohmann::json::parse(text.str());
     } catch (const nlohmann::json::parse_error& e) {
-        throw HostError(path.string() + ": not valid JSON (" + jsonMessage(e) + ")");
+        throw HostError(kExitUsage, path.string() + ": not valid JSON (" + jsonMessage(e) + ")");
     }
     return descriptorFromJson(json, path.string());
 }
@@ -527,16 +527,16 @@ void saveAction(const std::filesystem::path& path, const Descriptor& descriptor)
     {
         std::ofstream out(temp, std::ios::binary | std::ios::trunc);
         if (!out)
-            throw HostError(temp.string() + ": cannot write (" + std::strerror(errno) + ")");
+            throw HostError(kExitOutput, temp.string() + ": cannot write (" + std::strerror(errno) + ")");
         out << descriptorToJson(descriptor).dump(2) << '\n';
         out.close();
         if (!out)
-            throw HostError(temp.string() + ": cannot write");
+            throw HostError(kExitOutput, temp.string() + ": cannot write");
     }
     std::filesystem::rename(temp, path, ec);
     if (ec) {
         std::filesystem::remove(temp, ec);
-        throw HostError(path.string() + ": cannot write (" + ec.message() + ")");
+        throw HostError(kExitOutput, path.string() + ": cannot write (" + ec.message() + ")");
     }
 }
 

@@ -25,7 +25,8 @@ using FileHandle = std::unique_ptr<std::FILE, FileCloser>;
 FileHandle openFile(const std::filesystem::path& path, const char* mode) {
     FileHandle f(std::fopen(path.c_str(), mode));
     if (!f)
-        throw HostError(path.string() + ": cannot " + (mode[0] == 'r' ? "open" : "create") + " (" +
+        throw HostError(mode[0] == 'r' ? kExitInput : kExitOutput,
+                        path.string() + ": cannot " + (mode[0] == 'r' ? "open" : "create") + " (" +
                         std::strerror(errno) + ")");
     return f;
 }
@@ -34,7 +35,7 @@ FileHandle openFile(const std::filesystem::path& path, const char* mode) {
 void closeWritten(FileHandle& f, const std::filesystem::path& path) {
     std::FILE* raw = f.release();
     if (std::fclose(raw) != 0)
-        throw HostError(path.string() + ": cannot write (" + std::strerror(errno) + ")");
+        throw writeError(path.string(), errno);
 }
 
 // ---- PNG --------------------------------------------------------------------
@@ -291,22 +292,22 @@ DecodedImage readPng(const std::filesystem::path& path) {
     PngContext ctx;
     ctx.png = png_create_read_struct(PNG_LIBPNG_VER_STRING, &ctx, pngError, pngWarning);
     if (!ctx.png)
-        throw HostError("out of memory");
+        throw HostError(kExitFailed, "out of memory");
     ctx.info = png_create_info_struct(ctx.png);
     if (!ctx.info)
-        throw HostError("out of memory");
+        throw HostError(kExitFailed, "out of memory");
     PngHeader header{};
     if (!pngReadHeader(&ctx, file.get(), &header))
-        throw HostError(path.string() + ": not a readable PNG (" + ctx.message + ")");
+        throw HostError(kExitInput, path.string() + ": not a readable PNG (" + ctx.message + ")");
     if (header.colorType & PNG_COLOR_MASK_ALPHA)
-        throw HostError(path.string() + ": PNG with an alpha channel is not supported");
+        throw HostError(kExitInput, path.string() + ": PNG with an alpha channel is not supported");
     if (header.width == 0 || header.height == 0)
-        throw HostError(path.string() + ": the image has zero size");
+        throw HostError(kExitInput, path.string() + ": the image has zero size");
     DecodedImage out;
     if (header.icc)
         out.icc.assign(header.icc, header.icc + header.iccLength);
     if (!pngSetupTransforms(&ctx, &header))
-        throw HostError(path.string() + ": not a readable PNG (" + ctx.message + ")");
+        throw HostError(kExitInput, path.string() + ": not a readable PNG (" + ctx.message + ")");
     ImageInfo info;
     info.width = static_cast<int32_t>(header.width);
     info.height = static_cast<int32_t>(header.height);
@@ -315,7 +316,7 @@ DecodedImage readPng(const std::filesystem::path& path) {
     out.raster = Raster::allocate(info);
     if (!pngReadRows(&ctx, out.raster.data.data(), out.raster.rowBytes(), header.height,
                      header.passes))
-        throw HostError(path.string() +
+        throw HostError(kExitInput, path.string() +
                         ": cannot decode (truncated or corrupt PNG: " + ctx.message + ")");
     if (info.depth == 16) {
         auto* v = reinterpret_cast<uint16_t*>(out.raster.data.data());
@@ -344,10 +345,10 @@ void writePng(const std::filesystem::path& path, const Raster& raster,
     ctx.writing = true;
     ctx.png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &ctx, pngError, pngWarning);
     if (!ctx.png)
-        throw HostError("out of memory");
+        throw HostError(kExitFailed, "out of memory");
     ctx.info = png_create_info_struct(ctx.png);
     if (!ctx.info)
-        throw HostError("out of memory");
+        throw HostError(kExitFailed, "out of memory");
     const PngWriteJob job{static_cast<uint32_t>(raster.info.width),
                           static_cast<uint32_t>(raster.info.height),
                           raster.info.depth,
@@ -357,7 +358,7 @@ void writePng(const std::filesystem::path& path, const Raster& raster,
                           icc.empty() ? nullptr : icc.data(),
                           static_cast<uint32_t>(icc.size())};
     if (!pngWriteAll(&ctx, file.get(), &job))
-        throw HostError(path.string() + ": cannot write PNG (" + ctx.message + ")");
+        throw HostError(kExitOutput, path.string() + ": cannot write PNG (" + ctx.message + ")");
     closeWritten(file, path);
 }
 
@@ -369,7 +370,7 @@ DecodedImage readJpeg(const std::filesystem::path& path) {
     const bool headerOk = jpegReadHeader(&d, file.get(), &iccRaw, &iccLength);
     std::unique_ptr<JOCTET, MallocFree> iccOwner(iccRaw);
     if (!headerOk)
-        throw HostError(path.string() + ": not a readable JPEG (" + d.error.message + ")");
+        throw HostError(kExitInput, path.string() + ": not a readable JPEG (" + d.error.message + ")");
     DecodedImage out;
     if (iccRaw)
         out.icc.assign(iccRaw, iccRaw + iccLength);
@@ -381,12 +382,12 @@ DecodedImage readJpeg(const std::filesystem::path& path) {
                 : d.cinfo.out_color_space == JCS_CMYK    ? Mode::CMYK
                                                          : Mode::RGB;
     if (info.width == 0 || info.height == 0)
-        throw HostError(path.string() + ": the image has zero size");
+        throw HostError(kExitInput, path.string() + ": the image has zero size");
     out.raster = Raster::allocate(info);
     if (!jpegReadRows(&d, out.raster.data.data(), out.raster.rowBytes()))
-        throw HostError(path.string() + ": cannot decode (corrupt JPEG: " + d.error.message + ")");
+        throw HostError(kExitInput, path.string() + ": cannot decode (corrupt JPEG: " + d.error.message + ")");
     if (d.error.ended)
-        throw HostError(path.string() +
+        throw HostError(kExitInput, path.string() +
                         ": cannot decode (the JPEG data ends early: truncated file)");
     if (info.mode == Mode::CMYK && d.app14)
         for (auto& v : out.raster.data)
@@ -410,7 +411,7 @@ void writeJpeg(const std::filesystem::path& path, const Raster& raster,
                            static_cast<unsigned int>(icc.size()),
                            scratch.data()};
     if (!jpegWriteAll(&c, file.get(), &job))
-        throw HostError(path.string() + ": cannot write JPEG (" + c.error.message + ")");
+        throw HostError(kExitOutput, path.string() + ": cannot write JPEG (" + c.error.message + ")");
     closeWritten(file, path);
 }
 

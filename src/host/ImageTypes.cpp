@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <cstring>
 
 namespace Curvana::Host {
 
@@ -67,11 +69,18 @@ void checkFormatHolds(FileFormat format, const ImageInfo& info, const std::files
     const std::string what =
         std::string(modeName(info.mode)) + " " + std::to_string(info.depth) + "-bit";
     if (format == FileFormat::Png && info.mode != Mode::Gray && info.mode != Mode::RGB)
-        throw HostError(path.string() + ": PNG cannot hold a " + what +
+        throw HostError(kExitOutput, path.string() + ": PNG cannot hold a " + what +
                         " image (write .tif instead)");
     if (format == FileFormat::Jpeg && (info.mode == Mode::Lab || info.depth != 8))
-        throw HostError(path.string() + ": JPEG cannot hold a " + what +
+        throw HostError(kExitOutput, path.string() + ": JPEG cannot hold a " + what +
                         " image (write .tif instead)");
+}
+
+HostError writeError(const std::string& name, int error) {
+    if (error == ENOSPC || error == EDQUOT)
+        return HostError(kExitOutput, name + ": cannot write, the disk is full");
+    return HostError(kExitOutput,
+                     name + ": cannot write (" + (error ? std::strerror(error) : "I/O error") + ")");
 }
 
 }  // namespace Curvana::Host

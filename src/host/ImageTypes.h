@@ -7,25 +7,12 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
-#include <stdexcept>
 #include <string>
 
+#include "host/HostError.h"
 #include "plugin/CurvanaPlugin.h"
 
 namespace Curvana::Host {
-
-// One-line, user-facing failure of the host program (file, metadata, module).
-// The message names the file or option it is about; it never ends in a newline.
-class HostError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
-// A HostError about the input photograph itself (it cannot be decoded).
-class InputError : public HostError {
-public:
-    using HostError::HostError;
-};
 
 enum class Mode { Gray = cvModeGray, RGB = cvModeRGB, CMYK = cvModeCMYK, Lab = cvModeLab };
 
@@ -54,7 +41,7 @@ const char* formatName(FileFormat format);
 // .tif/.tiff, .png, .jpg/.jpeg. Empty when the extension is none of these.
 std::optional<FileFormat> formatFromExtension(const std::filesystem::path& path);
 
-// Throws HostError when format cannot hold mode and depth (for instance Lab
+// Throws HostError (kExitOutput) when format cannot hold mode and depth (for instance Lab
 // or CMYK as PNG, 16 bits as JPEG).
 void checkFormatHolds(FileFormat format, const ImageInfo& info, const std::filesystem::path& path);
 

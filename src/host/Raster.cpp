@@ -12,13 +12,13 @@ namespace Curvana::Host {
 
 Raster Raster::allocate(const ImageInfo& info) {
     if (info.width <= 0 || info.height <= 0)
-        throw HostError("the image has zero size");
+        throw HostError(kExitInput, "the image has zero size");
     Raster r;
     r.info = info;
     try {
         r.data.assign(static_cast<size_t>(info.byteCount()), 0);
     } catch (const std::bad_alloc&) {
-        throw HostError("not enough memory for a " + std::to_string(info.width) + " x " +
+        throw HostError(kExitInput, "not enough memory for a " + std::to_string(info.width) + " x " +
                         std::to_string(info.height) + " image");
     }
     return r;
@@ -79,7 +79,7 @@ MemorySource::MemorySource(std::filesystem::path path, FileFormat format, Raster
 
 void MemorySource::readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_t rowBytes) {
     if (plane < 0 || plane >= info_.planes() || !rectInside(rect, info_.bounds()))
-        throw HostError(path_.string() + ": plane request outside the image");
+        throw HostError(kExitFailed, path_.string() + ": plane request outside the image");
     const size_t bps = info_.bytesPerSample();
     const uint8_t* origin =
         raster_.row(rect.top) + static_cast<size_t>(rect.left) * raster_.pixelBytes();
@@ -92,18 +92,18 @@ std::unique_ptr<ImageSource> openImage(const std::filesystem::path& path,
                                        const SourceOptions& options) {
     std::error_code ec;
     if (!std::filesystem::exists(path, ec))
-        throw HostError(path.string() + ": no such file");
+        throw HostError(kExitInput, path.string() + ": no such file");
     if (std::filesystem::is_directory(path, ec))
-        throw HostError(path.string() + ": is a folder, not an image");
+        throw HostError(kExitInput, path.string() + ": is a folder, not an image");
     std::ifstream in(path, std::ios::binary);
     if (!in)
-        throw HostError(path.string() + ": cannot open (" + std::strerror(errno) + ")");
+        throw HostError(kExitInput, path.string() + ": cannot open (" + std::strerror(errno) + ")");
     unsigned char magic[8] = {};
     in.read(reinterpret_cast<char*>(magic), sizeof magic);
     const std::streamsize got = in.gcount();
     in.close();
     if (got == 0)
-        throw HostError(path.string() + ": empty file");
+        throw HostError(kExitInput, path.string() + ": empty file");
     auto starts = [&](const char* bytes, int n) {
         return got >= n && std::memcmp(magic, bytes, n) == 0;
     };
@@ -119,7 +119,7 @@ std::unique_ptr<ImageSource> openImage(const std::filesystem::path& path,
         return std::make_unique<MemorySource>(path, FileFormat::Jpeg, std::move(d.raster),
                                               std::move(d.icc));
     }
-    throw HostError(path.string() + ": unsupported image format (TIFF, PNG and JPEG are read)");
+    throw HostError(kExitInput, path.string() + ": unsupported image format (TIFF, PNG and JPEG are read)");
 }
 
 namespace {
@@ -148,7 +148,7 @@ public:
     void writePlane(const CvRect& rect, int plane, const void* buffer,
                     ptrdiff_t rowBytes) override {
         if (plane < 0 || plane >= raster_.info.planes() || !rectInside(rect, raster_.info.bounds()))
-            throw HostError(path_.string() + ": result plane outside the image");
+            throw HostError(kExitFailed, path_.string() + ": result plane outside the image");
         uint8_t* origin =
             raster_.row(rect.top) + static_cast<size_t>(rect.left) * raster_.pixelBytes();
         insertPlane(static_cast<const uint8_t*>(buffer), rowBytes, raster_.info.planes(), plane,

@@ -58,7 +58,7 @@ TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& o
     // memory, which would grow with the image instead of the cache budget.
     tif_.reset(TIFFOpen(name.c_str(), "rm"));
     if (!tif_)
-        throw HostError(name + ": not a readable TIFF (" + takeTiffError() + ")");
+        throw HostError(kExitInput, name + ": not a readable TIFF (" + takeTiffError() + ")");
     TIFF* tif = tif_.get();
 
     uint32_t width = 0, height = 0;
@@ -72,16 +72,16 @@ TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& o
     TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLEFORMAT, &sampleFormat);
     TIFFGetFieldDefaulted(tif, TIFFTAG_COMPRESSION, &compression_);
     if (!TIFFGetField(tif, TIFFTAG_PHOTOMETRIC, &photometric))
-        throw HostError(name + ": TIFF without a photometric interpretation");
+        throw HostError(kExitInput, name + ": TIFF without a photometric interpretation");
     if (width == 0 || height == 0)
-        throw HostError(name + ": the image has zero size");
+        throw HostError(kExitInput, name + ": the image has zero size");
     if (width > 0x7fffffffu || height > 0x7fffffffu)
-        throw HostError(name + ": the image is too large");
+        throw HostError(kExitInput, name + ": the image is too large");
     if (bits != 8 && bits != 16)
-        throw HostError(name + ": " + std::to_string(bits) +
+        throw HostError(kExitInput, name + ": " + std::to_string(bits) +
                         "-bit TIFF samples are not supported (8 or 16 bits)");
     if (sampleFormat != SAMPLEFORMAT_UINT && sampleFormat != SAMPLEFORMAT_INT)
-        throw HostError(name + ": floating-point TIFF samples are not supported");
+        throw HostError(kExitInput, name + ": floating-point TIFF samples are not supported");
     separate_ = planar == PLANARCONFIG_SEPARATE;
 
     Mode mode;
@@ -104,7 +104,7 @@ TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& o
             break;
         case PHOTOMETRIC_YCBCR:
             if (compression_ != COMPRESSION_JPEG)
-                throw HostError(name + ": YCbCr TIFF is supported only with JPEG compression");
+                throw HostError(kExitInput, name + ": YCbCr TIFF is supported only with JPEG compression");
             TIFFSetField(tif, TIFFTAG_JPEGCOLORMODE, JPEGCOLORMODE_RGB);
             mode = Mode::RGB;
             basePlanes = 3;
@@ -112,7 +112,7 @@ TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& o
         case PHOTOMETRIC_SEPARATED:
             TIFFGetFieldDefaulted(tif, TIFFTAG_INKSET, &inkSet);
             if (inkSet != INKSET_CMYK || samplesPerPixel_ < 4)
-                throw HostError(name + ": separated TIFF other than CMYK is not supported");
+                throw HostError(kExitInput, name + ": separated TIFF other than CMYK is not supported");
             mode = Mode::CMYK;
             basePlanes = 4;
             break;
@@ -126,15 +126,15 @@ TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& o
             basePlanes = 3;
             break;
         case PHOTOMETRIC_PALETTE:
-            throw HostError(name + ": palette TIFF is not supported");
+            throw HostError(kExitInput, name + ": palette TIFF is not supported");
         default:
-            throw HostError(name + ": TIFF photometric " + std::to_string(photometric) +
+            throw HostError(kExitInput, name + ": TIFF photometric " + std::to_string(photometric) +
                             " is not supported");
     }
     if (samplesPerPixel_ < basePlanes)
-        throw HostError(name + ": TIFF has too few samples per pixel");
+        throw HostError(kExitInput, name + ": TIFF has too few samples per pixel");
     if (samplesPerPixel_ > basePlanes)
-        throw HostError(name + ": TIFF with extra (alpha) samples is not supported");
+        throw HostError(kExitInput, name + ": TIFF with extra (alpha) samples is not supported");
     convert_[0] = first;
     for (int p = 1; p < 4; ++p)
         convert_[p] = chroma;
@@ -150,7 +150,7 @@ TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& o
         TIFFGetField(tif, TIFFTAG_TILEWIDTH, &blockWidth_);
         TIFFGetField(tif, TIFFTAG_TILELENGTH, &blockHeight_);
         if (blockWidth_ == 0 || blockHeight_ == 0)
-            throw HostError(name + ": TIFF tiles of zero size");
+            throw HostError(kExitInput, name + ": TIFF tiles of zero size");
     } else {
         uint32_t rowsPerStrip = height;
         TIFFGetFieldDefaulted(tif, TIFFTAG_ROWSPERSTRIP, &rowsPerStrip);
@@ -179,7 +179,7 @@ const TiffSource::Block& TiffSource::block(uint32_t index, uint32_t expectedRows
     const tmsize_t size = tiled_ ? TIFFTileSize(tif) : TIFFStripSize(tif);
     const uint64_t needed = blockRowBytes_ * expectedRows;
     if (size <= 0 || static_cast<uint64_t>(size) < needed)
-        throw HostError(path_.string() + ": inconsistent TIFF block size");
+        throw HostError(kExitInput, path_.string() + ": inconsistent TIFF block size");
     // Make room first so that peak memory stays within budget plus one block.
     while (!lru_.empty() && cacheBytes_ + static_cast<uint64_t>(size) > budget_) {
         auto victim = cache_.find(lru_.back());
@@ -192,7 +192,7 @@ const TiffSource::Block& TiffSource::block(uint32_t index, uint32_t expectedRows
     const tmsize_t got = tiled_ ? TIFFReadEncodedTile(tif, index, b.data.data(), size)
                                 : TIFFReadEncodedStrip(tif, index, b.data.data(), size);
     if (got < 0 || static_cast<uint64_t>(got) < needed)
-        throw InputError(path_.string() + ": cannot decode " + (tiled_ ? "tile " : "strip ") +
+        throw HostError(kExitInput, path_.string() + ": cannot decode " + (tiled_ ? "tile " : "strip ") +
                          std::to_string(index) + " (truncated or corrupt file: " + takeTiffError() +
                          ")");
     ++blocksDecoded_;
@@ -205,7 +205,7 @@ const TiffSource::Block& TiffSource::block(uint32_t index, uint32_t expectedRows
 
 void TiffSource::readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_t rowBytes) {
     if (plane < 0 || plane >= info_.planes() || !rectInside(rect, info_.bounds()))
-        throw HostError(path_.string() + ": plane request outside the image");
+        throw HostError(kExitFailed, path_.string() + ": plane request outside the image");
     const bool sixteen = info_.depth == 16;
     const uint32_t bps = sixteen ? 2 : 1;
     const uint32_t stride = separate_ ? 1u : samplesPerPixel_;
@@ -298,7 +298,7 @@ TiffTileWriter::TiffTileWriter(const std::filesystem::path& path, const ImageInf
     const std::string name = path.string();
     tif_.reset(TIFFOpen(name.c_str(), options.bigTiff ? "w8" : "w"));
     if (!tif_)
-        throw HostError(name + ": cannot create (" + takeTiffError() + ")");
+        throw HostError(kExitOutput, name + ": cannot create (" + takeTiffError() + ")");
     TIFF* tif = tif_.get();
     const uint16_t planes = static_cast<uint16_t>(info.planes());
     TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, static_cast<uint32_t>(info.width));
@@ -343,7 +343,7 @@ TiffTileWriter::~TiffTileWriter() = default;
 
 void TiffTileWriter::writeTile(uint32_t tx, uint32_t ty, const uint8_t* host) {
     if (!tif_)
-        throw HostError(path_.string() + ": write after close");
+        throw HostError(kExitOutput, path_.string() + ": write after close");
     const size_t samples =
         static_cast<size_t>(tileSize_) * tileSize_ * static_cast<size_t>(info_.planes());
     const int planes = info_.planes();
@@ -366,7 +366,7 @@ void TiffTileWriter::writeTile(uint32_t tx, uint32_t ty, const uint8_t* host) {
     const uint32_t index = TIFFComputeTile(tif_.get(), tx * tileSize_, ty * tileSize_, 0, 0);
     if (TIFFWriteEncodedTile(tif_.get(), index, scratch_.data(),
                              static_cast<tmsize_t>(scratch_.size())) < 0)
-        throw HostError(path_.string() + ": cannot write tile (" + takeTiffError() + ")");
+        throw HostError(kExitOutput, path_.string() + ": cannot write tile (" + takeTiffError() + ")");
 }
 
 void TiffTileWriter::close() {
@@ -377,7 +377,7 @@ void TiffTileWriter::close() {
     tiffLastError.clear();
     tif_.reset();
     if (!ok || !tiffLastError.empty())
-        throw HostError(path_.string() + ": cannot finish the file (" + takeTiffError() + ")");
+        throw HostError(kExitOutput, path_.string() + ": cannot finish the file (" + takeTiffError() + ")");
 }
 
 }  // namespace Curvana::Host

@@ -7,7 +7,7 @@
 #include <exiv2/exiv2.hpp>
 
 #include "HostTestUtil.h"
-#include "host/Cli.h"
+#include "host/HostError.h"
 #include "host/Descriptor.h"
 #include "samplegen/SampleFiles.h"
 

@@ -5,7 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "HostTestUtil.h"
-#include "host/Cli.h"
+#include "host/ApplyDescriptor.h"
 #include "host/Descriptor.h"
 
 namespace Curvana::Host::Test {

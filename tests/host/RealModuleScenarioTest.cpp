@@ -12,7 +12,7 @@
 #include "render/RenderMesh.h"
 #include "render/RenderPlan.h"
 #include "solver/Solver.h"
-#include "host/Cli.h"
+#include "host/ApplyDescriptor.h"
 #include "samplegen/SampleFiles.h"
 #include "samplegen/SampleScene.h"
 

@@ -1,0 +1,129 @@
+#include "host/CliOptions.h"
+
+#include <cmath>
+#include <iostream>
+
+#include "host/CliHelp.h"
+#include "host/HostError.h"
+#include "plugin/CurvanaPlugin.h"
+
+namespace Curvana::Host {
+namespace {
+
+HostError usage(const std::string& message) {
+    return HostError(kExitUsage, message);
+}
+
+double parseNumber(const std::string& option, const std::string& text, double low, double high) {
+    try {
+        size_t used = 0;
+        const double v = std::stod(text, &used);
+        if (used == text.size() && std::isfinite(v) && v >= low && v <= high)
+            return v;
+    } catch (const std::exception&) {
+    }
+    throw usage(option + ": '" + text + "' is not a number between " +
+                std::to_string(low).substr(0, 5) + " and " +
+                std::to_string(high).substr(0, std::to_string(high).find('.')));
+}
+
+}  // namespace
+
+uint32_t projectionCode(const std::string& name) {
+    if (name == "fisheye")
+        return CV_FOURCC('f', 'i', 's', 'P');
+    if (name == "perspective")
+        return CV_FOURCC('p', 'e', 'r', 'P');
+    if (name == "auto")
+        return CV_FOURCC('a', 'u', 't', 'P');
+    if (name == "full-spherical")
+        return CV_FOURCC('f', 'u', 's', 'P');
+    throw usage("--projection: '" + name +
+                "' is not one of fisheye, perspective, auto, full-spherical");
+}
+
+uint32_t regularizerCode(const std::string& name) {
+    if (name == "stereographic")
+        return CV_FOURCC('s', 't', 'e', 'R');
+    if (name == "mercator")
+        return CV_FOURCC('m', 'e', 'r', 'R');
+    if (name == "panini")
+        return CV_FOURCC('p', 'a', 'n', 'R');
+    if (name == "auto")
+        return CV_FOURCC('a', 'u', 't', 'R');
+    throw usage("--regularizer: '" + name +
+                "' is not one of stereographic, mercator, panini, auto");
+}
+
+std::optional<CliOptions> parseCommandLine(const std::vector<std::string>& args) {
+    CliOptions o;
+    if (args.empty())
+        throw usage(std::string("no command given\n") + kUsage);
+    const std::string& first = args[0];
+    if (first == "-h" || first == "--help" || first == "help") {
+        printHelp(args.size() > 1 ? args[1] : "");
+        return std::nullopt;
+    }
+    if (first == "--version") {
+        std::cout << "curvana 0.1.0 (filter interface " << CURVANA_ABI_VERSION << ")\n";
+        return std::nullopt;
+    }
+    if (first != "apply" && first != "repeat" && first != "edit")
+        throw usage("unknown command '" + first + "' (apply, repeat or edit; see curvana --help)");
+    o.command = first;
+    for (size_t i = 1; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        auto value = [&]() -> std::string {
+            if (i + 1 >= args.size())
+                throw usage(a + ": needs a value");
+            return args[++i];
+        };
+        const bool applyOnly = a == "--projection" || a == "--regularizer" || a == "--focal-mm" ||
+                               a == "--crop" || a == "--params" || a == "--constraints";
+        if (applyOnly && o.command != "apply")
+            throw usage(a + ": only 'curvana apply' takes this option");
+        if (a == "-h" || a == "--help") {
+            printHelp(o.command);
+            return std::nullopt;
+        } else if (a == "-o" || a == "--output") {
+            o.output = value();
+        } else if (a == "--module") {
+            o.module = value();
+        } else if (a == "-q" || a == "--quiet") {
+            o.quiet = true;
+        } else if (a == "--cache-mb") {
+            o.cacheMiB = static_cast<uint64_t>(parseNumber(a, value(), 16, 1 << 20));
+        } else if (a == "--projection") {
+            o.projection = value();
+            projectionCode(*o.projection);
+        } else if (a == "--regularizer") {
+            o.regularizer = value();
+            regularizerCode(*o.regularizer);
+        } else if (a == "--focal-mm") {
+            o.focalMm = parseNumber(a, value(), 0.1, 10000);
+        } else if (a == "--crop") {
+            o.crop = parseNumber(a, value(), 0.1, 100);
+        } else if (a == "--params") {
+            o.params = value();
+        } else if (a == "--constraints") {
+            o.constraints = value();
+        } else if (a == "--") {
+            o.inputs.insert(o.inputs.end(), args.begin() + static_cast<ptrdiff_t>(i) + 1,
+                            args.end());
+            break;
+        } else if (a.size() > 1 && a[0] == '-') {
+            throw usage("unknown option '" + a + "' (see curvana " + o.command + " --help)");
+        } else {
+            o.inputs.push_back(a);
+        }
+    }
+    if (o.inputs.empty())
+        throw usage("no input image given (see curvana " + o.command + " --help)");
+    if (o.output.empty())
+        throw usage("no output given: use -o OUT (see curvana " + o.command + " --help)");
+    if (o.command == "edit" && o.inputs.size() > 1)
+        throw usage("edit takes one input");
+    return o;
+}
+
+}  // namespace Curvana::Host
