@@ -160,7 +160,7 @@ std::string localizeConstraintMessage(std::string_view message,
         msg::kInvalidFileContent,  msg::kUnmatchedImageWidth,  msg::kUnmatchedValueInFile,
         msg::kUnmatchedValueInDoc, msg::kUnmatchedCameraMake,  msg::kUnmatchedCameraModel,
         msg::kUnmatchedLensModel,  msg::kEmptyFile,            msg::kBadLineConstraintFile,
-        msg::kBadPlaneConstraintFile};
+        msg::kBadPlaneConstraintFile, msg::kTooManyConstraints, msg::kTooManyVertices};
     std::string out;
     size_t start = 0;
     while (true) {
@@ -311,6 +311,10 @@ bool readConstraintData(ConstraintSet& set, ConstraintFileContext& context, std:
         FailInvalid(set);
         return false;
     }
+    if (count > constraint_file::kMaxConstraints) {
+        Fail(set, std::string(msg::kTooManyConstraints) + std::to_string(count));
+        return false;
+    }
 
     ConstraintSet::List records;
     records.reserve(count);
@@ -334,6 +338,10 @@ bool readConstraintData(ConstraintSet& set, ConstraintFileContext& context, std:
                 r.Fail();
                 break;
             }
+            if (static_cast<uint32_t>(vertices) > constraint_file::kMaxPolygonVertices) {
+                Fail(set, std::string(msg::kTooManyVertices) + std::to_string(vertices));
+                return false;
+            }
             auto plane = std::make_unique<PlaneConstraint>();
             plane->SetId(id);
             std::vector<PlaneVertex> vs(static_cast<size_t>(vertices));
@@ -351,6 +359,18 @@ bool readConstraintData(ConstraintSet& set, ConstraintFileContext& context, std:
     }
     if (!r.Ok()) {
         FailInvalid(set);
+        return false;
+    }
+
+    ConstraintFileSettings candidate = context.Settings();
+    candidate.physicalFocal = clampSetting(p.physicalFocal, kMinPhysicalFocalMm, kMaxPhysicalFocalMm);
+    candidate.cropFactor = p.cropFactor;
+    candidate.focalLength = clampSetting(p.focalLength, kMinFocalPixels, kMaxFocalPixels);
+    candidate.scale = p.scale;
+    candidate.offsetX = p.offsetX;
+    candidate.offsetY = p.offsetY;
+    if (std::string why = context.CheckSettings(candidate); !why.empty()) {
+        Fail(set, std::move(why));
         return false;
     }
 

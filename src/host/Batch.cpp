@@ -10,6 +10,7 @@
 #include "host/Metadata.h"
 #include "host/ProgressBar.h"
 #include "host/Raster.h"
+#include "host/SystemInfo.h"
 #include "host/TempOutput.h"
 
 namespace Curvana::Host {
@@ -74,13 +75,18 @@ void recordAction(const Descriptor& descriptor) {
 class Batch {
 public:
     Batch(const CliOptions& options, Module& module, const Descriptor* params)
-        : options_(options), module_(module), params_(params), bar_(options.quiet) {}
+        : options_(options),
+          module_(module),
+          params_(params),
+          memoryLimit_(options.memoryMiB ? *options.memoryMiB << 20 : defaultMemoryLimit()),
+          bar_(options.quiet) {}
 
     // Corrects one input; every failure is a HostError with its exit code.
     void correct(const Target& t) {
         const FileFormat format = outputFormat(t);
         SourceOptions sourceOptions;
         sourceOptions.cacheBudget = (options_.cacheMiB << 20) / 2;
+        sourceOptions.memoryLimit = memoryLimit_;
         const std::unique_ptr<ImageSource> source = openImage(t.input, sourceOptions);
         const ImageInfo info = source->info();
         checkFormatHolds(format, info, t.output);
@@ -96,7 +102,11 @@ public:
 
         TempOutput temp(t.output);
         ResultOptions resultOptions;
+        resultOptions.name = t.output.string();
+        resultOptions.spillFolder =
+            t.output.has_parent_path() ? t.output.parent_path() : fs::path(".");
         resultOptions.budget = (options_.cacheMiB << 20) / 2;
+        resultOptions.memoryLimit = memoryLimit_;
         resultOptions.icc = source->iccProfile();
         resultOptions.xmpPacket = tiffExifAsXmp(info) && !metadata.moduleXmp.empty()
                                       ? metadata.moduleXmp
@@ -118,7 +128,9 @@ public:
 
         result->finish();
         result.reset();
-        if (const std::string w = writeMetadata(temp.path(), format, info, metadata); !w.empty())
+        if (const std::string w =
+                writeMetadata(temp.path(), format, info, metadata, t.output.string());
+            !w.empty())
             warn(w);
         temp.commit();
         recordAction(*outcome.resultDescriptor);
@@ -127,9 +139,16 @@ public:
     }
 
 private:
+    // Half of the machine's memory: one image may take that much.
+    static uint64_t defaultMemoryLimit() {
+        const uint64_t total = memoryFigures().total;
+        return total > 0 ? total / 2 : kDefaultMemoryLimit;
+    }
+
     const CliOptions& options_;
     Module& module_;
     const Descriptor* params_;
+    uint64_t memoryLimit_;
     ProgressBar bar_;
 };
 

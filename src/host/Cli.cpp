@@ -39,9 +39,15 @@ std::unique_ptr<Descriptor> replayedSettings(const CliOptions& options) {
 }
 
 std::unique_ptr<Module> loadModule(const CliOptions& options) {
+    // The filter renders through Vulkan and cannot run without a device.
+    if (!vulkanDeviceAvailable())
+        throw HostError(kExitModule,
+                        "no Vulkan device: the filter renders on the graphics processor through "
+                        "Vulkan. Install your GPU vendor's Vulkan driver, or the software "
+                        "renderer (Debian package mesa-vulkan-drivers)");
     const MemoryFigures memory = memoryFigures();
     HostFacts facts;
-    facts.gpuAvailable = vulkanDeviceAvailable();
+    facts.gpuAvailable = true;
     facts.maxSpace = memory.total / 2;
     facts.preferencesBase = preferencesBase();
     return Module::load(Module::locate(options.module), std::move(facts));

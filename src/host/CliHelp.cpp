@@ -17,11 +17,11 @@ const char* const kExitCodes =
     "  0    every image was written\n"
     "  1    the filter failed, was refused, or wrote no result (see its message)\n"
     "  2    bad command line or --params file\n"
-    "  3    an input is missing, unsupported or cannot be decoded\n"
-    "  4    an output cannot be written (folder, format, would overwrite an input)\n"
-    "  5    the filter module cannot be found or loaded\n"
-    "  6    a feature not available in this build (the editor, constraint files)\n"
-    "  130  interrupted (Ctrl-C); no partial file is left\n"
+    "  3    an input is missing, unsupported, larger than --memory-mb, or cannot be decoded\n"
+    "  4    an output cannot be written (folder, format, disk full, would overwrite an input)\n"
+    "  5    the filter module cannot be found or loaded, or there is no Vulkan driver\n"
+    "  6    a feature not available in this build (the editor)\n"
+    "  130  interrupted (Ctrl-C, SIGTERM or SIGHUP); no partial file is left\n"
     "In a batch, the code is that of the first input that failed; the others are still done.\n";
 
 const char* const kCommonOptions =
@@ -32,6 +32,8 @@ const char* const kCommonOptions =
     "  --module PATH          the filter module (default: libcurvana.so beside curvana, then\n"
     "                         $CURVANA_MODULE)\n"
     "  --cache-mb N           memory for decoded and pending tiles of TIFF files (default 256)\n"
+    "  --memory-mb N          the most one image may take in memory: a decoded PNG or JPEG,\n"
+    "                         one TIFF strip or tile (default: half of the machine's memory)\n"
     "  -q, --quiet            no progress display\n"
     "  -h, --help             this help\n";
 
@@ -47,9 +49,9 @@ void printHelp(const std::string& command) {
             << kCommonOptions
             << "  --projection P         fisheye | perspective | auto | full-spherical\n"
                "  --regularizer R        stereographic | mercator | panini | auto\n"
-               "  --focal-mm F           physical focal length in millimetres\n"
-               "  --crop C               sensor crop factor (default: from --params, the photo's "
-               "EXIF, or 1)\n"
+               "  --focal-mm F           physical focal length in millimetres (1 to 1000)\n"
+               "  --crop C               sensor crop factor, 0.1 to 10 (default: from --params, the "
+               "photo's EXIF, or 1)\n"
                "  --params ACTION.json   replay a recorded action (the options above override its "
                "keys)\n"
                "  --constraints FILE.cvc constraints saved from the editor: lines and polygons to\n"
@@ -81,9 +83,13 @@ void printHelp(const std::string& command) {
             << "curvana: straightens the lines that wide-angle and fisheye lenses bend.\n\n"
             << kUsage << "\n"
             << "Several inputs with -o FOLDER make a batch, with a progress bar.\n"
-               "Files: TIFF (grey, RGB, CMYK, Lab; 8/16-bit; read tile by tile or strip by "
-               "strip),\n"
-               "PNG (grey, RGB; 8/16-bit) and JPEG (grey, RGB, CMYK; decoded whole in memory).\n"
+               "Files: TIFF (grey, RGB, CMYK, Lab, 8-bit palettes; 8/16-bit; alpha; read tile by "
+               "tile or\n"
+               "strip by strip), PNG (grey, RGB, palettes; 8/16-bit; alpha) and JPEG (grey, RGB, "
+               "CMYK;\n"
+               "decoded whole in memory). Alpha is carried through the correction: the area the "
+               "photo\n"
+               "does not cover comes out transparent.\n"
                "ICC profile, EXIF and XMP are carried into the output.\n\n"
             << kExitCodes;
     }

@@ -1,6 +1,7 @@
 #include "host/CliOptions.h"
 
 #include <cmath>
+#include <cstdio>
 #include <iostream>
 
 #include "host/CliHelp.h"
@@ -22,9 +23,9 @@ double parseNumber(const std::string& option, const std::string& text, double lo
             return v;
     } catch (const std::exception&) {
     }
-    throw usage(option + ": '" + text + "' is not a number between " +
-                std::to_string(low).substr(0, 5) + " and " +
-                std::to_string(high).substr(0, std::to_string(high).find('.')));
+    char range[64];
+    std::snprintf(range, sizeof range, "%g and %g", low, high);
+    throw usage(option + ": '" + text + "' is not a number between " + range);
 }
 
 }  // namespace
@@ -93,6 +94,8 @@ std::optional<CliOptions> parseCommandLine(const std::vector<std::string>& args)
             o.quiet = true;
         } else if (a == "--cache-mb") {
             o.cacheMiB = static_cast<uint64_t>(parseNumber(a, value(), 16, 1 << 20));
+        } else if (a == "--memory-mb") {
+            o.memoryMiB = static_cast<uint64_t>(parseNumber(a, value(), 1, 1 << 24));
         } else if (a == "--projection") {
             o.projection = value();
             projectionCode(*o.projection);
@@ -100,9 +103,10 @@ std::optional<CliOptions> parseCommandLine(const std::vector<std::string>& args)
             o.regularizer = value();
             regularizerCode(*o.regularizer);
         } else if (a == "--focal-mm") {
-            o.focalMm = parseNumber(a, value(), 0.1, 10000);
+            // The filter's own ranges (it refuses values outside them too).
+            o.focalMm = parseNumber(a, value(), 1, 1000);
         } else if (a == "--crop") {
-            o.crop = parseNumber(a, value(), 0.1, 100);
+            o.crop = parseNumber(a, value(), 0.1, 10);
         } else if (a == "--params") {
             o.params = value();
         } else if (a == "--constraints") {

@@ -1,11 +1,14 @@
 #include "host/TempOutput.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <random>
+#include <string>
 
 #include "host/HostError.h"
 #include "host/ModuleHost.h"
@@ -15,8 +18,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The temporary file being written, for a second Ctrl-C that ends the process
-// at once: the handler may only call async-signal-safe functions.
+// A named temporary file being written, for a second signal that ends the
+// process at once: the handler may only call async-signal-safe functions.
 char pendingTemp[4096];
 
 extern "C" void onInterrupt(int) {
@@ -34,40 +37,77 @@ mode_t currentUmask() {
     return mask;
 }
 
+// A hidden name beside the target that no file has yet.
+std::string hiddenName(const fs::path& folder, const fs::path& target) {
+    static std::mt19937 rng(std::random_device{}());
+    return (folder / ("." + target.filename().string() + ".curvana-" + std::to_string(rng()))).string();
+}
+
 }  // namespace
 
 void installInterruptHandlers() {
     struct sigaction action {};
     action.sa_handler = onInterrupt;
     sigemptyset(&action.sa_mask);
-    ::sigaction(SIGINT, &action, nullptr);
+    for (int signal : {SIGINT, SIGTERM, SIGHUP})
+        ::sigaction(signal, &action, nullptr);
 }
 
-TempOutput::TempOutput(const fs::path& target) : target_(target) {
-    const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
-    std::string name = (folder / ("." + target.filename().string() + ".curvana-XXXXXX")).string();
+TempOutput::TempOutput(const fs::path& target)
+    : target_(target), folder_(target.has_parent_path() ? target.parent_path() : fs::path(".")) {
+    fd_ = ::open(folder_.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0666);
+    if (fd_ >= 0) {
+        path_ = "/proc/self/fd/" + std::to_string(fd_);
+        return;
+    }
+    // File systems without unnamed files: a hidden name, removed on failure.
+    std::string name = (folder_ / ("." + target.filename().string() + ".curvana-XXXXXX")).string();
     const int fd = ::mkstemp(name.data());
     if (fd < 0)
         throw HostError(kExitOutput,
-                        folder.string() + ": cannot write there (" + std::strerror(errno) + ")");
+                        folder_.string() + ": cannot write there (" + std::strerror(errno) + ")");
     ::close(fd);
-    temp_ = name;
-    if (temp_.string().size() < sizeof pendingTemp)
-        std::strcpy(pendingTemp, temp_.c_str());
+    path_ = name;
+    named_ = true;
+    if (name.size() < sizeof pendingTemp)
+        std::strcpy(pendingTemp, name.c_str());
 }
 
 TempOutput::~TempOutput() {
-    pendingTemp[0] = '\0';
-    if (!committed_)
-        ::unlink(temp_.c_str());
+    if (fd_ >= 0)
+        ::close(fd_);
+    if (named_) {
+        pendingTemp[0] = '\0';
+        ::unlink(path_.c_str());
+    }
 }
 
 void TempOutput::commit() {
+    if (fd_ >= 0) {
+        // Linked under a fresh hidden name, then renamed over the target, so
+        // that an existing file (the input itself) is replaced in one step.
+        std::string hidden;
+        int linked = -1;
+        for (int attempt = 0; attempt < 16 && linked != 0; ++attempt) {
+            hidden = hiddenName(folder_, target_);
+            linked = ::linkat(AT_FDCWD, path_.c_str(), AT_FDCWD, hidden.c_str(), AT_SYMLINK_FOLLOW);
+            if (linked != 0 && errno != EEXIST)
+                break;
+        }
+        if (linked != 0)
+            throw writeError(target_.string(), errno);
+        if (::rename(hidden.c_str(), target_.c_str()) != 0) {
+            const int error = errno;
+            ::unlink(hidden.c_str());
+            throw writeError(target_.string(), error);
+        }
+        return;
+    }
     static const mode_t mask = currentUmask();
-    ::chmod(temp_.c_str(), 0666 & ~mask);
-    if (::rename(temp_.c_str(), target_.c_str()) != 0)
+    ::chmod(path_.c_str(), 0666 & ~mask);
+    if (::rename(path_.c_str(), target_.c_str()) != 0)
         throw writeError(target_.string(), errno);
-    committed_ = true;
+    named_ = false;
     pendingTemp[0] = '\0';
 }
 

@@ -32,8 +32,7 @@ public:
             if (n < 0 && errno == EINTR)
                 continue;
             if (n <= 0)
-                throw HostError(kExitOutput, "temporary tile store in " + folder_.string() + ": " +
-                                std::strerror(errno));
+                throw writeError("the temporary tile store in " + folder_.string(), errno);
             p += n, offset += static_cast<uint64_t>(n), size -= static_cast<size_t>(n);
         }
     }
@@ -189,6 +188,7 @@ private:
         w.bigTiff = needsBigTiff(source.info(), w.tileSize, w.compression != COMPRESSION_NONE);
         w.icc = options.icc;
         w.xmpPacket = options.xmpPacket;
+        w.name = options.name;
         return w;
     }
 

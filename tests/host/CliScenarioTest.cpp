@@ -6,6 +6,8 @@
 
 #include <exiv2/exiv2.hpp>
 
+#include <csignal>
+
 #include "HostTestUtil.h"
 #include "host/HostError.h"
 #include "host/Descriptor.h"
@@ -108,32 +110,30 @@ protected:
     ScratchDir dir;
 };
 
-TEST_F(CliScenario, RgbJpeg8) {
-    roundTrip("in.jpg", "out.jpg", Mode::RGB, 8, 48);
-}
-TEST_F(CliScenario, RgbTiff16) {
-    roundTrip("in.tif", "out.tif", Mode::RGB, 16, 0);
-}
-TEST_F(CliScenario, CmykTiff8) {
-    roundTrip("in.tif", "out.tif", Mode::CMYK, 8, 0);
-}
-TEST_F(CliScenario, LabTiff16) {
-    roundTrip("in.tif", "out.tif", Mode::Lab, 16, 0);
-}
-TEST_F(CliScenario, GreyPng8) {
-    roundTrip("in.png", "out.png", Mode::Gray, 8, 0);
-}
-TEST_F(CliScenario, GreyPng16) {
-    roundTrip("in.png", "out.png", Mode::Gray, 16, 0);
+struct RoundTripCase {
+    const char* in;
+    const char* out;
+    Mode mode;
+    int depth;
+    int tolerance;
+};
+
+class CliRoundTrip : public CliScenario, public ::testing::WithParamInterface<RoundTripCase> {};
+
+TEST_P(CliRoundTrip, KeepsModeDepthPixelsAndMetadata) {
+    const RoundTripCase& c = GetParam();
+    roundTrip(c.in, c.out, c.mode, c.depth, c.tolerance);
 }
 
-TEST_F(CliScenario, ConvertsBetweenFormatsByExtension) {
-    const fs::path input = sample("in.jpg", Mode::RGB, 8);
-    const RunResult r = curvana({"apply", input.string(), "-o", (dir / "out.tif").string(), "-q"});
-    ASSERT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_EQ(maxDifference(readWhole(dir / "out.tif"), mirrored(readWhole(input))), 0);
-    expectCarriedMetadata(dir / "out.tif");
-}
+INSTANTIATE_TEST_SUITE_P(
+    Formats, CliRoundTrip,
+    ::testing::Values(RoundTripCase{"in.jpg", "out.jpg", Mode::RGB, 8, 48},
+                      RoundTripCase{"in.tif", "out.tif", Mode::RGB, 16, 0},
+                      RoundTripCase{"in.tif", "out.tif", Mode::CMYK, 8, 0},
+                      RoundTripCase{"in.tif", "out.tif", Mode::Lab, 16, 0},
+                      RoundTripCase{"in.png", "out.png", Mode::Gray, 8, 0},
+                      RoundTripCase{"in.png", "out.png", Mode::Gray, 16, 0},
+                      RoundTripCase{"in.jpg", "out.tif", Mode::RGB, 8, 0}));
 
 TEST_F(CliScenario, HandsTheOptionsToTheModuleAndRecordsTheResult) {
     const fs::path input = sample("in.png", Mode::RGB, 8);
@@ -322,13 +322,75 @@ TEST_F(CliScenario, WritesNothingWhenTheFilterFailsOrDeclines) {
     EXPECT_FALSE(fs::exists(dir / "xdg" / "curvana" / "last-action.json"));
 }
 
-TEST_F(CliScenario, CtrlCLeavesNoPartialFile) {
+// A run ended by a signal half way leaves nothing in the output folder: the
+// catchable ones abort cleanly, and not even SIGKILL leaves a temporary file.
+class CliSignal : public CliScenario, public ::testing::WithParamInterface<std::pair<int, int>> {};
+
+TEST_P(CliSignal, LeavesNoPartialFile) {
+    const auto [signal, code] = GetParam();
     fs::create_directory(dir / "out");
     const fs::path a = sample("a.tif", Mode::RGB, 8), b = sample("b.tif", Mode::RGB, 8);
     const RunResult r = curvana({"apply", a.string(), b.string(), "-o", (dir / "out").string()},
-                                {{"CURVANA_FAKE", "interrupt"}});
-    EXPECT_EQ(r.exitCode, kExitInterrupted) << r.err;
+                                {{"CURVANA_FAKE", "signal"},
+                                 {"CURVANA_FAKE_SIGNAL", std::to_string(signal)}});
+    EXPECT_EQ(r.exitCode, code) << r.err;
     EXPECT_TRUE(fs::is_empty(dir / "out"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, CliSignal,
+                         ::testing::Values(std::pair{SIGINT, kExitInterrupted},
+                                           std::pair{SIGTERM, kExitInterrupted},
+                                           std::pair{SIGHUP, kExitInterrupted},
+                                           std::pair{SIGKILL, 128 + SIGKILL}));
+
+// Crafted files: headers that claim far more pixels than the file holds, and
+// JPEG data that ends early or is cut. Each is refused as an input before
+// memory is spent on it, and the photograph named as the output stays as it was.
+class CliHostileFile : public CliScenario,
+                       public ::testing::WithParamInterface<std::pair<const char*, const char*>> {};
+
+TEST_P(CliHostileFile, IsRefusedBeforeAnyLargeAllocation) {
+    const auto [name, reason] = GetParam();
+    const fs::path photo = dir / ("photo" + fs::path(name).extension().string());
+    fs::copy_file(regressionFile(name), photo);
+    const RunResult r = curvana({"apply", photo.string(), "-o", photo.string()});
+    expectRefusal(r, kExitInput, reason);
+    EXPECT_LT(r.peakRssKiB, 400 * 1024) << "peak memory of the refused run";
+    std::ifstream a(photo, std::ios::binary), b(regressionFile(name), std::ios::binary);
+    EXPECT_TRUE(std::equal(std::istreambuf_iterator<char>(a), {},
+                           std::istreambuf_iterator<char>(b), {}));
+    EXPECT_TRUE(strayFiles({photo.filename().string()}).empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Crafted, CliHostileFile,
+    ::testing::Values(std::pair{"png/claims-20000x20000.png", "20000 x 20000 pixels, more than"},
+                      std::pair{"tiff/tile-20000x20000.tif", "20000 x 20000 pixels, more than"},
+                      std::pair{"jpeg/frame-65500x65500.jpg", "65500 x 65500 pixels, more than"},
+                      std::pair{"jpeg/taller-frame.jpg", "corrupt JPEG"},
+                      std::pair{"jpeg/cut-with-eoi.jpg", "corrupt JPEG"}));
+
+// Refusals that name what to fix.
+TEST_F(CliScenario, SaysWhatToFix) {
+    const fs::path input = sample("in.png", Mode::RGB, 8);
+    const std::string out = (dir / "out.png").string();
+    expectRefusal(curvana({"apply", input.string(), "-o", out, "--params", dir.path().string()}),
+                  kExitUsage, "is a folder");
+    expectRefusal(curvana({"apply", input.string(), "-o", out},
+                          {{"VK_ICD_FILENAMES", (dir / "none.json").string()},
+                           {"VK_DRIVER_FILES", (dir / "none.json").string()}}),
+                  kExitModule, "mesa-vulkan-drivers");
+    const fs::path big = sample("big.png", Mode::RGB, 8, 800, 600);  // 1.4 MiB decoded
+    expectRefusal(curvana({"apply", big.string(), "-o", out, "--memory-mb", "1"}), kExitInput,
+                  "more than the 1 MiB allowed (raise it with --memory-mb)");
+    EXPECT_FALSE(fs::exists(out));
+
+    // A settings folder that cannot be made is a warning that says so; the image is written.
+    std::ofstream(dir / "file") << "not a folder";
+    const RunResult r = curvana({"apply", input.string(), "-o", out},
+                                {{"XDG_CONFIG_HOME", (dir / "file").string()}});
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_NE(r.err.find("cannot create the folder"), std::string::npos) << r.err;
 }
 
 TEST_F(CliScenario, ReportsAMissingModule) {

@@ -65,17 +65,18 @@ TEST(DescriptorJson, RoundTripsEveryTypeInOrder) {
     }
 }
 
-std::string loadError(const std::string& text) {
-    ScratchDir dir;
-    std::ofstream(dir / "a.json") << text;
+std::string loadError(const fs::path& path) {
     try {
-        loadAction(dir / "a.json");
+        loadAction(path);
     } catch (const HostError& e) {
+        EXPECT_EQ(e.code(), kExitUsage);
         return e.what();
     }
     return "";
 }
 
+// Every refusal is one line, a HostError and never anything else: numbers out
+// of range, integers past 64 bits, folders and endless files included.
 TEST(DescriptorJson, ExplainsEveryRefusalInOneLine) {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"{ \"curvanaAction\": 1, ", "not valid JSON"},
@@ -87,6 +88,10 @@ TEST(DescriptorJson, ExplainsEveryRefusalInOneLine) {
          "unknown type"},
         {R"({"curvanaAction":1,"descriptor":[{"key":"imgS","type":"integer","value":4294967296}]})",
          "32-bit"},
+        {R"({"curvanaAction":1,"descriptor":[{"key":"imgS","type":"integer","value":18446744073709551615}]})",
+         "32-bit"},
+        {R"({"curvanaAction":1,"descriptor":[{"key":"focL","type":"double","value":1e400}]})",
+         "out of range"},
         {R"({"curvanaAction":1,"descriptor":[{"key":"imgS","type":"integer","value":1.5}]})",
          "whole number"},
         {R"({"curvanaAction":1,"descriptor":[{"key":"cnsD","type":"data","value":"%%%"}]})",
@@ -97,11 +102,15 @@ TEST(DescriptorJson, ExplainsEveryRefusalInOneLine) {
         {R"({"curvanaAction":1,"descriptor":[{"key":"prjM","type":"enumerated","value":"fisP"}]})",
          "enumType"},
     };
+    ScratchDir dir;
     for (const auto& [text, expected] : cases) {
-        const std::string message = loadError(text);
+        std::ofstream(dir / "a.json") << text;
+        const std::string message = loadError(dir / "a.json");
         EXPECT_NE(message.find(expected), std::string::npos) << text << " -> " << message;
         EXPECT_EQ(message.find('\n'), std::string::npos) << message;
     }
+    EXPECT_NE(loadError(dir.path()).find("is a folder"), std::string::npos);
+    EXPECT_NE(loadError("/dev/zero").find("too large"), std::string::npos);
 }
 
 TEST(DescriptorSuite, ServesTheModuleAndGuardsItsHandles) {

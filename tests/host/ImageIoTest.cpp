@@ -80,7 +80,7 @@ struct RawTiff {
     uint16_t samples = 3, bits = 16, photometric = PHOTOMETRIC_RGB, planar = PLANARCONFIG_CONTIG;
     uint16_t compression = COMPRESSION_LZW;
     uint32_t rowsPerStrip = 7, tile = 0;  // tile > 0: tiled
-    std::vector<uint16_t> values;         // file values, contiguous, samples per pixel
+    std::vector<uint16_t> values = {};    // file values, contiguous, samples per pixel
 
     uint16_t at(uint32_t x, uint32_t y, uint32_t s) const {
         return values[(y * width + x) * samples + s];
@@ -101,6 +101,14 @@ struct RawTiff {
         TIFFSetField(tif, TIFFTAG_COMPRESSION, compression);
         if (photometric == PHOTOMETRIC_SEPARATED)
             TIFFSetField(tif, TIFFTAG_INKSET, INKSET_CMYK);
+        std::vector<uint16_t> map(256);
+        for (size_t i = 0; i < map.size(); ++i)
+            map[i] = static_cast<uint16_t>(i * 257);
+        if (photometric == PHOTOMETRIC_PALETTE)
+            TIFFSetField(tif, TIFFTAG_COLORMAP, map.data(), map.data(), map.data());
+        const uint16_t alpha = EXTRASAMPLE_UNASSALPHA;
+        if (photometric == PHOTOMETRIC_RGB && samples == 4)
+            TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, 1, &alpha);
         const uint32_t bw = tile ? tile : width, bh = tile ? tile : rowsPerStrip;
         if (tile) {
             TIFFSetField(tif, TIFFTAG_TILEWIDTH, tile);
@@ -175,61 +183,69 @@ int asHost(const RawTiff& r, uint32_t x, uint32_t y, uint32_t s) {
     return r.bits == 8 ? r.at(x, y, s) : hostFromFile16(r.at(x, y, s));
 }
 
-TEST(TiffReader, ReadsStripsOfContiguousSixteenBitRgb) {
-    ScratchDir dir;
-    RawTiff raw;
-    raw.write(dir / "s.tif");
-    expectPlanesMatch(raw, dir / "s.tif", asHost);
+int inverted(const RawTiff& r, uint32_t x, uint32_t y, uint32_t) {
+    return 255 - static_cast<int>(r.at(x, y, 0));
 }
 
-TEST(TiffReader, ReadsStripsOfSeparatePlanes) {
-    ScratchDir dir;
-    RawTiff raw;
-    raw.planar = PLANARCONFIG_SEPARATE;
-    raw.bits = 8;
-    raw.samples = 4;
-    raw.photometric = PHOTOMETRIC_SEPARATED;
-    raw.write(dir / "s.tif");
-    EXPECT_EQ(openImage(dir / "s.tif")->info().mode, Mode::CMYK);
-    expectPlanesMatch(raw, dir / "s.tif", asHost);
+int signedChroma(const RawTiff& r, uint32_t x, uint32_t y, uint32_t s) {
+    const uint16_t v = r.at(x, y, s);
+    return static_cast<int>(hostFromFile16(s == 0 ? v : static_cast<uint16_t>(v ^ 0x8000)));
 }
 
-TEST(TiffReader, ReadsTilesOfSeparatePlanes) {
-    ScratchDir dir;
+int grey(const RawTiff& r, uint32_t x, uint32_t y, uint32_t) {  // the test's colour map
+    return r.at(x, y, 0);
+}
+
+struct TiffCase {
+    const char* name;
     RawTiff raw;
-    raw.planar = PLANARCONFIG_SEPARATE;
-    raw.tile = 32;
-    raw.compression = kTiffDeflate;
+    Mode mode;
+    int (*expected)(const RawTiff&, uint32_t, uint32_t, uint32_t);
+};
+
+class TiffReader : public ::testing::TestWithParam<TiffCase> {};
+
+TEST_P(TiffReader, ReadsWhatTheFileHolds) {
+    ScratchDir dir;
+    RawTiff raw = GetParam().raw;
     raw.write(dir / "t.tif");
-    expectPlanesMatch(raw, dir / "t.tif", asHost);
+    EXPECT_EQ(openImage(dir / "t.tif")->info().mode, GetParam().mode);
+    expectPlanesMatch(raw, dir / "t.tif", GetParam().expected);
 }
 
-TEST(TiffReader, InvertsMinIsWhiteGrey) {
-    ScratchDir dir;
-    RawTiff raw;
-    raw.samples = 1;
-    raw.bits = 8;
-    raw.photometric = PHOTOMETRIC_MINISWHITE;
-    raw.compression = COMPRESSION_NONE;
-    raw.write(dir / "g.tif");
-    expectPlanesMatch(raw, dir / "g.tif", [](const RawTiff& r, uint32_t x, uint32_t y, uint32_t) {
-        return 255 - static_cast<int>(r.at(x, y, 0));
-    });
+INSTANTIATE_TEST_SUITE_P(
+    Layouts, TiffReader,
+    ::testing::Values(
+        TiffCase{"StripsRgb16", RawTiff{}, Mode::RGB, asHost},
+        TiffCase{"SeparateCmyk8",
+                 RawTiff{.samples = 4, .bits = 8, .photometric = PHOTOMETRIC_SEPARATED,
+                         .planar = PLANARCONFIG_SEPARATE},
+                 Mode::CMYK, asHost},
+        TiffCase{"TiledSeparateDeflate",
+                 RawTiff{.planar = PLANARCONFIG_SEPARATE, .compression = kTiffDeflate, .tile = 32},
+                 Mode::RGB, asHost},
+        TiffCase{"MinIsWhite",
+                 RawTiff{.samples = 1, .bits = 8, .photometric = PHOTOMETRIC_MINISWHITE,
+                         .compression = COMPRESSION_NONE},
+                 Mode::Gray, inverted},
+        TiffCase{"CieLab", RawTiff{.photometric = PHOTOMETRIC_CIELAB}, Mode::Lab, signedChroma},
+        TiffCase{"RgbWithAlpha", RawTiff{.samples = 4, .bits = 8}, Mode::RGB, asHost},
+        TiffCase{"Palette", RawTiff{.samples = 1, .bits = 8, .photometric = PHOTOMETRIC_PALETTE},
+                 Mode::RGB, grey}),
+    [](const auto& test) { return std::string(test.param.name); });
+
+// The palette PNG with transparency that once overflowed its row buffer:
+// expanded to RGB with an alpha plane.
+TEST(PngReader, ExpandsAPaletteWithTransparency) {
+    const Raster r = readWhole(regressionFile("png/palette-trns.png"));
+    ASSERT_EQ(r.info.planes(), 4);
+    const uint8_t colours[3][4] = {{255, 0, 0, 0}, {0, 255, 0, 128}, {0, 0, 255, 255}};
+    for (int32_t y = 0; y < 2; ++y)
+        for (int32_t x = 0; x < 4; ++x)
+            EXPECT_EQ(std::memcmp(r.row(y) + 4 * x, colours[(x + y) % 3], 4), 0) << x << "," << y;
 }
 
-TEST(TiffReader, MapsSignedCieLabChromaToTheHostRange) {
-    ScratchDir dir;
-    RawTiff raw;
-    raw.photometric = PHOTOMETRIC_CIELAB;
-    raw.write(dir / "lab.tif");
-    expectPlanesMatch(
-        raw, dir / "lab.tif", [](const RawTiff& r, uint32_t x, uint32_t y, uint32_t s) {
-            const uint16_t v = r.at(x, y, s);
-            return static_cast<int>(hostFromFile16(s == 0 ? v : static_cast<uint16_t>(v ^ 0x8000)));
-        });
-}
-
-TEST(TiffReader, KeepsItsCacheWithinTheBudget) {
+TEST(TiffCache, KeepsWithinTheBudget) {
     ScratchDir dir;
     RawTiff raw;
     raw.width = 512;
@@ -247,15 +263,7 @@ TEST(TiffReader, KeepsItsCacheWithinTheBudget) {
     EXPECT_GT(source.blocksDecoded(), 64u);
 }
 
-TEST(TiffReader, RefusesWhatItCannotRead) {
-    ScratchDir dir;
-    RawTiff raw;
-    raw.samples = 4;  // RGB with an extra sample
-    raw.write(dir / "rgba.tif");
-    EXPECT_THROW(openImage(dir / "rgba.tif"), HostError);
-}
-
-TEST(TiffReader, ReportsATruncatedFileAsAnInputError) {
+TEST(TiffCache, ReportsATruncatedFileAsAnInputError) {
     ScratchDir dir;
     RawTiff raw;
     raw.compression = COMPRESSION_NONE;
@@ -386,6 +394,23 @@ TEST(Formats, AreChosenByExtensionAndCheckedAgainstTheImage) {
     EXPECT_THROW(checkFormatHolds(FileFormat::Png, ImageInfo{1, 1, Mode::CMYK, 8}, "x.png"),
                  HostError);
     EXPECT_NO_THROW(checkFormatHolds(FileFormat::Jpeg, ImageInfo{1, 1, Mode::CMYK, 8}, "x.jpg"));
+}
+
+// /dev/full fails every write with ENOSPC: each writer says the disk is full.
+TEST(ResultWriters, SayTheDiskIsFull) {
+    ScratchDir dir;
+    writePng(dir / "src.png", randomRaster(ImageInfo{300, 200, Mode::RGB, 8}, 6), {});
+    auto source = openImage(dir / "src.png");
+    for (FileFormat format : {FileFormat::Tiff, FileFormat::Png, FileFormat::Jpeg}) {
+        try {
+            createResult(format, "/dev/full", *source, ResultOptions{})->finish();
+            ADD_FAILURE() << formatName(format) << " wrote to a full disk";
+        } catch (const HostError& e) {
+            EXPECT_EQ(e.code(), kExitOutput);
+            EXPECT_NE(std::string(e.what()).find("the disk is full"), std::string::npos)
+                << e.what();
+        }
+    }
 }
 
 // ---- The TIFF result: tiles completed, spilled, filled from the source --------

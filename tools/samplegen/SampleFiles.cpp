@@ -142,7 +142,7 @@ void writeSampleFile(const std::filesystem::path& path, const SampleFileOptions&
         metadata.exif = cameraExif(scene);
     if (*format != Host::FileFormat::Tiff)
         metadata.xmpPacket = options.xmpPacket;
-    const std::string warning = Host::writeMetadata(path, *format, info, metadata);
+    const std::string warning = Host::writeMetadata(path, *format, info, metadata, path.string());
     if (!warning.empty())
         throw Host::HostError(Host::kExitOutput, warning);
 }
