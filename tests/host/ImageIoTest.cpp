@@ -401,14 +401,16 @@ TEST(ResultWriters, SayTheDiskIsFull) {
     ScratchDir dir;
     writePng(dir / "src.png", randomRaster(ImageInfo{300, 200, Mode::RGB, 8}, 6), {});
     auto source = openImage(dir / "src.png");
+    ResultOptions options;
+    options.name = "photo.out";  // what the user named, not the path written
+    options.spillFolder = dir.path();
     for (FileFormat format : {FileFormat::Tiff, FileFormat::Png, FileFormat::Jpeg}) {
         try {
-            createResult(format, "/dev/full", *source, ResultOptions{})->finish();
+            createResult(format, "/dev/full", *source, options)->finish();
             ADD_FAILURE() << formatName(format) << " wrote to a full disk";
         } catch (const HostError& e) {
             EXPECT_EQ(e.code(), kExitOutput);
-            EXPECT_NE(std::string(e.what()).find("the disk is full"), std::string::npos)
-                << e.what();
+            EXPECT_EQ(std::string(e.what()), "photo.out: cannot write, the disk is full");
         }
     }
 }

@@ -8,6 +8,7 @@
 #include <limits>
 
 #include "HostTestUtil.h"
+#include "host/ImageFiles.h"
 #include "RenderTestSupport.h"
 #include "constraints/ConstraintFile.h"
 #include "geometry/ProjectionFactory.h"
@@ -212,6 +213,38 @@ TEST_F(RealModuleScenario, AMismatchingConstraintFileIsRefusedWithTheFiltersMess
     EXPECT_NE(r.exitCode, 0);
     EXPECT_NE(r.err.find("empty"), std::string::npos) << r.err;
     EXPECT_FALSE(fs::exists(out));
+}
+
+// Alpha goes through the warp as a plane of its own: the photo stays opaque
+// and what it does not cover (zoomed out to the smallest scale) is
+// transparent.
+TEST_F(RealModuleScenario, CarriesAlphaAndLeavesTheUncoveredAreaTransparent) {
+    const Raster rgb = readWhole(input);
+    Raster rgba = Raster::allocate(ImageInfo{kWidth, kHeight, Mode::RGB, 8, Alpha::Straight});
+    for (size_t i = 0, n = size_t{kWidth} * kHeight; i < n; ++i) {
+        std::memcpy(&rgba.data[4 * i], &rgb.data[3 * i], 3);
+        rgba.data[4 * i + 3] = 255;
+    }
+    writePng(dir / "alpha.png", rgba, {});
+    std::ofstream(dir / "small.json")
+        << R"({"curvanaAction": 1, "descriptor": [{"key": "imgS", "type": "integer", "value": 50}]})";
+    const RunResult r = curvana({"apply", (dir / "alpha.png").string(), "-o",
+                                 (dir / "out.png").string(), "--params",
+                                 (dir / "small.json").string()});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const Raster out = readWhole(dir / "out.png");
+    ASSERT_EQ(out.info.alpha, Alpha::Straight);
+    size_t transparent = 0, opaque = 0;
+    for (size_t i = 0, n = size_t{kWidth} * kHeight; i < n; ++i) {
+        transparent += out.data[4 * i + 3] == 0;
+        opaque += out.data[4 * i + 3] == 255;
+    }
+    // Only the photo's edge is partly covered.
+    EXPECT_GT(transparent, size_t{kWidth} * kHeight / 10);
+    EXPECT_GT(opaque, size_t{kWidth} * kHeight / 10);
+    EXPECT_LT(size_t{kWidth} * kHeight - transparent - opaque, size_t{kWidth} * kHeight / 50);
+    EXPECT_EQ(out.data[3], 0);  // a corner
+    EXPECT_EQ(out.data[4 * (size_t{kWidth} * kHeight / 2 + kWidth / 2) + 3], 255);  // the middle
 }
 
 // Out-of-range settings from every entry path. An action file or a
