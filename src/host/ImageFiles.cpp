@@ -100,6 +100,14 @@ bool pngReadHeader(PngContext* ctx, std::FILE* file, PngHeader* header) {
     png_set_user_limits(ctx->png, kMaxSide, kMaxSide);
     png_set_chunk_malloc_max(ctx->png, kMaxPngChunkBytes);
     png_set_chunk_cache_max(ctx->png, kMaxPngChunks);
+    // Ancillary chunks the host does not use are skipped unread: libpng
+    // allocates a text chunk's claimed length before reading it. (Exiv2
+    // reads the metadata.)
+    static const png_byte kSkipped[] = "tEXt\0zTXt\0iTXt\0eXIf\0sPLT\0hIST\0pCAL\0sCAL\0"
+                                       "oFFs\0tIME\0bKGD\0sBIT\0cHRM\0gAMA\0sRGB\0pHYs";
+    png_set_keep_unknown_chunks(ctx->png, PNG_HANDLE_CHUNK_NEVER, nullptr, 0);
+    png_set_keep_unknown_chunks(ctx->png, PNG_HANDLE_CHUNK_NEVER, kSkipped,
+                                static_cast<int>(sizeof kSkipped / 5));
 #ifdef CURVANA_FUZZING
     // Fuzzed bytes rarely carry right checksums: let them reach the decoder.
     png_set_crc_action(ctx->png, PNG_CRC_QUIET_USE, PNG_CRC_QUIET_USE);
