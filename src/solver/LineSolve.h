@@ -27,25 +27,26 @@ namespace Project {
 //
 // The line rows. Every sample p of a line gives the residual
 //   r = w ((p - c) . n(alpha) - d),
-// the distance of the sample from the line {x : (x - c) . n = d}; c is a fixed
-// point of the line (its samples' mean under the closed form), which only
-// keeps alpha and d apart numerically. A row couples the four corners of its
-// own sample's quad with the line's own alpha and d, nothing else, so the
-// mesh part of the system keeps exactly the pattern of the shape term (whose
-// quads already couple their corners) and the line unknowns, numbered last,
-// only add rows below the mesh's factor. The rows of one line in one quad are
-// summed into one block before they enter the system (the samples of a line
-// lie a twelfth of a mesh step apart, so a quad holds a dozen of them): per
-// block the moments sum q q' and sum q of the samples' bilinear weights q
-// give J'J and J'r exactly.
-//   Measured against the residual (p - p0) . n that measures every sample
-// from the line's first sample p0 (bench/solver_bench, level 6, 20 lines):
-// there every row also couples p0's quad, whose corners then link the whole
-// line; even ordered last those hubs made the factor twice as large as
-// without lines (175 against 86 ms), and three factorisations per solve cost
-// five times the solve without lines. Here the factor is barely larger than
-// without lines. The least-squares line through the samples also holds both
-// ends of an edge alike, where the first-sample form held its far end least.
+// the distance of the sample from the line {x : (x - c) . n = d}. c is the
+// samples' mean where the rows are linearised (d moves with it, so the line
+// stays put); it only keeps the alpha and d columns apart. A row couples the
+// four corners of its own sample's quad with the line's own alpha and d,
+// nothing else, so the mesh part of the system keeps exactly the pattern of
+// the shape term (whose quads couple their corners already) and the line
+// unknowns, numbered last, only add rows below the mesh's factor. The rows of
+// one line in one quad are summed into one block before they enter the
+// system (the samples lie a twelfth of a mesh step apart, a dozen to a quad):
+// the moments sum q q' and sum q of the samples' bilinear weights q give J'J
+// and J'r exactly.
+//   Why (bench/solver_bench, level 6, 20 lines): with the residual
+// (p - p0) . n, measured from the line's first sample p0, every row also
+// coupled p0's quad, whose corners then linked the whole line; even ordered
+// last those hubs made the factor 3.0 M nonzeros (1.69 M here, about what the
+// mesh alone has), and the changing hubs needed a fresh factorisation in each
+// of three iterations. The line fitted through all samples is a little
+// softer against a bow than one pinned at its first sample: the room test's
+// worst edge is 1.17 pixels from straight (1.16 pinned), its edges spread the
+// deviation along their length instead of leaving it at their far end.
 // LineEnergy keeps the first-sample measure as the line's reported energy.
 //
 // Linearisation in alpha: dr/dalpha = w (p - c) . (-sin alpha, cos alpha).
@@ -53,10 +54,12 @@ namespace Project {
 // the first iteration could not turn any line; there it is taken at the
 // closed form's positions of the samples instead (the Gauss-Newton step from
 // the closed-form warp: the rows are linear in the mesh, so only this
-// derivative depends on where they are linearised). The first iteration then
-// turns the free lines already, and the later ones change the system so
-// little that conjugate gradients preconditioned with the first iteration's
-// factor converge in a few steps (see IterativeWarpSolver).
+// derivative depends on where they are linearised). The first iteration
+// then turns the free lines already, and later iterations change the system
+// little enough for conjugate gradients preconditioned with the first
+// iteration's factor (see IterativeWarpSolver); a line turned by more than
+// kMaxTurn since the factor, or moved by an edit, has its corners declared
+// changed (DeclareChanged) and solved exactly inside those gradients.
 //
 // PrepareSolve (start of every Solve):
 //   - takes every active line's samples with the quads GeodesicLines located
@@ -75,10 +78,13 @@ namespace Project {
 //     and h, which keeps the system definite should a line have no extent.
 //
 // ConvergenceMeasure: the largest displacement of a constraint sample in the
-// last update, relative to the constraint's extent in the output (the largest
-// distance of a sample from the first, or between a plane's samples). Below
-// 0.005 the lines cannot move by more than a small fraction of their length
-// any more; -1 when no constraint takes part (then every iteration runs).
+// last update, relative to the size of the mesh cells the constraint lies in
+// (its extent in the output over the cells it spans). Below 0.005 no sample
+// moves by more than a two-hundredth of a cell (a tenth of a pixel at level 6
+// for a 3000-pixel picture). Relative to the whole extent, as first written,
+// a last step of a few pixels counted as converged and left a re-solve 0.2
+// pixels from a fresh solve. -1 when no constraint takes part (then every
+// iteration runs).
 class LineSolve : public IterativeWarpSolver {
 public:
     LineSolve(std::shared_ptr<const OctaMap> mesh, std::shared_ptr<const PhotoToSphere> photo,
