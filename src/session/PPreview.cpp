@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstring>
 #include <exception>
+#include <map>
 #include <stdexcept>
 #include <utility>
 
@@ -258,19 +259,24 @@ private:
 
 // ---- Solving -------------------------------------------------------------------------
 
-std::shared_ptr<const PreviewWarp> SolvePreviewScene(std::shared_ptr<const PreviewScene> scene) {
+std::shared_ptr<const PreviewWarp> SolvePreviewScene(std::shared_ptr<const PreviewScene> scene,
+                                                     std::shared_ptr<const MeshLocator> draftMesh) {
     const Clock::time_point start = Clock::now();
     auto out = std::make_shared<PreviewWarp>();
     out->scene = scene;
-    auto lines = std::make_shared<GeodesicLines>(scene->photo, scene->locator);
+    out->draft = draftMesh != nullptr;
+    const std::shared_ptr<const MeshLocator>& locator = draftMesh ? draftMesh : scene->locator;
+    SolverSettings settings = scene->solver;
+    settings.meshLevel = locator->Mesh().Level();
+    auto lines = std::make_shared<GeodesicLines>(scene->photo, locator);
     lines->FitAll(*scene->constraints);
-    Solver solver(scene->locator->MeshRef(), scene->photo, lines, scene->solver);
+    Solver solver(locator->MeshRef(), scene->photo, lines, settings);
     out->solved = solver.Run();
     out->regulariserChoice = solver.StoredRegulariserChoice();
     if (out->solved && solver.Warp() && solver.Warp()->IsSolved()) {
         out->warp = solver.Warp();
-        out->mesh = std::make_shared<const RenderMesh>(BuildRenderMesh(
-            *out->warp, MeshTextureCoordinates(scene->locator->Mesh(), *scene->photo)));
+        out->mesh = std::make_shared<const RenderMesh>(
+            BuildRenderMesh(*out->warp, MeshTextureCoordinates(locator->Mesh(), *scene->photo)));
     } else {
         out->solved = false;
     }
@@ -361,6 +367,20 @@ std::shared_ptr<const PreviewWarp> PPreview::FinishedFor(const Job& job) const {
 }
 
 void PPreview::SolveLoop() {
+    // The draft meshes with their quad finders, by level (kept: building
+    // one costs about as much as a draft solve).
+    std::map<int32_t, std::shared_ptr<const MeshLocator>> draftMeshes;
+    const auto solve = [](const std::shared_ptr<const PreviewScene>& scene,
+                          std::shared_ptr<const MeshLocator> draftMesh) {
+        try {
+            return SolvePreviewScene(scene, std::move(draftMesh));
+        } catch (const std::exception&) {
+            // Out of memory inside the solver: shown like a failed solve.
+            auto failed = std::make_shared<PreviewWarp>();
+            failed->scene = scene;
+            return std::shared_ptr<const PreviewWarp>(std::move(failed));
+        }
+    };
     std::unique_lock lock(mutex_);
     for (;;) {
         solveWake_.wait(lock, [this] { return stop_ || solveWanted_; });
@@ -369,47 +389,71 @@ void PPreview::SolveLoop() {
         solving_ = std::exchange(solveWanted_, nullptr);
         const std::shared_ptr<const PreviewScene> scene = solving_;
         lock.unlock();
-        std::shared_ptr<const PreviewWarp> warp;
-        try {
-            warp = SolvePreviewScene(scene);
-        } catch (const std::exception&) {
-            // Out of memory inside the solver: shown like a failed solve.
-            auto failed = std::make_shared<PreviewWarp>();
-            failed->scene = scene;
-            warp = std::move(failed);
+
+        const int32_t level = scene->locator->Mesh().Level();
+        const int32_t draftLevel = std::max(3, level - options_.draftLevelsBelow);
+        if (options_.draftLevelsBelow > 0 && draftLevel < level) {
+            std::shared_ptr<const MeshLocator>& draftMesh = draftMeshes[draftLevel];
+            if (!draftMesh)
+                draftMesh = std::make_shared<const MeshLocator>(std::make_shared<const OctaMap>(
+                    draftLevel, scene->locator->Mesh().LayoutFlag()));
+            std::shared_ptr<const PreviewWarp> draft = solve(scene, draftMesh);
+            lock.lock();
+            Publish(std::move(draft));
+            // A newer scene waits: this one is stale, its exact solve not needed.
+            const bool stale = solveWanted_ != nullptr || stop_;
+            if (stale) {
+                solving_.reset();
+                idle_.notify_all();
+                continue;
+            }
+            lock.unlock();
         }
+        std::shared_ptr<const PreviewWarp> warp = solve(scene, nullptr);
         lock.lock();
         solving_.reset();
-        finished_ = warp;
-        if (warp->solved)
-            lastGood_ = warp;
-        ++counters_.solves;
-        renderWake_.notify_one();
+        Publish(std::move(warp));
         idle_.notify_all();
     }
+}
+
+void PPreview::Publish(std::shared_ptr<const PreviewWarp> warp) {
+    if (warp->solved && !warp->draft)
+        lastGood_ = warp;
+    finished_ = std::move(warp);
+    ++counters_.solves;
+    renderWake_.notify_one();
 }
 
 void PPreview::RenderLoop() {
     Renderer renderer(source_, pictureWidth_, pictureHeight_, options_);
     std::optional<Job> job;
-    bool interimDrawn = false;
+    // What was drawn as the held job's interim: its scene's draft, or the
+    // last good warp for a change of view.
+    std::shared_ptr<const PreviewWarp> interim;
+    const auto newDraft = [&] {
+        const std::shared_ptr<const PreviewWarp> warp = FinishedFor(*job);
+        return warp && (!warp->draft || warp != interim);
+    };
     std::unique_lock lock(mutex_);
     for (;;) {
-        renderWake_.wait(lock, [&] { return stop_ || pending_ || (job && FinishedFor(*job)); });
+        renderWake_.wait(lock, [&] { return stop_ || pending_ || (job && newDraft()); });
         if (stop_)
             return;
         if (pending_) {
             job = std::exchange(pending_, std::nullopt);
             jobHeld_ = true;
-            interimDrawn = false;
+            interim.reset();
         }
         const Job current = *job;
+        const std::shared_ptr<const PreviewWarp> warp =
+            current.view.corrected ? FinishedFor(current) : nullptr;
         if (!current.view.corrected) {
             job.reset();
             lock.unlock();
             Draw(renderer, current, nullptr, true, false);
             lock.lock();
-        } else if (const std::shared_ptr<const PreviewWarp> warp = FinishedFor(current)) {
+        } else if (warp && !warp->draft) {
             job.reset();
             const std::shared_ptr<const PreviewWarp> good = lastGood_;
             lock.unlock();
@@ -419,17 +463,24 @@ void PPreview::RenderLoop() {
                 Draw(renderer, current, good, false, true);
             lock.lock();
         } else {
-            if (solving_ != current.scene && solveWanted_ != current.scene) {
+            if (!warp && solving_ != current.scene && solveWanted_ != current.scene) {
                 solveWanted_ = current.scene;
                 solveWake_.notify_one();
             }
-            // A change of view meanwhile is drawn from the last good warp;
-            // the same view again would only repeat what is shown.
-            if (!interimDrawn && lastGood_ && !(lastDelivered_ && *lastDelivered_ == current.view)) {
-                interimDrawn = true;
-                const std::shared_ptr<const PreviewWarp> good = lastGood_;
+            // Meanwhile: the scene's draft, or for a change of view the last
+            // good warp (the same view again would only repeat what is shown).
+            std::shared_ptr<const PreviewWarp> show;
+            if (warp) {
+                if (warp != interim && warp->solved)
+                    show = warp;
+                interim = warp;
+            } else if (!interim && lastGood_ &&
+                       !(lastDelivered_ && *lastDelivered_ == current.view)) {
+                show = interim = lastGood_;
+            }
+            if (show) {
                 lock.unlock();
-                Draw(renderer, current, good, false, false);
+                Draw(renderer, current, show, false, false);
                 lock.lock();
             }
         }

@@ -41,6 +41,9 @@ struct PreviewScene {
 struct PreviewWarp {
     std::shared_ptr<const PreviewScene> scene;
     bool solved = false;  // false: the solve failed ("Solve failed")
+    // A draft: solved on a coarser mesh first, for a quick first image; the
+    // scene's own warp follows.
+    bool draft = false;
     std::shared_ptr<const SphereWarp> warp;
     // The scene's constraints fitted on the sphere, the warp handed over: the
     // display copies of the live constraints come from it
@@ -89,9 +92,10 @@ struct PreviewResult {
     // The warp drawn (null for the source picture, and before any solve
     // succeeded).
     std::shared_ptr<const PreviewWarp> warp;
-    // Drawn with the warp of the request's own scene. False for an interim
-    // image drawn with the last good warp while the request's solve runs (a
-    // later result with the same id follows) and after a failed solve.
+    // Drawn with the finished warp of the request's own scene. False for an
+    // interim image while the request's solve runs -- the draft of its scene,
+    // or the last good warp for a change of view -- (a later result with the
+    // same id follows), and after a failed solve.
     bool current = true;
     bool solveFailed = false;  // the request's scene did not solve
     // Show Mesh: polylines of the warped grid in pane pixels.
@@ -110,12 +114,18 @@ struct PreviewResult {
 // callback runs on the renderer's thread (a dialog forwards it to its own).
 //
 // Newest wins. A request replaces any not yet started; a result whose
-// request was superseded while it was made is dropped, never delivered. A
-// change of view alone (zoom, scroll, pane size, framing, Preview off, Show
-// Mesh) is drawn from the last solved warp without a solve; a new scene is
-// solved first, and meanwhile a change of view is drawn at once from the
-// last good warp (current false), so zooming and scrolling never wait for a
-// solve.
+// request was superseded while it was made is dropped, never delivered, and
+// a scene superseded before its solve is never solved. A change of view
+// alone (zoom, scroll, pane size, framing, Preview off, Show Mesh) is drawn
+// from the last solved warp without a solve; a new scene is solved first, and
+// meanwhile a change of view is drawn at once from the last good warp
+// (current false), so zooming and scrolling never wait for a solve.
+//
+// Drafts. A solve at the session's mesh level takes hundreds of
+// milliseconds on a small machine; a scene is first solved a few levels
+// coarser (tens of milliseconds) and that draft drawn (current false), then
+// solved at its own level unless a newer scene is waiting -- while a slider
+// is dragged the preview follows with drafts and settles on the exact warp.
 class PPreview {
 public:
     using Callback = std::function<void(PreviewResult)>;
@@ -125,6 +135,9 @@ public:
         // Source levels larger than this are drawn through source windows
         // (only what the pane shows is uploaded): bytes, four per texel.
         uint64_t sourceTextureBudget = uint64_t{16} << 20;
+        // The draft's mesh level is this much below the scene's (never below
+        // 3); 0: no drafts.
+        int32_t draftLevelsBelow = 2;
     };
 
     // source: the photograph in display form (four planes R, G, B, A at 8
@@ -169,6 +182,8 @@ private:
     class Renderer;
 
     void SolveLoop();
+    // Publishes a finished solve; with the lock held.
+    void Publish(std::shared_ptr<const PreviewWarp> warp);
     void RenderLoop();
     // With the lock held: the warp of the job's scene when it was solved.
     std::shared_ptr<const PreviewWarp> FinishedFor(const Job& job) const;
@@ -203,8 +218,11 @@ private:
     std::thread renderer_;
 };
 
-// A solve of a scene as the preview makes it, on the calling thread.
-std::shared_ptr<const PreviewWarp> SolvePreviewScene(std::shared_ptr<const PreviewScene> scene);
+// A solve of a scene as the preview makes it, on the calling thread. With a
+// coarser mesh (its locator), the draft of the scene.
+std::shared_ptr<const PreviewWarp> SolvePreviewScene(
+    std::shared_ptr<const PreviewScene> scene,
+    std::shared_ptr<const MeshLocator> draftMesh = nullptr);
 
 // The host's source image in display form for PPreview: four planes R, G, B
 // and A (255) at 8 bits, reduced by the smallest whole factor that brings
