@@ -21,7 +21,8 @@ using test::FakeHost;
 using test::LoadedModule;
 using Enumerated = ActionDescriptor::Enumerated;
 
-constexpr const char* kEditorMissing = "The editor is not available in this build.";
+// No editor object is built beside the module here: the dialog cannot open.
+constexpr const char* kEditorMissing = "libcurvana_editor.so is missing.";
 
 // Stored preferences that differ from the defaults in every scripted field.
 PPreferences StoredPrefs() {
@@ -325,7 +326,8 @@ TEST_F(EntryPoint, DialogWithoutAnEditorEndsLikeCancel) {
     PlacePrefs(StoredPrefs());
     ExpectAllSucceeded(module.RunWithDialog(host.Record()));
     ASSERT_EQ(host.alerts.size(), 1u);
-    EXPECT_EQ(host.alerts[0].message, kEditorMissing);
+    EXPECT_NE(host.alerts[0].message.find(kEditorMissing), std::string::npos)
+        << host.alerts[0].message;
     EXPECT_EQ(host.resultDescriptors, 0);
     EXPECT_EQ(host.samplesWritten, 0);
     // The live settings were still saved: the fresh invocation chose the
@@ -342,7 +344,8 @@ TEST_F(EntryPoint, DescriptorWithTheDialogOpensTheEditorAndSavesItsSettings) {
     host.input->Put(ScriptKey::kFocalLength, 555.0);
     ExpectAllSucceeded(module.RunWithDialog(host.Record()));
     ASSERT_EQ(host.alerts.size(), 1u);
-    EXPECT_EQ(host.alerts[0].message, kEditorMissing);
+    EXPECT_NE(host.alerts[0].message.find(kEditorMissing), std::string::npos)
+        << host.alerts[0].message;
     EXPECT_EQ(host.resultDescriptors, 0);
     EXPECT_EQ(host.samplesWritten, 0);
     const auto saved = SavedPrefs();
