@@ -335,6 +335,7 @@ std::optional<Failure> processOne(RunContext& run, const fs::path& input, const 
     invocation.source = source.get();
     invocation.result = result.get();
     invocation.xmpPacket = metadata.moduleXmp;
+    invocation.documentName = input.filename().string();
     invocation.descriptor = descriptor.get();
     if (run.options.command == "edit")
         prepareEditInvocation(invocation);

@@ -22,7 +22,7 @@ inline constexpr const char* kEditorObjectName = "libcurvana_editor.so";
 inline constexpr const char* kEditorFactorySymbol = "CurvanaCreateEditor";
 // Raised whenever PEditor, PFilter or this contract change incompatibly; an
 // object of another version is refused with a message.
-inline constexpr uint32_t kEditorInterfaceVersion = 1;
+inline constexpr uint32_t kEditorInterfaceVersion = 2;
 
 }  // namespace Project
 

@@ -26,6 +26,7 @@ public:
     std::string TakeFailureMessage() override { return std::exchange(failure_, {}); }
     size_t SerializedSize() const override;
     void Serialize(uint8_t* out) const override;
+    ConstraintSet* LiveSet() override { return set_.get(); }
 
 private:
     PFilter& filter_;
