@@ -1,10 +1,10 @@
 // Renders the editor dialog on a photograph with its constraints loaded and
 // writes the picture as PNG (the README's screenshot):
 //   curvana-editor-screenshot --module libcurvana.so --photo IN --constraints FILE.cvc
-//                             --out editor.png [--size WxH] [--colors N]
-// --colors N (2 ... 256) stores the picture with a palette of N colours,
-// which keeps it small. Run it with QT_QPA_PLATFORM=offscreen to need no
-// display.
+//                             --out editor.png [--size WxH] [--palette]
+// --palette stores the picture with a palette of at most 256 colours
+// (ordered dithering), which keeps it small. Run it with
+// QT_QPA_PLATFORM=offscreen to need no display.
 #include <QApplication>
 #include <QCursor>
 #include <QImage>
@@ -24,7 +24,7 @@ int Usage(const char* why) {
     std::fprintf(stderr,
                  "curvana-editor-screenshot: %s\nusage: curvana-editor-screenshot --module "
                  "libcurvana.so --photo IN --constraints FILE.cvc --out OUT.png [--size WxH] "
-                 "[--colors N]\n",
+                 "[--palette]\n",
                  why);
     return 2;
 }
@@ -34,9 +34,14 @@ int Usage(const char* why) {
 int main(int argc, char** argv) {
     QApplication app(argc, argv);
     fs::path module, photo, constraints, out;
-    int width = 1280, height = 820, colors = 0;
+    int width = 1200, height = 780;
+    bool palette = false;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
+        if (a == "--palette") {
+            palette = true;
+            continue;
+        }
         if (i + 1 >= argc)
             return Usage(("missing value for " + a).c_str());
         const std::string v = argv[++i];
@@ -51,10 +56,6 @@ int main(int argc, char** argv) {
         else if (a == "--size") {
             if (std::sscanf(v.c_str(), "%dx%d", &width, &height) != 2 || width < 400 || height < 300)
                 return Usage("--size wants WxH, at least 400x300");
-        } else if (a == "--colors") {
-            colors = std::atoi(v.c_str());
-            if (colors < 2 || colors > 256)
-                return Usage("--colors wants 2 ... 256");
         } else {
             return Usage(("unknown option " + a).c_str());
         }
@@ -89,8 +90,9 @@ int main(int argc, char** argv) {
                    }
                    QTest::qWait(200);
                    QImage shot = dialog.grab().toImage();
-                   if (colors > 0)
-                       shot = shot.convertToFormat(QImage::Format_Indexed8, Qt::AutoColor);
+                   if (palette)
+                       shot = shot.convertToFormat(QImage::Format_Indexed8,
+                                                   Qt::AutoColor | Qt::OrderedDither);
                    written = shot.save(QString::fromStdString(out.string()), "PNG", 9);
                });
     std::error_code ec;
