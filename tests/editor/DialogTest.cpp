@@ -6,12 +6,14 @@
 #include <QAction>
 #include <QCheckBox>
 #include <QComboBox>
+#include <QDialog>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMenu>
 #include <QPushButton>
 #include <QRegularExpression>
 #include <QSlider>
+#include <QSpinBox>
 #include <QtTest/QTest>
 #include <cmath>
 #include <fstream>
@@ -23,6 +25,7 @@
 #include "framework/Widgets.h"
 #include "host/Cli.h"
 #include "host/HostTestUtil.h"
+#include "session/PreferencesFile.h"
 
 namespace Curvana::Host::Test {
 namespace {
@@ -447,6 +450,45 @@ TEST_F(Dialog, CancelWritesNothing) {
         EXPECT_FALSE(fs::exists(out));
         EXPECT_FALSE(fs::exists(dir / "xdg" / "curvana" / "last-action.json"));
     }
+}
+
+// The preferences dialog edits the display preferences as one undoable step
+// and keeps them in the preferences file at once; Restore Factory Settings
+// brings every field back.
+TEST_F(Dialog, PreferencesAreOneUndoableStepAndSavedAtOnce) {
+    const auto preferences = [](QWidget& dialog, const std::function<void(QWidget&)>& edit) {
+        ModalAnswers answers;
+        answers.Expect("QDialog", [&edit](QWidget& prefs) {
+            edit(prefs);
+            static_cast<QDialog&>(prefs).accept();
+            return true;
+        });
+        Command(dialog, "Project/Dialog/CorrectionFlyout",
+                "$$$/Curvana/CorrectionMenu/Preferences")
+            ->trigger();
+        EXPECT_EQ(answers.Pending(), 0u);
+    };
+    const fs::path file = Project::PreferencesFolder(dir / "xdg") / Project::PreferencesFileName();
+    edit(dir / "out.jpg", [&](QWidget& dialog) {
+        preferences(dialog, [](QWidget& prefs) {
+            prefs.findChild<QSpinBox*>("Project/Preferences/LoupeSize")->setValue(250);
+            prefs.findChild<QCheckBox*>("Project/Preferences/LoupeWhileDragging")->setChecked(false);
+        });
+        EXPECT_EQ(undoLabel(dialog), "Undo UI Setting");
+        Project::PPreferences saved;
+        ASSERT_TRUE(Project::LoadPreferencesFile(file, saved));
+        EXPECT_EQ(saved.settings.loupeSize, 250);
+        EXPECT_EQ(saved.settings.showLoupeWhenDragging, 0);
+
+        preferences(dialog, [](QWidget& prefs) {
+            EXPECT_EQ(prefs.findChild<QSpinBox*>("Project/Preferences/LoupeSize")->value(), 250);
+            prefs.findChild<QPushButton*>("Project/Preferences/RestoreFactory")->click();
+            EXPECT_EQ(prefs.findChild<QSpinBox*>("Project/Preferences/LoupeSize")->value(), 140);
+        });
+        ASSERT_TRUE(Project::LoadPreferencesFile(file, saved));
+        EXPECT_EQ(saved.settings.loupeSize, 140);
+        EXPECT_EQ(saved.settings.showLoupeWhenDragging, 1);
+    });
 }
 
 }  // namespace
