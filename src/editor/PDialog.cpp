@@ -278,6 +278,16 @@ void PDialog::RegisterTools() {
     tools_.Add(std::make_unique<PHandTool>());
     tools_.Add(std::make_unique<PZoomTool>());
     tools_.Select(kHandTool);
+    // A slot's letter must not leave the user with a tool that does nothing:
+    // the set goes back to the tool before.
+    tools_.AddListener([this](Velmo::CTool* current) {
+        if (!current)
+            return;
+        if (dynamic_cast<PToolSlot*>(current))
+            tools_.Select(lastTool_);
+        else
+            lastTool_ = current->ViewIdPath();
+    });
 }
 
 bool PDialog::Build(const std::string& layoutResource, std::string& error) {

@@ -192,6 +192,7 @@ private:
     std::unique_ptr<LiveFileContext> fileContext_;
     PTaskStack stack_;
     Velmo::CToolSet tools_;
+    std::string lastTool_{"Project/Tool/Hand"};  // the last tool that acts
     std::unique_ptr<Controls> ui_;
     std::unique_ptr<PEditMenu> editMenu_;
     bool built_ = false;
