@@ -111,7 +111,8 @@ struct PreviewResult {
 // and every render call on it -- the GPU layer is single-threaded, so
 // nothing else touches that device, and the final render keeps its own
 // device on the host's thread. Request may be called from any thread; the
-// callback runs on the renderer's thread (a dialog forwards it to its own).
+// callback runs on the renderer's thread (a dialog forwards it to its own)
+// and must neither block on the dialog's thread nor destroy the engine.
 //
 // Newest wins. A request replaces any not yet started; a result whose
 // request was superseded while it was made is dropped, never delivered, and
