@@ -39,8 +39,9 @@ void ProjectAllVertices(benchmark::State& state) {
         mesh->SetRotation({0.8f, -0.6f, 0.0f, 0.6f, 0.8f, 0.0f, 0.0f, 0.0f, 1.0f});
         mesh->SetRotationEnabled(true);
     }
-    const auto warp = Project::MakeClosedForm(static_cast<int32_t>(state.range(1)), mesh,
-                                              std::make_shared<AllVisiblePhoto>());
+    const auto warp =
+        Project::MakeClosedForm(static_cast<Project::RegularizerModel>(state.range(1)), mesh,
+                                std::make_shared<AllVisiblePhoto>());
     const int32_t n = warp->MeshSize();
     for (auto _ : state) {
         float sum = 0.0f;

@@ -20,13 +20,11 @@ find_library(CHOLMOD_LIBRARY cholmod REQUIRED)
 find_library(SUITESPARSECONFIG_LIBRARY suitesparseconfig REQUIRED)
 find_library(METIS_LIBRARY metis REQUIRED)
 find_library(OPENBLAS_LIBRARY openblas REQUIRED)
-if(NOT TARGET Curvana::cholmod)
-  add_library(curvana_cholmod INTERFACE)
-  add_library(Curvana::cholmod ALIAS curvana_cholmod)
-  target_include_directories(curvana_cholmod SYSTEM INTERFACE ${CHOLMOD_INCLUDE_DIR})
-  target_link_libraries(curvana_cholmod INTERFACE
-    ${CHOLMOD_LIBRARY} ${SUITESPARSECONFIG_LIBRARY} ${METIS_LIBRARY} ${OPENBLAS_LIBRARY})
-endif()
+add_library(curvana_cholmod INTERFACE)
+add_library(Curvana::cholmod ALIAS curvana_cholmod)
+target_include_directories(curvana_cholmod SYSTEM INTERFACE ${CHOLMOD_INCLUDE_DIR})
+target_link_libraries(curvana_cholmod INTERFACE
+  ${CHOLMOD_LIBRARY} ${SUITESPARSECONFIG_LIBRARY} ${METIS_LIBRARY} ${OPENBLAS_LIBRARY})
 
 if(CURVANA_BUILD_TESTS)
   find_package(GTest REQUIRED)

@@ -20,10 +20,15 @@ endif()
 # curvana_layer(<name> SOURCES ... PUBLIC_LIBS ... PRIVATE_LIBS ...)
 # One static library per layer of src/, with an alias Curvana::<name> and the
 # source root as its include directory (headers are included as "layer/File.h").
+# Every layer builds on core; which layer may include which is checked by the
+# test layering.IncludesPointDown.
 function(curvana_layer name)
   cmake_parse_arguments(ARG "" "" "SOURCES;PUBLIC_LIBS;PRIVATE_LIBS" ${ARGN})
   add_library(curvana_${name} STATIC ${ARG_SOURCES})
   add_library(Curvana::${name} ALIAS curvana_${name})
   target_include_directories(curvana_${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  if(NOT name STREQUAL "core")
+    list(PREPEND ARG_PUBLIC_LIBS Curvana::core)
+  endif()
   target_link_libraries(curvana_${name} PUBLIC ${ARG_PUBLIC_LIBS} PRIVATE ${ARG_PRIVATE_LIBS} Curvana::build_options)
 endfunction()

@@ -8,98 +8,16 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
 
 #include "constraints/GeodesicLines.h"
+#include "core/ByteIO.h"
 
 namespace Project {
 
 namespace {
 
 namespace msg = constraint_message;
-
-// Little-endian writer into a growing buffer.
-class ByteWriter {
-public:
-    explicit ByteWriter(std::vector<uint8_t>& out) : out_(out) {}
-    void U16(uint16_t v) {
-        out_.push_back(static_cast<uint8_t>(v));
-        out_.push_back(static_cast<uint8_t>(v >> 8));
-    }
-    void U32(uint32_t v) {
-        for (int k = 0; k < 4; ++k) out_.push_back(static_cast<uint8_t>(v >> (8 * k)));
-    }
-    void I32(int32_t v) { U32(static_cast<uint32_t>(v)); }
-    void F32(float v) {
-        uint32_t bits;
-        std::memcpy(&bits, &v, sizeof bits);
-        U32(bits);
-    }
-    void String(const std::string& s) {
-        U32(static_cast<uint32_t>(s.size()));
-        if (s.empty()) return;
-        U32(constraint_file::kUtf8Encoding);
-        out_.insert(out_.end(), s.begin(), s.end());
-    }
-
-private:
-    std::vector<uint8_t>& out_;
-};
-
-// Little-endian reader that never reads past its buffer: a read that would
-// sets the error state and yields zero.
-class ByteReader {
-public:
-    explicit ByteReader(std::span<const uint8_t> data) : data_(data) {}
-    bool Ok() const { return ok_; }
-    size_t Remaining() const { return data_.size() - pos_; }
-    void Fail() { ok_ = false; }
-
-    uint16_t U16() {
-        if (!Take(2)) return 0;
-        return static_cast<uint16_t>(data_[pos_ - 2] | (data_[pos_ - 1] << 8));
-    }
-    uint32_t U32() {
-        if (!Take(4)) return 0;
-        uint32_t v = 0;
-        for (int k = 0; k < 4; ++k) v |= static_cast<uint32_t>(data_[pos_ - 4 + static_cast<size_t>(k)]) << (8 * k);
-        return v;
-    }
-    int32_t I32() { return static_cast<int32_t>(U32()); }
-    float F32() {
-        const uint32_t bits = U32();
-        float v;
-        std::memcpy(&v, &bits, sizeof v);
-        return v;
-    }
-    std::string String() {
-        const uint32_t n = U32();
-        if (n == 0 || !ok_) return {};
-        (void)U32();  // encoding word: opaque
-        if (!ok_ || n > Remaining()) {
-            ok_ = false;
-            return {};
-        }
-        std::string s(reinterpret_cast<const char*>(data_.data() + pos_), n);
-        pos_ += n;
-        return s;
-    }
-
-private:
-    bool Take(size_t n) {
-        if (!ok_ || n > Remaining()) {
-            ok_ = false;
-            return false;
-        }
-        pos_ += n;
-        return true;
-    }
-
-    std::span<const uint8_t> data_;
-    size_t pos_ = 0;
-    bool ok_ = true;
-};
 
 uint64_t StringBytes(const std::string& s) { return s.empty() ? 4 : 8 + s.size(); }
 
@@ -129,6 +47,53 @@ std::string Mismatch(std::string_view what, const std::string& inFile, const std
     return m;
 }
 
+// Magic, version and the photo the data was drawn on: false, with the
+// message left in the set, when it is no constraint data or another photo's.
+bool ReadHeader(ByteReader& r, ConstraintSet& set, const ConstraintFileContext& context) {
+    const uint32_t magic = r.U32();
+    const uint32_t tag = r.U32();
+    if (!r.Ok() || magic != constraint_file::kMagic || tag != constraint_file::kVersionTag) {
+        FailInvalid(set);
+        return false;
+    }
+
+    (void)r.U16();  // version: not checked
+    const uint16_t width = r.U16();
+    const uint16_t height = r.U16();
+    if (!r.Ok()) {
+        FailInvalid(set);
+        return false;
+    }
+    const int32_t docWidth = context.ImageWidth();
+    const int32_t docHeight = context.ImageHeight();
+    if (static_cast<int64_t>(width) != docWidth || static_cast<int64_t>(height) != docHeight) {
+        Fail(set, Mismatch(msg::kUnmatchedImageWidth, SizeText(width, height),
+                           SizeText(docWidth, docHeight)));
+        return false;
+    }
+
+    const std::string make = r.String();
+    const std::string model = r.String();
+    const std::string lens = r.String();
+    if (!r.Ok()) {
+        FailInvalid(set);
+        return false;
+    }
+    if (const std::string doc = context.CameraMake(); make != doc) {
+        Fail(set, Mismatch(msg::kUnmatchedCameraMake, make, doc));
+        return false;
+    }
+    if (const std::string doc = context.CameraModel(); model != doc) {
+        Fail(set, Mismatch(msg::kUnmatchedCameraModel, model, doc));
+        return false;
+    }
+    if (const std::string doc = context.LensModel(); lens != doc) {
+        Fail(set, Mismatch(msg::kUnmatchedLensModel, lens, doc));
+        return false;
+    }
+    return true;
+}
+
 struct ParsedSettings {
     float physicalFocal, cropFactor, focalLength;
     uint32_t projectionIndex, regularizerIndex;
@@ -136,6 +101,115 @@ struct ParsedSettings {
     float offsetX, offsetY;
     uint32_t setWord;
 };
+
+ParsedSettings ReadSettings(ByteReader& r) {
+    ParsedSettings p{};
+    p.physicalFocal = r.F32();
+    p.cropFactor = r.F32();
+    p.focalLength = r.F32();
+    p.projectionIndex = r.U32();
+    p.regularizerIndex = r.U32();
+    p.scale = r.I32();
+    p.offsetX = r.F32();
+    p.offsetY = r.F32();
+    p.setWord = r.U32();
+    return p;
+}
+
+std::unique_ptr<LineConstraint> ReadLine(ByteReader& r) {
+    const float x1 = r.F32(), y1 = r.F32(), x2 = r.F32(), y2 = r.F32();
+    const uint32_t orientation = r.U32();
+    const float angle = r.F32();
+    const int32_t id = r.I32();
+    auto line = std::make_unique<LineConstraint>(x1, y1, x2, y2,
+                                                 IsLineOrientationCode(orientation)
+                                                     ? static_cast<Orientation>(orientation)
+                                                     : Orientation::Unfixed,
+                                                 angle);
+    line->SetId(id);
+    return line;
+}
+
+// Null (and the reader failed) for a vertex count that cannot be right.
+std::unique_ptr<PlaneConstraint> ReadPlane(ByteReader& r) {
+    const int32_t id = r.I32();
+    const int32_t vertices = r.I32();
+    if (!r.Ok() || vertices < 0 || static_cast<uint64_t>(vertices) > r.Remaining() / 12) {
+        r.Fail();
+        return nullptr;
+    }
+    auto plane = std::make_unique<PlaneConstraint>();
+    plane->SetId(id);
+    std::vector<PlaneVertex> vs(static_cast<size_t>(vertices));
+    for (PlaneVertex& v : vs) {
+        v.x = r.F32();
+        v.y = r.F32();
+        const uint32_t code = r.U32();
+        v.edgeCode = IsEdgeCode(code) ? static_cast<int32_t>(code) : 1;
+        v.present = true;
+    }
+    plane->SetVertices(std::move(vs));
+    return plane;
+}
+
+// The record count and the records. False when the data ends early or holds
+// an impossible count (the reader's failure also covers the reads before).
+bool ReadRecords(ByteReader& r, ConstraintSet::List& records) {
+    const uint32_t count = r.U32();
+    // Every record takes at least its four tag bytes.
+    if (!r.Ok() || count > r.Remaining() / 4)
+        return false;
+    records.reserve(count);
+    for (uint32_t k = 0; k < count && r.Ok(); ++k) {
+        const uint32_t tag = r.U32();
+        if (tag == constraint_file::kLineTag) {
+            records.push_back(ReadLine(r));
+        } else if (tag == constraint_file::kPlaneTag) {
+            auto plane = ReadPlane(r);
+            if (!plane)
+                break;
+            records.push_back(std::move(plane));
+        }
+        // Any other tag: nothing is created; only the tag was consumed.
+    }
+    return r.Ok();
+}
+
+// Applies the settings read, each only when it differs from the current one;
+// a new projection goes through the session's decision, and a change of
+// projection, regulariser or focal length resets the solver once.
+void ApplySettings(const ParsedSettings& p, ConstraintSet& set, ConstraintFileContext& context) {
+    const ConstraintFileSettings current = context.Settings();
+    context.SetPhysicalFocal(
+        clampSetting(p.physicalFocal, kMinPhysicalFocalMm, kMaxPhysicalFocalMm));
+    context.SetCropFactor(p.cropFactor);
+    set.SetStateWord(p.setWord);
+
+    bool changed = false;
+    const ProjectionModel projection = projectionModelFromIndex(p.projectionIndex);
+    if (projection != current.projectionModel) {
+        context.SetProjectionModel(projection);
+        context.ChooseProjection(current.projectionModel);
+        changed = context.Settings().projectionModel != current.projectionModel;
+    }
+    const RegularizerModel regularizer = regularizerModelFromIndex(p.regularizerIndex);
+    if (regularizer != current.regularizerModel) {
+        context.SetRegularizerModel(regularizer);
+        changed = true;
+    }
+    const float focal = clampSetting(p.focalLength, kMinFocalPixels, kMaxFocalPixels);
+    if (std::fabs(static_cast<double>(focal) - current.focalLength) > 0.01) {
+        context.SetFocalLength(focal);
+        changed = true;
+    }
+    if (p.scale != current.scale)
+        context.SetScale(p.scale);
+    if (std::fabs(static_cast<double>(p.offsetX) - current.offsetX) > 1e-06 ||
+        std::fabs(static_cast<double>(p.offsetY) - current.offsetY) > 1e-06)
+        context.SetOffsets(p.offsetX, p.offsetY);
+    if (changed)
+        context.SettingsChanged();
+}
 
 }  // namespace
 
@@ -145,13 +219,19 @@ float clampSetting(float value, float lo, float hi) {
     return value;
 }
 
-int32_t projectionModelFromIndex(uint32_t index) { return index <= 3 ? static_cast<int32_t>(index) + 1 : 1; }
-int32_t regularizerModelFromIndex(uint32_t index) { return index <= 3 ? static_cast<int32_t>(index) + 1 : 4; }
-uint32_t projectionIndexFromModel(int32_t model) {
-    return model >= 1 && model <= 4 ? static_cast<uint32_t>(model - 1) : 0u;
+ProjectionModel projectionModelFromIndex(uint32_t index) {
+    return index <= 3 ? ProjectionModel{index + 1} : ProjectionModel::Fisheye;
 }
-uint32_t regularizerIndexFromModel(int32_t model) {
-    return model >= 1 && model <= 4 ? static_cast<uint32_t>(model - 1) : 3u;
+RegularizerModel regularizerModelFromIndex(uint32_t index) {
+    return index <= 3 ? RegularizerModel{index + 1} : RegularizerModel::Auto;
+}
+uint32_t projectionIndexFromModel(ProjectionModel model) {
+    const auto code = static_cast<uint32_t>(model);
+    return code >= 1 && code <= 4 ? code - 1 : 0u;
+}
+uint32_t regularizerIndexFromModel(RegularizerModel model) {
+    const auto code = static_cast<uint32_t>(model);
+    return code >= 1 && code <= 4 ? code - 1 : 3u;
 }
 
 std::string localizeConstraintMessage(std::string_view message,
@@ -201,9 +281,9 @@ void writeConstraintData(const ConstraintSet& set, const ConstraintFileContext& 
     w.U16(constraint_file::kVersion);
     w.U16(static_cast<uint16_t>(context.ImageWidth()));
     w.U16(static_cast<uint16_t>(context.ImageHeight()));
-    w.String(context.CameraMake());
-    w.String(context.CameraModel());
-    w.String(context.LensModel());
+    w.String(context.CameraMake(), constraint_file::kUtf8Encoding);
+    w.String(context.CameraModel(), constraint_file::kUtf8Encoding);
+    w.String(context.LensModel(), constraint_file::kUtf8Encoding);
     w.F32(s.physicalFocal);
     w.F32(s.cropFactor);
     w.F32(s.focalLength);
@@ -247,142 +327,22 @@ std::vector<uint8_t> writeConstraintData(const ConstraintSet& set, const Constra
     return out;
 }
 
-bool readConstraintData(ConstraintSet& set, ConstraintFileContext& context, std::span<const uint8_t> data) {
+bool readConstraintData(ConstraintSet& set, ConstraintFileContext& context,
+                        std::span<const uint8_t> data) {
     set.SetSuccess(true);
     set.ClearMessage();
     ByteReader r(data);
-
-    const uint32_t magic = r.U32();
-    const uint32_t tag = r.U32();
-    if (!r.Ok() || magic != constraint_file::kMagic || tag != constraint_file::kVersionTag) {
-        FailInvalid(set);
+    if (!ReadHeader(r, set, context))
         return false;
-    }
-
-    (void)r.U16();  // version: not checked
-    const uint16_t width = r.U16();
-    const uint16_t height = r.U16();
-    if (!r.Ok()) {
-        FailInvalid(set);
-        return false;
-    }
-    const int32_t docWidth = context.ImageWidth();
-    const int32_t docHeight = context.ImageHeight();
-    if (static_cast<int64_t>(width) != docWidth || static_cast<int64_t>(height) != docHeight) {
-        Fail(set, Mismatch(msg::kUnmatchedImageWidth, SizeText(width, height), SizeText(docWidth, docHeight)));
-        return false;
-    }
-
-    const std::string make = r.String();
-    const std::string model = r.String();
-    const std::string lens = r.String();
-    if (!r.Ok()) {
-        FailInvalid(set);
-        return false;
-    }
-    if (const std::string doc = context.CameraMake(); make != doc) {
-        Fail(set, Mismatch(msg::kUnmatchedCameraMake, make, doc));
-        return false;
-    }
-    if (const std::string doc = context.CameraModel(); model != doc) {
-        Fail(set, Mismatch(msg::kUnmatchedCameraModel, model, doc));
-        return false;
-    }
-    if (const std::string doc = context.LensModel(); lens != doc) {
-        Fail(set, Mismatch(msg::kUnmatchedLensModel, lens, doc));
-        return false;
-    }
-
     // Everything else is parsed before anything is applied, so that data that
     // ends early changes nothing.
-    ParsedSettings p{};
-    p.physicalFocal = r.F32();
-    p.cropFactor = r.F32();
-    p.focalLength = r.F32();
-    p.projectionIndex = r.U32();
-    p.regularizerIndex = r.U32();
-    p.scale = r.I32();
-    p.offsetX = r.F32();
-    p.offsetY = r.F32();
-    p.setWord = r.U32();
-    const uint32_t count = r.U32();
-    // Every record takes at least its four tag bytes.
-    if (!r.Ok() || count > r.Remaining() / 4) {
-        FailInvalid(set);
-        return false;
-    }
-
+    const ParsedSettings settings = ReadSettings(r);
     ConstraintSet::List records;
-    records.reserve(count);
-    for (uint32_t k = 0; k < count && r.Ok(); ++k) {
-        const uint32_t recordTag = r.U32();
-        if (recordTag == constraint_file::kLineTag) {
-            const float x1 = r.F32(), y1 = r.F32(), x2 = r.F32(), y2 = r.F32();
-            const uint32_t orientation = r.U32();
-            const float angle = r.F32();
-            const int32_t id = r.I32();
-            auto line = std::make_unique<LineConstraint>(
-                x1, y1, x2, y2,
-                IsLineOrientationCode(orientation) ? static_cast<Orientation>(orientation) : Orientation::Unfixed,
-                angle);
-            line->SetId(id);
-            records.push_back(std::move(line));
-        } else if (recordTag == constraint_file::kPlaneTag) {
-            const int32_t id = r.I32();
-            const int32_t vertices = r.I32();
-            if (!r.Ok() || vertices < 0 || static_cast<uint64_t>(vertices) > r.Remaining() / 12) {
-                r.Fail();
-                break;
-            }
-            auto plane = std::make_unique<PlaneConstraint>();
-            plane->SetId(id);
-            std::vector<PlaneVertex> vs(static_cast<size_t>(vertices));
-            for (PlaneVertex& v : vs) {
-                v.x = r.F32();
-                v.y = r.F32();
-                const uint32_t code = r.U32();
-                v.edgeCode = IsEdgeCode(code) ? static_cast<int32_t>(code) : 1;
-                v.present = true;
-            }
-            plane->SetVertices(std::move(vs));
-            records.push_back(std::move(plane));
-        }
-        // Any other tag: nothing is created; only the tag was consumed.
-    }
-    if (!r.Ok()) {
+    if (!ReadRecords(r, records)) {
         FailInvalid(set);
         return false;
     }
-
-    // Apply: settings first, then the list.
-    const ConstraintFileSettings current = context.Settings();
-    context.SetPhysicalFocal(clampSetting(p.physicalFocal, kMinPhysicalFocalMm, kMaxPhysicalFocalMm));
-    context.SetCropFactor(p.cropFactor);
-    set.SetStateWord(p.setWord);
-
-    bool changed = false;
-    const int32_t projection = projectionModelFromIndex(p.projectionIndex);
-    if (projection != current.projectionModel) {
-        context.SetProjectionModel(projection);
-        context.ChooseProjection(current.projectionModel);
-        changed = context.Settings().projectionModel != current.projectionModel;
-    }
-    const int32_t regularizer = regularizerModelFromIndex(p.regularizerIndex);
-    if (regularizer != current.regularizerModel) {
-        context.SetRegularizerModel(regularizer);
-        changed = true;
-    }
-    const float focal = clampSetting(p.focalLength, kMinFocalPixels, kMaxFocalPixels);
-    if (std::fabs(static_cast<double>(focal) - current.focalLength) > 0.01) {
-        context.SetFocalLength(focal);
-        changed = true;
-    }
-    if (p.scale != current.scale) context.SetScale(p.scale);
-    if (std::fabs(static_cast<double>(p.offsetX) - current.offsetX) > 1e-06 ||
-        std::fabs(static_cast<double>(p.offsetY) - current.offsetY) > 1e-06)
-        context.SetOffsets(p.offsetX, p.offsetY);
-    if (changed) context.SettingsChanged();
-
+    ApplySettings(settings, set, context);
     set.Replace(std::move(records));
     return true;
 }

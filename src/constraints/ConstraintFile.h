@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "constraints/ConstraintSet.h"
+#include "core/FourCC.h"
+#include "core/Models.h"
 
 namespace Project {
 
@@ -38,11 +40,11 @@ class GeodesicLines;
 
 namespace constraint_file {
 
-inline constexpr uint32_t kMagic = 0x43564346;       // "CVCF"
-inline constexpr uint32_t kVersionTag = 0x56657273;  // "Vers"
+inline constexpr uint32_t kMagic = FourCC("CVCF");
+inline constexpr uint32_t kVersionTag = FourCC("Vers");
 inline constexpr uint16_t kVersion = 4;
-inline constexpr uint32_t kLineTag = 0x4C696E65;   // "Line"
-inline constexpr uint32_t kPlaneTag = 0x506C616E;  // "Plan"
+inline constexpr uint32_t kLineTag = FourCC("Line");
+inline constexpr uint32_t kPlaneTag = FourCC("Plan");
 // The record tags as one table: the line tag first, the plane tag after it.
 inline constexpr std::array<uint32_t, 2> kRecordTags = {kLineTag, kPlaneTag};
 // The encoding word written with every non-empty string (the value Core
@@ -92,8 +94,8 @@ struct ConstraintFileSettings {
     float physicalFocal = 15.0f;  // mm
     float cropFactor = 1.0f;
     float focalLength = 0.0f;      // pixels
-    int32_t projectionModel = 1;   // 1 Fisheye, 2 Perspective, 3 Auto, 4 Full Spherical
-    int32_t regularizerModel = 4;  // 1 Stereographic, 2 Mercator, 3 Panini, 4 Auto
+    ProjectionModel projectionModel = ProjectionModel::Fisheye;
+    RegularizerModel regularizerModel = RegularizerModel::Auto;
     int32_t scale = 120;
     float offsetX = 0.5f;
     float offsetY = 0.5f;
@@ -118,15 +120,15 @@ public:
     virtual void SetPhysicalFocal(float mm) = 0;
     virtual void SetCropFactor(float crop) = 0;
     virtual void SetFocalLength(float pixels) = 0;
-    virtual void SetProjectionModel(int32_t model) = 0;
-    virtual void SetRegularizerModel(int32_t model) = 0;
+    virtual void SetProjectionModel(ProjectionModel model) = 0;
+    virtual void SetRegularizerModel(RegularizerModel model) = 0;
     virtual void SetScale(int32_t scale) = 0;
     virtual void SetOffsets(float x, float y) = 0;
 
     // Runs the projection-model decision on the model just stored, with
     // `previousModel` as the fall-back, without resetting to defaults and
     // with warnings shown; leaves the decided model in the settings.
-    virtual void ChooseProjection(int32_t previousModel) = 0;
+    virtual void ChooseProjection(ProjectionModel previousModel) = 0;
     // The projection, regulariser or focal length changed: reset the solver
     // (rebuild the projection and the warp) and ask for a new preview.
     virtual void SettingsChanged() = 0;
@@ -151,7 +153,7 @@ public:
     GeodesicLines* lines = nullptr;
     int32_t undoPosition = 0;
     int32_t settingsChangedCalls = 0;
-    std::vector<int32_t> chooseProjectionCalls;  // the previous models passed
+    std::vector<ProjectionModel> chooseProjectionCalls;  // the previous models passed
 
     int32_t ImageWidth() const override { return width; }
     int32_t ImageHeight() const override { return height; }
@@ -162,25 +164,26 @@ public:
     void SetPhysicalFocal(float mm) override { settings.physicalFocal = mm; }
     void SetCropFactor(float crop) override { settings.cropFactor = crop; }
     void SetFocalLength(float pixels) override { settings.focalLength = pixels; }
-    void SetProjectionModel(int32_t m) override { settings.projectionModel = m; }
-    void SetRegularizerModel(int32_t m) override { settings.regularizerModel = m; }
+    void SetProjectionModel(ProjectionModel m) override { settings.projectionModel = m; }
+    void SetRegularizerModel(RegularizerModel m) override { settings.regularizerModel = m; }
     void SetScale(int32_t s) override { settings.scale = s; }
     void SetOffsets(float x, float y) override { settings.offsetX = x, settings.offsetY = y; }
-    void ChooseProjection(int32_t previousModel) override { chooseProjectionCalls.push_back(previousModel); }
+    void ChooseProjection(ProjectionModel previousModel) override {
+        chooseProjectionCalls.push_back(previousModel);
+    }
     void SettingsChanged() override { ++settingsChangedCalls; }
     GeodesicLines* Lines() override { return lines; }
     int32_t UndoPosition() const override { return undoPosition; }
 };
 
-// Popup index <-> model. Projection: index n is model n + 1 (1 ... 4); an
-// index outside 0 ... 3 reads as Fisheye (1). Regulariser: index n is model
-// n + 1 (1 Stereographic ... 4 Auto); outside 0 ... 3 reads as Auto (4). The
-// writer stores a model outside 1 ... 4 as index 0 (projection) or 3
-// (regulariser).
-int32_t projectionModelFromIndex(uint32_t index);
-int32_t regularizerModelFromIndex(uint32_t index);
-uint32_t projectionIndexFromModel(int32_t model);
-uint32_t regularizerIndexFromModel(int32_t model);
+// Popup index <-> model: index n is the model whose code is n + 1 (Fisheye
+// ... Full Spherical, Stereographic ... Auto). An index outside 0 ... 3 reads
+// as Fisheye or Auto; the writer stores a model outside those four as index 0
+// (projection) or 3 (regulariser).
+ProjectionModel projectionModelFromIndex(uint32_t index);
+RegularizerModel regularizerModelFromIndex(uint32_t index);
+uint32_t projectionIndexFromModel(ProjectionModel model);
+uint32_t regularizerIndexFromModel(RegularizerModel model);
 
 // Serialises the header (from the context) and the set's records. A
 // constraint whose run-time class is neither LineConstraint nor

@@ -6,28 +6,14 @@
 
 #include "constraints/Constraint.h"
 #include "constraints/ConstraintSet.h"
+#include "core/SphereFrames.h"
 
 namespace Project {
 
 namespace {
 
-using Vec3 = std::array<double, 3>;
-
-double Dot(const Vec3& a, const Vec3& b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
-Vec3 Cross(const Vec3& a, const Vec3& b) {
-    return {a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
-}
-double Norm(const Vec3& a) { return std::sqrt(Dot(a, a)); }
-Vec3 Scaled(const Vec3& a, double s) { return {a[0] * s, a[1] * s, a[2] * s}; }
-
-// The photo frame: (sin lambda cos phi, sin phi, cos lambda cos phi); x towards
-// increasing image x, y towards increasing image row, z the optical axis.
-Vec3 PhotoVector(SphereDirection d) {
-    const double l = d.lambda, p = d.phi;
-    return {std::sin(l) * std::cos(p), std::sin(p), std::cos(l) * std::cos(p)};
-}
-
-SphereDirection DirectionOf(const Vec3& v) {
+// The inverse of PhotoFrameVector.
+SphereDirection DirectionOf(const Vec3d& v) {
     const double y = std::clamp(v[1], -1.0, 1.0);
     return {static_cast<float>(std::atan2(v[0], v[2])), static_cast<float>(std::asin(y))};
 }
@@ -138,9 +124,9 @@ GeodesicLine GeodesicLines::FitArcBetween(PointF first, PointF second, const Sph
     } else if (!SourceToSphere(second, b)) {
         return line;
     }
-    const Vec3 v1 = PhotoVector(a);
-    const Vec3 v2 = PhotoVector(b);
-    Vec3 n = Cross(v1, v2);
+    const Vec3d v1 = PhotoFrameVector(a);
+    const Vec3d v2 = PhotoFrameVector(b);
+    Vec3d n = Cross(v1, v2);
     const double sinAngle = Norm(n);
     // Equal or opposite endpoints leave the great circle undetermined.
     if (!(sinAngle > 1e-9)) return line;
@@ -153,8 +139,8 @@ GeodesicLine GeodesicLines::FitArcBetween(PointF first, PointF second, const Sph
     // possible in panoramas).
     SphereDirection mid;
     if (SourceToSphere({0.5f * (first.x + second.x), 0.5f * (first.y + second.y)}, mid)) {
-        const Vec3 shortMid{v1[0] + v2[0], v1[1] + v2[1], v1[2] + v2[2]};
-        if (Dot(PhotoVector(mid), shortMid) < 0.0) {
+        const Vec3d shortMid = Sum(v1, v2);
+        if (Dot(PhotoFrameVector(mid), shortMid) < 0.0) {
             arc = 2.0 * std::numbers::pi - arc;
             n = Scaled(n, -1.0);
         }
@@ -165,7 +151,7 @@ GeodesicLine GeodesicLines::FitArcBetween(PointF first, PointF second, const Sph
     line.circleNormal = n;
     line.arcAngle = arc;
     const int32_t steps = std::max(1, static_cast<int32_t>(std::ceil(arc / spacing_)));
-    const Vec3 w = Cross(n, v1);  // v1 rotated a quarter turn along the arc
+    const Vec3d w = Cross(n, v1);  // v1 rotated a quarter turn along the arc
     line.samples.resize(static_cast<size_t>(steps) + 1);
     for (int32_t k = 0; k <= steps; ++k) {
         SphereSample& s = line.samples[static_cast<size_t>(k)];
@@ -231,24 +217,25 @@ bool GeodesicLines::SetUpPlane(const PlaneConstraint& constraint) {
 
     bool valid = n >= 3 && std::all_of(hasDir.begin(), hasDir.end(), [](bool b) { return b; });
     if (valid) {
-        Vec3 m{0.0, 0.0, 0.0};
-        std::vector<Vec3> vs(static_cast<size_t>(n));
+        Vec3d m{0.0, 0.0, 0.0};
+        std::vector<Vec3d> vs(static_cast<size_t>(n));
         for (int32_t k = 0; k < n; ++k) {
-            vs[static_cast<size_t>(k)] = PhotoVector(dirs[static_cast<size_t>(k)]);
+            vs[static_cast<size_t>(k)] = PhotoFrameVector(dirs[static_cast<size_t>(k)]);
             for (int c = 0; c < 3; ++c) m[c] += vs[static_cast<size_t>(k)][c];
         }
         const double len = Norm(m);
         valid = len > 1e-9;
         if (valid) {
             m = Scaled(m, 1.0 / len);
-            for (const Vec3& v : vs) valid = valid && Dot(v, m) > 1e-3;
+            for (const Vec3d& v : vs)
+                valid = valid && Dot(v, m) > 1e-3;
         }
         if (valid) {
-            Vec3 e1{1.0, 0.0, 0.0};
+            Vec3d e1{1.0, 0.0, 0.0};
             e1 = {e1[0] - m[0] * m[0], -m[0] * m[1], -m[0] * m[2]};
             if (Norm(e1) < 1e-3) e1 = {-m[1] * m[0], 1.0 - m[1] * m[1], -m[1] * m[2]};
             e1 = Scaled(e1, 1.0 / Norm(e1));
-            const Vec3 e2 = Cross(m, e1);
+            const Vec3d e2 = Cross(m, e1);
             plane.mean = m;
             plane.e1 = e1;
             plane.e2 = e2;
@@ -256,7 +243,7 @@ bool GeodesicLines::SetUpPlane(const PlaneConstraint& constraint) {
             std::vector<PointF> outline(static_cast<size_t>(n));
             float minU = INFINITY, maxU = -INFINITY, minV = INFINITY, maxV = -INFINITY;
             for (int32_t k = 0; k < n; ++k) {
-                const Vec3& v = vs[static_cast<size_t>(k)];
+                const Vec3d& v = vs[static_cast<size_t>(k)];
                 const double vm = Dot(v, m);
                 const PointF p{static_cast<float>(Dot(v, e1) / vm), static_cast<float>(Dot(v, e2) / vm)};
                 outline[static_cast<size_t>(k)] = p;
@@ -271,7 +258,7 @@ bool GeodesicLines::SetUpPlane(const PlaneConstraint& constraint) {
                 for (int32_t i = 0; i < size; ++i) {
                     if (!(mesh.Fold(i, j) == MeshVertex{i, j})) continue;
                     const SphereDirection d = mesh.UnrotatedAngles(i, j);
-                    const Vec3 v = PhotoVector(d);
+                    const Vec3d v = PhotoFrameVector(d);
                     const double vm = Dot(v, m);
                     if (vm <= 1e-6) continue;
                     const PointF p{static_cast<float>(Dot(v, e1) / vm), static_cast<float>(Dot(v, e2) / vm)};

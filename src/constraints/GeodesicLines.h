@@ -7,8 +7,9 @@
 #include <vector>
 
 #include "constraints/ConstraintTypes.h"
-#include "constraints/MeshLocator.h"
+#include "core/Vector3.h"
 #include "geometry/PhotoToSphere.h"
+#include "warp/MeshLocator.h"
 #include "warp/OctaMap.h"
 #include "warp/SphereWarp.h"
 
@@ -58,9 +59,9 @@ struct GeodesicLine {
     // radians, n = (cos alpha, sin alpha): pi/2 for Horizontal, 0 for Vertical,
     // the line's angle + 90 degrees for Arbitrary; 0 and unused for Unfixed.
     double fixedNormal = 0.0;
-    // The fitted great circle's unit normal, photo frame
-    // (sin l cos p, sin p, cos l cos p), and the arc's angle in radians.
-    std::array<double, 3> circleNormal{};
+    // The fitted great circle's unit normal in the photo frame (see
+    // core/SphereFrames.h), and the arc's angle in radians.
+    Vec3d circleNormal{};
     double arcAngle = 0.0;
     // Samples from the first endpoint (front) to the second (back), spaced by
     // at most GeodesicLines::SampleSpacing(); the first and last samples are
@@ -99,9 +100,9 @@ struct GeodesicPlane {
     // Takes part in the solve (owns eight unknowns): valid with at least four
     // samples, so that its projective map is determined.
     bool active = false;
-    std::array<double, 3> mean{};  // m, photo frame
-    std::array<double, 3> e1{};
-    std::array<double, 3> e2{};
+    Vec3d mean{};  // m, photo frame
+    Vec3d e1{};
+    Vec3d e2{};
     std::vector<std::array<float, 2>> outline;  // (u, v) of the corners
     std::vector<PlaneSample> samples;
 };

@@ -1,7 +1,7 @@
 #include "editor/PConstraintClipboard.h"
 
 #include "constraints/ConstraintFile.h"
-#include "session/LocalizedString.h"
+#include "core/LocalizedString.h"
 
 namespace Project {
 

@@ -11,7 +11,7 @@
 #include "editor/PTasks.h"
 #include "editor/PWorkspace.h"
 #include "framework/Views.h"
-#include "session/LocalizedString.h"
+#include "core/LocalizedString.h"
 
 namespace Project {
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "session/LocalizedString.h"
+#include "core/LocalizedString.h"
 
 namespace Velmo {
 

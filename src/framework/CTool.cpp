@@ -8,7 +8,7 @@
 #include "framework/CCursors.h"
 #include "framework/CImagePane.h"
 #include "framework/ModifierFlags.h"
-#include "session/LocalizedString.h"
+#include "core/LocalizedString.h"
 
 namespace Velmo {
 

@@ -6,7 +6,7 @@
 #include <QToolButton>
 #include <QVariant>
 
-#include "session/LocalizedString.h"
+#include "core/LocalizedString.h"
 
 namespace Velmo {
 

@@ -2,6 +2,7 @@
 
 #include <Eigen/Dense>
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cmath>
 #include <cstring>
@@ -133,12 +134,12 @@ std::optional<LensfunRadialModel> lensfunRadialModel(const lfLens& lens, float f
     return m;
 }
 
-std::optional<LensProfile> profileFromRadialModel(const LensfunRadialModel& model, float lensCrop,
-                                                  float cameraCrop, float metadataCrop, uint32_t width,
-                                                  uint32_t height) {
-    // The field to fit: rays from the axis out to the one that lands on the
-    // image corner farthest from the distortion centre, or to where the
-    // lens's radius stops growing (a fold), or to kMaxTheta.
+namespace {
+
+// The field to fit: rays from the axis out to the one that lands on the image
+// corner farthest from the distortion centre, or to where the lens's radius
+// stops growing (a fold), or to kMaxTheta. Radians.
+double FieldToFit(const LensfunRadialModel& model, uint32_t width, uint32_t height) {
     const double halfW = static_cast<double>(width / 2);
     const double halfH = static_cast<double>(height / 2);
     double farthest = 0.0;
@@ -147,15 +148,12 @@ std::optional<LensProfile> profileFromRadialModel(const LensfunRadialModel& mode
             farthest = std::max(farthest, std::hypot(cx - model.centreX, cy - model.centreY));
 
     constexpr int kScan = 2000;
-    double thetaMax = kMaxTheta;
     double previous = 0.0;
     for (int i = 1; i <= kScan; ++i) {
         const double theta = kMaxTheta * i / kScan;
         const double r = model.radius(theta);
-        if (!std::isfinite(r) || r <= previous) {  // folded: the field ends before it
-            thetaMax = kMaxTheta * (i - 1) / kScan;
-            break;
-        }
+        if (!std::isfinite(r) || r <= previous)  // folded: the field ends before it
+            return kMaxTheta * (i - 1) / kScan;
         if (r >= farthest) {
             // Bisect between the previous step and this one.
             double lo = kMaxTheta * (i - 1) / kScan;
@@ -164,25 +162,27 @@ std::optional<LensProfile> profileFromRadialModel(const LensfunRadialModel& mode
                 const double mid = 0.5 * (lo + hi);
                 (model.radius(mid) < farthest ? lo : hi) = mid;
             }
-            thetaMax = hi;
-            break;
+            return hi;
         }
         previous = r;
     }
-    if (!(thetaMax > 0.01)) return std::nullopt;
+    return kMaxTheta;
+}
 
-    // The fit, over 256 evenly spaced field positions t in (0, tMax]: t = theta
-    // for a fisheye, t = tan(theta) (the pinhole radius) for a rectilinear
-    // lens. It compares lensfun's radius with ours, fx (t + k1 t^3 + k2 t^5)
-    // for the fisheye form and fx (t + k1 t^3 + k2 t^5 + k3 t^7) for the
-    // radial (Brown-Conrady) form, in pixels, with fx free: the problem is
-    // linear in (fx, fx k1, fx k2 [, fx k3]). Tangential terms stay 0
-    // (lensfun's models are radially symmetric). It minimises the largest
-    // error: a least-squares solution refined by Lawson's reweighting, which
-    // converges to the minimax one. (Poly3 and poly5 become odd polynomials
-    // that the forms hold almost exactly; the ptlens model's even powers
-    // cannot be held by them and leave a residual.) t is scaled to [0, 1]
-    // for conditioning.
+// The polynomial coefficients (of t, t^3, t^5 [, t^7]; the rest 0) that
+// follow the lens over the field, 256 evenly spaced field positions t in
+// (0, tMax]: t = theta for a fisheye, t = tan(theta) (the pinhole radius) for
+// a rectilinear lens. The fit compares lensfun's radius with ours, fx (t + k1
+// t^3 + k2 t^5) for the fisheye form and fx (t + k1 t^3 + k2 t^5 + k3 t^7)
+// for the radial (Brown-Conrady) form, in pixels, with fx free: the problem
+// is linear in (fx, fx k1, fx k2 [, fx k3]). Tangential terms stay 0
+// (lensfun's models are radially symmetric). It minimises the largest error:
+// a least-squares solution refined by Lawson's reweighting, which converges
+// to the minimax one. (Poly3 and poly5 become odd polynomials that the forms
+// hold almost exactly; the ptlens model's even powers cannot be held by them
+// and leave a residual.) t is scaled to [0, 1] for conditioning.
+std::optional<std::array<double, 4>> FitOddPolynomial(const LensfunRadialModel& model,
+                                                      double thetaMax) {
     const bool fisheye = model.isFisheye();
     const int terms = fisheye ? 3 : 4;
     const double tMax = fisheye ? thetaMax : std::tan(thetaMax);
@@ -205,31 +205,52 @@ std::optional<LensProfile> profileFromRadialModel(const LensfunRadialModel& mode
     double bestError = std::numeric_limits<double>::infinity();
     for (int iteration = 0; iteration < 60; ++iteration) {
         const Eigen::VectorXd root = weights.cwiseSqrt();
-        const Eigen::VectorXd trial = (root.asDiagonal() * a).colPivHouseholderQr().solve(root.asDiagonal() * b);
+        const Eigen::VectorXd trial =
+            (root.asDiagonal() * a).colPivHouseholderQr().solve(root.asDiagonal() * b);
         const Eigen::VectorXd error = (a * trial - b).cwiseAbs();
-        if (!error.allFinite()) break;
+        if (!error.allFinite())
+            break;
         if (error.maxCoeff() < bestError) {
             bestError = error.maxCoeff();
             c = trial;
         }
         weights = weights.cwiseProduct(error);
         const double sum = weights.sum();
-        if (!(sum > 0.0)) break;
+        if (!(sum > 0.0))
+            break;
         weights /= sum;
     }
-    if (c.size() != terms) return std::nullopt;
+    if (c.size() != terms)
+        return std::nullopt;
     // Undo the scaling: c_j s^(2j+1) = (c_j / tMax^(2j+1)) t^(2j+1).
-    double coeff[4] = {0, 0, 0, 0};
-    for (int j = 0; j < terms; ++j) coeff[j] = c(j) / std::pow(tMax, 2 * j + 1);
-    const double fx = coeff[0];
-    if (!std::isfinite(fx) || !(fx > 0.0)) return std::nullopt;
+    std::array<double, 4> coeff = {0, 0, 0, 0};
+    for (int j = 0; j < terms; ++j)
+        coeff[static_cast<size_t>(j)] = c(j) / std::pow(tMax, 2 * j + 1);
+    return coeff;
+}
 
+}  // namespace
+
+std::optional<LensProfile> profileFromRadialModel(const LensfunRadialModel& model, float lensCrop,
+                                                  float cameraCrop, float metadataCrop,
+                                                  uint32_t width, uint32_t height) {
+    const double thetaMax = FieldToFit(model, width, height);
+    if (!(thetaMax > 0.01))
+        return std::nullopt;
+    const auto coeff = FitOddPolynomial(model, thetaMax);
+    if (!coeff)
+        return std::nullopt;
+    const double fx = (*coeff)[0];
+    if (!std::isfinite(fx) || !(fx > 0.0))
+        return std::nullopt;
+
+    const bool fisheye = model.isFisheye();
     LensProfile p;
     p.found = true;
     p.cameraModel = fisheye ? LensCameraModel::Fisheye : LensCameraModel::RadialDistortion;
-    p.k1 = static_cast<float>(coeff[1] / fx);
-    p.k2 = static_cast<float>(coeff[2] / fx);
-    p.k3 = static_cast<float>(coeff[3] / fx);
+    p.k1 = static_cast<float>((*coeff)[1] / fx);
+    p.k2 = static_cast<float>((*coeff)[2] / fx);
+    p.k3 = static_cast<float>((*coeff)[3] / fx);
     p.sensorFormatFactor = lensCrop;
     // lensfun's calibrations belong to a lens, measured on some body: never
     // known to be the photo's own.

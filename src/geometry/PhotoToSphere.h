@@ -5,16 +5,9 @@
 #include <memory>
 #include <vector>
 
-namespace Project {
+#include "core/SphereFrames.h"
 
-// A direction on the view sphere in radians. Unit vector
-// (sin lambda cos phi, sin phi, cos lambda cos phi); lambda = phi = 0 is the
-// optical axis. Positive lambda goes towards increasing image x, positive phi
-// towards increasing image row (downwards in the picture).
-struct SphereDirection {
-    float lambda = 0.0f;
-    float phi = 0.0f;
-};
+namespace Project {
 
 // A point of the source picture in pixels from the image centre
 // (floor(width / 2), floor(height / 2)); x to the right, y downwards.

@@ -53,23 +53,24 @@ std::shared_ptr<PhotoToSphere> makeFromProfile(std::shared_ptr<const SourceRaste
 
 }  // namespace
 
-std::shared_ptr<PhotoToSphere> makeProjection(uint32_t model, float focalLengthPixels,
+std::shared_ptr<PhotoToSphere> makeProjection(ProjectionModel model, float focalLengthPixels,
                                               std::shared_ptr<const SourceRaster> raster,
                                               const CameraMetadata& metadata,
-                                              const std::optional<LensProfile>& profile, float focalScaleRatio) {
+                                              const std::optional<LensProfile>& profile,
+                                              float focalScaleRatio) {
     if (!raster) return nullptr;
     const float halfW = static_cast<float>(raster->width) * 0.5f;
     const float halfH = static_cast<float>(raster->height) * 0.5f;
     switch (model) {
-        case projection_model::kFisheye:
+        case ProjectionModel::Fisheye:
             return std::make_shared<FisheyeImage>(std::move(raster), focalLengthPixels, halfW, halfH);
-        case projection_model::kPerspective:
+        case ProjectionModel::Perspective:
             return std::make_shared<PerspectiveImage>(std::move(raster), focalLengthPixels, halfW, halfH);
-        case projection_model::kFullSpherical: {
+        case ProjectionModel::FullSpherical: {
             const float f = static_cast<float>(raster->height) / kPi;
             return std::make_shared<SphericalImage>(std::move(raster), f, halfW, halfH);
         }
-        case projection_model::kAuto:
+        case ProjectionModel::Auto:
             if (metadata.isPanorama) return makePanorama(std::move(raster), metadata);
             if (profile && profile->found) return makeFromProfile(std::move(raster), *profile, focalScaleRatio);
             return nullptr;
@@ -78,9 +79,11 @@ std::shared_ptr<PhotoToSphere> makeProjection(uint32_t model, float focalLengthP
     }
 }
 
-std::shared_ptr<PhotoToSphere> makeProjection(uint32_t model, float focalLengthPixels, int32_t width,
-                                              int32_t height, const CameraMetadata& metadata,
-                                              const std::optional<LensProfile>& profile, float focalScaleRatio) {
+std::shared_ptr<PhotoToSphere> makeProjection(ProjectionModel model, float focalLengthPixels,
+                                              int32_t width, int32_t height,
+                                              const CameraMetadata& metadata,
+                                              const std::optional<LensProfile>& profile,
+                                              float focalScaleRatio) {
     return makeProjection(model, focalLengthPixels, std::make_shared<const SourceRaster>(width, height), metadata,
                           profile, focalScaleRatio);
 }
@@ -92,11 +95,14 @@ bool isFullSphericalAspect(int32_t width, int32_t height) {
     return !(std::fabs(w - 2.0 * h) / w > 0.001);
 }
 
-uint32_t modelForFocalLength(float focalMm, uint32_t current, uint32_t fallback) {
+ProjectionModel modelForFocalLength(float focalMm, ProjectionModel current,
+                                    ProjectionModel fallback) {
     const double f = focalMm;
     if (std::fabs(f) < 0.01) return fallback;
-    if (f - 16.0 > 0.01) return projection_model::kPerspective;
-    if (f > 0.01 && 16.0 - f > 0.01) return projection_model::kFisheye;
+    if (f - 16.0 > 0.01)
+        return ProjectionModel::Perspective;
+    if (f > 0.01 && 16.0 - f > 0.01)
+        return ProjectionModel::Fisheye;
     return current;
 }
 

@@ -5,25 +5,16 @@
 #include <optional>
 #include <string_view>
 
+#include "core/Models.h"
 #include "geometry/CameraMetadata.h"
 #include "geometry/LensProfile.h"
 #include "geometry/PhotoToSphere.h"
 
 namespace Project {
 
-// Projection-model codes as the settings record and the scripting parameters
-// store them (0 = no projection built).
-namespace projection_model {
-inline constexpr uint32_t kNone = 0;
-inline constexpr uint32_t kFisheye = 1;
-inline constexpr uint32_t kPerspective = 2;
-inline constexpr uint32_t kAuto = 3;  // lens profile; "Panorama" when the photo has panorama metadata
-inline constexpr uint32_t kFullSpherical = 4;
-}  // namespace projection_model
-
 // Builds the projection object for a model, from explicit inputs (the caller
 // reads them from its settings):
-//   model                 a projection_model code;
+//   model                 the projection model;
 //   focalLengthPixels     the session's focal length (Fisheye, Perspective);
 //   raster                the source rectangle's raster (width, height; its
 //                         pixels may be filled later by the caller);
@@ -32,28 +23,32 @@ inline constexpr uint32_t kFullSpherical = 4;
 //   focalScaleRatio       focalScaleRatio(metadata.cropFactor(), *profile),
 //                         held by the session beside the profile.
 // Model table:
-//   1 FisheyeImage, 2 PerspectiveImage: f = focalLengthPixels, principal
-//     point at the raster centre;
-//   4 SphericalImage: f = height / pi, principal point at the raster centre;
-//   3 with metadata.isPanorama: by the transformation (Cylindrical,
+//   Fisheye (FisheyeImage), Perspective (PerspectiveImage): f =
+//     focalLengthPixels, principal point at the raster centre;
+//   FullSpherical (SphericalImage): f = height / pi, principal point at the
+//     raster centre;
+//   Auto with metadata.isPanorama: by the transformation (Cylindrical,
 //     Spherical, Perspective) with f = the virtual focal length; principal
 //     point (full image width / 2, virtual centre y) for Cylindrical, (virtual
 //     centre x, virtual centre y) otherwise;
-//   3 without: KestrixFisheye for a fisheye profile, KestrixPerspective for a
+//   Auto without: KestrixFisheye for a fisheye profile, KestrixPerspective for a
 //     radial one, with S = max(width, height), fx = S R FocalLengthX,
 //     fy = S R FocalLengthY, cx = (ImageXCenter - 0.5) S, cy = (0.5 -
 //     ImageYCenter) S.
-// Returns null when nothing is built (model 0 or unknown, or model 3 without
-// panorama metadata and without a usable profile).
-std::shared_ptr<PhotoToSphere> makeProjection(uint32_t model, float focalLengthPixels,
+// Returns null when nothing is built (None or an unknown value, or Auto
+// without panorama metadata and without a usable profile).
+std::shared_ptr<PhotoToSphere> makeProjection(ProjectionModel model, float focalLengthPixels,
                                               std::shared_ptr<const SourceRaster> raster,
                                               const CameraMetadata& metadata,
-                                              const std::optional<LensProfile>& profile, float focalScaleRatio);
+                                              const std::optional<LensProfile>& profile,
+                                              float focalScaleRatio);
 
 // The same over a fresh raster of width x height whose pixels are left empty.
-std::shared_ptr<PhotoToSphere> makeProjection(uint32_t model, float focalLengthPixels, int32_t width,
-                                              int32_t height, const CameraMetadata& metadata,
-                                              const std::optional<LensProfile>& profile, float focalScaleRatio);
+std::shared_ptr<PhotoToSphere> makeProjection(ProjectionModel model, float focalLengthPixels,
+                                              int32_t width, int32_t height,
+                                              const CameraMetadata& metadata,
+                                              const std::optional<LensProfile>& profile,
+                                              float focalScaleRatio);
 
 // --- Pure helpers of the projection-model decision.
 // Used by the session's chooseProjection (and through it by the editor's
@@ -74,6 +69,7 @@ inline constexpr std::string_view kInvalidFullSphericalRatioKey =
 // The caller picks the value that decides: the session's chooseProjection
 // (which the editor's popup and "As Shot" go through) passes the photo's
 // 35 mm-equivalent focal length, CameraMetadata::equivalentFocalLength().
-uint32_t modelForFocalLength(float focalMm, uint32_t current, uint32_t fallback);
+ProjectionModel modelForFocalLength(float focalMm, ProjectionModel current,
+                                    ProjectionModel fallback);
 
 }  // namespace Project

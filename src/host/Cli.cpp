@@ -1,4 +1,4 @@
-#include "host/Cli.h"
+#include "Cli.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -14,8 +14,9 @@
 #include <fstream>
 #include <iostream>
 
-#include "host/ModuleHost.h"
-#include "host/SystemInfo.h"
+#include "ModuleHost.h"
+#include "SystemInfo.h"
+#include "curvana/CurvanaScripting.h"
 
 namespace Curvana::Host {
 namespace fs = std::filesystem;
@@ -244,26 +245,26 @@ fs::path lastActionPath() {
 
 uint32_t projectionCode(const std::string& name) {
     if (name == "fisheye")
-        return CV_FOURCC('f', 'i', 's', 'P');
+        return cvProjectionFisheye;
     if (name == "perspective")
-        return CV_FOURCC('p', 'e', 'r', 'P');
+        return cvProjectionPerspective;
     if (name == "auto")
-        return CV_FOURCC('a', 'u', 't', 'P');
+        return cvProjectionAuto;
     if (name == "full-spherical")
-        return CV_FOURCC('f', 'u', 's', 'P');
+        return cvProjectionFullSpherical;
     throw usage("--projection: '" + name +
                 "' is not one of fisheye, perspective, auto, full-spherical");
 }
 
 uint32_t regularizerCode(const std::string& name) {
     if (name == "stereographic")
-        return CV_FOURCC('s', 't', 'e', 'R');
+        return cvRegularizerStereographic;
     if (name == "mercator")
-        return CV_FOURCC('m', 'e', 'r', 'R');
+        return cvRegularizerMercator;
     if (name == "panini")
-        return CV_FOURCC('p', 'a', 'n', 'R');
+        return cvRegularizerPanini;
     if (name == "auto")
-        return CV_FOURCC('a', 'u', 't', 'R');
+        return cvRegularizerAuto;
     throw usage("--regularizer: '" + name +
                 "' is not one of stereographic, mercator, panini, auto");
 }
@@ -481,7 +482,7 @@ std::unique_ptr<Descriptor> withConstraintFile(const Descriptor* params, const f
         throw HostError(file.string() + ": too large for a constraint file");
     std::ifstream in(file, std::ios::binary);
     DescriptorEntry entry;
-    entry.key = kConstraintDataKey;
+    entry.key = cvKeyConstraintData;
     entry.type = cvTypeRawData;
     entry.data.resize(static_cast<size_t>(size));
     if (!in.read(reinterpret_cast<char*>(entry.data.data()), static_cast<std::streamsize>(size)))
@@ -494,7 +495,7 @@ std::unique_ptr<Descriptor> withConstraintFile(const Descriptor* params, const f
     d->put(std::move(entry));
     if (params)
         for (const DescriptorEntry& e : params->entries())
-            if (e.key != kConstraintDataKey)
+            if (e.key != cvKeyConstraintData)
                 d->put(e);
     return d;
 }
@@ -503,13 +504,12 @@ std::unique_ptr<Descriptor> applyDescriptor(const CliOptions& options, const Des
                                             int32_t width, int32_t height,
                                             const PhotoMetadata& metadata) {
     auto d = params ? std::make_unique<Descriptor>(*params) : std::make_unique<Descriptor>();
-    const uint32_t kPrj = CV_FOURCC('p', 'r', 'j', 'M'), kReg = CV_FOURCC('r', 'e', 'g', 'M');
-    const uint32_t kPhy = CV_FOURCC('P', 'h', 'y', 'F'), kCrp = CV_FOURCC('C', 'r', 'p', 'F');
-    const uint32_t kFoc = CV_FOURCC('f', 'o', 'c', 'L');
     if (options.projection)
-        d->putEnumerated(kPrj, kPrj, projectionCode(*options.projection));
+        d->putEnumerated(cvKeyProjectionModel, cvKeyProjectionModel,
+                         projectionCode(*options.projection));
     if (options.regularizer)
-        d->putEnumerated(kReg, kReg, regularizerCode(*options.regularizer));
+        d->putEnumerated(cvKeyRegularizerModel, cvKeyRegularizerModel,
+                         regularizerCode(*options.regularizer));
 
     // The crop factor the photo implies: its 35 mm equivalent over its focal length.
     const double exifCrop = metadata.focalLengthMm > 0 && metadata.focalLength35mm > 0
@@ -517,23 +517,24 @@ std::unique_ptr<Descriptor> applyDescriptor(const CliOptions& options, const Des
                                 : 0;
     const double longSide = std::max(width, height);
     auto put = [&](double focalMm, double crop) {
-        d->putFloat(kPhy, focalMm);
-        d->putFloat(kCrp, crop);
-        d->putFloat(kFoc, crop * focalMm * longSide / 36.0);
+        d->putFloat(cvKeyPhysicalFocalLength, focalMm);
+        d->putFloat(cvKeyCropFactor, crop);
+        d->putFloat(cvKeyFocalLength, crop * focalMm * longSide / 36.0);
     };
     if (options.focalMm || options.crop) {
-        const double crop = options.crop
-                                ? *options.crop
-                                : d->getFloat(kCrp).value_or(exifCrop > 0 ? exifCrop : 1.0);
-        double focal =
-            options.focalMm ? *options.focalMm : d->getFloat(kPhy).value_or(metadata.focalLengthMm);
+        const double crop =
+            options.crop ? *options.crop
+                         : d->getFloat(cvKeyCropFactor).value_or(exifCrop > 0 ? exifCrop : 1.0);
+        double focal = options.focalMm
+                           ? *options.focalMm
+                           : d->getFloat(cvKeyPhysicalFocalLength).value_or(metadata.focalLengthMm);
         if (focal <= 0 && metadata.focalLength35mm > 0)
             focal = metadata.focalLength35mm / crop;
         if (focal > 0)
             put(focal, crop);
         else
-            d->putFloat(kCrp, crop);
-    } else if (!d->find(kFoc) && !d->find(kConstraintDataKey)) {
+            d->putFloat(cvKeyCropFactor, crop);
+    } else if (!d->find(cvKeyFocalLength) && !d->find(cvKeyConstraintData)) {
         // (A constraint file carries the focal length it was drawn with.)
         if (metadata.focalLengthMm > 0)
             put(metadata.focalLengthMm, exifCrop > 0 ? exifCrop : 1.0);

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "host/Descriptor.h"
-#include "host/Metadata.h"
+#include "Descriptor.h"
+#include "Metadata.h"
 
 namespace Curvana::Host {
 
@@ -46,9 +46,6 @@ std::optional<CliOptions> parseCommandLine(const std::vector<std::string>& args)
 std::unique_ptr<Descriptor> applyDescriptor(const CliOptions& options, const Descriptor* params,
                                             int32_t width, int32_t height,
                                             const PhotoMetadata& metadata);
-
-// The scripting key of the constraint data ("cnsD").
-inline constexpr uint32_t kConstraintDataKey = CV_FOURCC('c', 'n', 's', 'D');
 
 // --params (may be null) with a constraint file's bytes as the constraint
 // data, placed first so that every other key overrides the settings the file

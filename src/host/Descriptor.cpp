@@ -1,4 +1,4 @@
-#include "host/Descriptor.h"
+#include "Descriptor.h"
 
 #include <nlohmann/json.hpp>
 
@@ -11,7 +11,8 @@
 #include <set>
 #include <sstream>
 
-#include "host/ImageTypes.h"
+#include "ImageTypes.h"
+#include "curvana/CurvanaScripting.h"
 
 namespace Curvana::Host {
 namespace {
@@ -417,7 +418,9 @@ nlohmann::json descriptorToJson(const Descriptor& descriptor) {
         }
         entries.push_back(std::move(j));
     }
-    return {{"curvanaAction", 1}, {"event", "cvnC"}, {"descriptor", std::move(entries)}};
+    return {{"curvanaAction", 1},
+            {"event", fourccToString(cvEventCurvana)},
+            {"descriptor", std::move(entries)}};
 }
 
 std::unique_ptr<Descriptor> descriptorFromJson(const nlohmann::json& json,

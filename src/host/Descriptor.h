@@ -12,7 +12,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 
-#include "plugin/CurvanaPlugin.h"
+#include "curvana/CurvanaPlugin.h"
 
 namespace Curvana::Host {
 

@@ -1,4 +1,4 @@
-#include "host/ImageFiles.h"
+#include "ImageFiles.h"
 
 #include <jpeglib.h>
 #include <png.h>

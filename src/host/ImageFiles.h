@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "host/Raster.h"
+#include "Raster.h"
 
 namespace Curvana::Host {
 

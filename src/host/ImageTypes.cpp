@@ -1,4 +1,4 @@
-#include "host/ImageTypes.h"
+#include "ImageTypes.h"
 
 #include <algorithm>
 #include <cctype>

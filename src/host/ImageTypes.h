@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "plugin/CurvanaPlugin.h"
+#include "curvana/CurvanaPlugin.h"
 
 namespace Curvana::Host {
 

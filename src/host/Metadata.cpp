@@ -1,4 +1,4 @@
-#include "host/Metadata.h"
+#include "Metadata.h"
 
 #include <exiv2/exiv2.hpp>
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "host/ImageTypes.h"
+#include "ImageTypes.h"
 
 namespace Exiv2 {
 class ExifData;

@@ -1,4 +1,4 @@
-#include "host/ModuleHost.h"
+#include "ModuleHost.h"
 
 #include <dlfcn.h>
 #include <unistd.h>
@@ -9,7 +9,7 @@
 #include <mutex>
 #include <unordered_map>
 
-#include "host/SystemInfo.h"
+#include "SystemInfo.h"
 
 namespace Curvana::Host {
 

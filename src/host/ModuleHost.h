@@ -12,9 +12,9 @@
 #include <unordered_map>
 #include <vector>
 
-#include "host/Descriptor.h"
-#include "host/Raster.h"
-#include "plugin/CurvanaPlugin.h"
+#include "Descriptor.h"
+#include "Raster.h"
+#include "curvana/CurvanaPlugin.h"
 
 namespace Curvana::Host {
 

@@ -1,12 +1,12 @@
-#include "host/Raster.h"
+#include "Raster.h"
 
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <new>
 
-#include "host/ImageFiles.h"
-#include "host/TiffFile.h"
+#include "ImageFiles.h"
+#include "TiffFile.h"
 
 namespace Curvana::Host {
 

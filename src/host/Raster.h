@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "host/ImageTypes.h"
+#include "ImageTypes.h"
 
 namespace Curvana::Host {
 

@@ -1,4 +1,4 @@
-#include "host/SystemInfo.h"
+#include "SystemInfo.h"
 
 #include <sys/wait.h>
 #include <unistd.h>

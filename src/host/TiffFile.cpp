@@ -1,4 +1,4 @@
-#include "host/TiffFile.h"
+#include "TiffFile.h"
 
 #include <tiffio.h>
 

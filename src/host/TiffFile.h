@@ -11,7 +11,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "host/Raster.h"
+#include "Raster.h"
 
 typedef struct tiff TIFF;
 

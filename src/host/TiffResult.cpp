@@ -8,7 +8,7 @@
 #include <list>
 #include <unordered_map>
 
-#include "host/TiffFile.h"
+#include "TiffFile.h"
 
 namespace Curvana::Host {
 namespace {

@@ -1,5 +1,5 @@
 // curvana: the host program of the Curvana filter module.
-#include "host/Cli.h"
+#include "Cli.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <dlfcn.h>

@@ -1,5 +1,5 @@
 // The module's only exported symbol.
-#include "plugin/CurvanaPlugin.h"
+#include "curvana/CurvanaPlugin.h"
 #include "plugin/ModuleComponents.h"
 #include "session/PluginEntry.h"
 

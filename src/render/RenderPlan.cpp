@@ -318,7 +318,7 @@ std::vector<uint32_t> RenderPlan::TileIndices(int32_t column, int32_t row) const
     return indices;
 }
 
-std::array<float, 16> RenderPlan::TileMatrix(int32_t column, int32_t row) const {
+RenderPlan::PixelFraming RenderPlan::Framing() const {
     const double w = std::max(outputWidth_, 1);
     const double h = std::max(outputHeight_, 1);
     const double fw = frame_.width;
@@ -328,35 +328,31 @@ std::array<float, 16> RenderPlan::TileMatrix(int32_t column, int32_t row) const 
     const double s = 2.0 / std::max(fw, fh);
     const double ax = std::min(1.0, w / h);
     const double ay = std::min(1.0, h / w);
-    const double tile = kTileSize;
-    // ndc_x = (s (x - cx) / ax + 1) W / 1024 - 1 - 2 column
-    // ndc_y = (-s (y - cy) / ay + 1) H / 1024 - 1 - 2 row
-    const double kx = s / ax * w / tile;
-    const double ky = -s / ay * h / tile;
-    const double bx = -kx * cx + w / tile - 1.0 - 2.0 * column;
-    const double by = -ky * cy + h / tile - 1.0 - 2.0 * row;
+    // px = (s (x - cx) / ax + 1) W / 2, py = (-s (y - cy) / ay + 1) H / 2
+    const double kx = s / ax * 0.5 * w;
+    const double ky = -s / ay * 0.5 * h;
+    return {kx, -kx * cx + 0.5 * w, ky, -ky * cy + 0.5 * h};
+}
+
+std::array<float, 16> RenderPlan::TileMatrix(int32_t column, int32_t row) const {
+    // A tile's 1024 pixels span [-1, 1]: ndc = 2 pixel / 1024 - 1 - 2 column
+    // (rows alike). Powers of two only, so the scaling is exact.
+    const PixelFraming f = Framing();
+    const double toNdc = 2.0 / kTileSize;
     std::array<float, 16> m{};
-    m[0] = static_cast<float>(kx);
-    m[3] = static_cast<float>(bx);
-    m[5] = static_cast<float>(ky);
-    m[7] = static_cast<float>(by);
+    m[0] = static_cast<float>(f.scaleX * toNdc);
+    m[3] = static_cast<float>(f.offsetX * toNdc - 1.0 - 2.0 * column);
+    m[5] = static_cast<float>(f.scaleY * toNdc);
+    m[7] = static_cast<float>(f.offsetY * toNdc - 1.0 - 2.0 * row);
     m[10] = 1.0f;
     m[15] = 1.0f;
     return m;
 }
 
 void RenderPlan::PlaneToPixel(double x, double y, double& px, double& py) const {
-    const double w = std::max(outputWidth_, 1);
-    const double h = std::max(outputHeight_, 1);
-    const double fw = frame_.width;
-    const double fh = frame_.height;
-    const double cx = frame_.left + 0.5 * fw;
-    const double cy = frame_.top - 0.5 * fh;
-    const double s = 2.0 / std::max(fw, fh);
-    const double ax = std::min(1.0, w / h);
-    const double ay = std::min(1.0, h / w);
-    px = (s * (x - cx) / ax + 1.0) * 0.5 * w;
-    py = (-s * (y - cy) / ay + 1.0) * 0.5 * h;
+    const PixelFraming f = Framing();
+    px = f.scaleX * x + f.offsetX;
+    py = f.scaleY * y + f.offsetY;
 }
 
 }  // namespace Project

@@ -180,6 +180,13 @@ public:
     void PlaneToPixel(double x, double y, double& px, double& py) const;
 
 private:
+    // The framing transform, written once for the GPU matrices and the CPU
+    // mapping: pixel x = scaleX x + offsetX, pixel y = scaleY y + offsetY.
+    struct PixelFraming {
+        double scaleX, offsetX, scaleY, offsetY;
+    };
+    PixelFraming Framing() const;
+
     void BuildBuckets();
     void BuildSourceTiles();
 

@@ -5,7 +5,7 @@
 #include <variant>
 #include <vector>
 
-#include "plugin/CurvanaPlugin.h"
+#include "curvana/CurvanaPlugin.h"
 
 namespace Project {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "plugin/CurvanaPlugin.h"
+#include "curvana/CurvanaPlugin.h"
 
 namespace Project {
 

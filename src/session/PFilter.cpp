@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "geometry/ProjectionFactory.h"
-#include "session/LocalizedString.h"
+#include "core/LocalizedString.h"
 #include "session/PreferencesFile.h"
 #include "session/ScriptParameters.h"
 #include "session/XmpToolkit.h"
@@ -287,9 +287,8 @@ void PFilter::chooseProjection(ProjectionModel fallback, bool autoMode, bool war
     if (autoMode) {
         // The 35 mm-equivalent focal length decides between fisheye and
         // perspective (16 mm rule).
-        s.projectionModel = static_cast<ProjectionModel>(modelForFocalLength(
-            cameraMetadata().equivalentFocalLength(), static_cast<uint32_t>(s.projectionModel),
-            static_cast<uint32_t>(fallback)));
+        s.projectionModel = modelForFocalLength(cameraMetadata().equivalentFocalLength(),
+                                                s.projectionModel, fallback);
     }
     if (dialog_)
         dialog_->RefreshProjection();

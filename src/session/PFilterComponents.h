@@ -3,9 +3,9 @@
 #include <cstdint>
 #include <memory>
 
+#include "curvana/CurvanaPlugin.h"
 #include "geometry/LensProfile.h"
 #include "geometry/PhotoToSphere.h"
-#include "plugin/CurvanaPlugin.h"
 #include "session/HostRecord.h"
 #include "session/PSettings.h"
 #include "session/ScriptParameters.h"

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "plugin/CurvanaPlugin.h"
+#include "curvana/CurvanaPlugin.h"
 #include "session/HostRecord.h"
 
 namespace Project {

@@ -4,29 +4,10 @@
 #include <cstdint>
 #include <string>
 
+#include "core/Models.h"
 #include "geometry/CameraMetadata.h"
 
 namespace Project {
-
-// How the photograph's pixels map onto the view sphere. The field that holds
-// it may carry any 32-bit value (an old preferences file, a script); readers
-// and writers map unknown values as documented where they do.
-enum class ProjectionModel : uint32_t {
-    None = 0,
-    Fisheye = 1,
-    Perspective = 2,
-    Auto = 3,  // the lens profile, or "Panorama" when the photo has panorama metadata
-    FullSpherical = 4,
-};
-
-// The closed form the mesh is regularised towards.
-enum class RegularizerModel : uint32_t {
-    Stereographic = 1,
-    Mercator = 2,
-    Panini = 3,
-    Auto = 4,
-    Equirectangular = 1000,
-};
 
 // The filter's settings: a plain record copied by value. The live copy belongs
 // to the filter session; a saved copy lives in PPreferences. The fields are in

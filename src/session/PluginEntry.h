@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "plugin/CurvanaPlugin.h"
+#include "curvana/CurvanaPlugin.h"
 #include "session/PFilterComponents.h"
 
 namespace Project {

@@ -1,12 +1,12 @@
 #include "session/PreferencesFile.h"
 
 #include <array>
-#include <bit>
 #include <string_view>
 
-#include "session/FileIO.h"
-#include "session/FourCC.h"
-#include "session/LocalizedString.h"
+#include "core/ByteIO.h"
+#include "core/FourCC.h"
+#include "core/FileIO.h"
+#include "core/LocalizedString.h"
 
 namespace Project {
 
@@ -44,96 +44,7 @@ uint32_t StoredProjection(ProjectionModel model) {
     }
 }
 
-class Writer {
-public:
-    explicit Writer(std::endian order) : order_(order) {}
-
-    void U8(uint8_t v) { bytes_.push_back(v); }
-    void U16(uint16_t v) { Put(v, 2); }
-    void U32(uint32_t v) { Put(v, 4); }
-    void I32(int32_t v) { U32(static_cast<uint32_t>(v)); }
-    void F32(float v) { U32(std::bit_cast<uint32_t>(v)); }
-    void String(const std::string& s) {
-        U32(static_cast<uint32_t>(s.size()));
-        if (s.empty())
-            return;
-        U32(kUtf8);
-        bytes_.insert(bytes_.end(), s.begin(), s.end());
-    }
-
-    size_t Size() const { return bytes_.size(); }
-    // Overwrites the word at a position written earlier.
-    void PatchU32(size_t at, uint32_t v) {
-        for (int i = 0; i < 4; ++i)
-            bytes_[at + static_cast<size_t>(i)] = ByteOf(v, i, 4);
-    }
-    std::vector<uint8_t> Take() { return std::move(bytes_); }
-
-private:
-    uint8_t ByteOf(uint32_t v, int i, int width) const {
-        const int shift = order_ == std::endian::big ? 8 * (width - 1 - i) : 8 * i;
-        return static_cast<uint8_t>(v >> shift);
-    }
-    void Put(uint32_t v, int width) {
-        for (int i = 0; i < width; ++i)
-            bytes_.push_back(ByteOf(v, i, width));
-    }
-
-    std::endian order_;
-    std::vector<uint8_t> bytes_;
-};
-
-// Reads words in a given byte order from a bounded range. Reading past the
-// end sets the failed flag and yields zeros; callers check Ok() once.
-class Reader {
-public:
-    Reader(std::span<const uint8_t> bytes, std::endian order) : bytes_(bytes), order_(order) {}
-
-    uint8_t U8() { return static_cast<uint8_t>(Get(1)); }
-    uint16_t U16() { return static_cast<uint16_t>(Get(2)); }
-    uint32_t U32() { return Get(4); }
-    int32_t I32() { return static_cast<int32_t>(U32()); }
-    float F32() { return std::bit_cast<float>(U32()); }
-    std::string String() {
-        const uint32_t n = U32();
-        if (n == 0)
-            return {};
-        (void)U32();  // the encoding: every writer of this file writes UTF-8
-        if (!Ok() || n > Remaining()) {
-            failed_ = true;
-            return {};
-        }
-        std::string s(reinterpret_cast<const char*>(bytes_.data() + pos_), n);
-        pos_ += n;
-        return s;
-    }
-
-    bool Ok() const { return !failed_; }
-    size_t Remaining() const { return bytes_.size() - pos_; }
-
-private:
-    uint32_t Get(int width) {
-        const auto w = static_cast<size_t>(width);
-        if (failed_ || Remaining() < w) {
-            failed_ = true;
-            return 0;
-        }
-        uint32_t v = 0;
-        for (size_t i = 0; i < w; ++i) {
-            const size_t shift = order_ == std::endian::big ? 8 * (w - 1 - i) : 8 * i;
-            v |= static_cast<uint32_t>(bytes_[pos_ + i]) << shift;
-        }
-        pos_ += w;
-        return v;
-    }
-
-    std::span<const uint8_t> bytes_;
-    std::endian order_;
-    size_t pos_ = 0;
-    bool failed_ = false;
-};
-
-void WriteChunk(Writer& w, uint32_t id, uint32_t version, auto&& payload) {
+void WriteChunk(ByteWriter& w, uint32_t id, uint32_t version, auto&& payload) {
     w.U32(kOwner);
     w.U32(id);
     w.U32(0);
@@ -145,7 +56,7 @@ void WriteChunk(Writer& w, uint32_t id, uint32_t version, auto&& payload) {
     w.PatchU32(lengthAt, static_cast<uint32_t>(w.Size() - start));
 }
 
-void WritePlacement(Writer& w, const DialogPlacement& p) {
+void WritePlacement(ByteWriter& w, const DialogPlacement& p) {
     w.U32(4);
     w.U32(kPoint1X);
     w.I32(p.x1);
@@ -157,7 +68,7 @@ void WritePlacement(Writer& w, const DialogPlacement& p) {
     w.I32(p.y2);
 }
 
-bool ReadPlacement(Reader& r, DialogPlacement& p) {
+bool ReadPlacement(ByteReader& r, DialogPlacement& p) {
     const uint32_t count = r.U32();
     for (uint32_t i = 0; i < count && r.Ok(); ++i) {
         const uint32_t tag = r.U32();
@@ -174,7 +85,7 @@ bool ReadPlacement(Reader& r, DialogPlacement& p) {
     return r.Ok();
 }
 
-void WriteSettings(Writer& w, const PSettings& s) {
+void WriteSettings(ByteWriter& w, const PSettings& s) {
     w.U8(s.s1);
     w.U16(s.s2);
     w.U8(s.s3);
@@ -195,12 +106,12 @@ void WriteSettings(Writer& w, const PSettings& s) {
     w.U8(s.s11);
     w.U8(s.s12);
     w.U8(s.s13);
-    w.String(s.path);
+    w.String(s.path, kUtf8);
     w.U8(s.showLoupeWhenDragging);
     w.I32(s.loupeSize);
 }
 
-bool ReadSettings(Reader& r, PSettings& s) {
+bool ReadSettings(ByteReader& r, PSettings& s) {
     s.s1 = r.U8();
     s.s2 = r.U16();
     s.s3 = r.U8();
@@ -230,19 +141,21 @@ bool ReadSettings(Reader& r, PSettings& s) {
 }  // namespace
 
 std::vector<uint8_t> SerializePreferences(const PPreferences& prefs, std::endian order) {
-    Writer w(order);
+    std::vector<uint8_t> bytes;
+    ByteWriter w(bytes, order);
     w.U32(kMark);
     w.U32(kOwner);
     w.U32(0);
     w.U32(0);
     w.U32(0);  // payload length, patched below
-    WriteChunk(w, kFlagsChunk, 0, [&](Writer& c) { c.U32(prefs.flags); });
-    WriteChunk(w, kPlacementChunk, 0, [&](Writer& c) { WritePlacement(c, prefs.dialogPlacement); });
+    WriteChunk(w, kFlagsChunk, 0, [&](ByteWriter& c) { c.U32(prefs.flags); });
+    WriteChunk(w, kPlacementChunk, 0,
+               [&](ByteWriter& c) { WritePlacement(c, prefs.dialogPlacement); });
     WriteChunk(w, kSettingsChunk, kSettingsVersion,
-               [&](Writer& c) { WriteSettings(c, prefs.settings); });
+               [&](ByteWriter& c) { WriteSettings(c, prefs.settings); });
     w.U32(0);
     w.PatchU32(16, static_cast<uint32_t>(w.Size() - kHeaderSize));
-    return w.Take();
+    return bytes;
 }
 
 bool ParsePreferences(std::span<const uint8_t> bytes, PPreferences& prefs) {
@@ -251,14 +164,14 @@ bool ParsePreferences(std::span<const uint8_t> bytes, PPreferences& prefs) {
     // The mark's bytes spell "Vlmo" for a big-endian writer, "omlV" for a
     // little-endian one.
     std::endian order;
-    if (Reader(bytes, std::endian::big).U32() == kMark) {
+    if (ByteReader(bytes, std::endian::big).U32() == kMark) {
         order = std::endian::big;
-    } else if (Reader(bytes, std::endian::little).U32() == kMark) {
+    } else if (ByteReader(bytes, std::endian::little).U32() == kMark) {
         order = std::endian::little;
     } else {
         return false;
     }
-    Reader header(bytes.subspan(4, kHeaderSize - 4), order);
+    ByteReader header(bytes.subspan(4, kHeaderSize - 4), order);
     const uint32_t type = header.U32();
     (void)header.U32();
     const uint32_t reserved = header.U32();
@@ -273,7 +186,7 @@ bool ParsePreferences(std::span<const uint8_t> bytes, PPreferences& prefs) {
     for (;;) {
         if (payload.size() - pos < 4)
             return false;  // no end word
-        Reader chunk(payload.subspan(pos), order);
+        ByteReader chunk(payload.subspan(pos), order);
         const uint32_t owner = chunk.U32();
         if (owner == 0)
             break;
@@ -283,7 +196,7 @@ bool ParsePreferences(std::span<const uint8_t> bytes, PPreferences& prefs) {
         const uint32_t length = chunk.U32();
         if (!chunk.Ok() || length > chunk.Remaining())
             return false;
-        Reader body(payload.subspan(pos + kChunkHeaderSize, length), order);
+        ByteReader body(payload.subspan(pos + kChunkHeaderSize, length), order);
         if (owner == kOwner) {
             if (id == kFlagsChunk && version == 0) {
                 loaded.flags = body.U32();

@@ -8,7 +8,7 @@
 
 #include "render/PResult.h"
 #include "render/RenderMesh.h"
-#include "session/LocalizedString.h"
+#include "core/LocalizedString.h"
 #include "session/PFilter.h"
 
 namespace Project {

@@ -8,11 +8,11 @@ namespace Project {
 
 ProjectionModel ProjectionFromEnum(uint32_t value) {
     switch (value) {
-        case ScriptEnum::kPerspective:
+        case cvProjectionPerspective:
             return ProjectionModel::Perspective;
-        case ScriptEnum::kAutoProjection:
+        case cvProjectionAuto:
             return ProjectionModel::Auto;
-        case ScriptEnum::kFullSpherical:
+        case cvProjectionFullSpherical:
             return ProjectionModel::FullSpherical;
         default:  // "fisP", and "panP" on purpose
             return ProjectionModel::Fisheye;
@@ -21,11 +21,11 @@ ProjectionModel ProjectionFromEnum(uint32_t value) {
 
 RegularizerModel RegularizerFromEnum(uint32_t value) {
     switch (value) {
-        case ScriptEnum::kStereographic:
+        case cvRegularizerStereographic:
             return RegularizerModel::Stereographic;
-        case ScriptEnum::kMercator:
+        case cvRegularizerMercator:
             return RegularizerModel::Mercator;
-        case ScriptEnum::kPanini:
+        case cvRegularizerPanini:
             return RegularizerModel::Panini;
         default:
             return RegularizerModel::Auto;
@@ -35,26 +35,26 @@ RegularizerModel RegularizerFromEnum(uint32_t value) {
 uint32_t EnumFromProjection(ProjectionModel model) {
     switch (model) {
         case ProjectionModel::Fisheye:
-            return ScriptEnum::kFisheye;
+            return cvProjectionFisheye;
         case ProjectionModel::Perspective:
-            return ScriptEnum::kPerspective;
+            return cvProjectionPerspective;
         case ProjectionModel::FullSpherical:
-            return ScriptEnum::kFullSpherical;
+            return cvProjectionFullSpherical;
         default:
-            return ScriptEnum::kAutoProjection;
+            return cvProjectionAuto;
     }
 }
 
 uint32_t EnumFromRegularizer(RegularizerModel model) {
     switch (model) {
         case RegularizerModel::Stereographic:
-            return ScriptEnum::kStereographic;
+            return cvRegularizerStereographic;
         case RegularizerModel::Mercator:
-            return ScriptEnum::kMercator;
+            return cvRegularizerMercator;
         case RegularizerModel::Panini:
-            return ScriptEnum::kPanini;
+            return cvRegularizerPanini;
         default:
-            return ScriptEnum::kAutoRegularizer;
+            return cvRegularizerAuto;
     }
 }
 
@@ -75,13 +75,13 @@ void ReadFloat(const CvDescriptorSuite5& suite, CvDescriptor d, uint32_t key, fl
 void ReadConstraintData(const CvDescriptorSuite5& suite, CvDescriptor d, PSettings& settings,
                         PConstraintData* constraints) {
     int32_t length = 0;
-    if (suite.getDataLength(d, ScriptKey::kConstraintData, &length) != cvNoErr || length <= 0)
+    if (suite.getDataLength(d, cvKeyConstraintData, &length) != cvNoErr || length <= 0)
         return;
     const auto size = static_cast<size_t>(length);
     const std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[size]);
     if (!buffer)
         return;
-    if (suite.getData(d, ScriptKey::kConstraintData, buffer.get(), length) != cvNoErr)
+    if (suite.getData(d, cvKeyConstraintData, buffer.get(), length) != cvNoErr)
         return;
     if (constraints)
         constraints->Parse(buffer.get(), size, settings);
@@ -100,43 +100,43 @@ void ReadScriptDescriptor(const CvDescriptorSuite5& suite, CvDescriptor d, PSett
         if (suite.keyAt(d, i, &key, &type) != cvNoErr)
             continue;
         switch (key) {
-            case ScriptKey::kScale: {
+            case cvKeyScale: {
                 int32_t v = 0;
                 if (suite.getInteger(d, key, &v) == cvNoErr)
                     settings.scale = v;
                 break;
             }
-            case ScriptKey::kCropFactor:
+            case cvKeyCropFactor:
                 ReadFloat(suite, d, key, settings.cropFactor);
                 break;
-            case ScriptKey::kPhysicalFocalLength:
+            case cvKeyPhysicalFocalLength:
                 ReadFloat(suite, d, key, settings.physicalFocalLength);
                 break;
-            case ScriptKey::kFocalLength:
+            case cvKeyFocalLength:
                 ReadFloat(suite, d, key, settings.focalLength);
                 break;
-            case ScriptKey::kOffsetX:
+            case cvKeyOffsetX:
                 ReadFloat(suite, d, key, settings.offsetX);
                 break;
-            case ScriptKey::kOffsetY:
+            case cvKeyOffsetY:
                 ReadFloat(suite, d, key, settings.offsetY);
                 break;
-            case ScriptKey::kActionVersion: {
+            case cvKeyActionVersion: {
                 int32_t ignored = 0;
                 (void)suite.getInteger(d, key, &ignored);
                 break;
             }
-            case ScriptKey::kConstraintData:
+            case cvKeyConstraintData:
                 ReadConstraintData(suite, d, settings, constraints);
                 break;
-            case ScriptKey::kProjectionModel: {
+            case cvKeyProjectionModel: {
                 uint32_t enumType = 0;
                 uint32_t value = 0;
                 if (suite.getEnumerated(d, key, &enumType, &value) == cvNoErr)
                     settings.projectionModel = ProjectionFromEnum(value);
                 break;
             }
-            case ScriptKey::kRegularizerModel: {
+            case cvKeyRegularizerModel: {
                 uint32_t enumType = 0;
                 uint32_t value = 0;
                 if (suite.getEnumerated(d, key, &enumType, &value) == cvNoErr)
@@ -151,29 +151,28 @@ void ReadScriptDescriptor(const CvDescriptorSuite5& suite, CvDescriptor d, PSett
 
 bool WriteScriptDescriptor(const CvDescriptorSuite5& suite, CvDescriptor d,
                            const PSettings& settings, const PConstraintData* constraints) {
-    bool ok = suite.putInteger(d, ScriptKey::kActionVersion, 0) == cvNoErr;
+    bool ok = suite.putInteger(d, cvKeyActionVersion, 0) == cvNoErr;
 
     const size_t size = constraints ? constraints->SerializedSize() : 0;
     if (size > 0 && size <= static_cast<size_t>(std::numeric_limits<int32_t>::max())) {
         const std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[size]);
         if (buffer) {
             constraints->Serialize(buffer.get());
-            ok &= suite.putData(d, ScriptKey::kConstraintData, buffer.get(),
-                                static_cast<int32_t>(size)) == cvNoErr;
+            ok &= suite.putData(d, cvKeyConstraintData, buffer.get(), static_cast<int32_t>(size)) ==
+                  cvNoErr;
         }
     }
 
-    ok &= suite.putEnumerated(d, ScriptKey::kProjectionModel, ScriptKey::kProjectionModel,
+    ok &= suite.putEnumerated(d, cvKeyProjectionModel, cvKeyProjectionModel,
                               EnumFromProjection(settings.projectionModel)) == cvNoErr;
-    ok &= suite.putEnumerated(d, ScriptKey::kRegularizerModel, ScriptKey::kRegularizerModel,
+    ok &= suite.putEnumerated(d, cvKeyRegularizerModel, cvKeyRegularizerModel,
                               EnumFromRegularizer(settings.regularizerModel)) == cvNoErr;
-    ok &= suite.putFloat(d, ScriptKey::kFocalLength, settings.focalLength) == cvNoErr;
-    ok &=
-        suite.putFloat(d, ScriptKey::kPhysicalFocalLength, settings.physicalFocalLength) == cvNoErr;
-    ok &= suite.putFloat(d, ScriptKey::kCropFactor, settings.cropFactor) == cvNoErr;
-    ok &= suite.putInteger(d, ScriptKey::kScale, settings.scale) == cvNoErr;
-    ok &= suite.putFloat(d, ScriptKey::kOffsetX, settings.offsetX) == cvNoErr;
-    ok &= suite.putFloat(d, ScriptKey::kOffsetY, settings.offsetY) == cvNoErr;
+    ok &= suite.putFloat(d, cvKeyFocalLength, settings.focalLength) == cvNoErr;
+    ok &= suite.putFloat(d, cvKeyPhysicalFocalLength, settings.physicalFocalLength) == cvNoErr;
+    ok &= suite.putFloat(d, cvKeyCropFactor, settings.cropFactor) == cvNoErr;
+    ok &= suite.putInteger(d, cvKeyScale, settings.scale) == cvNoErr;
+    ok &= suite.putFloat(d, cvKeyOffsetX, settings.offsetX) == cvNoErr;
+    ok &= suite.putFloat(d, cvKeyOffsetY, settings.offsetY) == cvNoErr;
     return ok;
 }
 

@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string>
 
-#include "plugin/CurvanaPlugin.h"
-#include "session/FourCC.h"
+#include "curvana/CurvanaPlugin.h"
+#include "curvana/CurvanaScripting.h"
 #include "session/PSettings.h"
 
 namespace Project {
@@ -33,38 +33,10 @@ public:
     virtual void FocalLengthChanged() {}
 };
 
-// The scripting vocabulary: the event and class id, the keys and the
-// enumerators.
-namespace ScriptKey {
-inline constexpr uint32_t kEvent = FourCC("cvnC");
-inline constexpr uint32_t kConstraintData = FourCC("cnsD");       // raw data
-inline constexpr uint32_t kProjectionModel = FourCC("prjM");      // enumerated, type "prjM"
-inline constexpr uint32_t kRegularizerModel = FourCC("regM");     // enumerated, type "regM"
-inline constexpr uint32_t kFocalLength = FourCC("focL");          // double, pixels
-inline constexpr uint32_t kPhysicalFocalLength = FourCC("PhyF");  // double, mm
-inline constexpr uint32_t kCropFactor = FourCC("CrpF");           // double
-inline constexpr uint32_t kScale = FourCC("imgS");                // integer
-inline constexpr uint32_t kOffsetX = FourCC("imgX");              // double
-inline constexpr uint32_t kOffsetY = FourCC("imgY");              // double
-inline constexpr uint32_t kActionVersion = FourCC("actV");        // integer, written as 0, ignored
-}  // namespace ScriptKey
-
-namespace ScriptEnum {
-inline constexpr uint32_t kFisheye = FourCC("fisP");
-inline constexpr uint32_t kPerspective = FourCC("perP");
-inline constexpr uint32_t kPanorama = FourCC("panP");  // read as Fisheye, never written
-inline constexpr uint32_t kFullSpherical = FourCC("fusP");
-inline constexpr uint32_t kAutoProjection = FourCC("autP");
-inline constexpr uint32_t kStereographic = FourCC("steR");
-inline constexpr uint32_t kMercator = FourCC("merR");
-inline constexpr uint32_t kPanini = FourCC("panR");
-inline constexpr uint32_t kAutoRegularizer = FourCC("autR");
-}  // namespace ScriptEnum
-
-// Enumerator mappings, reading and writing. Reading: "fisP" 1, "perP" 2,
-// "autP" 3, "fusP" 4, anything else (also "panP") 1; "steR" 1, "merR" 2,
-// "panR" 3, anything else 4. Writing: 1 "fisP", 2 "perP", 4 "fusP", 3 and any
-// other value "autP"; 1 "steR", 2 "merR", 3 "panR", any other value "autR".
+// Enumerator mappings (curvana/CurvanaScripting.h), reading and writing.
+// Reading: an unknown projection enumerator (Panorama too) reads as Fisheye,
+// an unknown regulariser as Auto. Writing: a model without an enumerator
+// (None, unknown values, Equirectangular) is written as Auto.
 ProjectionModel ProjectionFromEnum(uint32_t value);
 RegularizerModel RegularizerFromEnum(uint32_t value);
 uint32_t EnumFromProjection(ProjectionModel model);

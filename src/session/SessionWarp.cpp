@@ -31,8 +31,8 @@ public:
         s.physicalFocal = settings_.physicalFocalLength;
         s.cropFactor = settings_.cropFactor;
         s.focalLength = settings_.focalLength;
-        s.projectionModel = static_cast<int32_t>(settings_.projectionModel);
-        s.regularizerModel = static_cast<int32_t>(settings_.regularizerModel);
+        s.projectionModel = settings_.projectionModel;
+        s.regularizerModel = settings_.regularizerModel;
         s.scale = settings_.scale;
         s.offsetX = settings_.offsetX;
         s.offsetY = settings_.offsetY;
@@ -41,18 +41,16 @@ public:
     void SetPhysicalFocal(float mm) override { settings_.physicalFocalLength = mm; }
     void SetCropFactor(float crop) override { settings_.cropFactor = crop; }
     void SetFocalLength(float pixels) override { settings_.focalLength = pixels; }
-    void SetProjectionModel(int32_t model) override {
-        settings_.projectionModel = static_cast<ProjectionModel>(model);
-    }
-    void SetRegularizerModel(int32_t model) override {
-        settings_.regularizerModel = static_cast<RegularizerModel>(model);
+    void SetProjectionModel(ProjectionModel model) override { settings_.projectionModel = model; }
+    void SetRegularizerModel(RegularizerModel model) override {
+        settings_.regularizerModel = model;
     }
     void SetScale(int32_t scale) override { settings_.scale = scale; }
     void SetOffsets(float x, float y) override {
         settings_.offsetX = x;
         settings_.offsetY = y;
     }
-    void ChooseProjection(int32_t) override {}
+    void ChooseProjection(ProjectionModel) override {}
     void SettingsChanged() override {}
 
 private:
@@ -74,32 +72,31 @@ public:
     void SetPhysicalFocal(float) override {}
     void SetCropFactor(float) override {}
     void SetFocalLength(float) override {}
-    void SetProjectionModel(int32_t) override {}
-    void SetRegularizerModel(int32_t) override {}
+    void SetProjectionModel(ProjectionModel) override {}
+    void SetRegularizerModel(RegularizerModel) override {}
     void SetScale(int32_t) override {}
     void SetOffsets(float, float) override {}
-    void ChooseProjection(int32_t) override {}
+    void ChooseProjection(ProjectionModel) override {}
     void SettingsChanged() override {}
 
 private:
     ScriptConstraintContext inner_;
 };
 
-int32_t regulariserCodeFor(RegularizerModel model) {
+// The closed form the solver pulls towards for the user's choice.
+RegularizerModel closedFormFor(RegularizerModel model) {
     switch (model) {
         case RegularizerModel::Mercator:
-            return 2;
         case RegularizerModel::Panini:
-            return 3;
         case RegularizerModel::Equirectangular:
-            return 1000;
+            return model;
         case RegularizerModel::Auto:
             // Panini keeps verticals and a natural look over moderate fields;
             // the solver's wide-field check falls back to stereographic
             // (leaving the choice at Auto) beyond 120 degrees.
-            return 3;
+            return RegularizerModel::Panini;
         default:
-            return 1;
+            return RegularizerModel::Stereographic;
     }
 }
 
@@ -144,9 +141,9 @@ SolverSettings solverSettingsFrom(const PSettings& s) {
     out.lineWeight = s.lineWeight;
     out.shapeWeight = s.shapeWeight;
     out.smoothnessWeight = s.smoothnessWeight;
-    out.projectionModel = static_cast<int32_t>(s.projectionModel);
-    out.regulariserCode = regulariserCodeFor(s.regularizerModel);
-    out.storedRegulariserChoice = static_cast<int32_t>(s.regularizerModel);
+    out.projectionModel = s.projectionModel;
+    out.regulariserCode = closedFormFor(s.regularizerModel);
+    out.storedRegulariserChoice = s.regularizerModel;
     return out;
 }
 
@@ -163,15 +160,14 @@ void MeshWarpPipeline::RebuildSolver(PFilter& filter) {
         locator_ = std::make_shared<const MeshLocator>(mesh_);
     }
 
-    photo_ = makeProjection(static_cast<uint32_t>(s.projectionModel), s.focalLength, rect.Width(),
-                            rect.Height(), filter.cameraMetadata(), filter.lensProfile(),
-                            filter.lensFocalScaleRatio());
+    photo_ =
+        makeProjection(s.projectionModel, s.focalLength, rect.Width(), rect.Height(),
+                       filter.cameraMetadata(), filter.lensProfile(), filter.lensFocalScaleRatio());
     if (!photo_) {
         // The projection decision falls back before this happens; a model
         // that still builds nothing is drawn as the fisheye it falls back to.
-        photo_ = makeProjection(static_cast<uint32_t>(ProjectionModel::Fisheye), s.focalLength,
-                                rect.Width(), rect.Height(), filter.cameraMetadata(), std::nullopt,
-                                1.0f);
+        photo_ = makeProjection(ProjectionModel::Fisheye, s.focalLength, rect.Width(),
+                                rect.Height(), filter.cameraMetadata(), std::nullopt, 1.0f);
     }
 
     lines_ = std::make_shared<GeodesicLines>(photo_, locator_);
@@ -186,8 +182,7 @@ void MeshWarpPipeline::Solve(PFilter& filter) {
     if (solver_->FellBack()) {
         // The field was too wide for the chosen closed form: the settings
         // keep the stereographic choice the solver fell back to.
-        filter.settings().regularizerModel =
-            static_cast<RegularizerModel>(solver_->StoredRegulariserChoice());
+        filter.settings().regularizerModel = solver_->StoredRegulariserChoice();
     }
 }
 

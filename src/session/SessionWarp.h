@@ -7,9 +7,9 @@
 #include "constraints/ConstraintFile.h"
 #include "constraints/ConstraintSet.h"
 #include "constraints/GeodesicLines.h"
-#include "constraints/MeshLocator.h"
 #include "session/PFilterComponents.h"
 #include "solver/Solver.h"
+#include "warp/MeshLocator.h"
 
 namespace Project {
 

@@ -1,5 +1,6 @@
 #include "solver/IterativeWarpSolver.h"
 
+#include "core/Vector3.h"
 #include "solver/MeshOrdering.h"
 #include "solver/SolveSparse.h"
 
@@ -17,12 +18,6 @@ double SecondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-std::array<double, 3> ToDouble(const MeshVector& v) { return {v[0], v[1], v[2]}; }
-
-double Dot(const std::array<double, 3>& a, const std::array<double, 3>& b) {
-    return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
-}
-
 // Builds a compressed upper matrix from finished arrays.
 void FillMatrix(SymmetricUpperMatrix& m, int32_t dimension, const std::vector<int32_t>& outer,
                 const std::vector<int32_t>& inner) {
@@ -38,9 +33,9 @@ void FillMatrix(SymmetricUpperMatrix& m, int32_t dimension, const std::vector<in
 IterativeWarpSolver::IterativeWarpSolver(std::shared_ptr<const OctaMap> mesh,
                                          std::shared_ptr<const PhotoToSphere> photo,
                                          float regulariserWeight, int32_t iterationCount,
-                                         bool pinCentre, int32_t regulariserCode, int32_t modeValue,
-                                         bool boundaryOnly, bool twoPass, AngleRange latitudeLimits,
-                                         AngleRange longitudeLimits)
+                                         bool pinCentre, RegularizerModel regulariserCode,
+                                         int32_t modeValue, bool boundaryOnly, bool twoPass,
+                                         AngleRange latitudeLimits, AngleRange longitudeLimits)
     : regulariserWeight_(regulariserWeight),
       iterationCount_(iterationCount),
       pinCentre_(pinCentre),

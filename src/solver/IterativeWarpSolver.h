@@ -77,9 +77,10 @@ class IterativeWarpSolver : public SphereWarp {
 public:
     static constexpr float kConvergenceThreshold = 0.005f;
 
-    IterativeWarpSolver(std::shared_ptr<const OctaMap> mesh, std::shared_ptr<const PhotoToSphere> photo,
-                        float regulariserWeight, int32_t iterationCount, bool pinCentre,
-                        int32_t regulariserCode, int32_t modeValue, bool boundaryOnly, bool twoPass,
+    IterativeWarpSolver(std::shared_ptr<const OctaMap> mesh,
+                        std::shared_ptr<const PhotoToSphere> photo, float regulariserWeight,
+                        int32_t iterationCount, bool pinCentre, RegularizerModel regulariserCode,
+                        int32_t modeValue, bool boundaryOnly, bool twoPass,
                         AngleRange latitudeLimits, AngleRange longitudeLimits);
     ~IterativeWarpSolver() override;
 
@@ -101,7 +102,7 @@ public:
     const std::shared_ptr<const OctaMap>& MeshRef() const { return mesh_; }
     const std::shared_ptr<const PhotoToSphere>& PhotoRef() const { return photo_; }
     const ClosedFormWarp& Regulariser() const { return *regulariser_; }
-    int32_t RegulariserCode() const { return regulariserCode_; }
+    RegularizerModel RegulariserCode() const { return regulariserCode_; }
     int32_t IterationCount() const { return iterationCount_; }
     int32_t ModeValue() const { return modeValue_; }
     bool TwoPass() const { return twoPass_; }
@@ -187,7 +188,7 @@ private:
     std::shared_ptr<const OctaMap> mesh_;
     std::shared_ptr<const PhotoToSphere> photo_;
     std::shared_ptr<const ClosedFormWarp> regulariser_;
-    int32_t regulariserCode_;
+    RegularizerModel regulariserCode_;
     int32_t n_;
     int32_t vertexCount_;
     int32_t extraCount_ = 0;

@@ -16,15 +16,16 @@ constexpr double kDampingScale = 1e-6;
 
 }  // namespace
 
-LineSolve::LineSolve(std::shared_ptr<const OctaMap> mesh, std::shared_ptr<const PhotoToSphere> photo,
+LineSolve::LineSolve(std::shared_ptr<const OctaMap> mesh,
+                     std::shared_ptr<const PhotoToSphere> photo,
                      std::shared_ptr<const GeodesicLines> lines, float regulariserWeight,
-                     int32_t iterationCount, bool pinCentre, int32_t regulariserCode, int32_t modeValue,
-                     bool boundaryOnly, bool twoPass, AngleRange latitudeLimits,
+                     int32_t iterationCount, bool pinCentre, RegularizerModel regulariserCode,
+                     int32_t modeValue, bool boundaryOnly, bool twoPass, AngleRange latitudeLimits,
                      AngleRange longitudeLimits, double lineWeight, double shapeWeight,
                      double smoothnessWeight)
-    : IterativeWarpSolver(std::move(mesh), std::move(photo), regulariserWeight, iterationCount, pinCentre,
-                          regulariserCode, modeValue, boundaryOnly, twoPass, latitudeLimits,
-                          longitudeLimits),
+    : IterativeWarpSolver(std::move(mesh), std::move(photo), regulariserWeight, iterationCount,
+                          pinCentre, regulariserCode, modeValue, boundaryOnly, twoPass,
+                          latitudeLimits, longitudeLimits),
       lines_(std::move(lines)),
       lineWeight_(lineWeight),
       shapeWeight_(shapeWeight),

@@ -53,9 +53,10 @@ class LineSolve : public IterativeWarpSolver {
 public:
     LineSolve(std::shared_ptr<const OctaMap> mesh, std::shared_ptr<const PhotoToSphere> photo,
               std::shared_ptr<const GeodesicLines> lines, float regulariserWeight,
-              int32_t iterationCount, bool pinCentre, int32_t regulariserCode, int32_t modeValue,
-              bool boundaryOnly, bool twoPass, AngleRange latitudeLimits, AngleRange longitudeLimits,
-              double lineWeight, double shapeWeight, double smoothnessWeight);
+              int32_t iterationCount, bool pinCentre, RegularizerModel regulariserCode,
+              int32_t modeValue, bool boundaryOnly, bool twoPass, AngleRange latitudeLimits,
+              AngleRange longitudeLimits, double lineWeight, double shapeWeight,
+              double smoothnessWeight);
 
     void ResetSystem() override;
     double Energy() const override;

@@ -2,8 +2,8 @@
 
 #include <span>
 
-#include "constraints/MeshLocator.h"
 #include "geometry/PhotoToSphere.h"
+#include "warp/MeshLocator.h"
 
 namespace Project {
 

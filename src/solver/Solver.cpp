@@ -47,9 +47,10 @@ Solver::FieldCheck Solver::CheckField(const LineSolve& warp) {
     const float spanLambda = maxLambda - minLambda;
     latitudeRange_ = {minPhi, maxPhi};
     longitudeRange_ = {minLambda, maxLambda};
-    check.wide = (spanPhi > kWideField || spanLambda > kWideField) && settings_.projectionModel != 4 &&
+    const bool fullSpherical = settings_.projectionModel == ProjectionModel::FullSpherical;
+    check.wide = (spanPhi > kWideField || spanLambda > kWideField) && !fullSpherical &&
                  !settings_.suppressWideFieldFallback;
-    if (settings_.projectionModel == 4) {
+    if (fullSpherical) {
         check.twoPass = true;
         latitudeRange_ = {-kFixedLatitude, kFixedLatitude};
         longitudeRange_ = {-kFixedLongitude, kFixedLongitude};
@@ -68,16 +69,16 @@ Solver::FieldCheck Solver::CheckField(const LineSolve& warp) {
 }
 
 bool Solver::RequestFallback() {
-    if (regulariserCode_ == 1) {
+    if (regulariserCode_ == RegularizerModel::Stereographic) {
         return false;
     }
     if (!settings_.explicitRegulariserChoice) {
-        if (settings_.storedRegulariserChoice != 4) {
-            settings_.storedRegulariserChoice = 1;
+        if (settings_.storedRegulariserChoice != RegularizerModel::Auto) {
+            settings_.storedRegulariserChoice = RegularizerModel::Stereographic;
         }
         return true;
     }
-    return settings_.storedRegulariserChoice == 4;
+    return settings_.storedRegulariserChoice == RegularizerModel::Auto;
 }
 
 std::shared_ptr<LineSolve> Solver::Build() {
@@ -92,7 +93,7 @@ std::shared_ptr<LineSolve> Solver::Build() {
         if (check.wide && !fellBack_ && RequestFallback()) {
             fellBack_ = true;
             rebuilt = true;
-            regulariserCode_ = 1;
+            regulariserCode_ = RegularizerModel::Stereographic;
             twoPass_ = twoPass_ || check.twoPass;
             continue;
         }

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "constraints/GeodesicLines.h"
+#include "core/Models.h"
 #include "solver/LineSolve.h"
 
 namespace Project {
@@ -21,11 +22,12 @@ struct SolverSettings {
     double lineWeight = 10.0;
     double shapeWeight = 1.0;
     double smoothnessWeight = 3.0;
-    int32_t projectionModel = 1;    // 1 Fisheye, 2 Perspective, 3 Auto, 4 Full Spherical
-    int32_t regulariserCode = 1;    // the closed form to pull towards (1, 2, 3, 1000, ...)
-    // The user's stored regulariser choice: 1 Stereographic, 2 Mercator,
-    // 3 Panini, 4 Auto. The wide-field fallback may change it (see Solver).
-    int32_t storedRegulariserChoice = 4;
+    ProjectionModel projectionModel = ProjectionModel::Fisheye;
+    // The closed form to pull towards (see MakeClosedForm).
+    RegularizerModel regulariserCode = RegularizerModel::Stereographic;
+    // The user's stored regulariser choice. The wide-field fallback may
+    // change it (see Solver).
+    RegularizerModel storedRegulariserChoice = RegularizerModel::Auto;
     // The regulariser was picked explicitly (not by the automatic choice):
     // then only an Auto choice falls back.
     bool explicitRegulariserChoice = false;
@@ -75,8 +77,8 @@ public:
     const SolverSettings& Settings() const { return settings_; }
     // After Build: the regulariser code used, the stored choice (possibly
     // changed by the fallback, for the session to keep), and what happened.
-    int32_t RegulariserCode() const { return regulariserCode_; }
-    int32_t StoredRegulariserChoice() const { return settings_.storedRegulariserChoice; }
+    RegularizerModel RegulariserCode() const { return regulariserCode_; }
+    RegularizerModel StoredRegulariserChoice() const { return settings_.storedRegulariserChoice; }
     bool FellBack() const { return fellBack_; }
     int32_t Passes() const { return passes_; }
     bool TwoPass() const { return twoPass_; }
@@ -99,7 +101,7 @@ private:
     std::shared_ptr<GeodesicLines> lines_;
     SolverSettings settings_;
     std::shared_ptr<LineSolve> warp_;
-    int32_t regulariserCode_ = 1;
+    RegularizerModel regulariserCode_ = RegularizerModel::Stereographic;
     bool fellBack_ = false;
     bool twoPass_ = false;
     int32_t passes_ = 0;

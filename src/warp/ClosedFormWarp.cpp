@@ -93,17 +93,16 @@ void EquirectangularClosedForm::ProjectVertex(int32_t i, int32_t j, float& x, fl
     y = a.phi;
 }
 
-std::shared_ptr<ClosedFormWarp> MakeClosedForm(int32_t regulariserCode,
+std::shared_ptr<ClosedFormWarp> MakeClosedForm(RegularizerModel model,
                                                std::shared_ptr<const OctaMap> mesh,
                                                std::shared_ptr<const PhotoToSphere> photo) {
-    switch (regulariserCode) {
-        case kRegulariserMercator:
+    switch (model) {
+        case RegularizerModel::Mercator:
             return std::make_shared<MercatorClosedForm>(std::move(mesh), std::move(photo));
-        case kRegulariserPanini:
+        case RegularizerModel::Panini:
             return std::make_shared<PaniniProjection>(std::move(mesh), std::move(photo));
-        case kRegulariserEquirectangular:
+        case RegularizerModel::Equirectangular:
             return std::make_shared<EquirectangularClosedForm>(std::move(mesh), std::move(photo));
-        case kRegulariserStereographic:
         default:
             return std::make_shared<StereographicClosedForm>(std::move(mesh), std::move(photo));
     }

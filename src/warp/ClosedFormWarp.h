@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "core/Models.h"
 #include "geometry/PhotoToSphere.h"
 #include "warp/OctaMap.h"
 #include "warp/SphereWarp.h"
@@ -92,16 +93,10 @@ public:
     void ProjectVertex(int32_t i, int32_t j, float& x, float& y) const override;
 };
 
-// RegulariserModel codes understood by MakeClosedForm.
-inline constexpr int32_t kRegulariserStereographic = 1;
-inline constexpr int32_t kRegulariserMercator = 2;
-inline constexpr int32_t kRegulariserPanini = 3;
-inline constexpr int32_t kRegulariserEquirectangular = 1000;
-
-// The closed form for a RegulariserModel code: 1 stereographic, 2 Mercator,
-// 3 Panini, 1000 equirectangular; any other code (4 Auto included)
-// stereographic. Never null.
-std::shared_ptr<ClosedFormWarp> MakeClosedForm(int32_t regulariserCode,
+// The closed form of a regulariser model: Stereographic, Mercator, Panini or
+// Equirectangular; any other value (Auto included) gives stereographic.
+// Never null.
+std::shared_ptr<ClosedFormWarp> MakeClosedForm(RegularizerModel model,
                                                std::shared_ptr<const OctaMap> mesh,
                                                std::shared_ptr<const PhotoToSphere> photo);
 

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -12,7 +11,9 @@
 #include "ConstraintTestSupport.h"
 #include "constraints/ConstraintFile.h"
 #include "constraints/GeodesicLines.h"
+#include "core/ByteIO.h"
 #include "geometry/Projections.h"
+#include "support/TempFolder.h"
 #include "warp/OctaMap.h"
 
 namespace Project {
@@ -47,27 +48,12 @@ struct Fixture {
 // A little-endian byte builder for hand-made files.
 struct Builder {
     Bytes b;
-    Builder& U16(uint16_t v) {
-        b.push_back(static_cast<uint8_t>(v));
-        b.push_back(static_cast<uint8_t>(v >> 8));
-        return *this;
-    }
-    Builder& U32(uint32_t v) {
-        for (int k = 0; k < 4; ++k) b.push_back(static_cast<uint8_t>(v >> (8 * k)));
-        return *this;
-    }
-    Builder& F32(float f) {
-        uint32_t v;
-        std::memcpy(&v, &f, 4);
-        return U32(v);
-    }
+    ByteWriter w{b};
+    Builder& U16(uint16_t v) { return w.U16(v), *this; }
+    Builder& U32(uint32_t v) { return w.U32(v), *this; }
+    Builder& F32(float v) { return w.F32(v), *this; }
     Builder& Str(const std::string& s) {
-        U32(static_cast<uint32_t>(s.size()));
-        if (!s.empty()) {
-            U32(constraint_file::kUtf8Encoding);
-            b.insert(b.end(), s.begin(), s.end());
-        }
-        return *this;
+        return w.String(s, constraint_file::kUtf8Encoding), *this;
     }
     // The standard header for MakeContext() with the given settings.
     Builder& Header(float physical, float crop, float focal, uint32_t proj, uint32_t reg, int32_t scale, float ox,
@@ -84,8 +70,8 @@ struct Builder {
 TEST(ConstraintFileWrite, ByteLayoutOfHeaderAndRecords) {
     SimpleConstraintFileContext ctx = testing::MakeContext();
     ctx.model.clear();
-    ctx.settings.projectionModel = 2;
-    ctx.settings.regularizerModel = 3;
+    ctx.settings.projectionModel = ProjectionModel::Perspective;
+    ctx.settings.regularizerModel = RegularizerModel::Panini;
     ConstraintSet set;
     set.Add(std::make_unique<LineConstraint>(1.0f, 2.0f, 3.0f, 4.0f, Orientation::Vertical, 5.0f));
     const Bytes bytes = writeConstraintData(set, ctx);
@@ -191,9 +177,9 @@ TEST(ConstraintFileRead, HandWrittenFile) {
     EXPECT_FLOAT_EQ(ctx.settings.physicalFocal, 24.0f);
     EXPECT_FLOAT_EQ(ctx.settings.cropFactor, 1.5f);
     EXPECT_FLOAT_EQ(ctx.settings.focalLength, 2000.0f);
-    EXPECT_EQ(ctx.settings.projectionModel, 2);
-    EXPECT_EQ(ctx.chooseProjectionCalls, std::vector<int32_t>{1});
-    EXPECT_EQ(ctx.settings.regularizerModel, 3);
+    EXPECT_EQ(ctx.settings.projectionModel, ProjectionModel::Perspective);
+    EXPECT_EQ(ctx.chooseProjectionCalls, std::vector{ProjectionModel::Fisheye});
+    EXPECT_EQ(ctx.settings.regularizerModel, RegularizerModel::Panini);
     EXPECT_EQ(ctx.settings.scale, 100);
     EXPECT_FLOAT_EQ(ctx.settings.offsetX, 0.25f);
     EXPECT_FLOAT_EQ(ctx.settings.offsetY, 0.75f);
@@ -337,8 +323,8 @@ TEST(ConstraintFileRead, ZeroConstraintsAppliesSettingsAndEmptiesTheList) {
     EXPECT_EQ(ctx.settings.physicalFocal, 35.0f);
     EXPECT_FLOAT_EQ(ctx.settings.cropFactor, 1.6f);
     EXPECT_EQ(ctx.settings.focalLength, 3000.0f);
-    EXPECT_EQ(ctx.settings.projectionModel, 2);
-    EXPECT_EQ(ctx.settings.regularizerModel, 1);
+    EXPECT_EQ(ctx.settings.projectionModel, ProjectionModel::Perspective);
+    EXPECT_EQ(ctx.settings.regularizerModel, RegularizerModel::Stereographic);
     EXPECT_EQ(ctx.settings.scale, 90);
     EXPECT_EQ(ctx.settingsChangedCalls, 1);
 }
@@ -396,16 +382,16 @@ TEST(ConstraintFileRead, SettingsClampingAndWhatCountsAsAChange) {
     EXPECT_EQ(ctx.settingsChangedCalls, 0);
 
     // Unknown popup indices: Fisheye and Auto.
-    EXPECT_EQ(projectionModelFromIndex(4), 1);
-    EXPECT_EQ(regularizerModelFromIndex(99), 4);
-    EXPECT_EQ(projectionIndexFromModel(0), 0u);
-    EXPECT_EQ(regularizerIndexFromModel(1000), 3u);
+    EXPECT_EQ(projectionModelFromIndex(4), ProjectionModel::Fisheye);
+    EXPECT_EQ(regularizerModelFromIndex(99), RegularizerModel::Auto);
+    EXPECT_EQ(projectionIndexFromModel(ProjectionModel::None), 0u);
+    EXPECT_EQ(regularizerIndexFromModel(RegularizerModel::Equirectangular), 3u);
 }
 
 TEST(ConstraintFileRead, ProjectionReDecisionThatFallsBackIsNoChange) {
     // A session that refuses the file's model and keeps the previous one.
     struct Refusing : SimpleConstraintFileContext {
-        void ChooseProjection(int32_t previous) override {
+        void ChooseProjection(ProjectionModel previous) override {
             SimpleConstraintFileContext::ChooseProjection(previous);
             settings.projectionModel = previous;
         }
@@ -415,24 +401,9 @@ TEST(ConstraintFileRead, ProjectionReDecisionThatFallsBackIsNoChange) {
     Builder b;
     b.Header(15.0f, 1.0f, 1666.6666f, 3, 3, 120, 0.5f, 0.5f, 0, 0);  // Full Spherical
     ASSERT_TRUE(readConstraintData(set, ctx, b.b));
-    EXPECT_EQ(ctx.chooseProjectionCalls, std::vector<int32_t>{1});
-    EXPECT_EQ(ctx.settings.projectionModel, 1);
+    EXPECT_EQ(ctx.chooseProjectionCalls, std::vector{ProjectionModel::Fisheye});
+    EXPECT_EQ(ctx.settings.projectionModel, ProjectionModel::Fisheye);
     EXPECT_EQ(ctx.settingsChangedCalls, 0);
-}
-
-TEST(ConstraintFileRead, OrientationAndEdgeCodesOutOfRangeReadAsOne) {
-    Builder b;
-    b.Header(15.0f, 1.0f, 1666.6666f, 0, 3, 120, 0.5f, 0.5f, 0, 3);
-    b.U32(constraint_file::kLineTag).F32(1).F32(2).F32(3).F32(4).U32(0).F32(0).U32(1);
-    b.U32(constraint_file::kLineTag).F32(1).F32(2).F32(3).F32(4).U32(0x80000004u).F32(0).U32(2);
-    b.U32(constraint_file::kPlaneTag).U32(3).U32(2).F32(0).F32(0).U32(4).F32(1).F32(1).U32(0xFFFFFFFFu);
-    SimpleConstraintFileContext ctx = testing::MakeContext();
-    ConstraintSet set;
-    ASSERT_TRUE(readConstraintData(set, ctx, b.b));
-    EXPECT_EQ(static_cast<LineConstraint&>(*set.At(0)).GetOrientation(), Orientation::Unfixed);
-    EXPECT_EQ(static_cast<LineConstraint&>(*set.At(1)).GetOrientation(), Orientation::Unfixed);
-    EXPECT_EQ(static_cast<PlaneConstraint&>(*set.At(2)).GetEdgeCode(0), 1);
-    EXPECT_EQ(static_cast<PlaneConstraint&>(*set.At(2)).GetEdgeCode(1), 1);
 }
 
 TEST(ConstraintFileRead, ShortDataChangesNothing) {
@@ -479,24 +450,8 @@ TEST(ConstraintFileRead, AbsurdCountsAreRefused) {
 
 // --- Files on disk and the fitting pass.
 
-class TempDir {
-public:
-    TempDir() {
-        path_ = std::filesystem::temp_directory_path() /
-                ("curvana-constraints-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) + "-" +
-                 ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::remove_all(path_);
-        std::filesystem::create_directories(path_);
-    }
-    ~TempDir() { std::filesystem::remove_all(path_); }
-    const std::filesystem::path& Path() const { return path_; }
-
-private:
-    std::filesystem::path path_;
-};
-
 TEST(ConstraintFileDisk, SaveThenLoadFitsAndResetsTheMarker) {
-    TempDir dir;
+    test::TempFolder dir;
     Fixture f;
     f.ctx.undoPosition = 12;
     ASSERT_TRUE(saveConstraintFile(f.set, f.ctx, dir.Path(), "Constraints.cvc"));
@@ -533,7 +488,7 @@ TEST(ConstraintFileDisk, SaveThenLoadFitsAndResetsTheMarker) {
 }
 
 TEST(ConstraintFileDisk, EmptyMissingAndUnfittableFiles) {
-    TempDir dir;
+    test::TempFolder dir;
     SimpleConstraintFileContext ctx = testing::MakeContext();
     ConstraintSet set;
     set.SetSavedMarker(4);

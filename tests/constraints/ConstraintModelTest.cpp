@@ -140,14 +140,6 @@ TEST(LineHitTest, WithEntryWalksTheDisplayPolyline) {
     EXPECT_NEAR(mid.y, 1000.0f, 0.05f);
 }
 
-TEST(LineHitTest, SegmentDistanceCases) {
-    const PointF a{0.0f, 0.0f}, b{10.0f, 0.0f};
-    EXPECT_DOUBLE_EQ(detail::SegmentDistanceSquared({-3.0f, 4.0f}, a, b), 25.0);  // before A
-    EXPECT_DOUBLE_EQ(detail::SegmentDistanceSquared({13.0f, 4.0f}, a, b), 25.0);  // beyond B
-    EXPECT_DOUBLE_EQ(detail::SegmentDistanceSquared({5.0f, 2.0f}, a, b), 4.0);    // the foot
-    EXPECT_DOUBLE_EQ(detail::SegmentDistanceSquared({3.0f, 4.0f}, a, a), 25.0);   // |d| = 0
-}
-
 TEST(PlaneHitTest, VertexSquareAndInside) {
     auto p = Square(100.0f, 100.0f, 50.0f);
     const float t = 1.5f;

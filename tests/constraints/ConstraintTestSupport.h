@@ -8,32 +8,8 @@
 
 #include "constraints/ConstraintFile.h"
 #include "constraints/ConstraintSet.h"
-#include "geometry/PhotoToSphere.h"
 
 namespace Project::testing {
-
-// A photo on a w x h raster whose image point is (scale lambda, scale phi):
-// an equirectangular picture without any domain limit, enough for the
-// constraint model's tests that need a projection but no real lens.
-class LinearPhoto final : public PhotoToSphere {
-public:
-    LinearPhoto(int32_t w, int32_t h, float scale)
-        : PhotoToSphere(std::make_shared<SourceRaster>(w, h)), scale_(scale) {}
-
-    std::array<float, 3> SampleColor(float, float) const override { return {0.0f, 0.0f, 0.0f}; }
-    bool IsVisible(float lambda, float phi) const override {
-        return lambda > -3.1f && lambda < 3.1f && phi > -1.5f && phi < 1.5f;
-    }
-    bool QueryFlag3() const override { return true; }
-    ImagePoint ToImagePoint(float lambda, float phi) const override { return {scale_ * lambda, scale_ * phi}; }
-    bool ToSphere(ImagePoint p, SphereDirection& out) const override {
-        out = {p.x / scale_, p.y / scale_};
-        return true;
-    }
-
-private:
-    float scale_;
-};
 
 // The context used by the file tests and the fuzz seeds: a 4000 x 3000 photo
 // from "Kestrix" "K1" with the lens "Lens 15mm".
@@ -47,8 +23,8 @@ inline SimpleConstraintFileContext MakeContext() {
     c.settings.physicalFocal = 15.0f;
     c.settings.cropFactor = 1.0f;
     c.settings.focalLength = 1666.6666f;
-    c.settings.projectionModel = 1;
-    c.settings.regularizerModel = 4;
+    c.settings.projectionModel = ProjectionModel::Fisheye;
+    c.settings.regularizerModel = RegularizerModel::Auto;
     c.settings.scale = 120;
     c.settings.offsetX = 0.5f;
     c.settings.offsetY = 0.5f;

@@ -11,7 +11,6 @@
 #include "constraints/Constraint.h"
 #include "constraints/ConstraintSet.h"
 #include "constraints/GeodesicLines.h"
-#include "constraints/MeshLocator.h"
 #include "geometry/Projections.h"
 #include "warp/ClosedFormWarp.h"
 #include "warp/OctaMap.h"
@@ -19,16 +18,9 @@
 namespace Project {
 namespace {
 
-using Vec3 = std::array<double, 3>;
-
-Vec3 PhotoVec(SphereDirection d) {
-    return {std::sin(d.lambda) * std::cos(d.phi), std::sin(d.phi), std::cos(d.lambda) * std::cos(d.phi)};
-}
-double Dot(const Vec3& a, const Vec3& b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
 double AngleBetween(SphereDirection a, SphereDirection b) {
-    const Vec3 u = PhotoVec(a), v = PhotoVec(b);
-    const Vec3 c{u[1] * v[2] - u[2] * v[1], u[2] * v[0] - u[0] * v[2], u[0] * v[1] - u[1] * v[0]};
-    return std::atan2(std::sqrt(Dot(c, c)), Dot(u, v));
+    const Vec3d u = PhotoFrameVector(a), v = PhotoFrameVector(b);
+    return std::atan2(Norm(Cross(u, v)), Dot(u, v));
 }
 
 std::shared_ptr<const SourceRaster> Raster(int32_t w, int32_t h) { return std::make_shared<const SourceRaster>(w, h); }
@@ -93,7 +85,8 @@ TEST_P(FitEveryModel, ArcPassesThroughBothEndpoints) {
     // Every sample lies on one great circle that holds both endpoints, and
     // consecutive samples are at most the spacing apart.
     for (size_t k = 0; k < arc.samples.size(); ++k) {
-        EXPECT_NEAR(Dot(arc.circleNormal, PhotoVec(arc.samples[k].direction)), 0.0, 2e-6) << k;
+        EXPECT_NEAR(Dot(arc.circleNormal, PhotoFrameVector(arc.samples[k].direction)), 0.0, 2e-6)
+            << k;
         if (k > 0) {
             EXPECT_LE(AngleBetween(arc.samples[k - 1].direction, arc.samples[k].direction),
                       lines.SampleSpacing() * 1.001)
@@ -128,19 +121,19 @@ TEST(GeodesicLines, FisheyeSceneLineFitsTheCurvedImage) {
     // circle: the fitted arc through its ends meets its middle too.
     auto photo = std::make_shared<FisheyeImage>(Raster(6000, 4000), 1500.0f, 3000.0f, 2000.0f);
     GeodesicLines lines(photo, std::make_shared<const OctaMap>(6, false));
-    auto pixelOf = [&](Vec3 v) {
+    auto pixelOf = [&](Vec3d v) {
         const double n = std::sqrt(Dot(v, v));
         const SphereDirection d{static_cast<float>(std::atan2(v[0], v[2])), static_cast<float>(std::asin(v[1] / n))};
         return lines.ToSourcePixel(photo->ToImagePoint(d.lambda, d.phi));
     };
-    const Vec3 p0{-3.0, -1.0, 2.0}, p1{2.5, 0.5, 1.0};
+    const Vec3d p0{-3.0, -1.0, 2.0}, p1{2.5, 0.5, 1.0};
     const PointF a = pixelOf(p0), b = pixelOf(p1);
     const PointF mid = pixelOf({0.5 * (p0[0] + p1[0]), 0.5 * (p0[1] + p1[1]), 0.5 * (p0[2] + p1[2])});
     const GeodesicLine arc = lines.FitArc(a, b);
     ASSERT_TRUE(arc.fitted);
     SphereDirection dm;
     ASSERT_TRUE(lines.SourceToSphere(mid, dm));
-    EXPECT_NEAR(Dot(arc.circleNormal, PhotoVec(dm)), 0.0, 1e-5);
+    EXPECT_NEAR(Dot(arc.circleNormal, PhotoFrameVector(dm)), 0.0, 1e-5);
 }
 
 TEST(GeodesicLines, PanoramaLineLongerThanHalfATurnTakesTheDrawnSide) {
@@ -246,7 +239,7 @@ TEST(GeodesicLines, PlaneSamplesAreTheMeshVerticesInside) {
         const SphereDirection d = mesh->UnrotatedAngles(s.i, s.j);
         const PointF px = lines.ToSourcePixel(photo->ToImagePoint(d.lambda, d.phi));
         EXPECT_GE(detail::PointInPolygon(px, outline), 0) << s.i << "," << s.j;
-        const Vec3 v = PhotoVec(d);
+        const Vec3d v = PhotoFrameVector(d);
         const double vm = Dot(v, p->mean);
         EXPECT_NEAR(s.u, Dot(v, p->e1) / vm, 1e-5);
         EXPECT_NEAR(s.v, Dot(v, p->e2) / vm, 1e-5);
@@ -290,49 +283,6 @@ TEST(GeodesicLines, PlaneSetUpFailures) {
     EXPECT_FALSE(lines.FindPlane(3)->active);
     EXPECT_EQ(tiny.Refresh(lines), 1);
     EXPECT_EQ(outside.Refresh(lines), 0);
-}
-
-// --- The quad finder.
-
-TEST(MeshLocator, FindsTheQuadAndWeightsOfEveryDirection) {
-    for (bool layout : {false, true}) {
-        auto mesh = std::make_shared<const OctaMap>(4, layout);
-        const MeshLocator locator(mesh);
-        // Every vertex is found at itself (a corner of a quad, weight 1).
-        for (int32_t j = 0; j < mesh->Size(); ++j) {
-            for (int32_t i = 0; i < mesh->Size(); ++i) {
-                const SphereDirection d = mesh->UnrotatedAngles(i, j);
-                const auto loc = locator.Locate(d);
-                ASSERT_TRUE(loc.has_value()) << i << "," << j;
-                // The weighted corners reproduce the direction.
-                Vec3 sum{0, 0, 0};
-                const int32_t ci[4] = {loc->i, loc->i + 1, loc->i, loc->i + 1};
-                const int32_t cj[4] = {loc->j, loc->j, loc->j + 1, loc->j + 1};
-                for (int k = 0; k < 4; ++k) {
-                    const MeshVector& v = mesh->StoredDirection(ci[k], cj[k]);
-                    for (int c = 0; c < 3; ++c) sum[c] += loc->weights[k] * v[c];
-                }
-                const Vec3 q = MeshFrameVector(d);
-                const double n = std::sqrt(Dot(sum, sum));
-                EXPECT_GT(Dot(sum, q) / n, 1.0 - 1e-6) << i << "," << j;
-            }
-        }
-        // Random directions over the whole sphere.
-        std::mt19937 rng(7);
-        std::uniform_real_distribution<float> lon(-3.14159f, 3.14159f), lat(-1.5707f, 1.5707f);
-        for (int k = 0; k < 5000; ++k) {
-            const SphereDirection d{lon(rng), lat(rng)};
-            const auto loc = locator.Locate(d);
-            ASSERT_TRUE(loc.has_value()) << d.lambda << "," << d.phi;
-            float sumW = 0.0f;
-            for (float w : loc->weights) {
-                EXPECT_GE(w, 0.0f);
-                sumW += w;
-            }
-            EXPECT_NEAR(sumW, 1.0f, 1e-5f);
-        }
-    }
-    EXPECT_FALSE(MeshLocator(std::make_shared<const OctaMap>(2, false)).Locate({NAN, 0.0f}).has_value());
 }
 
 // --- Display through a warp.

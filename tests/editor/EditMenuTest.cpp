@@ -10,7 +10,7 @@
 #include "editor/PConstraintClipboard.h"
 #include "editor/PEditMenu.h"
 #include "editor/PTasks.h"
-#include "session/LocalizedString.h"
+#include "core/LocalizedString.h"
 
 namespace Project {
 namespace {

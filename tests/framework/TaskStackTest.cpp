@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "framework/CTask.h"
-#include "session/LocalizedString.h"
+#include "core/LocalizedString.h"
 
 namespace Velmo {
 namespace {

@@ -11,7 +11,7 @@
 #include "QtTestApp.h"
 #include "framework/CCursors.h"
 #include "framework/Views.h"
-#include "session/LocalizedString.h"
+#include "core/LocalizedString.h"
 
 namespace Velmo {
 namespace {

@@ -104,8 +104,9 @@ TEST_P(LensfunProfileTest, ProfileReproducesLensfun) {
     EXPECT_NE(profile.description.find(c.lens), std::string::npos) << profile.description;
 
     const float ratio = focalScaleRatio(meta.cropFactor(), profile);
-    const auto projection = makeProjection(projection_model::kAuto, 0.0f, static_cast<int32_t>(kWidth),
-                                           static_cast<int32_t>(kHeight), meta, profile, ratio);
+    const auto projection =
+        makeProjection(ProjectionModel::Auto, 0.0f, static_cast<int32_t>(kWidth),
+                       static_cast<int32_t>(kHeight), meta, profile, ratio);
     ASSERT_TRUE(projection);
 
     const lfLens* stored = findLens(*Db().db, c.lens);

@@ -9,8 +9,6 @@
 namespace Project {
 namespace {
 
-using namespace projection_model;
-
 CameraMetadata panorama(PanoramaTransformation t) {
     CameraMetadata m;
     m.imageWidth = 10000;
@@ -38,64 +36,75 @@ LensProfile profile(LensCameraModel model) {
 
 TEST(MakeProjection, ModelTableWithoutMetadata) {
     const CameraMetadata none;
-    auto fish = makeProjection(kFisheye, 1200.0f, 6000, 4000, none, std::nullopt, 1.0f);
+    auto fish =
+        makeProjection(ProjectionModel::Fisheye, 1200.0f, 6000, 4000, none, std::nullopt, 1.0f);
     ASSERT_TRUE(dynamic_cast<FisheyeImage*>(fish.get()));
     EXPECT_FLOAT_EQ(static_cast<FisheyeImage*>(fish.get())->FocalLength(), 1200.0f);
     EXPECT_EQ(fish->Raster().width, 6000);
     EXPECT_EQ(fish->Raster().halfHeight, 2000);
 
-    auto persp = makeProjection(kPerspective, 1200.0f, 6000, 4000, none, std::nullopt, 1.0f);
+    auto persp =
+        makeProjection(ProjectionModel::Perspective, 1200.0f, 6000, 4000, none, std::nullopt, 1.0f);
     ASSERT_TRUE(dynamic_cast<PerspectiveImage*>(persp.get()));
     EXPECT_NEAR(persp->ToImagePoint(0.5f, 0.0f).x, 1200.0f * std::tan(0.5f), 1e-3f);
     EXPECT_FLOAT_EQ(persp->ToImagePoint(0.0f, 0.0f).y, 0.0f);
 
     // Full Spherical: f = height / pi, centred, so lambda = pi lands on the right edge.
-    auto sph = makeProjection(kFullSpherical, 1200.0f, 4000, 2000, none, std::nullopt, 1.0f);
+    auto sph = makeProjection(ProjectionModel::FullSpherical, 1200.0f, 4000, 2000, none,
+                              std::nullopt, 1.0f);
     ASSERT_TRUE(dynamic_cast<SphericalImage*>(sph.get()));
     float u = 0.0f, v = 0.0f;
     sph->ToTexture(3.1415927f, -1.5707964f, u, v);
     EXPECT_NEAR(u, 1.0f, 1e-6f);
     EXPECT_NEAR(v, 0.0f, 1e-6f);
 
-    EXPECT_EQ(makeProjection(kNone, 1200.0f, 6000, 4000, none, std::nullopt, 1.0f), nullptr);
-    EXPECT_EQ(makeProjection(7, 1200.0f, 6000, 4000, none, std::nullopt, 1.0f), nullptr);
+    EXPECT_EQ(makeProjection(ProjectionModel::None, 1200.0f, 6000, 4000, none, std::nullopt, 1.0f),
+              nullptr);
+    EXPECT_EQ(makeProjection(ProjectionModel{7}, 1200.0f, 6000, 4000, none, std::nullopt, 1.0f),
+              nullptr);
     // Auto without panorama metadata and without a profile builds nothing.
-    EXPECT_EQ(makeProjection(kAuto, 1200.0f, 6000, 4000, none, std::nullopt, 1.0f), nullptr);
+    EXPECT_EQ(makeProjection(ProjectionModel::Auto, 1200.0f, 6000, 4000, none, std::nullopt, 1.0f),
+              nullptr);
     LensProfile unusable = profile(LensCameraModel::None);
-    EXPECT_EQ(makeProjection(kAuto, 1200.0f, 6000, 4000, none, unusable, 1.0f), nullptr);
+    EXPECT_EQ(makeProjection(ProjectionModel::Auto, 1200.0f, 6000, 4000, none, unusable, 1.0f),
+              nullptr);
 }
 
 TEST(MakeProjection, PanoramaByTransformation) {
     // The source rectangle may be smaller than the full image the metadata describes.
-    auto cyl = makeProjection(kAuto, 999.0f, 8000, 2000, panorama(PanoramaTransformation::Cylindrical), std::nullopt,
-                              1.0f);
+    auto cyl = makeProjection(ProjectionModel::Auto, 999.0f, 8000, 2000,
+                              panorama(PanoramaTransformation::Cylindrical), std::nullopt, 1.0f);
     ASSERT_TRUE(dynamic_cast<CylindricalImage*>(cyl.get()));
     // Principal point (full width / 2, virtual centre y): cx = 5000 - 4000, cy = 1000 - 1200.
     EXPECT_FLOAT_EQ(cyl->ToImagePoint(0.0f, 0.0f).x, 1000.0f);
     EXPECT_FLOAT_EQ(cyl->ToImagePoint(0.0f, 0.0f).y, -200.0f);
     EXPECT_NEAR(cyl->ToImagePoint(0.5f, 0.0f).x, 1000.0f + 750.0f, 1e-3f);
 
-    auto sph = makeProjection(kAuto, 999.0f, 8000, 2000, panorama(PanoramaTransformation::Spherical), std::nullopt,
-                              1.0f);
+    auto sph = makeProjection(ProjectionModel::Auto, 999.0f, 8000, 2000,
+                              panorama(PanoramaTransformation::Spherical), std::nullopt, 1.0f);
     ASSERT_TRUE(dynamic_cast<SphericalImage*>(sph.get()));
     EXPECT_FLOAT_EQ(sph->ToImagePoint(0.0f, 0.0f).x, 1100.0f);
     EXPECT_FLOAT_EQ(sph->ToImagePoint(0.0f, 0.0f).y, -200.0f);
 
-    auto persp = makeProjection(kAuto, 999.0f, 8000, 2000, panorama(PanoramaTransformation::Perspective),
+    auto persp = makeProjection(ProjectionModel::Auto, 999.0f, 8000, 2000,
+                                panorama(PanoramaTransformation::Perspective),
                                 profile(LensCameraModel::Fisheye), 1.0f);
     ASSERT_TRUE(dynamic_cast<PerspectiveImage*>(persp.get())) << "panorama metadata wins over a profile";
     EXPECT_NEAR(persp->ToImagePoint(0.25f, 0.0f).x, 1100.0f + 1500.0f * std::tan(0.25f), 1e-2f);
 
     CameraMetadata notPano = panorama(PanoramaTransformation::Spherical);
     notPano.isPanorama = false;
-    EXPECT_EQ(makeProjection(kAuto, 999.0f, 8000, 2000, notPano, std::nullopt, 1.0f), nullptr);
+    EXPECT_EQ(
+        makeProjection(ProjectionModel::Auto, 999.0f, 8000, 2000, notPano, std::nullopt, 1.0f),
+        nullptr);
 }
 
 TEST(MakeProjection, ProfileModelsScaleByTheLargerSideAndTheRatio) {
     const CameraMetadata none;
     // S = 6000, R = 1.2: fx = 6000 * 1.2 * 0.3 = 2160, fy = 2232;
     // cx = 0.01 * 6000 = 60, cy = 0.02 * 6000 = 120 (centres not scaled by R).
-    auto fish = makeProjection(kAuto, 1.0f, 6000, 4000, none, profile(LensCameraModel::Fisheye), 1.2f);
+    auto fish = makeProjection(ProjectionModel::Auto, 1.0f, 6000, 4000, none,
+                               profile(LensCameraModel::Fisheye), 1.2f);
     ASSERT_TRUE(dynamic_cast<KestrixFisheye*>(fish.get()));
     EXPECT_NEAR(fish->ToImagePoint(0.0f, 0.0f).x, 60.0f, 1e-3f);
     EXPECT_NEAR(fish->ToImagePoint(0.0f, 0.0f).y, 120.0f, 1e-3f);
@@ -103,7 +112,8 @@ TEST(MakeProjection, ProfileModelsScaleByTheLargerSideAndTheRatio) {
     EXPECT_NEAR((fish->ToImagePoint(1e-3f, 0.0f).x - 60.0f) / 1e-3f, 2160.0f, 0.5f);
     EXPECT_NEAR((fish->ToImagePoint(0.0f, 1e-3f).y - 120.0f) / 1e-3f, 2232.0f, 0.5f);
 
-    auto persp = makeProjection(kAuto, 1.0f, 4000, 6000, none, profile(LensCameraModel::RadialDistortion), 1.2f);
+    auto persp = makeProjection(ProjectionModel::Auto, 1.0f, 4000, 6000, none,
+                                profile(LensCameraModel::RadialDistortion), 1.2f);
     ASSERT_TRUE(dynamic_cast<KestrixPerspective*>(persp.get()));
     EXPECT_FALSE(persp->QueryFlag5());
     EXPECT_NEAR(persp->ToImagePoint(0.0f, 0.0f).x, -60.0f, 1e-3f);
@@ -136,17 +146,19 @@ TEST(ProjectionDecision, FullSphericalNeedsTwoToOne) {
 }
 
 TEST(ProjectionDecision, SixteenMillimetreRule) {
-    constexpr uint32_t current = kAuto;
-    constexpr uint32_t fallback = kFisheye;
-    EXPECT_EQ(modelForFocalLength(16.0f, current, kPerspective), current);
-    EXPECT_EQ(modelForFocalLength(16.005f, current, kPerspective), current);
-    EXPECT_EQ(modelForFocalLength(15.98f, current, kPerspective), kFisheye);
-    EXPECT_EQ(modelForFocalLength(15.9f, current, kPerspective), kFisheye);
-    EXPECT_EQ(modelForFocalLength(16.02f, current, fallback), kPerspective);
-    EXPECT_EQ(modelForFocalLength(24.0f, current, fallback), kPerspective);
+    constexpr ProjectionModel current = ProjectionModel::Auto;
+    constexpr ProjectionModel fallback = ProjectionModel::Fisheye;
+    EXPECT_EQ(modelForFocalLength(16.0f, current, ProjectionModel::Perspective), current);
+    EXPECT_EQ(modelForFocalLength(16.005f, current, ProjectionModel::Perspective), current);
+    EXPECT_EQ(modelForFocalLength(15.98f, current, ProjectionModel::Perspective),
+              ProjectionModel::Fisheye);
+    EXPECT_EQ(modelForFocalLength(15.9f, current, ProjectionModel::Perspective),
+              ProjectionModel::Fisheye);
+    EXPECT_EQ(modelForFocalLength(16.02f, current, fallback), ProjectionModel::Perspective);
+    EXPECT_EQ(modelForFocalLength(24.0f, current, fallback), ProjectionModel::Perspective);
     EXPECT_EQ(modelForFocalLength(0.0f, current, fallback), fallback);
     EXPECT_EQ(modelForFocalLength(-0.005f, current, fallback), fallback);
-    EXPECT_EQ(modelForFocalLength(0.0101f, current, fallback), kFisheye);
+    EXPECT_EQ(modelForFocalLength(0.0101f, current, fallback), ProjectionModel::Fisheye);
     EXPECT_EQ(modelForFocalLength(-24.0f, current, fallback), current);
 }
 

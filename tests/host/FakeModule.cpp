@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "plugin/CurvanaPlugin.h"
+#include "curvana/CurvanaPlugin.h"
 
 namespace {
 

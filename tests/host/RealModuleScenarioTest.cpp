@@ -8,13 +8,14 @@
 #include "HostTestUtil.h"
 #include "RenderTestSupport.h"
 #include "constraints/ConstraintFile.h"
+#include "curvana/CurvanaScripting.h"
 #include "geometry/ProjectionFactory.h"
+#include "host/Cli.h"
 #include "render/RenderMesh.h"
 #include "render/RenderPlan.h"
-#include "solver/Solver.h"
-#include "host/Cli.h"
 #include "samplegen/SampleFiles.h"
 #include "samplegen/SampleScene.h"
+#include "solver/Solver.h"
 
 namespace Curvana::Host::Test {
 namespace {
@@ -57,7 +58,7 @@ protected:
         context.model = model;
         context.lens = "Sample Fisheye";
         context.settings.focalLength = static_cast<float>(SampleGen::focalPixels(scene));
-        context.settings.projectionModel = 1;
+        context.settings.projectionModel = Project::ProjectionModel::Fisheye;
         Project::ConstraintSet set;
         for (const SampleGen::SceneEdge& e : SampleGen::roomEdges(scene)) {
             if (e.points.size() < 8)
@@ -104,7 +105,7 @@ TEST_F(RealModuleScenario, AMatchingConstraintFileIsAppliedAndRecorded) {
 
     // The recorded action carries them, so repeat and --params replay them.
     const auto action = loadAction(dir / "xdg" / "curvana" / "last-action.json");
-    const DescriptorEntry* data = action->find(kConstraintDataKey);
+    const DescriptorEntry* data = action->find(cvKeyConstraintData);
     ASSERT_NE(data, nullptr);
     EXPECT_GT(data->data.size(), 100u);
 }
@@ -159,12 +160,13 @@ TEST_F(RealModuleScenario, AFisheyeCorrectionMatchesAReferenceRenderOfTheSameWar
     // The sample's EXIF: 15 mm on a full frame, so f = 15 x 480 / 36 pixels.
     const float focal = 15.0f * kWidth / 36.0f;
     auto mesh = std::make_shared<const Project::OctaMap>(6, false);
-    std::shared_ptr<const Project::PhotoToSphere> photo = Project::makeProjection(
-        1, focal, kWidth, kHeight, Project::CameraMetadata{}, std::nullopt, 1.0f);
+    std::shared_ptr<const Project::PhotoToSphere> photo =
+        Project::makeProjection(Project::ProjectionModel::Fisheye, focal, kWidth, kHeight,
+                                Project::CameraMetadata{}, std::nullopt, 1.0f);
     auto lines = std::make_shared<Project::GeodesicLines>(photo, mesh);
     Project::SolverSettings settings;
-    settings.regulariserCode = 1;
-    settings.storedRegulariserChoice = 1;
+    settings.regulariserCode = Project::RegularizerModel::Stereographic;
+    settings.storedRegulariserChoice = Project::RegularizerModel::Stereographic;
     Project::Solver solver(mesh, photo, lines, settings);
     ASSERT_TRUE(solver.Run());
     auto renderMesh = std::make_shared<const Project::RenderMesh>(Project::BuildRenderMesh(

@@ -1,8 +1,5 @@
 #include "FakeHost.h"
 
-#include <unistd.h>
-
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
 
@@ -30,13 +27,12 @@ struct FakeHost::Callbacks {
         FakeHost& h = Self(host);
         static const CvBufferSuite1 kBuffers = {Allocate, ReleaseBuffer, nullptr};
         *suite = nullptr;
-        if (std::strcmp(name, CV_BUFFER_SUITE_NAME) == 0 && version == CV_BUFFER_SUITE_VERSION &&
-            h.offerBufferSuite) {
+        if (std::strcmp(name, CV_BUFFER_SUITE_NAME) == 0 && version == CV_BUFFER_SUITE_VERSION) {
             h.bufferSuite_ = kBuffers;
             h.bufferSuite_.context = &h;
             *suite = &h.bufferSuite_;
         } else if (std::strcmp(name, CV_DESCRIPTOR_SUITE_NAME) == 0 &&
-                   version == CV_DESCRIPTOR_SUITE_VERSION && h.offerDescriptorSuite) {
+                   version == CV_DESCRIPTOR_SUITE_VERSION) {
             *suite = &DescriptorSuite();
         }
         if (!*suite)
@@ -52,7 +48,6 @@ struct FakeHost::Callbacks {
 
     static void* Allocate(void* context, uint64_t size) {
         FakeHost& h = Self(context);
-        h.bufferAllocations.push_back(size);
         if (h.refuseBuffers)
             return nullptr;
         void* p = std::malloc(static_cast<size_t>(size));
@@ -218,19 +213,6 @@ CvFilterRecord* FakeHost::Record() {
 uint32_t FakeHost::SourceValue(int32_t x, int32_t y, int32_t plane, int32_t depth) {
     const auto v = static_cast<uint32_t>(x * 7 + y * 13 + plane * 29);
     return depth == 16 ? (v * 131u) % 32769u : v & 0xFFu;
-}
-
-TempFolder::TempFolder() {
-    static std::atomic<int> counter{0};
-    path_ = std::filesystem::temp_directory_path() /
-            ("curvana-test-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
-    std::filesystem::remove_all(path_);
-    std::filesystem::create_directories(path_);
-}
-
-TempFolder::~TempFolder() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
 }
 
 std::filesystem::path PreferencesFileUnder(const std::filesystem::path& base) {

@@ -13,8 +13,9 @@
 #include <string>
 #include <vector>
 
-#include "plugin/CurvanaPlugin.h"
+#include "curvana/CurvanaPlugin.h"
 #include "session/ActionDescriptor.h"
+#include "support/TempFolder.h"
 
 namespace Project::test {
 
@@ -41,8 +42,6 @@ public:
     // --- What the host offers.
     std::optional<int32_t> version = 27 << 16;  // empty: the query fails
     std::optional<int32_t> gpuFlags = 0x80;     // empty: the query fails
-    bool offerBufferSuite = true;
-    bool offerDescriptorSuite = true;
     bool refuseBuffers = false;     // the buffer suite returns null
     bool failResultWrites = false;  // writeResultPlane reports an error
     uint64_t maxSpace = 1ull << 30;
@@ -65,7 +64,6 @@ public:
     int resultDescriptors = 0;
     std::map<std::string, int> suitesAcquired;
     std::map<std::string, int> suitesReleased;
-    std::vector<uint64_t> bufferAllocations;
     int buffersOutstanding = 0;
     int maxSpaceCalls = 0;
     int freeMemoryCalls = 0;
@@ -80,19 +78,6 @@ private:
     struct Callbacks;
     CvFilterRecord record_{};
     CvBufferSuite1 bufferSuite_{};
-};
-
-// A temporary folder removed with its content on destruction.
-class TempFolder {
-public:
-    TempFolder();
-    ~TempFolder();
-    TempFolder(const TempFolder&) = delete;
-    TempFolder& operator=(const TempFolder&) = delete;
-    const std::filesystem::path& Path() const { return path_; }
-
-private:
-    std::filesystem::path path_;
 };
 
 // The preferences file under a base folder.

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "plugin/CurvanaPlugin.h"
+#include "curvana/CurvanaPlugin.h"
 
 namespace Project::test {
 

@@ -90,48 +90,30 @@ void ExpectMatchesReference(const Rendered& rendered, const MemoryImage& source,
     testing::Test::RecordProperty("maxDifference", std::to_string(comparison.maxDifference));
 }
 
-TEST(PResultGolden, FisheyeThroughStereographic8BitRGB) {
+// Every image mode through the same fisheye scene.
+class PResultGolden : public ::testing::TestWithParam<PixelFormat> {};
+
+TEST_P(PResultGolden, FisheyeThroughStereographicMatchesTheReference) {
     auto device = MakeTestDevice();
     ASSERT_TRUE(device);
-    FisheyeScene scene(640, 480);
-    MemoryImage source = SyntheticImage(640, 480, {3, 8});
+    FisheyeScene scene(320, 240);
+    MemoryImage source = SyntheticImage(320, 240, GetParam(), 7);
     const Rendered rendered = RenderWithPResult(device, source, scene.Mesh());
     EXPECT_EQ(rendered.mode, SourceMode::Whole);
     ExpectMatchesReference(rendered, source, 1, 0.5);
 }
 
-TEST(PResultGolden, FisheyeThroughStereographic16BitRGB) {
-    auto device = MakeTestDevice();
-    ASSERT_TRUE(device);
-    FisheyeScene scene(320, 240);
-    MemoryImage source = SyntheticImage(320, 240, {3, 16});
-    const Rendered rendered = RenderWithPResult(device, source, scene.Mesh());
-    ExpectMatchesReference(rendered, source, 1, 0.5);
-}
+// Grey, RGB and Lab (three planes like RGB), CMYK; 8 and 16 bits.
+INSTANTIATE_TEST_SUITE_P(Modes, PResultGolden,
+                         ::testing::Values(PixelFormat{1, 8}, PixelFormat{1, 16}, PixelFormat{3, 8},
+                                           PixelFormat{3, 16}, PixelFormat{4, 8},
+                                           PixelFormat{4, 16}),
+                         [](const ::testing::TestParamInfo<PixelFormat>& p) {
+                             return "Planes" + std::to_string(p.param.planes) + "Depth" +
+                                    std::to_string(p.param.depth);
+                         });
 
-TEST(PResultGolden, FisheyeThroughStereographicCMYK8And16) {
-    auto device = MakeTestDevice();
-    ASSERT_TRUE(device);
-    FisheyeScene scene(320, 240);
-    for (int32_t depth : {8, 16}) {
-        MemoryImage source = SyntheticImage(320, 240, {4, depth}, 7);
-        const Rendered rendered = RenderWithPResult(device, source, scene.Mesh());
-        ExpectMatchesReference(rendered, source, 1, 0.5);
-    }
-}
-
-TEST(PResultGolden, GreyAndLabModes) {
-    auto device = MakeTestDevice();
-    ASSERT_TRUE(device);
-    FisheyeScene scene(300, 200);
-    for (PixelFormat format : {PixelFormat{1, 8}, PixelFormat{1, 16}, PixelFormat{3, 16}}) {
-        MemoryImage source = SyntheticImage(300, 200, format, 3);
-        const Rendered rendered = RenderWithPResult(device, source, scene.Mesh());
-        ExpectMatchesReference(rendered, source, 1, 0.5);
-    }
-}
-
-TEST(PResultGolden, TwoTileColumnsAt1025By1024) {
+TEST(PResultGoldenTiles, TwoTileColumnsAt1025By1024) {
     auto device = MakeTestDevice();
     ASSERT_TRUE(device);
     FisheyeScene scene(1025, 1024, 5);

@@ -25,36 +25,33 @@ ViewFraming Fit() {
     return ViewFraming{100, 0.5f, 0.5f};
 }
 
-TEST(Triangulation, CutsAlongTheShorterDiagonal) {
-    // (i + 1, j) - (i, j + 1) is shorter: a quad squashed along that diagonal.
-    const float p00[2] = {0.0f, 0.0f};
-    const float p10[2] = {1.0f, 0.1f};
-    const float p01[2] = {0.1f, 1.0f};
-    const float p11[2] = {1.5f, 1.5f};
-    const auto six = TriangulateQuad(10, 5, p00, p10, p01, p11);
-    const std::array<uint32_t, 6> expected{10, 15, 11, 15, 16, 11};
-    EXPECT_EQ(six, expected);
+// A quad at index `first` of a grid of rows `stride` long, its corners
+// (i, j), (i + 1, j), (i, j + 1), (i + 1, j + 1) as x, y pairs, and the six
+// indices it must give.
+struct QuadCase {
+    const char* name;
+    uint32_t first, stride;
+    std::array<float, 8> corners;
+    std::array<uint32_t, 6> expected;
+};
+
+class Triangulation : public ::testing::TestWithParam<QuadCase> {};
+
+TEST_P(Triangulation, CutsAlongTheShorterDiagonal) {
+    const QuadCase& c = GetParam();
+    const float* p = c.corners.data();
+    EXPECT_EQ(TriangulateQuad(c.first, c.stride, p, p + 2, p + 4, p + 6), c.expected);
 }
 
-TEST(Triangulation, OtherwiseAlongTheMainDiagonal) {
-    const float p00[2] = {0.0f, 0.0f};
-    const float p10[2] = {2.0f, 0.0f};
-    const float p01[2] = {-1.0f, 1.0f};
-    const float p11[2] = {1.0f, 1.0f};
-    const auto six = TriangulateQuad(0, 3, p00, p10, p01, p11);
-    const std::array<uint32_t, 6> expected{0, 3, 4, 0, 1, 4};
-    EXPECT_EQ(six, expected);
-}
-
-TEST(Triangulation, EqualDiagonalsCutAlongIJToI1J1) {
-    const float p00[2] = {0.0f, 0.0f};
-    const float p10[2] = {1.0f, 0.0f};
-    const float p01[2] = {0.0f, 1.0f};
-    const float p11[2] = {1.0f, 1.0f};
-    const auto six = TriangulateQuad(7, 4, p00, p10, p01, p11);
-    const std::array<uint32_t, 6> expected{7, 11, 12, 7, 8, 12};
-    EXPECT_EQ(six, expected);
-}
+// The anti-diagonal (i + 1, j) - (i, j + 1) when it is shorter, the main one
+// otherwise and on a tie.
+INSTANTIATE_TEST_SUITE_P(
+    Quads, Triangulation,
+    ::testing::Values(
+        QuadCase{"Anti", 10, 5, {0, 0, 1, .1f, .1f, 1, 1.5f, 1.5f}, {10, 15, 11, 15, 16, 11}},
+        QuadCase{"Main", 0, 3, {0, 0, 2, 0, -1, 1, 1, 1}, {0, 3, 4, 0, 1, 4}},
+        QuadCase{"Tie", 7, 4, {0, 0, 1, 0, 0, 1, 1, 1}, {7, 11, 12, 7, 8, 12}}),
+    [](const ::testing::TestParamInfo<QuadCase>& p) { return p.param.name; });
 
 TEST(Conversion16, HostAndGpuScales) {
     EXPECT_EQ(GpuToHost16(65535), 32768);

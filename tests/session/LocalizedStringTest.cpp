@@ -1,4 +1,4 @@
-#include "session/LocalizedString.h"
+#include "core/LocalizedString.h"
 
 #include <gtest/gtest.h>
 

@@ -20,9 +20,9 @@ using test::SourcePixelOf;
 
 std::shared_ptr<LineSolve> Solve(const std::shared_ptr<const PhotoToSphere>& photo,
                                  const std::shared_ptr<GeodesicLines>& lines) {
-    auto solver = std::make_shared<LineSolve>(lines->Locator().MeshRef(), photo, lines, 0.001f, 8, false, 1,
-                                              1, true, false, AngleRange{-1.6f, 1.6f}, AngleRange{-3.2f, 3.2f},
-                                              10.0, 1.0, 3.0);
+    auto solver = std::make_shared<LineSolve>(
+        lines->Locator().MeshRef(), photo, lines, 0.001f, 8, false, RegularizerModel::Stereographic,
+        1, true, false, AngleRange{-1.6f, 1.6f}, AngleRange{-3.2f, 3.2f}, 10.0, 1.0, 3.0);
     solver->Solve();
     return solver;
 }

@@ -15,8 +15,10 @@ using test::Fisheye;
 constexpr AngleRange kAnyLatitude{-1.6f, 1.6f};
 constexpr AngleRange kAnyLongitude{-3.2f, 3.2f};
 
-std::shared_ptr<LineSolve> MakeLineSolve(int32_t level, std::shared_ptr<const PhotoToSphere> photo,
-                                         std::shared_ptr<const GeodesicLines> lines, int32_t regulariser = 1) {
+std::shared_ptr<LineSolve> MakeLineSolve(
+    int32_t level, std::shared_ptr<const PhotoToSphere> photo,
+    std::shared_ptr<const GeodesicLines> lines,
+    RegularizerModel regulariser = RegularizerModel::Stereographic) {
     auto mesh = lines ? lines->Locator().MeshRef() : std::make_shared<const OctaMap>(level, false);
     return std::make_shared<LineSolve>(mesh, std::move(photo), std::move(lines), 0.001f, 8, false, regulariser,
                                        1, true, false, kAnyLatitude, kAnyLongitude, 10.0, 1.0, 3.0);
@@ -25,8 +27,8 @@ std::shared_ptr<LineSolve> MakeLineSolve(int32_t level, std::shared_ptr<const Ph
 TEST(IterativeWarpSolverTest, RegulariserEverywhereGivesTheClosedFormAndRunsEveryIteration) {
     auto mesh = std::make_shared<const OctaMap>(3, false);
     auto photo = Fisheye(800, 600, 300.0f);
-    IterativeWarpSolver solver(mesh, photo, 0.001f, 5, false, 2, 1, /*boundaryOnly=*/false, false, kAnyLatitude,
-                               kAnyLongitude);
+    IterativeWarpSolver solver(mesh, photo, 0.001f, 5, false, RegularizerModel::Mercator, 1,
+                               /*boundaryOnly=*/false, false, kAnyLatitude, kAnyLongitude);
     solver.Solve();
     ASSERT_TRUE(solver.IsSolved());
     EXPECT_EQ(solver.Timings().iterations, 5);  // no convergence measure: every iteration runs
@@ -45,8 +47,9 @@ TEST(IterativeWarpSolverTest, RegulariserEverywhereGivesTheClosedFormAndRunsEver
 TEST(IterativeWarpSolverTest, SingularSystemClearsTheSolvedFlag) {
     // No regulariser weight and no other term: every diagonal entry is zero.
     auto mesh = std::make_shared<const OctaMap>(2, false);
-    IterativeWarpSolver solver(mesh, Fisheye(400, 300, 150.0f), 0.0f, 8, false, 1, 1, false, false,
-                               kAnyLatitude, kAnyLongitude);
+    IterativeWarpSolver solver(mesh, Fisheye(400, 300, 150.0f), 0.0f, 8, false,
+                               RegularizerModel::Stereographic, 1, false, false, kAnyLatitude,
+                               kAnyLongitude);
     solver.Solve();
     EXPECT_FALSE(solver.IsSolved());
     // The positions were never written.
@@ -59,8 +62,10 @@ TEST(IterativeWarpSolverTest, SingularSystemClearsTheSolvedFlag) {
 TEST(IterativeWarpSolverTest, ValidityFollowsThePhotoAndTheTwoPassRanges) {
     auto mesh = std::make_shared<const OctaMap>(3, false);
     auto photo = Fisheye(800, 600, 300.0f);
-    IterativeWarpSolver onePass(mesh, photo, 0.001f, 8, false, 1, 1, true, false, {-0.3f, 0.3f}, {-0.3f, 0.3f});
-    IterativeWarpSolver twoPass(mesh, photo, 0.001f, 8, false, 1, 1, true, true, {-0.3f, 0.3f}, {-0.3f, 0.3f});
+    IterativeWarpSolver onePass(mesh, photo, 0.001f, 8, false, RegularizerModel::Stereographic, 1,
+                                true, false, {-0.3f, 0.3f}, {-0.3f, 0.3f});
+    IterativeWarpSolver twoPass(mesh, photo, 0.001f, 8, false, RegularizerModel::Stereographic, 1,
+                                true, true, {-0.3f, 0.3f}, {-0.3f, 0.3f});
     int32_t validOne = 0, validTwo = 0;
     for (int32_t j = 0; j < mesh->Size(); ++j) {
         for (int32_t i = 0; i < mesh->Size(); ++i) {

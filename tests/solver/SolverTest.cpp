@@ -31,7 +31,13 @@ private:
     float halfLambda_, halfPhi_;
 };
 
-SolverSettings Settings(int32_t regulariserCode, int32_t storedChoice, bool explicitChoice) {
+constexpr RegularizerModel Stereo = RegularizerModel::Stereographic;
+constexpr RegularizerModel Mercator = RegularizerModel::Mercator;
+constexpr RegularizerModel Panini = RegularizerModel::Panini;
+constexpr RegularizerModel Auto = RegularizerModel::Auto;
+
+SolverSettings Settings(RegularizerModel regulariserCode, RegularizerModel storedChoice,
+                        bool explicitChoice) {
     SolverSettings s;
     s.meshLevel = 3;
     s.regulariserCode = regulariserCode;
@@ -47,12 +53,12 @@ Solver MakeSolver(std::shared_ptr<const PhotoToSphere> photo, const SolverSettin
 
 struct FallbackCase {
     const char* name;
-    int32_t code;
-    int32_t stored;
+    RegularizerModel code;
+    RegularizerModel stored;
     bool explicitChoice;
     bool wideField;
-    int32_t expectedCode;
-    int32_t expectedStored;
+    RegularizerModel expectedCode;
+    RegularizerModel expectedStored;
 };
 
 class SolverFallbackTest : public ::testing::TestWithParam<FallbackCase> {};
@@ -77,30 +83,32 @@ TEST_P(SolverFallbackTest, WideFieldsFallBackToStereographicOnce) {
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, SolverFallbackTest,
-    ::testing::Values(FallbackCase{"MercatorWide", 2, 2, false, true, 1, 1},
-                      FallbackCase{"PaniniWide", 3, 3, false, true, 1, 1},
-                      FallbackCase{"AutoWideKeepsAuto", 3, 4, false, true, 1, 4},
-                      FallbackCase{"StereographicWide", 1, 1, false, true, 1, 1},
-                      FallbackCase{"ExplicitMercatorWideStays", 2, 2, true, true, 2, 2},
-                      FallbackCase{"ExplicitAutoWide", 2, 4, true, true, 1, 4},
-                      FallbackCase{"MercatorNarrow", 2, 2, false, false, 2, 2}),
+    ::testing::Values(
+        FallbackCase{"MercatorWide", Mercator, Mercator, false, true, Stereo, Stereo},
+        FallbackCase{"PaniniWide", Panini, Panini, false, true, Stereo, Stereo},
+        FallbackCase{"AutoWideKeepsAuto", Panini, Auto, false, true, Stereo, Auto},
+        FallbackCase{"StereographicWide", Stereo, Stereo, false, true, Stereo, Stereo},
+        FallbackCase{"ExplicitMercatorWideStays", Mercator, Mercator, true, true, Mercator,
+                     Mercator},
+        FallbackCase{"ExplicitAutoWide", Mercator, Auto, true, true, Stereo, Auto},
+        FallbackCase{"MercatorNarrow", Mercator, Mercator, false, false, Mercator, Mercator}),
     [](const ::testing::TestParamInfo<FallbackCase>& caseInfo) { return caseInfo.param.name; });
 
 TEST(SolverTest, HostStateSuppressesTheFallback) {
-    SolverSettings s = Settings(2, 2, false);
+    SolverSettings s = Settings(Mercator, Mercator, false);
     s.suppressWideFieldFallback = true;
     Solver solver = MakeSolver(Fisheye(1200, 800, 380.0f), s);
     solver.Build();
-    EXPECT_EQ(solver.RegulariserCode(), 2);
+    EXPECT_EQ(solver.RegulariserCode(), Mercator);
     EXPECT_EQ(solver.Passes(), 1);
 }
 
 TEST(SolverTest, FullSphericalRunsTwoPassesWithFixedRanges) {
     auto raster = std::make_shared<SourceRaster>(2000, 1000);
     auto photo = std::make_shared<SphericalImage>(raster, 1000.0f / 3.1415927f, 1000.0f, 500.0f);
-    SolverSettings s = Settings(2, 2, false);
+    SolverSettings s = Settings(Mercator, Mercator, false);
     s.meshLevel = 4;
-    s.projectionModel = 4;
+    s.projectionModel = ProjectionModel::FullSpherical;
     auto mesh = std::make_shared<const OctaMap>(s.meshLevel, false);
     auto lines = std::make_shared<GeodesicLines>(photo, mesh);
     Solver solver(mesh, photo, lines, s);
@@ -108,7 +116,7 @@ TEST(SolverTest, FullSphericalRunsTwoPassesWithFixedRanges) {
     EXPECT_EQ(solver.Passes(), 2);
     EXPECT_TRUE(solver.TwoPass());
     EXPECT_FALSE(solver.FellBack());  // the full sphere never counts as wide
-    EXPECT_EQ(solver.RegulariserCode(), 2);
+    EXPECT_EQ(solver.RegulariserCode(), Mercator);
     const auto warp = solver.Warp();
     EXPECT_TRUE(warp->TwoPass());
     EXPECT_FLOAT_EQ(warp->LatitudeRange().first, -1.2915437f);
@@ -134,7 +142,7 @@ TEST(SolverTest, AFailedSolveIsAFlagAndNoPositionIsRead) {
     auto photo = std::make_shared<WindowPhoto>(-1.0f, -1.0f);
     auto mesh = std::make_shared<const OctaMap>(3, false);
     auto lines = std::make_shared<GeodesicLines>(photo, mesh);
-    Solver solver(mesh, photo, lines, Settings(1, 1, false));
+    Solver solver(mesh, photo, lines, Settings(Stereo, Stereo, false));
     EXPECT_FALSE(solver.Run());
     ASSERT_NE(solver.Warp(), nullptr);
     EXPECT_FALSE(solver.Warp()->IsSolved());

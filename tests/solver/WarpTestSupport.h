@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "constraints/GeodesicLines.h"
-#include "constraints/MeshLocator.h"
 #include "geometry/Projections.h"
 #include "solver/LineSolve.h"
+#include "warp/MeshLocator.h"
 
 namespace Project::test {
 

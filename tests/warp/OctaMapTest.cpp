@@ -9,28 +9,13 @@
 #include <stdexcept>
 #include <tuple>
 
+#include "core/Vector3.h"
+
 namespace Project {
 namespace {
 
-using Vec = std::array<double, 3>;
-
-Vec ToD(const MeshVector& v) {
-    return {v[0], v[1], v[2]};
-}
-double Dot(const Vec& a, const Vec& b) {
-    return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
-}
-Vec Sub(const Vec& a, const Vec& b) {
-    return {a[0] - b[0], a[1] - b[1], a[2] - b[2]};
-}
-Vec Cross(const Vec& a, const Vec& b) {
-    return {a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
-}
-double Norm(const Vec& a) {
-    return std::sqrt(Dot(a, a));
-}
 double AngleBetween(const MeshVector& a, const MeshVector& b) {
-    return std::atan2(Norm(Cross(ToD(a), ToD(b))), Dot(ToD(a), ToD(b)));
+    return std::atan2(Norm(Cross(ToDouble(a), ToDouble(b))), Dot(ToDouble(a), ToDouble(b)));
 }
 
 class OctaMapLayout : public ::testing::TestWithParam<std::tuple<int32_t, bool>> {};
@@ -48,7 +33,7 @@ TEST_P(OctaMapLayout, ShapeUnitLengthCentreAndHemisphere) {
     for (int32_t j = 0; j < n; ++j) {
         for (int32_t i = 0; i < n; ++i) {
             const MeshVector& d = mesh.StoredDirection(i, j);
-            EXPECT_NEAR(Norm(ToD(d)), 1.0, 1e-6) << i << "," << j;
+            EXPECT_NEAR(Norm(ToDouble(d)), 1.0, 1e-6) << i << "," << j;
             const int32_t ring = std::abs(i - c) + std::abs(j - c);
             // The inner diamond is the closed hemisphere x >= 0, its rim x = 0 exactly.
             if (ring < c) {
@@ -154,12 +139,12 @@ TEST_P(OctaMapLayout, CellsAreNearlyUniform) {
     double hi = 0.0;
     for (int32_t j = 0; j + 1 < n; ++j) {
         for (int32_t i = 0; i + 1 < n; ++i) {
-            const Vec a = ToD(mesh.StoredDirection(i, j));
-            const Vec b = ToD(mesh.StoredDirection(i + 1, j));
-            const Vec d = ToD(mesh.StoredDirection(i, j + 1));
-            const Vec e = ToD(mesh.StoredDirection(i + 1, j + 1));
-            const double area =
-                0.5 * (Norm(Cross(Sub(b, a), Sub(d, a))) + Norm(Cross(Sub(b, e), Sub(d, e))));
+            const Vec3d a = ToDouble(mesh.StoredDirection(i, j));
+            const Vec3d b = ToDouble(mesh.StoredDirection(i + 1, j));
+            const Vec3d d = ToDouble(mesh.StoredDirection(i, j + 1));
+            const Vec3d e = ToDouble(mesh.StoredDirection(i + 1, j + 1));
+            const double area = 0.5 * (Norm(Cross(Difference(b, a), Difference(d, a))) +
+                                       Norm(Cross(Difference(b, e), Difference(d, e))));
             lo = std::min(lo, area);
             hi = std::max(hi, area);
         }
@@ -226,12 +211,12 @@ TEST(OctaMap, RotationTurnsDirectionsAndFrames) {
     std::uniform_int_distribution<int32_t> index(0, mesh.Width() - 1);
     for (int k = 0; k < 200; ++k) {
         const int32_t i = index(rng), j = index(rng);
-        const Vec d = ToD(mesh.Direction(i, j));
+        const Vec3d d = ToDouble(mesh.Direction(i, j));
         const MeshFrame f = mesh.LocalFrame(i, j);
         EXPECT_NEAR(Dot(f.east, f.east), 1.0, 1e-12);
         EXPECT_NEAR(Dot(f.north, f.north), 1.0, 1e-12);
         EXPECT_NEAR(Dot(f.east, f.north), 0.0, 1e-12);
-        const Vec up = Cross(f.east, f.north);
+        const Vec3d up = Cross(f.east, f.north);
         for (int m = 0; m < 3; ++m) {
             EXPECT_NEAR(up[m], d[m], 2e-6) << i << "," << j;
         }

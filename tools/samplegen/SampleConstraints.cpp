@@ -25,7 +25,9 @@ void writeSampleConstraints(const std::filesystem::path& file, const SceneOption
     context.settings.physicalFocal = static_cast<float>(scene.focalMm);
     context.settings.cropFactor = static_cast<float>(scene.cropFactor);
     context.settings.focalLength = static_cast<float>(focalPixels(scene));
-    context.settings.projectionModel = scene.lens == Lens::Equisolid ? 1 : 2;
+    context.settings.projectionModel = scene.lens == Lens::Equisolid
+                                           ? Project::ProjectionModel::Fisheye
+                                           : Project::ProjectionModel::Perspective;
 
     Project::ConstraintSet set;
     for (const SceneEdge& e : roomEdges(scene)) {

@@ -114,8 +114,6 @@ GpuError VkFailure(const char* what, VkResult result) {
 
 }  // namespace detail
 
-using detail::VkFailure;
-
 // ---- Memory helpers -----------------------------------------------------------------
 
 Result<uint32_t> GpuDevice::Impl::FindMemoryType(uint32_t typeBits, VkMemoryPropertyFlags required,
@@ -143,6 +141,15 @@ Result<uint32_t> GpuDevice::Impl::FindMemoryType(uint32_t typeBits, VkMemoryProp
                     "no Vulkan memory type with the required properties"};
 }
 
+Result<detail::DeviceMemory> GpuDevice::Impl::Allocate(const VkMemoryRequirements& requirements,
+                                                       uint32_t memoryType,
+                                                       const char* call) const {
+    auto allocate = detail::Info<VkMemoryAllocateInfo>(VK_STRUCTURE_TYPE_MEMORY_ALLOCATE_INFO);
+    allocate.allocationSize = requirements.size;
+    allocate.memoryTypeIndex = memoryType;
+    return detail::Create<detail::DeviceMemory>(vk(), vkAllocateMemory, allocate, call);
+}
+
 Result<detail::BufferResource> GpuDevice::Impl::CreateBuffer(VkDeviceSize size,
                                                              VkBufferUsageFlags usage,
                                                              bool hostVisible,
@@ -153,13 +160,13 @@ Result<detail::BufferResource> GpuDevice::Impl::CreateBuffer(VkDeviceSize size,
     info.size = size;
     info.usage = usage;
     info.sharingMode = VK_SHARING_MODE_EXCLUSIVE;
-    VkBuffer buffer = VK_NULL_HANDLE;
-    if (VkResult r = vkCreateBuffer(vk(), &info, nullptr, &buffer); r != VK_SUCCESS) {
-        return VkFailure("vkCreateBuffer", r);
+    if (Status s = detail::Assign(out.buffer, detail::Create<detail::Buffer>(
+                                                  vk(), vkCreateBuffer, info, "vkCreateBuffer"));
+        !s) {
+        return s.error();
     }
-    out.buffer = detail::Buffer(vk(), buffer);
     VkMemoryRequirements requirements{};
-    vkGetBufferMemoryRequirements(vk(), buffer, &requirements);
+    vkGetBufferMemoryRequirements(vk(), out.buffer.get(), &requirements);
     const VkMemoryPropertyFlags required =
         hostVisible ? VK_MEMORY_PROPERTY_HOST_VISIBLE_BIT : VK_MEMORY_PROPERTY_DEVICE_LOCAL_BIT;
     const VkMemoryPropertyFlags preferred =
@@ -170,26 +177,27 @@ Result<detail::BufferResource> GpuDevice::Impl::CreateBuffer(VkDeviceSize size,
     if (!type) {
         return type.error();
     }
-    auto allocate = detail::Info<VkMemoryAllocateInfo>(VK_STRUCTURE_TYPE_MEMORY_ALLOCATE_INFO);
-    allocate.allocationSize = requirements.size;
-    allocate.memoryTypeIndex = type.value();
-    VkDeviceMemory memory = VK_NULL_HANDLE;
-    if (VkResult r = vkAllocateMemory(vk(), &allocate, nullptr, &memory); r != VK_SUCCESS) {
-        return VkFailure("vkAllocateMemory (buffer)", r);
+    if (Status s = detail::Assign(
+            out.memory, Allocate(requirements, type.value(), "vkAllocateMemory (buffer)"));
+        !s) {
+        return s.error();
     }
-    out.memory = detail::DeviceMemory(vk(), memory);
-    out.memoryHandle = memory;
-    if (VkResult r = vkBindBufferMemory(vk(), buffer, memory, 0); r != VK_SUCCESS) {
-        return VkFailure("vkBindBufferMemory", r);
+    out.memoryHandle = out.memory.get();
+    if (Status s = detail::Check(vkBindBufferMemory(vk(), out.buffer.get(), out.memoryHandle, 0),
+                                 "vkBindBufferMemory");
+        !s) {
+        return s.error();
     }
     if (hostVisible) {
         out.coherent = (memoryProperties.memoryTypes[type.value()].propertyFlags &
                         VK_MEMORY_PROPERTY_HOST_COHERENT_BIT) != 0;
         void* data = nullptr;
-        if (VkResult r = vkMapMemory(vk(), memory, 0, VK_WHOLE_SIZE, 0, &data); r != VK_SUCCESS) {
-            return VkFailure("vkMapMemory", r);
+        if (Status s = detail::Check(
+                vkMapMemory(vk(), out.memoryHandle, 0, VK_WHOLE_SIZE, 0, &data), "vkMapMemory");
+            !s) {
+            return s.error();
         }
-        out.mapped = detail::MappedMemory(vk(), memory, data);
+        out.mapped = detail::MappedMemory(vk(), out.memoryHandle, data);
     }
     return out;
 }
@@ -219,38 +227,38 @@ Result<detail::ImageResource> GpuDevice::Impl::CreateImage(uint32_t width, uint3
     info.usage = usage;
     info.sharingMode = VK_SHARING_MODE_EXCLUSIVE;
     info.initialLayout = VK_IMAGE_LAYOUT_UNDEFINED;
-    VkImage image = VK_NULL_HANDLE;
-    if (VkResult r = vkCreateImage(vk(), &info, nullptr, &image); r != VK_SUCCESS) {
-        return VkFailure("vkCreateImage", r);
+    if (Status s = detail::Assign(
+            out.image, detail::Create<detail::Image>(vk(), vkCreateImage, info, "vkCreateImage"));
+        !s) {
+        return s.error();
     }
-    out.image = detail::Image(vk(), image);
     VkMemoryRequirements requirements{};
-    vkGetImageMemoryRequirements(vk(), image, &requirements);
+    vkGetImageMemoryRequirements(vk(), out.image.get(), &requirements);
     auto type = FindMemoryType(requirements.memoryTypeBits, VK_MEMORY_PROPERTY_DEVICE_LOCAL_BIT);
     if (!type) {
         return type.error();
     }
-    auto allocate = detail::Info<VkMemoryAllocateInfo>(VK_STRUCTURE_TYPE_MEMORY_ALLOCATE_INFO);
-    allocate.allocationSize = requirements.size;
-    allocate.memoryTypeIndex = type.value();
-    VkDeviceMemory memory = VK_NULL_HANDLE;
-    if (VkResult r = vkAllocateMemory(vk(), &allocate, nullptr, &memory); r != VK_SUCCESS) {
-        return VkFailure("vkAllocateMemory (image)", r);
+    if (Status s = detail::Assign(out.memory,
+                                  Allocate(requirements, type.value(), "vkAllocateMemory (image)"));
+        !s) {
+        return s.error();
     }
-    out.memory = detail::DeviceMemory(vk(), memory);
-    if (VkResult r = vkBindImageMemory(vk(), image, memory, 0); r != VK_SUCCESS) {
-        return VkFailure("vkBindImageMemory", r);
+    if (Status s = detail::Check(vkBindImageMemory(vk(), out.image.get(), out.memory.get(), 0),
+                                 "vkBindImageMemory");
+        !s) {
+        return s.error();
     }
     auto viewInfo = detail::Info<VkImageViewCreateInfo>(VK_STRUCTURE_TYPE_IMAGE_VIEW_CREATE_INFO);
-    viewInfo.image = image;
+    viewInfo.image = out.image.get();
     viewInfo.viewType = VK_IMAGE_VIEW_TYPE_2D;
     viewInfo.format = format;
     viewInfo.subresourceRange = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 1, 0, 1};
-    VkImageView view = VK_NULL_HANDLE;
-    if (VkResult r = vkCreateImageView(vk(), &viewInfo, nullptr, &view); r != VK_SUCCESS) {
-        return VkFailure("vkCreateImageView", r);
+    if (Status s =
+            detail::Assign(out.view, detail::Create<detail::ImageView>(
+                                         vk(), vkCreateImageView, viewInfo, "vkCreateImageView"));
+        !s) {
+        return s.error();
     }
-    out.view = detail::ImageView(vk(), view);
     return out;
 }
 
@@ -264,10 +272,7 @@ Status GpuDevice::Impl::SyncMapped(const detail::BufferResource& buffer,
     range.memory = buffer.memoryHandle;
     range.offset = 0;
     range.size = VK_WHOLE_SIZE;
-    if (VkResult r = sync(vk(), 1, &range); r != VK_SUCCESS) {
-        return VkFailure(call, r);
-    }
-    return {};
+    return detail::Check(sync(vk(), 1, &range), call);
 }
 
 Status GpuDevice::Impl::Flush(const detail::BufferResource& buffer) const {
@@ -422,78 +427,91 @@ GpuError NoDriverError() {
                     "driver, for example Mesa's lavapipe (Debian package mesa-vulkan-drivers)"};
 }
 
-// Creates a plain instance (no layers, no extensions) for queries.
-Result<detail::Instance> CreateQueryInstance() {
+bool LoaderOffersVulkan11() {
+    uint32_t loaderVersion = VK_API_VERSION_1_0;
+    return vkEnumerateInstanceVersion(&loaderVersion) == VK_SUCCESS &&
+           loaderVersion >= VK_API_VERSION_1_1;
+}
+
+// An instance for Vulkan 1.1 with the given layers and extensions; pNext
+// chains a messenger that also reports the instance's own creation.
+Result<detail::Instance> CreateInstance(const std::vector<const char*>& layers,
+                                        const std::vector<const char*>& extensions,
+                                        const void* pNext = nullptr) {
     auto app = detail::Info<VkApplicationInfo>(VK_STRUCTURE_TYPE_APPLICATION_INFO);
     app.pApplicationName = "Curvana";
     app.pEngineName = "Curvana";
     app.apiVersion = VK_API_VERSION_1_1;
     auto info = detail::Info<VkInstanceCreateInfo>(VK_STRUCTURE_TYPE_INSTANCE_CREATE_INFO);
+    info.pNext = pNext;
     info.pApplicationInfo = &app;
+    info.enabledLayerCount = static_cast<uint32_t>(layers.size());
+    info.ppEnabledLayerNames = layers.data();
+    info.enabledExtensionCount = static_cast<uint32_t>(extensions.size());
+    info.ppEnabledExtensionNames = extensions.data();
     VkInstance instance = VK_NULL_HANDLE;
     const VkResult r = vkCreateInstance(&info, nullptr, &instance);
     if (r == VK_ERROR_INCOMPATIBLE_DRIVER) {
         return NoDriverError();
     }
-    if (r != VK_SUCCESS) {
-        return VkFailure("vkCreateInstance", r);
+    if (Status s = detail::Check(r, "vkCreateInstance"); !s) {
+        return s.error();
     }
     return detail::Instance(instance);
 }
 
-// Everything of Create that can fail, filling impl.
-Status Initialize(GpuDevice::Impl& impl, const GpuOptions& options) {
-    uint32_t loaderVersion = VK_API_VERSION_1_0;
-    if (vkEnumerateInstanceVersion(&loaderVersion) != VK_SUCCESS ||
-        loaderVersion < VK_API_VERSION_1_1) {
-        return GpuError{static_cast<int32_t>(VK_ERROR_INCOMPATIBLE_DRIVER),
-                        "the Vulkan loader does not offer Vulkan 1.1"};
+// Sets a device up step by step: the instance (with the validation messenger
+// when asked for and installed), the choice of the physical device, the
+// logical device with its queue, and the shader program. Each step fills its
+// part of the Impl; Build stops at the first failure.
+class DeviceBuilder {
+public:
+    DeviceBuilder(GpuDevice::Impl& impl, const GpuOptions& options)
+        : impl_(impl), options_(options) {}
+
+    Status Build() {
+        if (!LoaderOffersVulkan11()) {
+            return GpuError{static_cast<int32_t>(VK_ERROR_INCOMPATIBLE_DRIVER),
+                            "the Vulkan loader does not offer Vulkan 1.1"};
+        }
+        using Step = Status (DeviceBuilder::*)();
+        for (Step step :
+             {&DeviceBuilder::CreateInstanceAndMessenger, &DeviceBuilder::ChoosePhysicalDevice,
+              &DeviceBuilder::CreateLogicalDevice, &DeviceBuilder::CompileShaders}) {
+            if (Status s = (this->*step)(); !s) {
+                return s;
+            }
+        }
+        return {};
     }
 
-    std::vector<const char*> layers;
-    std::vector<const char*> extensions;
-    impl.validation = options.enableValidation && LayerInstalled(kValidationLayer);
-    if (options.enableValidation && !impl.validation) {
-        impl.log(LogLevel::Warning,
-                 "Vulkan validation requested but VK_LAYER_KHRONOS_validation is not installed");
-    }
-    auto messengerInfo = detail::Info<VkDebugUtilsMessengerCreateInfoEXT>(
-        VK_STRUCTURE_TYPE_DEBUG_UTILS_MESSENGER_CREATE_INFO_EXT);
-    messengerInfo.messageSeverity = VK_DEBUG_UTILS_MESSAGE_SEVERITY_WARNING_BIT_EXT |
-                                    VK_DEBUG_UTILS_MESSAGE_SEVERITY_ERROR_BIT_EXT;
-    messengerInfo.messageType = VK_DEBUG_UTILS_MESSAGE_TYPE_GENERAL_BIT_EXT |
-                                VK_DEBUG_UTILS_MESSAGE_TYPE_VALIDATION_BIT_EXT;
-    messengerInfo.pfnUserCallback = OnDebugMessage;
-    messengerInfo.pUserData = &impl;
-    if (impl.validation) {
-        layers.push_back(kValidationLayer);
-        extensions.push_back(VK_EXT_DEBUG_UTILS_EXTENSION_NAME);
-    }
-
-    auto app = detail::Info<VkApplicationInfo>(VK_STRUCTURE_TYPE_APPLICATION_INFO);
-    app.pApplicationName = "Curvana";
-    app.pEngineName = "Curvana";
-    app.apiVersion = VK_API_VERSION_1_1;
-    auto instanceInfo = detail::Info<VkInstanceCreateInfo>(VK_STRUCTURE_TYPE_INSTANCE_CREATE_INFO);
-    instanceInfo.pApplicationInfo = &app;
-    instanceInfo.enabledLayerCount = static_cast<uint32_t>(layers.size());
-    instanceInfo.ppEnabledLayerNames = layers.data();
-    instanceInfo.enabledExtensionCount = static_cast<uint32_t>(extensions.size());
-    instanceInfo.ppEnabledExtensionNames = extensions.data();
-    if (impl.validation) {
-        instanceInfo.pNext = &messengerInfo;  // also report instance creation itself
-    }
-    VkInstance instance = VK_NULL_HANDLE;
-    const VkResult created = vkCreateInstance(&instanceInfo, nullptr, &instance);
-    if (created == VK_ERROR_INCOMPATIBLE_DRIVER) {
-        return NoDriverError();
-    }
-    if (created != VK_SUCCESS) {
-        return VkFailure("vkCreateInstance", created);
-    }
-    impl.instance = detail::Instance(instance);
-
-    if (impl.validation) {
+private:
+    Status CreateInstanceAndMessenger() {
+        impl_.validation = options_.enableValidation && LayerInstalled(kValidationLayer);
+        if (options_.enableValidation && !impl_.validation) {
+            impl_.log(LogLevel::Warning,
+                      "Vulkan validation requested but VK_LAYER_KHRONOS_validation is not "
+                      "installed");
+        }
+        auto messengerInfo = detail::Info<VkDebugUtilsMessengerCreateInfoEXT>(
+            VK_STRUCTURE_TYPE_DEBUG_UTILS_MESSENGER_CREATE_INFO_EXT);
+        messengerInfo.messageSeverity = VK_DEBUG_UTILS_MESSAGE_SEVERITY_WARNING_BIT_EXT |
+                                        VK_DEBUG_UTILS_MESSAGE_SEVERITY_ERROR_BIT_EXT;
+        messengerInfo.messageType = VK_DEBUG_UTILS_MESSAGE_TYPE_GENERAL_BIT_EXT |
+                                    VK_DEBUG_UTILS_MESSAGE_TYPE_VALIDATION_BIT_EXT;
+        messengerInfo.pfnUserCallback = OnDebugMessage;
+        messengerInfo.pUserData = &impl_;
+        if (!impl_.validation) {
+            return detail::Assign(impl_.instance, CreateInstance({}, {}));
+        }
+        if (Status s =
+                detail::Assign(impl_.instance,
+                               CreateInstance({kValidationLayer},
+                                              {VK_EXT_DEBUG_UTILS_EXTENSION_NAME}, &messengerInfo));
+            !s) {
+            return s;
+        }
+        const VkInstance instance = impl_.instance.get();
         auto create = reinterpret_cast<PFN_vkCreateDebugUtilsMessengerEXT>(
             vkGetInstanceProcAddr(instance, "vkCreateDebugUtilsMessengerEXT"));
         auto destroy = reinterpret_cast<PFN_vkDestroyDebugUtilsMessengerEXT>(
@@ -503,64 +521,76 @@ Status Initialize(GpuDevice::Impl& impl, const GpuOptions& options) {
                             "VK_EXT_debug_utils entry points are missing"};
         }
         VkDebugUtilsMessengerEXT messenger = VK_NULL_HANDLE;
-        if (VkResult r = create(instance, &messengerInfo, nullptr, &messenger); r != VK_SUCCESS) {
-            return VkFailure("vkCreateDebugUtilsMessengerEXT", r);
+        if (Status s = detail::Check(create(instance, &messengerInfo, nullptr, &messenger),
+                                     "vkCreateDebugUtilsMessengerEXT");
+            !s) {
+            return s;
         }
-        impl.messenger = detail::DebugMessenger(instance, messenger, destroy);
+        impl_.messenger = detail::DebugMessenger(instance, messenger, destroy);
+        return {};
     }
 
-    uint32_t examined = 0;
-    const Choice choice = ChooseDevice(instance, &examined);
-    if (choice.device == VK_NULL_HANDLE) {
-        if (examined == 0) {
-            return GpuError{static_cast<int32_t>(VK_ERROR_INITIALIZATION_FAILED),
-                            "no Vulkan device found (the driver reports none)"};
+    Status ChoosePhysicalDevice() {
+        uint32_t examined = 0;
+        const Choice choice = ChooseDevice(impl_.instance.get(), &examined);
+        if (choice.device == VK_NULL_HANDLE) {
+            if (examined == 0) {
+                return GpuError{static_cast<int32_t>(VK_ERROR_INITIALIZATION_FAILED),
+                                "no Vulkan device found (the driver reports none)"};
+            }
+            return GpuError{static_cast<int32_t>(VK_ERROR_FEATURE_NOT_PRESENT),
+                            "no suitable Vulkan device among " + std::to_string(examined) +
+                                ": a graphics queue, Vulkan 1.1 and RGBA8/RGBA16 UNORM textures "
+                                "with linear filtering and rendering are required"};
         }
-        return GpuError{static_cast<int32_t>(VK_ERROR_FEATURE_NOT_PRESENT),
-                        "no suitable Vulkan device among " + std::to_string(examined) +
-                            ": a graphics queue, Vulkan 1.1 and RGBA8/RGBA16 UNORM textures "
-                            "with linear filtering and rendering are required"};
+        impl_.physical = choice.device;
+        impl_.queueFamily = choice.queueFamily;
+        vkGetPhysicalDeviceProperties(impl_.physical, &impl_.properties);
+        vkGetPhysicalDeviceMemoryProperties(impl_.physical, &impl_.memoryProperties);
+        impl_.kind = KindOf(impl_.properties.deviceType);
+        impl_.name = impl_.properties.deviceName;
+        const uint32_t deviceMax = impl_.properties.limits.maxImageDimension2D;
+        impl_.maxTextureDimension = options_.maxTextureDimension != 0
+                                        ? std::min(deviceMax, options_.maxTextureDimension)
+                                        : deviceMax;
+        return {};
     }
-    impl.physical = choice.device;
-    impl.queueFamily = choice.queueFamily;
-    vkGetPhysicalDeviceProperties(impl.physical, &impl.properties);
-    vkGetPhysicalDeviceMemoryProperties(impl.physical, &impl.memoryProperties);
-    impl.kind = KindOf(impl.properties.deviceType);
-    impl.name = impl.properties.deviceName;
-    const uint32_t deviceMax = impl.properties.limits.maxImageDimension2D;
-    impl.maxTextureDimension = options.maxTextureDimension != 0
-                                   ? std::min(deviceMax, options.maxTextureDimension)
-                                   : deviceMax;
 
-    const float priority = 1.0f;
-    auto queueInfo =
-        detail::Info<VkDeviceQueueCreateInfo>(VK_STRUCTURE_TYPE_DEVICE_QUEUE_CREATE_INFO);
-    queueInfo.queueFamilyIndex = impl.queueFamily;
-    queueInfo.queueCount = 1;
-    queueInfo.pQueuePriorities = &priority;
-    auto deviceInfo = detail::Info<VkDeviceCreateInfo>(VK_STRUCTURE_TYPE_DEVICE_CREATE_INFO);
-    deviceInfo.queueCreateInfoCount = 1;
-    deviceInfo.pQueueCreateInfos = &queueInfo;
-    VkDevice device = VK_NULL_HANDLE;
-    if (VkResult r = vkCreateDevice(impl.physical, &deviceInfo, nullptr, &device);
-        r != VK_SUCCESS) {
-        return VkFailure("vkCreateDevice", r);
+    Status CreateLogicalDevice() {
+        const float priority = 1.0f;
+        auto queueInfo =
+            detail::Info<VkDeviceQueueCreateInfo>(VK_STRUCTURE_TYPE_DEVICE_QUEUE_CREATE_INFO);
+        queueInfo.queueFamilyIndex = impl_.queueFamily;
+        queueInfo.queueCount = 1;
+        queueInfo.pQueuePriorities = &priority;
+        auto deviceInfo = detail::Info<VkDeviceCreateInfo>(VK_STRUCTURE_TYPE_DEVICE_CREATE_INFO);
+        deviceInfo.queueCreateInfoCount = 1;
+        deviceInfo.pQueueCreateInfos = &queueInfo;
+        VkDevice device = VK_NULL_HANDLE;
+        if (Status s = detail::Check(vkCreateDevice(impl_.physical, &deviceInfo, nullptr, &device),
+                                     "vkCreateDevice");
+            !s) {
+            return s;
+        }
+        impl_.device = detail::Device(device);
+        vkGetDeviceQueue(device, impl_.queueFamily, 0, &impl_.queue);
+        return {};
     }
-    impl.device = detail::Device(device);
-    vkGetDeviceQueue(device, impl.queueFamily, 0, &impl.queue);
 
-    auto vertex = CompileHlsl(ResamplingShaderHlsl(), "VSMain", ShaderStage::Vertex);
-    if (!vertex) {
-        return vertex.error();
+    Status CompileShaders() {
+        if (Status s =
+                detail::Assign(impl_.vertexSpirv,
+                               CompileHlsl(ResamplingShaderHlsl(), "VSMain", ShaderStage::Vertex));
+            !s) {
+            return s;
+        }
+        return detail::Assign(impl_.fragmentSpirv,
+                              CompileHlsl(ResamplingShaderHlsl(), "FSMain", ShaderStage::Fragment));
     }
-    auto fragment = CompileHlsl(ResamplingShaderHlsl(), "FSMain", ShaderStage::Fragment);
-    if (!fragment) {
-        return fragment.error();
-    }
-    impl.vertexSpirv = std::move(vertex).value();
-    impl.fragmentSpirv = std::move(fragment).value();
-    return {};
-}
+
+    GpuDevice::Impl& impl_;
+    const GpuOptions& options_;
+};
 
 }  // namespace
 
@@ -574,7 +604,7 @@ Result<std::shared_ptr<GpuDevice>> GpuDevice::Create(const GpuOptions& options) 
     impl->log = options.log ? options.log : StderrLogSink();
     impl->onValidationError = options.onValidationError;
     impl->log(LogLevel::Info, "Initializing GPU environment for " + std::string(kProductName));
-    if (Status status = Initialize(*impl, options); !status) {
+    if (Status status = DeviceBuilder(*impl, options).Build(); !status) {
         impl->log(LogLevel::Error, "RavloException during Initialize: " + status.error().message);
         impl->log(LogLevel::Error,
                   "Failure in initializing Ravlo for " + std::string(kProductName));
@@ -610,12 +640,10 @@ void GpuDevice::Log(LogLevel level, std::string_view line) const {
 }
 
 bool IsVulkanDevicePresent() {
-    uint32_t loaderVersion = VK_API_VERSION_1_0;
-    if (vkEnumerateInstanceVersion(&loaderVersion) != VK_SUCCESS ||
-        loaderVersion < VK_API_VERSION_1_1) {
+    if (!LoaderOffersVulkan11()) {
         return false;
     }
-    auto instance = CreateQueryInstance();
+    auto instance = CreateInstance({}, {});
     if (!instance) {
         return false;
     }

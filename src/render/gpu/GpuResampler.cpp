@@ -10,8 +10,6 @@
 
 namespace Project::Gpu {
 
-using detail::VkFailure;
-
 namespace {
 
 // Staging bands of the source upload: two buffers of about this size, so the
@@ -62,8 +60,15 @@ struct GpuResampler::Impl {
 
     VkDevice vk() const { return gpu->vk(); }
 
+    // Everything a resampler needs, step by step; stops at the first failure.
     Status CreateAll();
+    Status CreateCommands();
+    Status CreateBindingLayout();
+    Status CreateRenderPasses();
     Status CreatePipeline();
+    Status CreateTarget();
+    Status CreateDescriptorSet();
+    Status CreateHostBuffers();
     Result<VkCommandBuffer> Begin(Submission& submission);
     Status SubmitAndWait(Submission& submission);
     Status Submit(Submission& submission);
@@ -117,37 +122,27 @@ Result<detail::RenderPass> MakeRenderPass(VkDevice device, VkFormat format, bool
     info.pSubpasses = &subpass;
     info.dependencyCount = static_cast<uint32_t>(dependencies.size());
     info.pDependencies = dependencies.data();
-    VkRenderPass pass = VK_NULL_HANDLE;
-    if (VkResult r = vkCreateRenderPass(device, &info, nullptr, &pass); r != VK_SUCCESS) {
-        return VkFailure("vkCreateRenderPass", r);
-    }
-    return detail::RenderPass(device, pass);
+    return detail::Create<detail::RenderPass>(device, vkCreateRenderPass, info,
+                                              "vkCreateRenderPass");
 }
 
 Result<detail::ShaderModule> MakeShaderModule(VkDevice device, const std::vector<uint32_t>& code) {
     auto info = detail::Info<VkShaderModuleCreateInfo>(VK_STRUCTURE_TYPE_SHADER_MODULE_CREATE_INFO);
     info.codeSize = code.size() * sizeof(uint32_t);
     info.pCode = code.data();
-    VkShaderModule module = VK_NULL_HANDLE;
-    if (VkResult r = vkCreateShaderModule(device, &info, nullptr, &module); r != VK_SUCCESS) {
-        return VkFailure("vkCreateShaderModule", r);
-    }
-    return detail::ShaderModule(device, module);
+    return detail::Create<detail::ShaderModule>(device, vkCreateShaderModule, info,
+                                                "vkCreateShaderModule");
 }
 
 }  // namespace
 
 Status GpuResampler::Impl::CreatePipeline() {
-    auto vertex = MakeShaderModule(vk(), gpu->vertexSpirv);
-    if (!vertex) {
-        return vertex.error();
+    if (Status s = detail::Assign(vertexModule, MakeShaderModule(vk(), gpu->vertexSpirv)); !s) {
+        return s;
     }
-    vertexModule = std::move(vertex).value();
-    auto fragment = MakeShaderModule(vk(), gpu->fragmentSpirv);
-    if (!fragment) {
-        return fragment.error();
+    if (Status s = detail::Assign(fragmentModule, MakeShaderModule(vk(), gpu->fragmentSpirv)); !s) {
+        return s;
     }
-    fragmentModule = std::move(fragment).value();
 
     std::array<VkPipelineShaderStageCreateInfo, 2> stages{};
     stages[0].sType = VK_STRUCTURE_TYPE_PIPELINE_SHADER_STAGE_CREATE_INFO;
@@ -219,44 +214,66 @@ Status GpuResampler::Impl::CreatePipeline() {
     info.renderPass = clearPass.get();
     info.subpass = 0;
     VkPipeline made = VK_NULL_HANDLE;
-    if (VkResult r = vkCreateGraphicsPipelines(vk(), VK_NULL_HANDLE, 1, &info, nullptr, &made);
-        r != VK_SUCCESS) {
-        return VkFailure("vkCreateGraphicsPipelines", r);
+    if (Status s =
+            detail::Check(vkCreateGraphicsPipelines(vk(), VK_NULL_HANDLE, 1, &info, nullptr, &made),
+                          "vkCreateGraphicsPipelines");
+        !s) {
+        return s;
     }
     pipeline = detail::Pipeline(vk(), made);
     return {};
 }
 
 Status GpuResampler::Impl::CreateAll() {
-    // Command pool, command buffers and fences.
+    using Step = Status (Impl::*)();
+    for (Step step : {&Impl::CreateCommands, &Impl::CreateBindingLayout, &Impl::CreateRenderPasses,
+                      &Impl::CreatePipeline, &Impl::CreateTarget, &Impl::CreateDescriptorSet,
+                      &Impl::CreateHostBuffers}) {
+        if (Status s = (this->*step)(); !s) {
+            return s;
+        }
+    }
+    return {};
+}
+
+Status GpuResampler::Impl::CreateCommands() {
     auto poolInfo =
         detail::Info<VkCommandPoolCreateInfo>(VK_STRUCTURE_TYPE_COMMAND_POOL_CREATE_INFO);
     poolInfo.flags = VK_COMMAND_POOL_CREATE_RESET_COMMAND_BUFFER_BIT;
     poolInfo.queueFamilyIndex = gpu->queueFamily;
-    VkCommandPool pool = VK_NULL_HANDLE;
-    if (VkResult r = vkCreateCommandPool(vk(), &poolInfo, nullptr, &pool); r != VK_SUCCESS) {
-        return VkFailure("vkCreateCommandPool", r);
+    if (Status s = detail::Assign(
+            commandPool, detail::Create<detail::CommandPool>(vk(), vkCreateCommandPool, poolInfo,
+                                                             "vkCreateCommandPool"));
+        !s) {
+        return s;
     }
-    commandPool = detail::CommandPool(vk(), pool);
     for (Submission* submission : {&drawSubmission, &uploadSubmissions[0], &uploadSubmissions[1]}) {
         auto allocate = detail::Info<VkCommandBufferAllocateInfo>(
             VK_STRUCTURE_TYPE_COMMAND_BUFFER_ALLOCATE_INFO);
-        allocate.commandPool = pool;
+        allocate.commandPool = commandPool.get();
         allocate.level = VK_COMMAND_BUFFER_LEVEL_PRIMARY;
         allocate.commandBufferCount = 1;
-        if (VkResult r = vkAllocateCommandBuffers(vk(), &allocate, &submission->commands);
-            r != VK_SUCCESS) {
-            return VkFailure("vkAllocateCommandBuffers", r);
+        if (Status s =
+                detail::Check(vkAllocateCommandBuffers(vk(), &allocate, &submission->commands),
+                              "vkAllocateCommandBuffers");
+            !s) {
+            return s;
         }
         auto fenceInfo = detail::Info<VkFenceCreateInfo>(VK_STRUCTURE_TYPE_FENCE_CREATE_INFO);
-        VkFence fence = VK_NULL_HANDLE;
-        if (VkResult r = vkCreateFence(vk(), &fenceInfo, nullptr, &fence); r != VK_SUCCESS) {
-            return VkFailure("vkCreateFence", r);
+        if (Status s = detail::Assign(
+                submission->fence,
+                detail::Create<detail::Fence>(vk(), vkCreateFence, fenceInfo, "vkCreateFence"));
+            !s) {
+            return s;
         }
-        submission->fence = detail::Fence(vk(), fence);
     }
+    return {};
+}
 
-    // Sampler: bilinear, clamp to edge, one level.
+// The sampler, and the layouts of the shader's bindings: "uniforms" (b0),
+// "theImage" (t0), "g_sampler" (s0).
+Status GpuResampler::Impl::CreateBindingLayout() {
+    // Bilinear, one level.
     auto samplerInfo = detail::Info<VkSamplerCreateInfo>(VK_STRUCTURE_TYPE_SAMPLER_CREATE_INFO);
     samplerInfo.magFilter = VK_FILTER_LINEAR;
     samplerInfo.minFilter = VK_FILTER_LINEAR;
@@ -270,13 +287,13 @@ Status GpuResampler::Impl::CreateAll() {
     samplerInfo.addressModeW = VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_BORDER;
     samplerInfo.borderColor = VK_BORDER_COLOR_FLOAT_TRANSPARENT_BLACK;
     samplerInfo.maxLod = 0.0f;
-    VkSampler made = VK_NULL_HANDLE;
-    if (VkResult r = vkCreateSampler(vk(), &samplerInfo, nullptr, &made); r != VK_SUCCESS) {
-        return VkFailure("vkCreateSampler", r);
+    if (Status s = detail::Assign(
+            sampler,
+            detail::Create<detail::Sampler>(vk(), vkCreateSampler, samplerInfo, "vkCreateSampler"));
+        !s) {
+        return s;
     }
-    sampler = detail::Sampler(vk(), made);
 
-    // Descriptor set layout: "uniforms" (b0), "theImage" (t0), "g_sampler" (s0).
     std::array<VkDescriptorSetLayoutBinding, 3> bindings{};
     bindings[0] = {0, VK_DESCRIPTOR_TYPE_UNIFORM_BUFFER, 1, VK_SHADER_STAGE_VERTEX_BIT, nullptr};
     bindings[1] = {kTextureBindingShift, VK_DESCRIPTOR_TYPE_SAMPLED_IMAGE, 1,
@@ -287,46 +304,38 @@ Status GpuResampler::Impl::CreateAll() {
         VK_STRUCTURE_TYPE_DESCRIPTOR_SET_LAYOUT_CREATE_INFO);
     layoutInfo.bindingCount = static_cast<uint32_t>(bindings.size());
     layoutInfo.pBindings = bindings.data();
-    VkDescriptorSetLayout layout = VK_NULL_HANDLE;
-    if (VkResult r = vkCreateDescriptorSetLayout(vk(), &layoutInfo, nullptr, &layout);
-        r != VK_SUCCESS) {
-        return VkFailure("vkCreateDescriptorSetLayout", r);
+    if (Status s = detail::Assign(setLayout, detail::Create<detail::DescriptorSetLayout>(
+                                                 vk(), vkCreateDescriptorSetLayout, layoutInfo,
+                                                 "vkCreateDescriptorSetLayout"));
+        !s) {
+        return s;
     }
-    setLayout = detail::DescriptorSetLayout(vk(), layout);
+    const VkDescriptorSetLayout layout = setLayout.get();
     auto pipelineLayoutInfo =
         detail::Info<VkPipelineLayoutCreateInfo>(VK_STRUCTURE_TYPE_PIPELINE_LAYOUT_CREATE_INFO);
     pipelineLayoutInfo.setLayoutCount = 1;
     pipelineLayoutInfo.pSetLayouts = &layout;
-    VkPipelineLayout madeLayout = VK_NULL_HANDLE;
-    if (VkResult r = vkCreatePipelineLayout(vk(), &pipelineLayoutInfo, nullptr, &madeLayout);
-        r != VK_SUCCESS) {
-        return VkFailure("vkCreatePipelineLayout", r);
-    }
-    pipelineLayout = detail::PipelineLayout(vk(), madeLayout);
+    return detail::Assign(pipelineLayout, detail::Create<detail::PipelineLayout>(
+                                              vk(), vkCreatePipelineLayout, pipelineLayoutInfo,
+                                              "vkCreatePipelineLayout"));
+}
 
-    auto clear = MakeRenderPass(vk(), format, true);
-    if (!clear) {
-        return clear.error();
-    }
-    clearPass = std::move(clear).value();
-    auto load = MakeRenderPass(vk(), format, false);
-    if (!load) {
-        return load.error();
-    }
-    loadPass = std::move(load).value();
-    if (Status s = CreatePipeline(); !s) {
+Status GpuResampler::Impl::CreateRenderPasses() {
+    if (Status s = detail::Assign(clearPass, MakeRenderPass(vk(), format, true)); !s) {
         return s;
     }
+    return detail::Assign(loadPass, MakeRenderPass(vk(), format, false));
+}
 
-    // The render target and its framebuffer.
-    auto image =
-        gpu->CreateImage(kTargetSize, kTargetSize, format,
-                         VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_TRANSFER_SRC_BIT);
-    if (!image) {
-        return image.error();
+// The render target and its framebuffer.
+Status GpuResampler::Impl::CreateTarget() {
+    if (Status s = detail::Assign(target, gpu->CreateImage(kTargetSize, kTargetSize, format,
+                                                           VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT |
+                                                               VK_IMAGE_USAGE_TRANSFER_SRC_BIT));
+        !s) {
+        return s;
     }
-    target = std::move(image).value();
-    VkImageView view = target.view.get();
+    const VkImageView view = target.view.get();
     auto framebufferInfo =
         detail::Info<VkFramebufferCreateInfo>(VK_STRUCTURE_TYPE_FRAMEBUFFER_CREATE_INFO);
     framebufferInfo.renderPass = clearPass.get();
@@ -335,14 +344,12 @@ Status GpuResampler::Impl::CreateAll() {
     framebufferInfo.width = kTargetSize;
     framebufferInfo.height = kTargetSize;
     framebufferInfo.layers = 1;
-    VkFramebuffer madeFramebuffer = VK_NULL_HANDLE;
-    if (VkResult r = vkCreateFramebuffer(vk(), &framebufferInfo, nullptr, &madeFramebuffer);
-        r != VK_SUCCESS) {
-        return VkFailure("vkCreateFramebuffer", r);
-    }
-    framebuffer = detail::Framebuffer(vk(), madeFramebuffer);
+    return detail::Assign(
+        framebuffer, detail::Create<detail::Framebuffer>(vk(), vkCreateFramebuffer, framebufferInfo,
+                                                         "vkCreateFramebuffer"));
+}
 
-    // Descriptor pool and set.
+Status GpuResampler::Impl::CreateDescriptorSet() {
     std::array<VkDescriptorPoolSize, 3> sizes{{{VK_DESCRIPTOR_TYPE_UNIFORM_BUFFER, 1},
                                                {VK_DESCRIPTOR_TYPE_SAMPLED_IMAGE, 1},
                                                {VK_DESCRIPTOR_TYPE_SAMPLER, 1}}};
@@ -351,66 +358,69 @@ Status GpuResampler::Impl::CreateAll() {
     descriptorPoolInfo.maxSets = 1;
     descriptorPoolInfo.poolSizeCount = static_cast<uint32_t>(sizes.size());
     descriptorPoolInfo.pPoolSizes = sizes.data();
-    VkDescriptorPool descriptorPoolHandle = VK_NULL_HANDLE;
-    if (VkResult r =
-            vkCreateDescriptorPool(vk(), &descriptorPoolInfo, nullptr, &descriptorPoolHandle);
-        r != VK_SUCCESS) {
-        return VkFailure("vkCreateDescriptorPool", r);
+    if (Status s = detail::Assign(
+            descriptorPool,
+            detail::Create<detail::DescriptorPool>(vk(), vkCreateDescriptorPool, descriptorPoolInfo,
+                                                   "vkCreateDescriptorPool"));
+        !s) {
+        return s;
     }
-    descriptorPool = detail::DescriptorPool(vk(), descriptorPoolHandle);
+    const VkDescriptorSetLayout layout = setLayout.get();
     auto setInfo =
         detail::Info<VkDescriptorSetAllocateInfo>(VK_STRUCTURE_TYPE_DESCRIPTOR_SET_ALLOCATE_INFO);
-    setInfo.descriptorPool = descriptorPoolHandle;
+    setInfo.descriptorPool = descriptorPool.get();
     setInfo.descriptorSetCount = 1;
     setInfo.pSetLayouts = &layout;
-    if (VkResult r = vkAllocateDescriptorSets(vk(), &setInfo, &descriptorSet); r != VK_SUCCESS) {
-        return VkFailure("vkAllocateDescriptorSets", r);
-    }
+    return detail::Check(vkAllocateDescriptorSets(vk(), &setInfo, &descriptorSet),
+                         "vkAllocateDescriptorSets");
+}
 
-    // Constant buffer (one float4x4) and readback of a whole target.
-    auto uniformBuffer = gpu->CreateBuffer(64, VK_BUFFER_USAGE_UNIFORM_BUFFER_BIT, true);
-    if (!uniformBuffer) {
-        return uniformBuffer.error();
+// The constant buffer (one float4x4) and the readback of a whole target.
+Status GpuResampler::Impl::CreateHostBuffers() {
+    if (Status s = detail::Assign(uniforms,
+                                  gpu->CreateBuffer(64, VK_BUFFER_USAGE_UNIFORM_BUFFER_BIT, true));
+        !s) {
+        return s;
     }
-    uniforms = std::move(uniformBuffer).value();
-    auto readbackBuffer = gpu->CreateBuffer(VkDeviceSize{kTargetSize} * kTargetSize * bytesPerTexel,
-                                            VK_BUFFER_USAGE_TRANSFER_DST_BIT, true, true);
-    if (!readbackBuffer) {
-        return readbackBuffer.error();
-    }
-    readback = std::move(readbackBuffer).value();
-    return {};
+    return detail::Assign(readback,
+                          gpu->CreateBuffer(VkDeviceSize{kTargetSize} * kTargetSize * bytesPerTexel,
+                                            VK_BUFFER_USAGE_TRANSFER_DST_BIT, true, true));
 }
 
 Result<VkCommandBuffer> GpuResampler::Impl::Begin(Submission& submission) {
     if (Status s = Wait(submission); !s) {
         return s.error();
     }
-    if (VkResult r = vkResetCommandBuffer(submission.commands, 0); r != VK_SUCCESS) {
-        return VkFailure("vkResetCommandBuffer", r);
+    if (Status s =
+            detail::Check(vkResetCommandBuffer(submission.commands, 0), "vkResetCommandBuffer");
+        !s) {
+        return s.error();
     }
     auto begin =
         detail::Info<VkCommandBufferBeginInfo>(VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO);
     begin.flags = VK_COMMAND_BUFFER_USAGE_ONE_TIME_SUBMIT_BIT;
-    if (VkResult r = vkBeginCommandBuffer(submission.commands, &begin); r != VK_SUCCESS) {
-        return VkFailure("vkBeginCommandBuffer", r);
+    if (Status s = detail::Check(vkBeginCommandBuffer(submission.commands, &begin),
+                                 "vkBeginCommandBuffer");
+        !s) {
+        return s.error();
     }
     return submission.commands;
 }
 
 Status GpuResampler::Impl::Submit(Submission& submission) {
-    if (VkResult r = vkEndCommandBuffer(submission.commands); r != VK_SUCCESS) {
-        return VkFailure("vkEndCommandBuffer", r);
+    if (Status s = detail::Check(vkEndCommandBuffer(submission.commands), "vkEndCommandBuffer");
+        !s) {
+        return s;
     }
     VkFence fence = submission.fence.get();
-    if (VkResult r = vkResetFences(vk(), 1, &fence); r != VK_SUCCESS) {
-        return VkFailure("vkResetFences", r);
+    if (Status s = detail::Check(vkResetFences(vk(), 1, &fence), "vkResetFences"); !s) {
+        return s;
     }
     auto info = detail::Info<VkSubmitInfo>(VK_STRUCTURE_TYPE_SUBMIT_INFO);
     info.commandBufferCount = 1;
     info.pCommandBuffers = &submission.commands;
-    if (VkResult r = vkQueueSubmit(gpu->queue, 1, &info, fence); r != VK_SUCCESS) {
-        return VkFailure("vkQueueSubmit", r);
+    if (Status s = detail::Check(vkQueueSubmit(gpu->queue, 1, &info, fence), "vkQueueSubmit"); !s) {
+        return s;
     }
     submission.pending = true;
     return {};
@@ -422,10 +432,7 @@ Status GpuResampler::Impl::Wait(Submission& submission) {
     }
     VkFence fence = submission.fence.get();
     submission.pending = false;
-    if (VkResult r = vkWaitForFences(vk(), 1, &fence, VK_TRUE, UINT64_MAX); r != VK_SUCCESS) {
-        return VkFailure("vkWaitForFences", r);
-    }
-    return {};
+    return detail::Check(vkWaitForFences(vk(), 1, &fence, VK_TRUE, UINT64_MAX), "vkWaitForFences");
 }
 
 Status GpuResampler::Impl::SubmitAndWait(Submission& submission) {

@@ -22,6 +22,37 @@ namespace detail {
 GpuError VkFailure(const char* what, VkResult result);
 const char* VkResultName(VkResult result);
 
+// The one check of every Vulkan call's result: success, or the failure
+// naming the call.
+//   if (Status s = Check(vkQueueSubmit(...), "vkQueueSubmit"); !s) return s;
+inline Status Check(VkResult result, const char* call) {
+    if (result != VK_SUCCESS)
+        return VkFailure(call, result);
+    return {};
+}
+
+// Makes a device child with vkCreateX(device, &info, nullptr, &handle) (or
+// vkAllocateMemory, of the same shape) and hands it to its owner type.
+template <typename Owner, typename CreateInfo, typename Handle>
+Result<Owner> Create(VkDevice device,
+                     VkResult (*create)(VkDevice, const CreateInfo*, const VkAllocationCallbacks*,
+                                        Handle*),
+                     const CreateInfo& info, const char* call) {
+    Handle handle = VK_NULL_HANDLE;
+    if (Status s = Check(create(device, &info, nullptr, &handle), call); !s)
+        return s.error();
+    return Owner(device, handle);
+}
+
+// Moves a made object into place, or passes its failure on.
+template <typename T>
+Status Assign(T& into, Result<T> made) {
+    if (!made)
+        return made.error();
+    into = std::move(made).value();
+    return {};
+}
+
 // A buffer with its own memory, persistently mapped when host-visible.
 // Destruction and assignment release in the safe order: unmap, destroy the
 // buffer, free the memory.
@@ -148,6 +179,10 @@ struct GpuDevice::Impl {
     Status Invalidate(const detail::BufferResource& buffer) const;
 
 private:
+    // Memory of a given type for the requirements; `call` names the
+    // allocation in a failure.
+    Result<detail::DeviceMemory> Allocate(const VkMemoryRequirements& requirements,
+                                          uint32_t memoryType, const char* call) const;
     Status SyncMapped(const detail::BufferResource& buffer, PFN_vkFlushMappedMemoryRanges sync,
                       const char* call) const;
 };

@@ -1,10 +1,10 @@
-#include "session/LocalizedString.h"
+#include "core/LocalizedString.h"
 
 #include <memory>
 #include <mutex>
 #include <utility>
 
-#include "session/FileIO.h"
+#include "core/FileIO.h"
 
 namespace Project {
 

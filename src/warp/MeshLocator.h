@@ -6,6 +6,7 @@
 #include <optional>
 #include <vector>
 
+#include "core/Vector3.h"
 #include "geometry/PhotoToSphere.h"
 #include "warp/OctaMap.h"
 #include "warp/SphereWarp.h"
@@ -20,11 +21,6 @@ struct QuadLocation {
     int32_t j = -1;
     std::array<float, 4> weights{};
 };
-
-// The OctaMap frame vector of a photo direction (lambda, phi):
-// (cos lambda cos phi, sin lambda cos phi, sin phi) -- the inverse of
-// OctaMap::AnglesOf, in double precision.
-std::array<double, 3> MeshFrameVector(SphereDirection d);
 
 // Finds the mesh quad that holds a sphere direction (the constraint samples'
 // "quad finder"). Built once per mesh; every query is const, allocation-free
@@ -58,7 +54,7 @@ private:
         std::array<float, 3> e1;      // tangent basis at the centre
         std::array<float, 3> e2;
     };
-    bool TryQuad(int32_t quad, const std::array<double, 3>& q, double& s, double& t) const;
+    bool TryQuad(int32_t quad, const Vec3d& q, double& s, double& t) const;
     int32_t CellOf(double x, double y, double z) const;
 
     std::shared_ptr<const OctaMap> mesh_;

@@ -1,4 +1,4 @@
-#include "session/FileIO.h"
+#include "core/FileIO.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,20 +1,13 @@
-#include "constraints/MeshLocator.h"
+#include "warp/MeshLocator.h"
 
 #include <algorithm>
 #include <cmath>
 
+#include "core/Vector3.h"
+
 namespace Project {
 
 namespace {
-
-using Vec3 = std::array<double, 3>;
-
-Vec3 ToDouble(const MeshVector& v) { return {v[0], v[1], v[2]}; }
-double Dot(const Vec3& a, const Vec3& b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
-Vec3 Cross(const Vec3& a, const Vec3& b) {
-    return {a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
-}
-double Norm(const Vec3& a) { return std::sqrt(Dot(a, a)); }
 
 // Parameters within this margin outside [0, 1] still count as inside, so that
 // a direction on a shared edge is never lost to rounding.
@@ -67,14 +60,6 @@ QuadLocation MakeLocation(int32_t i, int32_t j, double s, double t) {
 
 }  // namespace
 
-std::array<double, 3> MeshFrameVector(SphereDirection d) {
-    const double cl = std::cos(static_cast<double>(d.lambda));
-    const double sl = std::sin(static_cast<double>(d.lambda));
-    const double cp = std::cos(static_cast<double>(d.phi));
-    const double sp = std::sin(static_cast<double>(d.phi));
-    return {cl * cp, sl * cp, sp};
-}
-
 MeshLocator::MeshLocator(std::shared_ptr<const OctaMap> mesh) : mesh_(std::move(mesh)) {
     n_ = mesh_->Size();
     const int32_t quads = n_ - 1;
@@ -95,11 +80,12 @@ MeshLocator::MeshLocator(std::shared_ptr<const OctaMap> mesh) : mesh_(std::move(
     for (int32_t j = 0; j < quads; ++j) {
         for (int32_t i = 0; i < quads; ++i) {
             const size_t q = static_cast<size_t>(i) + static_cast<size_t>(j) * quads;
-            const Vec3 corners[4] = {ToDouble(mesh_->StoredDirection(i, j)), ToDouble(mesh_->StoredDirection(i + 1, j)),
-                                     ToDouble(mesh_->StoredDirection(i, j + 1)),
-                                     ToDouble(mesh_->StoredDirection(i + 1, j + 1))};
-            Vec3 c{0.0, 0.0, 0.0};
-            for (const Vec3& v : corners)
+            const Vec3d corners[4] = {ToDouble(mesh_->StoredDirection(i, j)),
+                                      ToDouble(mesh_->StoredDirection(i + 1, j)),
+                                      ToDouble(mesh_->StoredDirection(i, j + 1)),
+                                      ToDouble(mesh_->StoredDirection(i + 1, j + 1))};
+            Vec3d c{0.0, 0.0, 0.0};
+            for (const Vec3d& v : corners)
                 for (int k = 0; k < 3; ++k) c[k] += v[k];
             double len = Norm(c);
             if (len < 1e-12) {
@@ -109,13 +95,13 @@ MeshLocator::MeshLocator(std::shared_ptr<const OctaMap> mesh) : mesh_(std::move(
             for (double& v : c) v /= len;
             // A tangent basis at the centre: start from the axis least aligned
             // with it.
-            Vec3 axis{0.0, 0.0, 0.0};
+            Vec3d axis{0.0, 0.0, 0.0};
             const double ax = std::fabs(c[0]), ay = std::fabs(c[1]), az = std::fabs(c[2]);
             axis[(ax <= ay && ax <= az) ? 0 : (ay <= az ? 1 : 2)] = 1.0;
-            Vec3 e1 = Cross(axis, c);
+            Vec3d e1 = Cross(axis, c);
             const double l1 = Norm(e1);
             for (double& v : e1) v /= l1;
-            const Vec3 e2 = Cross(c, e1);
+            const Vec3d e2 = Cross(c, e1);
             QuadFrame& f = frames_[q];
             for (int k = 0; k < 3; ++k) {
                 f.centre[k] = static_cast<float>(c[k]);
@@ -124,8 +110,8 @@ MeshLocator::MeshLocator(std::shared_ptr<const OctaMap> mesh) : mesh_(std::move(
             }
 
             double radius = 0.0;
-            for (const Vec3& v : corners) {
-                const Vec3 d{v[0] - c[0], v[1] - c[1], v[2] - c[2]};
+            for (const Vec3d& v : corners) {
+                const Vec3d d{v[0] - c[0], v[1] - c[1], v[2] - c[2]};
                 radius = std::max(radius, Norm(d));
             }
             radius += 1e-6;
@@ -165,11 +151,11 @@ int32_t MeshLocator::CellOf(double x, double y, double z) const {
     return index(x) + grid_ * (index(y) + grid_ * index(z));
 }
 
-bool MeshLocator::TryQuad(int32_t quad, const std::array<double, 3>& q, double& s, double& t) const {
+bool MeshLocator::TryQuad(int32_t quad, const Vec3d& q, double& s, double& t) const {
     const QuadFrame& f = frames_[static_cast<size_t>(quad)];
-    const Vec3 c{f.centre[0], f.centre[1], f.centre[2]};
-    const Vec3 e1{f.e1[0], f.e1[1], f.e1[2]};
-    const Vec3 e2{f.e2[0], f.e2[1], f.e2[2]};
+    const Vec3d c{f.centre[0], f.centre[1], f.centre[2]};
+    const Vec3d e1{f.e1[0], f.e1[1], f.e1[2]};
+    const Vec3d e2{f.e2[0], f.e2[1], f.e2[2]};
     const double qc = Dot(q, c);
     if (qc <= 1e-6) return false;
 
@@ -181,7 +167,7 @@ bool MeshLocator::TryQuad(int32_t quad, const std::array<double, 3>& q, double& 
     const MeshVector* corners[4] = {&mesh_->StoredDirection(i, j), &mesh_->StoredDirection(i + 1, j),
                                     &mesh_->StoredDirection(i, j + 1), &mesh_->StoredDirection(i + 1, j + 1)};
     for (int k = 0; k < 4; ++k) {
-        const Vec3 v = ToDouble(*corners[k]);
+        const Vec3d v = ToDouble(*corners[k]);
         const double vc = Dot(v, c);
         if (vc <= 1e-9) return false;
         px[k] = Dot(v, e1) / vc;
@@ -195,7 +181,7 @@ bool MeshLocator::TryQuad(int32_t quad, const std::array<double, 3>& q, double& 
 
 std::optional<QuadLocation> MeshLocator::Locate(SphereDirection direction) const {
     if (!std::isfinite(direction.lambda) || !std::isfinite(direction.phi) || n_ < 2) return std::nullopt;
-    const Vec3 q = MeshFrameVector(direction);
+    const Vec3d q = MeshFrameVector(direction);
     const int32_t cell = CellOf(q[0], q[1], q[2]);
     const uint32_t begin = cellStart_[static_cast<size_t>(cell)];
     const uint32_t end = cellStart_[static_cast<size_t>(cell) + 1];
