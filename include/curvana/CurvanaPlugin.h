@@ -28,7 +28,7 @@ extern "C" {
 
 /* Bumped whenever the layout of CvFilterRecord or a suite changes. The module
  * refuses a record whose abiVersion differs from the one it was built with. */
-#define CURVANA_ABI_VERSION 1
+#define CURVANA_ABI_VERSION 2
 
 #define CV_FOURCC(a, b, c, d) \
     ((uint32_t)(((uint32_t)(uint8_t)(a) << 24) | ((uint32_t)(uint8_t)(b) << 16) | \
@@ -198,6 +198,11 @@ typedef struct CvFilterRecord {
 
     /* Current modifier-key state (cvModifier bits). */
     uint32_t (*modifierKeys)(void* host);
+
+    /* The name of the document being filtered, as the user knows it (UTF-8,
+     * e.g. the file name): copies up to capacity bytes including the NUL,
+     * reports the full length without it. The editor shows it in its title. */
+    CvError (*documentName)(void* host, char* buffer, size_t capacity, size_t* length);
 } CvFilterRecord;
 
 /* The entry point. data is a pointer-sized slot the host keeps for the module

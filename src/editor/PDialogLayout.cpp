@@ -8,13 +8,14 @@ static void InitEditorLayouts() {
 
 namespace Project {
 
-QString DialogLayoutPath() {
+QString DialogLayoutPath(std::string_view name) {
     static const bool registered = [] {
         InitEditorLayouts();
         return true;
     }();
     (void)registered;
-    return QStringLiteral(":/curvana/layouts/PDialog.zel");
+    return QStringLiteral(":/curvana/layouts/") +
+           QString::fromUtf8(name.data(), static_cast<qsizetype>(name.size()));
 }
 
 }  // namespace Project

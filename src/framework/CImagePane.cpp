@@ -101,6 +101,8 @@ void CImagePane::SetOrigin(QPointF origin) {
 void CImagePane::NotifyView() {
     if (viewListener_)
         viewListener_();
+    for (const auto& listener : moreViewListeners_)
+        listener();
 }
 
 uint32_t CImagePane::Modifiers() const {

@@ -7,6 +7,7 @@
 #include <QWidget>
 #include <functional>
 #include <memory>
+#include <vector>
 
 #include "framework/CNonPollingTracker.h"
 #include "framework/CTool.h"
@@ -55,8 +56,13 @@ public:
     QRectF ImageRect() const { return {origin_, imageSize_ * zoom_}; }
     QPointF PaneToImage(QPointF pane) const { return (pane - origin_) / zoom_; }
     QPointF ImageToPane(QPointF image) const { return origin_ + image * zoom_; }
-    // Told after every change of zoom, origin or image size.
+    // Told after every change of zoom, origin or image size (the scroller
+    // holds this one).
     void SetViewListener(std::function<void()> listener) { viewListener_ = std::move(listener); }
+    // Further listeners, told after that one (the application's).
+    void AddViewListener(std::function<void()> listener) {
+        moreViewListeners_.push_back(std::move(listener));
+    }
 
     // --- Tools and drags.
     // Starts a drag for `tool` at the press `event`: makes the tracker with
@@ -109,6 +115,7 @@ private:
     int cushion_ = 0;
     QPointF origin_{0, 0};
     std::function<void()> viewListener_;
+    std::vector<std::function<void()>> moreViewListeners_;
     std::shared_ptr<CNonPollingTracker> tracker_;
     Qt::KeyboardModifiers lastQtModifiers_;
     bool handKeyDown_ = false;

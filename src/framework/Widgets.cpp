@@ -35,14 +35,7 @@ CSlider::CSlider(QWidget* parent)
         const double span = setup_.maximum - setup_.minimum;
         UserSet(setup_.minimum + span * position / std::max(1, setup_.positions - 1));
     });
-    QObject::connect(field_, &QLineEdit::editingFinished, this, [this] {
-        bool ok = false;
-        const double typed = QLocale::c().toDouble(field_->text().trimmed(), &ok);
-        if (ok && std::isfinite(typed))
-            UserSet(typed);
-        else
-            Show();  // back to the value it had
-    });
+    QObject::connect(field_, &QLineEdit::editingFinished, this, [this] { TakeTyped(); });
     Configure(setup_);
 }
 
@@ -101,6 +94,15 @@ void CSlider::Show() {
     showing_ = false;
 }
 
+void CSlider::TakeTyped() {
+    bool ok = false;
+    const double typed = QLocale::c().toDouble(field_->text().trimmed(), &ok);
+    if (ok && std::isfinite(typed))
+        UserSet(typed);
+    else
+        Show();  // back to the value it had
+}
+
 void CSlider::UserSet(double value) {
     const double next = Clamp(value);
     const bool changed = next != value_;
@@ -128,6 +130,13 @@ bool CSlider::eventFilter(QObject* watched, QEvent* event) {
             return true;
         case Qt::Key_PageDown:
             UserSet(value_ - setup_.majorStep);
+            return true;
+        case Qt::Key_Return:
+        case Qt::Key_Enter:
+            // Enter takes the typed value and stays in the field: it must not
+            // reach the window, where it would press the default button.
+            TakeTyped();
+            field_->selectAll();
             return true;
         default:
             return false;

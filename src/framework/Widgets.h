@@ -20,7 +20,8 @@ class CToolSet;
 // [minimum, maximum], a field `digits` characters wide showing the value with
 // `decimals` fixed decimals. Steps: the arrow keys move by the minor step,
 // Page Up / Page Down (and Shift with the arrows in the field) by the major
-// step. The field accepts typed values, clamped into the range. The widget
+// step. The field accepts typed values, clamped into the range, when it
+// loses the focus or Enter is pressed (which goes no further). The widget
 // hands its focus to the field.
 class CSlider : public QWidget {
 public:
@@ -59,6 +60,8 @@ protected:
 private:
     double Clamp(double value) const;
     void Show();
+    // The value typed into the field, or back to the shown one.
+    void TakeTyped();
     void UserSet(double value);
 
     Setup setup_;

@@ -14,6 +14,7 @@
 #include <fstream>
 #include <iostream>
 
+#include "EditCommand.h"
 #include "ModuleHost.h"
 #include "SystemInfo.h"
 #include "curvana/CurvanaScripting.h"
@@ -22,10 +23,6 @@ namespace Curvana::Host {
 namespace fs = std::filesystem;
 
 namespace {
-
-// The editor runs inside the module; this host drives it (the Parameters
-// selector) once the module ships it.
-constexpr bool kEditorAvailable = false;
 
 const char* kUsage =
     "usage: curvana apply IN... -o OUT [options]   correct photographs silently\n"
@@ -89,11 +86,7 @@ void printHelp(const std::string& command) {
             << kCommonOptions << "\n"
             << kExitCodes;
     } else if (command == "edit") {
-        std::cout
-            << "usage: curvana edit IN -o OUT [options]\n\n"
-               "Opens the filter's editor on the input; OK writes OUT, Cancel writes nothing.\n"
-               "(The editor is not available in this build.)\n\noptions:\n"
-            << kCommonOptions << "\n"
+        std::cout << kEditHelp << kCommonOptions << "\n"
             << kExitCodes;
     } else {
         std::cout
@@ -343,8 +336,10 @@ std::optional<Failure> processOne(RunContext& run, const fs::path& input, const 
     invocation.source = source.get();
     invocation.result = result.get();
     invocation.xmpPacket = metadata.moduleXmp;
+    invocation.documentName = input.filename().string();
     invocation.descriptor = descriptor.get();
-    invocation.parameters = run.options.command == "edit";
+    if (run.options.command == "edit")
+        prepareEditInvocation(invocation);
     invocation.listener = &run.bar;
     std::string label = input.filename().string();
     if (run.count > 1)
@@ -360,6 +355,8 @@ std::optional<Failure> processOne(RunContext& run, const fs::path& input, const 
     if (outcome.error != 0)
         return Failure{kExitFailed, "the filter failed on " + input.string() + " (error " +
                                         std::to_string(outcome.error) + "); nothing written"};
+    if ((!result->anyWritten() || !outcome.resultDescriptor) && run.options.command == "edit")
+        return Failure{kExitFailed, editEndedWithoutResult(outcome, input)};
     if (!result->anyWritten() || !outcome.resultDescriptor)
         return Failure{kExitFailed, "the filter wrote no result for " + input.string() +
                                         (outcome.alerts.empty() ? "" : " (see its message above)") +
@@ -555,12 +552,6 @@ int runCli(int argc, char** argv) {
     } catch (const HostError& e) {
         std::fprintf(stderr, "curvana: %s\n", e.what());
         return kExitUsage;
-    }
-    if (options.command == "edit" && !kEditorAvailable) {
-        std::fprintf(stderr,
-                     "curvana: edit: the editor is not available yet in this build; "
-                     "use 'curvana apply' with options or --params\n");
-        return kExitUnavailable;
     }
     std::unique_ptr<Descriptor> params;
     try {

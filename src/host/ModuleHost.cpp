@@ -227,6 +227,22 @@ uint32_t modifierKeys(void*) {
     return 0;
 }
 
+CvError documentNameCallback(void* host, char* buffer, size_t capacity, size_t* length) {
+    HostContext* ctx = context(host);
+    if (!ctx || !ctx->invocation || !length || (capacity > 0 && !buffer))
+        return cvErrParam;
+    const std::string& name = ctx->invocation->documentName;
+    if (name.empty())
+        return cvErrUnsupported;
+    *length = name.size();
+    if (capacity > 0) {
+        const size_t n = std::min(capacity - 1, name.size());
+        std::memcpy(buffer, name.data(), n);
+        buffer[n] = '\0';
+    }
+    return cvNoErr;
+}
+
 }  // namespace
 
 void* BufferPool::allocate(uint64_t size) {
@@ -376,6 +392,7 @@ InvocationOutcome Module::run(const Invocation& invocation) {
     record.freeMemory = freeMemory;
     record.preferencesBase = preferencesBaseCallback;
     record.modifierKeys = modifierKeys;
+    record.documentName = documentNameCallback;
 
     auto call = [&](int16_t selector) {
         int16_t result = 0;

@@ -2,9 +2,10 @@
 
 #include "constraints/ConstraintSet.h"
 #include "geometry/LensProfile.h"
+#include "plugin/EditorLoader.h"
+#include "session/EditorObject.h"
 #include "session/RenderingImageHub.h"
 #include "session/SessionWarp.h"
-#include "session/StandIns.h"
 
 namespace Project {
 
@@ -24,7 +25,8 @@ public:
         return lensfunProfileLookup();
     }
     std::unique_ptr<PEditor> CreateEditor() override {
-        return std::make_unique<UnavailableEditor>();
+        // The editor object beside the module, opened on the first dialog.
+        return std::make_unique<LoadedEditor>(ThisObjectFolder() / kEditorObjectName);
     }
     std::unique_ptr<PConstraintData> CreateConstraintData(PFilter& filter) override {
         return std::make_unique<SessionConstraintData>(filter, set_);

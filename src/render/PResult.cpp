@@ -85,7 +85,14 @@ void PResultScaled::SetMesh(std::shared_ptr<const RenderMesh> mesh) {
     mesh_ = std::move(mesh);
     renderer_->SetPlan(std::make_shared<const RenderPlan>(
         mesh_, config_.outputWidth, config_.outputHeight, config_.sourceWidth, config_.sourceHeight,
-        config_.options.framing));
+        config_.options.framing, window_));
+}
+
+void PResultScaled::SetWindow(const PictureWindow& window) {
+    window_ = window;
+    if (mesh_) {
+        SetMesh(mesh_);
+    }
 }
 
 void PResultScaled::SetFraming(const ViewFraming& framing) {

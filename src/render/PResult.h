@@ -98,6 +98,8 @@ public:
 
     void SetMesh(std::shared_ptr<const RenderMesh> mesh);
     void SetFraming(const ViewFraming& framing);
+    // The part of the picture to show (RenderPlan.h); the default is all of it.
+    void SetWindow(const PictureWindow& window);
     const std::shared_ptr<const RenderPlan>& Plan() const { return renderer_->Plan(); }
 
     // Renders into `output` (outputWidth x outputHeight, the configured
@@ -111,6 +113,7 @@ private:
     PResultScaled(Config config, std::unique_ptr<WarpRenderer> renderer);
 
     Config config_;
+    PictureWindow window_;
     std::unique_ptr<WarpRenderer> renderer_;
     std::shared_ptr<const RenderMesh> mesh_;
 };

@@ -75,7 +75,18 @@ MeshExtent ComputeMeshExtent(const RenderMesh& mesh) {
 }
 
 ViewFrame FitViewFrame(const MeshExtent& extent, int32_t width, int32_t height,
-                       const ViewFraming& framing) {
+                       const ViewFraming& framing, const PictureWindow& window) {
+    if (!window.Whole()) {
+        const ViewFrame picture =
+            FitViewFrame(extent, window.pictureWidth, window.pictureHeight, framing);
+        const double unit = static_cast<double>(picture.width) / window.pictureWidth;
+        ViewFrame part;
+        part.left = static_cast<float>(picture.left + window.left * unit);
+        part.top = static_cast<float>(picture.top - window.top * unit);
+        part.width = static_cast<float>(window.width * unit);
+        part.height = static_cast<float>(window.height * unit);
+        return part;
+    }
     constexpr double kMinSize = 1e-6;
     const double aspect = static_cast<double>(std::max(width, 1)) / std::max(height, 1);
     double minX = 0.0;
@@ -121,7 +132,7 @@ std::array<uint32_t, 6> TriangulateQuad(uint32_t k, uint32_t m, const float p00[
 
 RenderPlan::RenderPlan(std::shared_ptr<const RenderMesh> mesh, int32_t outputWidth,
                        int32_t outputHeight, int32_t sourceWidth, int32_t sourceHeight,
-                       const ViewFraming& framing)
+                       const ViewFraming& framing, const PictureWindow& window)
     : mesh_(std::move(mesh)),
       outputWidth_(std::max(outputWidth, 0)),
       outputHeight_(std::max(outputHeight, 0)),
@@ -135,7 +146,7 @@ RenderPlan::RenderPlan(std::shared_ptr<const RenderMesh> mesh, int32_t outputWid
     sourceTileColumns_ = CeilDiv(sourceWidth_, kTileSize);
     sourceTileRows_ = CeilDiv(sourceHeight_, kTileSize);
     extent_ = ComputeMeshExtent(*mesh_);
-    frame_ = FitViewFrame(extent_, outputWidth_, outputHeight_, framing);
+    frame_ = FitViewFrame(extent_, outputWidth_, outputHeight_, framing, window);
 
     const int32_t quads = mesh_->QuadsPerSide();
     for (int32_t j = 0; j < quads; ++j) {

@@ -69,11 +69,29 @@ struct ViewFrame {
     float height = 1.0f;
 };
 
+// A part of the picture for a reduced render (the preview's zoom and
+// scroll). The picture is the whole output of pictureWidth x pictureHeight
+// pixels, framed by the rules above; the render shows its rectangle of
+// width x height picture pixels from (left, top), stretched over the render's
+// own output (which should have the aspect width : height, for square
+// pixels). Whole() (no picture size): the output is the whole picture.
+struct PictureWindow {
+    int32_t pictureWidth = 0;
+    int32_t pictureHeight = 0;
+    double left = 0.0;
+    double top = 0.0;
+    double width = 0.0;
+    double height = 0.0;
+
+    bool Whole() const { return pictureWidth <= 0 || pictureHeight <= 0 || width <= 0.0 || height <= 0.0; }
+};
+
 MeshExtent ComputeMeshExtent(const RenderMesh& mesh);
 // The frame for an output of width x height pixels (rules above). An empty or
-// degenerate extent gets a frame of at least 1e-6 plane units.
+// degenerate extent gets a frame of at least 1e-6 plane units. With a window,
+// the part of the picture's frame that the window shows.
 ViewFrame FitViewFrame(const MeshExtent& extent, int32_t width, int32_t height,
-                       const ViewFraming& framing);
+                       const ViewFraming& framing, const PictureWindow& window = {});
 
 // ---- Triangulation -----------------------------------------------------------------------
 
@@ -125,7 +143,8 @@ public:
     static constexpr int32_t kTileSize = 1024;
 
     RenderPlan(std::shared_ptr<const RenderMesh> mesh, int32_t outputWidth, int32_t outputHeight,
-               int32_t sourceWidth, int32_t sourceHeight, const ViewFraming& framing);
+               int32_t sourceWidth, int32_t sourceHeight, const ViewFraming& framing,
+               const PictureWindow& window = {});
 
     const RenderMesh& Mesh() const { return *mesh_; }
     int32_t OutputWidth() const { return outputWidth_; }

@@ -72,6 +72,21 @@ std::optional<std::filesystem::path> HostRecord::PreferencesBase() const {
     return std::filesystem::path(std::string(buffer.data()));
 }
 
+std::string HostRecord::DocumentName() const {
+    if (!record_ || !record_->documentName)
+        return {};
+    size_t length = 0;
+    if (record_->documentName(record_->host, nullptr, 0, &length) != cvNoErr || length == 0 ||
+        length > 4096)
+        return {};
+    std::vector<char> buffer(length + 1, '\0');
+    size_t again = 0;
+    if (record_->documentName(record_->host, buffer.data(), buffer.size(), &again) != cvNoErr)
+        return {};
+    buffer.back() = '\0';
+    return std::string(buffer.data());
+}
+
 uint32_t HostRecord::ModifierKeys() const {
     return record_ && record_->modifierKeys ? record_->modifierKeys(record_->host) : 0;
 }

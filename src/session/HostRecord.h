@@ -60,6 +60,8 @@ public:
     uint64_t FreeMemory() const;
     std::optional<std::filesystem::path> PreferencesBase() const;
     uint32_t ModifierKeys() const;
+    // The document's name as the host shows it; empty when it names none.
+    std::string DocumentName() const;
     // The photo's XMP packet (empty when the host has none or it is larger
     // than the metadata reader accepts).
     std::string XmpPacket() const;

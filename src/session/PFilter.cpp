@@ -232,6 +232,12 @@ void PFilter::applyWithoutDialog() {
     }
 }
 
+bool PFilter::renderFinal() {
+    pipeline_->RebuildSolver(*this);
+    pipeline_->Solve(*this);
+    return imageHub().RenderFinal(*this);
+}
+
 void PFilter::runEditor() {
     if (!editor_)
         editor_ = Required(components_->CreateEditor(), "editor");

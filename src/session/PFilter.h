@@ -53,6 +53,12 @@ public:
     // Hands the settings back to the host as the filter's result descriptor.
     void writeScriptParameters(const PSettings& settings);
 
+    // The editor's OK: rebuilds the warp from the live settings and
+    // constraints, solves it and renders it into the host image. False when
+    // the render was cancelled or could not be made (the reason was shown):
+    // then nothing was written and the dialog stays or ends like Cancel.
+    bool renderFinal();
+
     static std::string processName();
     // The preferences folder, when the host names a preferences base.
     std::optional<std::filesystem::path> preferencesFolder() const;

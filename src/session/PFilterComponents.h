@@ -20,6 +20,7 @@
 namespace Project {
 
 class PFilter;
+struct PreviewScene;
 
 // What the host offers for image access in the current invocation.
 struct HostImageContext {
@@ -62,6 +63,11 @@ public:
     virtual std::shared_ptr<const SphereWarp> SolvedWarp() const = 0;
     virtual std::shared_ptr<const PhotoToSphere> Photo() const = 0;
     virtual std::shared_ptr<const OctaMap> Mesh() const = 0;
+
+    // A copy of what a solve works on under the live settings and
+    // constraints, for the editor's live preview (session/PPreview.h); null
+    // when the pipeline has nothing to offer.
+    virtual std::shared_ptr<const PreviewScene> CapturePreviewScene(PFilter&) { return nullptr; }
 };
 
 // The modal editor.

@@ -10,6 +10,8 @@
 
 namespace Project {
 
+class ConstraintSet;
+
 // The constraint set as scripting sees it: the bytes of the "cnsD" value go
 // in and come out through this interface. The constraints layer implements
 // it; the session owns one for the plug-in instance.
@@ -31,6 +33,9 @@ public:
     // The session's focal length in pixels changed under a fisheye or
     // perspective model; constraints fitted on the sphere need re-fitting.
     virtual void FocalLengthChanged() {}
+    // The live constraint list itself, for the editor that edits it; null
+    // when this implementation keeps none.
+    virtual ConstraintSet* LiveSet() { return nullptr; }
 };
 
 // Enumerator mappings (curvana/CurvanaScripting.h), reading and writing.

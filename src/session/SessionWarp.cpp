@@ -6,6 +6,7 @@
 
 #include "geometry/ProjectionFactory.h"
 #include "session/PFilter.h"
+#include "session/PPreview.h"
 
 namespace Project {
 
@@ -100,6 +101,22 @@ RegularizerModel closedFormFor(RegularizerModel model) {
     }
 }
 
+// The projection under the live settings. The projection decision falls back
+// before a model builds nothing; one that still does is drawn as the fisheye
+// it falls back to.
+std::shared_ptr<const PhotoToSphere> sessionProjection(PFilter& filter) {
+    const PSettings& s = filter.settings();
+    const ImageRect rect = filter.imageRect();
+    std::shared_ptr<const PhotoToSphere> photo = makeProjection(
+        s.projectionModel, s.focalLength, rect.Width(), rect.Height(),
+        filter.cameraMetadata(), filter.lensProfile(), filter.lensFocalScaleRatio());
+    if (!photo)
+        photo = makeProjection(ProjectionModel::Fisheye, s.focalLength,
+                               rect.Width(), rect.Height(), filter.cameraMetadata(), std::nullopt,
+                               1.0f);
+    return photo;
+}
+
 }  // namespace
 
 // --- SessionConstraintData -------------------------------------------------
@@ -149,30 +166,36 @@ SolverSettings solverSettingsFrom(const PSettings& s) {
 
 MeshWarpPipeline::MeshWarpPipeline(std::shared_ptr<ConstraintSet> set) : set_(std::move(set)) {}
 
-void MeshWarpPipeline::RebuildSolver(PFilter& filter) {
-    const PSettings& s = filter.settings();
-    const ImageRect rect = filter.imageRect();
-    solved_ = false;
-
+void MeshWarpPipeline::EnsureMesh(const PSettings& s) {
     const bool layout = s.solverFlags[0] != 0;
     if (!mesh_ || mesh_->Level() != s.meshLevel || mesh_->LayoutFlag() != layout) {
         mesh_ = std::make_shared<const OctaMap>(s.meshLevel, layout);
         locator_ = std::make_shared<const MeshLocator>(mesh_);
     }
+}
 
-    photo_ =
-        makeProjection(s.projectionModel, s.focalLength, rect.Width(), rect.Height(),
-                       filter.cameraMetadata(), filter.lensProfile(), filter.lensFocalScaleRatio());
-    if (!photo_) {
-        // The projection decision falls back before this happens; a model
-        // that still builds nothing is drawn as the fisheye it falls back to.
-        photo_ = makeProjection(ProjectionModel::Fisheye, s.focalLength, rect.Width(),
-                                rect.Height(), filter.cameraMetadata(), std::nullopt, 1.0f);
-    }
-
+void MeshWarpPipeline::RebuildSolver(PFilter& filter) {
+    const PSettings& s = filter.settings();
+    solved_ = false;
+    EnsureMesh(s);
+    photo_ = sessionProjection(filter);
     lines_ = std::make_shared<GeodesicLines>(photo_, locator_);
     lines_->FitAll(*set_);
     solver_ = std::make_unique<Solver>(mesh_, photo_, lines_, solverSettingsFrom(s));
+}
+
+std::shared_ptr<const PreviewScene> MeshWarpPipeline::CapturePreviewScene(PFilter& filter) {
+    const PSettings& s = filter.settings();
+    EnsureMesh(s);
+    auto scene = std::make_shared<PreviewScene>();
+    scene->photo = sessionProjection(filter);
+    scene->locator = locator_;
+    auto copy = std::make_shared<ConstraintSet>();
+    for (const auto& constraint : set_->Constraints())
+        copy->Add(constraint->Clone());
+    scene->constraints = std::move(copy);
+    scene->solver = solverSettingsFrom(s);
+    return scene;
 }
 
 void MeshWarpPipeline::Solve(PFilter& filter) {

@@ -26,6 +26,7 @@ public:
     std::string TakeFailureMessage() override { return std::exchange(failure_, {}); }
     size_t SerializedSize() const override;
     void Serialize(uint8_t* out) const override;
+    ConstraintSet* LiveSet() override { return set_.get(); }
 
 private:
     PFilter& filter_;
@@ -48,12 +49,18 @@ public:
     std::shared_ptr<const SphereWarp> SolvedWarp() const override;
     std::shared_ptr<const PhotoToSphere> Photo() const override { return photo_; }
     std::shared_ptr<const OctaMap> Mesh() const override { return mesh_; }
+    // The projection under the live settings, the mesh and a copy of the
+    // constraints (their identifiers kept).
+    std::shared_ptr<const PreviewScene> CapturePreviewScene(PFilter& filter) override;
 
     // The fitted constraints (null before the first rebuild).
     const GeodesicLines* Lines() const { return lines_.get(); }
     const Solver* CurrentSolver() const { return solver_.get(); }
 
 private:
+    // The mesh and its quad finder for the settings' level and layout.
+    void EnsureMesh(const PSettings& settings);
+
     std::shared_ptr<ConstraintSet> set_;
     std::shared_ptr<const OctaMap> mesh_;
     std::shared_ptr<const MeshLocator> locator_;

@@ -299,10 +299,27 @@ TEST_F(CliScenario, RefusesAMalformedParamsFile) {
     EXPECT_FALSE(fs::exists(dir / "out.png"));
 }
 
-TEST_F(CliScenario, SaysWhatIsNotAvailableOrMissing) {
+// edit is the fresh invocation: the Parameters selector and no descriptor,
+// also once an action was recorded; a run without a result writes nothing.
+TEST_F(CliScenario, EditRunsTheFreshInvocation) {
     const fs::path input = sample("in.png", Mode::RGB, 8);
-    expectRefusal(curvana({"edit", input.string(), "-o", (dir / "out.png").string()}),
-                  kExitUnavailable, "editor is not available");
+    for (const char* out : {"a.png", "b.png"}) {
+        const RunResult r = curvana({"edit", input.string(), "-o", (dir / out).string()});
+        ASSERT_EQ(r.exitCode, kExitOk) << r.err;
+        EXPECT_NE(report().find("parameters=1"), std::string::npos);
+        EXPECT_NE(report().find("descriptor=no"), std::string::npos) << out;
+        EXPECT_TRUE(fs::exists(dir / "xdg" / "curvana" / "last-action.json"));
+        fs::remove(dir / "report.txt");
+    }
+    const RunResult r = curvana({"edit", input.string(), "-o", (dir / "c.png").string()},
+                                {{"CURVANA_FAKE", "nowrite"}});
+    EXPECT_EQ(r.exitCode, kExitFailed);
+    EXPECT_NE(r.err.find("edit: the editor ended without a result"), std::string::npos) << r.err;
+    EXPECT_FALSE(fs::exists(dir / "c.png"));
+}
+
+TEST_F(CliScenario, SaysWhatIsMissing) {
+    const fs::path input = sample("in.png", Mode::RGB, 8);
     expectRefusal(curvana({"apply", input.string(), "-o", (dir / "out.png").string(),
                            "--constraints", (dir / "missing.cvc").string()}),
                   kExitUsage, "cannot read the constraint file");

@@ -123,6 +123,23 @@ TEST(RenderPlan, ScaleMagnifiesAndOffsetsMoveTheFrame) {
     EXPECT_NEAR(standard.width, 1.0 / 1.2, 1e-6);
 }
 
+// A window of the picture (the preview's zoom and scroll) shows the picture's
+// pixels moved by the window's corner and magnified by output / window size.
+TEST(RenderPlan, AWindowShowsThePictureMovedAndMagnified) {
+    auto mesh = std::make_shared<RenderMesh>(DistortedGridMesh(9, 3000, 1700, 0.02f));
+    const ViewFraming framing{110, 0.4f, 0.6f};
+    const RenderPlan whole(mesh, 3000, 1700, 3000, 1700, framing);
+    const PictureWindow window{3000, 1700, 812.5, 433.25, 600.0, 400.0};
+    const RenderPlan part(mesh, 1500, 1000, 3000, 1700, framing, window);
+    for (const auto& [x, y] : {std::pair{0.3, -0.4}, {0.55, -0.2}, {0.1, -0.05}}) {
+        double wx = 0.0, wy = 0.0, px = 0.0, py = 0.0;
+        whole.PlaneToPixel(x, y, wx, wy);
+        part.PlaneToPixel(x, y, px, py);
+        EXPECT_NEAR(px, (wx - 812.5) * 2.5, 0.05);
+        EXPECT_NEAR(py, (wy - 433.25) * 2.5, 0.05);
+    }
+}
+
 TEST(RenderPlan, TileMatrixAgreesWithPlaneToPixel) {
     auto mesh = std::make_shared<RenderMesh>(DistortedGridMesh(9, 3000, 1700, 0.02f));
     for (const auto& size : {std::pair{3000, 1700}, std::pair{1700, 3000}}) {
