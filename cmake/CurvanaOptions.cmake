@@ -17,6 +17,16 @@ if(CURVANA_SANITIZE)
   add_link_options(-fsanitize=address,undefined)
 endif()
 
+if(CURVANA_FUZZ)
+  # The whole tree is instrumented for coverage and the sanitizers, so the
+  # fuzzer sees the branches of the parsers and decoders, not only those of
+  # the harnesses. CURVANA_FUZZING turns off checks that fuzzed bytes cannot
+  # pass (PNG checksums).
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+  add_compile_definitions(CURVANA_FUZZING)
+endif()
+
 # curvana_layer(<name> SOURCES ... PUBLIC_LIBS ... PRIVATE_LIBS ...)
 # One static library per layer of src/, with an alias Curvana::<name> and the
 # source root as its include directory (headers are included as "layer/File.h").

@@ -1,27 +1,25 @@
-// The action reader behind `curvana apply --params`: any bytes must give a
-// descriptor or a HostError, and a descriptor must survive its JSON form.
+// The action reader behind `curvana apply --params`, with exceptions as the
+// program runs it: any bytes must give a descriptor or a HostError, and a
+// descriptor must survive its JSON form.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <string>
+#include <string_view>
 
 #include <nlohmann/json.hpp>
 
 #include "host/Descriptor.h"
-#include "host/ImageTypes.h"
+#include "host/HostError.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const std::string text(reinterpret_cast<const char*>(data), size);
-    const nlohmann::json json = nlohmann::json::parse(text, nullptr, false);
-    if (json.is_discarded())
-        return 0;
+    using namespace Curvana::Host;
     try {
-        const auto descriptor = Curvana::Host::descriptorFromJson(json, "fuzz");
-        const auto again = Curvana::Host::descriptorFromJson(
-            Curvana::Host::descriptorToJson(*descriptor), "again");
+        const auto descriptor =
+            actionFromText(std::string_view(reinterpret_cast<const char*>(data), size), "fuzz");
+        const auto again = actionFromText(descriptorToJson(*descriptor).dump(), "again");
         if (again->entries().size() != descriptor->entries().size())
             std::abort();
-    } catch (const Curvana::Host::HostError&) {
+    } catch (const HostError&) {
     }
     return 0;
 }

@@ -155,7 +155,8 @@ typedef struct CvFilterRecord {
     CvError (*setResultDescriptor)(void* host, CvDescriptor result);
 
     /* The image. The filtered area is filterRect inside an image of
-     * imageWidth x imageHeight. planes follows from mode. depth is 8 or 16. */
+     * imageWidth x imageHeight. planes: the mode's planes, plus one when the
+     * host passes a transparency (alpha) plane after them. depth is 8 or 16. */
     int32_t mode;
     int32_t depth;
     int32_t planes;

@@ -130,11 +130,17 @@ std::unique_ptr<LineConstraint> ReadLine(ByteReader& r) {
     return line;
 }
 
-// Null (and the reader failed) for a vertex count that cannot be right.
-std::unique_ptr<PlaneConstraint> ReadPlane(ByteReader& r) {
+// Null (and the reader failed) for a vertex count that cannot be right;
+// `why` tells a count the data could hold but the solver does not take.
+std::unique_ptr<PlaneConstraint> ReadPlane(ByteReader& r, std::string& why) {
     const int32_t id = r.I32();
     const int32_t vertices = r.I32();
     if (!r.Ok() || vertices < 0 || static_cast<uint64_t>(vertices) > r.Remaining() / 12) {
+        r.Fail();
+        return nullptr;
+    }
+    if (static_cast<uint32_t>(vertices) > constraint_file::kMaxPolygonVertices) {
+        why = std::string(msg::kTooManyVertices) + std::to_string(vertices);
         r.Fail();
         return nullptr;
     }
@@ -153,19 +159,24 @@ std::unique_ptr<PlaneConstraint> ReadPlane(ByteReader& r) {
 }
 
 // The record count and the records. False when the data ends early or holds
-// an impossible count (the reader's failure also covers the reads before).
-bool ReadRecords(ByteReader& r, ConstraintSet::List& records) {
+// an impossible count (the reader's failure also covers the reads before), or
+// more than the solver takes, which `why` then names.
+bool ReadRecords(ByteReader& r, ConstraintSet::List& records, std::string& why) {
     const uint32_t count = r.U32();
     // Every record takes at least its four tag bytes.
     if (!r.Ok() || count > r.Remaining() / 4)
         return false;
+    if (count > constraint_file::kMaxConstraints) {
+        why = std::string(msg::kTooManyConstraints) + std::to_string(count);
+        return false;
+    }
     records.reserve(count);
     for (uint32_t k = 0; k < count && r.Ok(); ++k) {
         const uint32_t tag = r.U32();
         if (tag == constraint_file::kLineTag) {
             records.push_back(ReadLine(r));
         } else if (tag == constraint_file::kPlaneTag) {
-            auto plane = ReadPlane(r);
+            auto plane = ReadPlane(r, why);
             if (!plane)
                 break;
             records.push_back(std::move(plane));
@@ -240,7 +251,7 @@ std::string localizeConstraintMessage(std::string_view message,
         msg::kInvalidFileContent,  msg::kUnmatchedImageWidth,  msg::kUnmatchedValueInFile,
         msg::kUnmatchedValueInDoc, msg::kUnmatchedCameraMake,  msg::kUnmatchedCameraModel,
         msg::kUnmatchedLensModel,  msg::kEmptyFile,            msg::kBadLineConstraintFile,
-        msg::kBadPlaneConstraintFile};
+        msg::kBadPlaneConstraintFile, msg::kTooManyConstraints, msg::kTooManyVertices};
     std::string out;
     size_t start = 0;
     while (true) {
@@ -338,8 +349,22 @@ bool readConstraintData(ConstraintSet& set, ConstraintFileContext& context,
     // ends early changes nothing.
     const ParsedSettings settings = ReadSettings(r);
     ConstraintSet::List records;
-    if (!ReadRecords(r, records)) {
-        FailInvalid(set);
+    if (std::string why; !ReadRecords(r, records, why)) {
+        if (why.empty())
+            FailInvalid(set);
+        else
+            Fail(set, std::move(why));
+        return false;
+    }
+    ConstraintFileSettings candidate = context.Settings();
+    candidate.physicalFocal = clampSetting(settings.physicalFocal, kMinPhysicalFocalMm, kMaxPhysicalFocalMm);
+    candidate.cropFactor = settings.cropFactor;
+    candidate.focalLength = clampSetting(settings.focalLength, kMinFocalPixels, kMaxFocalPixels);
+    candidate.scale = settings.scale;
+    candidate.offsetX = settings.offsetX;
+    candidate.offsetY = settings.offsetY;
+    if (std::string why = context.CheckSettings(candidate); !why.empty()) {
+        Fail(set, std::move(why));
         return false;
     }
     ApplySettings(settings, set, context);

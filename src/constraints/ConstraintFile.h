@@ -52,6 +52,12 @@ inline constexpr std::array<uint32_t, 2> kRecordTags = {kLineTag, kPlaneTag};
 inline constexpr uint32_t kUtf8Encoding = 0x08000100;
 // Files larger than this are refused without being read.
 inline constexpr uint64_t kMaxFileBytes = 256ull << 20;
+// The most constraints a file (or the scripting data) may hold, and the most
+// vertices of one polygon: the solver spends memory and time on each (about
+// 1.5 MB for a line at the default mesh), so a file cannot make it take
+// gigabytes.
+inline constexpr uint32_t kMaxConstraints = 256;
+inline constexpr uint32_t kMaxPolygonVertices = 256;
 
 }  // namespace constraint_file
 
@@ -79,6 +85,13 @@ inline constexpr std::string_view kBadLineConstraintFile =
     "$$$/Curvana/Warning/BadLineConstraintFile=The file you selected does not have a valid line constraint.";
 inline constexpr std::string_view kBadPlaneConstraintFile =
     "$$$/Curvana/Warning/BadPlaneConstraintFile=The file you selected does not have a valid plane constraint.";
+// Followed by the file's number.
+inline constexpr std::string_view kTooManyConstraints =
+    "$$$/Curvana/Warning/TooManyConstraints=The file holds more constraints than the solver takes "
+    "(256; each costs it memory and time). Constraints in the file: ";
+inline constexpr std::string_view kTooManyVertices =
+    "$$$/Curvana/Warning/TooManyVertices=A polygon has more vertices than the solver takes (256). "
+    "Vertices in the file: ";
 }  // namespace constraint_message
 
 // Turns a message text into display text: each line that starts with one of
@@ -139,6 +152,10 @@ public:
     virtual GeodesicLines* Lines() { return nullptr; }
     // The undo-stack position that a save records as the saved marker.
     virtual int32_t UndoPosition() const { return 0; }
+    // The settings a file carries, as they would be applied (focal lengths
+    // clamped), checked before anything changes: a message (shown as it is)
+    // refuses the whole file; empty accepts it.
+    virtual std::string CheckSettings(const ConstraintFileSettings&) const { return {}; }
 };
 
 // A context that keeps everything in plain fields: for tests, tools and the

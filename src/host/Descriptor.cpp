@@ -425,7 +425,7 @@ nlohmann::json descriptorToJson(const Descriptor& descriptor) {
 
 std::unique_ptr<Descriptor> descriptorFromJson(const nlohmann::json& json,
                                                const std::string& where) {
-    auto fail = [&](const std::string& why) { return HostError(where + ": " + why); };
+    auto fail = [&](const std::string& why) { return HostError(kExitUsage, where + ": " + why); };
     if (!json.is_object())
         throw fail("an action must be a JSON object");
     const auto version = json.find("curvanaAction");
@@ -459,8 +459,12 @@ std::unique_ptr<Descriptor> descriptorFromJson(const nlohmann::json& json,
         if (t == "integer") {
             if (!value->is_number_integer())
                 throw fail(at + ": an integer value must be a whole number");
-            const int64_t v = value->get<int64_t>();
-            if (v < std::numeric_limits<int32_t>::min() || v > std::numeric_limits<int32_t>::max())
+            // Unsigned beyond 63 bits would wrap as int64_t: compare as unsigned.
+            const bool tooLarge = value->is_number_unsigned() &&
+                                  value->get<uint64_t>() > uint64_t{std::numeric_limits<int32_t>::max()};
+            const int64_t v = tooLarge ? 0 : value->get<int64_t>();
+            if (tooLarge || v < std::numeric_limits<int32_t>::min() ||
+                v > std::numeric_limits<int32_t>::max())
                 throw fail(at + ": integer value out of the 32-bit range");
             e.type = cvTypeInteger;
             e.integer = static_cast<int32_t>(v);
@@ -508,38 +512,62 @@ std::unique_ptr<Descriptor> descriptorFromJson(const nlohmann::json& json,
     return d;
 }
 
-std::unique_ptr<Descriptor> loadAction(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-        throw HostError(path.string() + ": cannot open (" + std::strerror(errno) + ")");
-    std::stringstream text;
-    text << in.rdbuf();
+std::unique_ptr<Descriptor> actionFromText(std::string_view text, const std::string& where) {
     nlohmann::json json;
     try {
-        json = nlohmann::json::parse(text.str());
-    } catch (const nlohmann::json::parse_error& e) {
-        throw HostError(path.string() + ": not valid JSON (" + jsonMessage(e) + ")");
+        json = nlohmann::json::parse(text);
+    } catch (const nlohmann::json::out_of_range& e) {
+        throw HostError(kExitUsage, where + ": a number is out of range (" + jsonMessage(e) + ")");
+    } catch (const nlohmann::json::exception& e) {
+        throw HostError(kExitUsage, where + ": not valid JSON (" + jsonMessage(e) + ")");
     }
-    return descriptorFromJson(json, path.string());
+    return descriptorFromJson(json, where);
+}
+
+std::unique_ptr<Descriptor> loadAction(const std::filesystem::path& path) {
+    const std::string where = path.string();
+    std::error_code ec;
+    if (std::filesystem::is_directory(path, ec))
+        throw HostError(kExitUsage, where + ": is a folder, not an action file");
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        throw HostError(kExitUsage, where + ": cannot open (" + std::strerror(errno) + ")");
+    // Read in pieces up to the limit: the size of a device or pipe is unknown.
+    std::string text;
+    char chunk[65536];
+    while (in.read(chunk, sizeof chunk) || in.gcount() > 0) {
+        text.append(chunk, static_cast<size_t>(in.gcount()));
+        if (text.size() > kMaxActionBytes)
+            throw HostError(kExitUsage, where + ": too large for an action file (more than " +
+                                            byteText(kMaxActionBytes) + ")");
+    }
+    return actionFromText(text, where);
 }
 
 void saveAction(const std::filesystem::path& path, const Descriptor& descriptor) {
+    for (const DescriptorEntry& e : descriptor.entries())
+        if (e.type == cvTypeFloat && !std::isfinite(e.number))
+            throw HostError(kExitOutput, path.string() + ": not written, \"" +
+                                             fourccToString(e.key) + "\" is not a finite number");
     std::error_code ec;
     std::filesystem::create_directories(path.parent_path(), ec);
+    if (ec)
+        throw HostError(kExitOutput, path.parent_path().string() + ": cannot create the folder (" +
+                                         ec.message() + ")");
     const std::filesystem::path temp = path.string() + ".tmp";
     {
         std::ofstream out(temp, std::ios::binary | std::ios::trunc);
         if (!out)
-            throw HostError(temp.string() + ": cannot write (" + std::strerror(errno) + ")");
+            throw writeError(temp.string(), errno);
         out << descriptorToJson(descriptor).dump(2) << '\n';
         out.close();
         if (!out)
-            throw HostError(temp.string() + ": cannot write");
+            throw writeError(temp.string(), errno);
     }
     std::filesystem::rename(temp, path, ec);
     if (ec) {
         std::filesystem::remove(temp, ec);
-        throw HostError(path.string() + ": cannot write (" + ec.message() + ")");
+        throw HostError(kExitOutput, path.string() + ": cannot write (" + ec.message() + ")");
     }
 }
 

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <nlohmann/json_fwd.hpp>
@@ -78,9 +79,16 @@ nlohmann::json descriptorToJson(const Descriptor& descriptor);
 std::unique_ptr<Descriptor> descriptorFromJson(const nlohmann::json& json,
                                                const std::string& where);
 
-// Reads an action file; any problem is a HostError with a one-line message.
+// An action from its JSON text; where names it in messages. Any problem
+// (malformed JSON, a number out of range) is a HostError (kExitUsage).
+std::unique_ptr<Descriptor> actionFromText(std::string_view text, const std::string& where);
+// Reads an action file of at most kMaxActionBytes; any problem is a HostError
+// (kExitUsage) with a one-line message.
+inline constexpr size_t kMaxActionBytes = size_t{64} << 20;
 std::unique_ptr<Descriptor> loadAction(const std::filesystem::path& path);
-// Writes atomically (temporary file and rename). Throws HostError.
+// Writes atomically (temporary file and rename). Throws HostError
+// (kExitOutput), also for a number that is not finite: nothing invalid is
+// recorded.
 void saveAction(const std::filesystem::path& path, const Descriptor& descriptor);
 
 }  // namespace Curvana::Host

@@ -5,6 +5,8 @@
 // jerror.h after jpeglib.h: the message codes, for the end-of-data warning.
 #include <jerror.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <csetjmp>
 #include <cstdio>
 #include <cstdlib>
@@ -22,20 +24,44 @@ struct FileCloser {
 };
 using FileHandle = std::unique_ptr<std::FILE, FileCloser>;
 
-FileHandle openFile(const std::filesystem::path& path, const char* mode) {
+FileHandle openFile(const std::filesystem::path& path, const char* mode, const std::string& name) {
     FileHandle f(std::fopen(path.c_str(), mode));
     if (!f)
-        throw HostError(path.string() + ": cannot " + (mode[0] == 'r' ? "open" : "create") + " (" +
+        throw HostError(mode[0] == 'r' ? kExitInput : kExitOutput,
+                        name + ": cannot " + (mode[0] == 'r' ? "open" : "create") + " (" +
                         std::strerror(errno) + ")");
     return f;
 }
 
 // Closes a written file and reports a failed flush (a full disk) as an error.
-void closeWritten(FileHandle& f, const std::filesystem::path& path) {
+void closeWritten(FileHandle& f, const std::string& name) {
     std::FILE* raw = f.release();
     if (std::fclose(raw) != 0)
-        throw HostError(path.string() + ": cannot write (" + std::strerror(errno) + ")");
+        throw writeError(name, errno);
 }
+
+// A library's write failure: the disk when errno says so, else its message.
+HostError encodeError(const std::string& name, const char* format, const char* message) {
+    if (errno == ENOSPC || errno == EDQUOT)
+        return writeError(name, errno);
+    return HostError(kExitOutput,
+                     name + ": cannot write " + format + " (" + message + ")");
+}
+
+uint64_t fileSize(const std::filesystem::path& path) {
+    std::error_code ec;
+    const uintmax_t size = std::filesystem::file_size(path, ec);
+    return ec ? 0 : static_cast<uint64_t>(size);
+}
+
+// The host's largest image side, and more than any PNG or JPEG can claim.
+constexpr uint32_t kMaxSide = 2000000;
+// PNG: ancillary chunks (an ICC profile, text) are kept up to this size, and
+// at most this many of them.
+constexpr size_t kMaxPngChunkBytes = size_t{32} << 20;
+constexpr uint32_t kMaxPngChunks = 256;
+// Deflate's best ratio is 1032:1; rounded up.
+constexpr double kDeflateMaxRatio = 1100;
 
 // ---- PNG --------------------------------------------------------------------
 
@@ -62,6 +88,7 @@ void pngWarning(png_structp, png_const_charp) {}
 struct PngHeader {
     uint32_t width, height;
     int bitDepth, colorType, channels, passes;
+    png_size_t rowBytes;
     png_bytep icc;
     png_uint_32 iccLength;
 };
@@ -70,6 +97,24 @@ struct PngHeader {
 bool pngReadHeader(PngContext* ctx, std::FILE* file, PngHeader* header) {
     if (setjmp(png_jmpbuf(ctx->png)))
         return false;
+    png_set_user_limits(ctx->png, kMaxSide, kMaxSide);
+    png_set_chunk_malloc_max(ctx->png, kMaxPngChunkBytes);
+    png_set_chunk_cache_max(ctx->png, kMaxPngChunks);
+    // Ancillary chunks the host does not use are skipped unread: libpng
+    // allocates a text chunk's claimed length before reading it. (Exiv2
+    // reads the metadata.)
+    static const png_byte kSkipped[] = "tEXt\0zTXt\0iTXt\0eXIf\0sPLT\0hIST\0pCAL\0sCAL\0"
+                                       "oFFs\0tIME\0bKGD\0sBIT\0cHRM\0gAMA\0sRGB\0pHYs";
+    png_set_keep_unknown_chunks(ctx->png, PNG_HANDLE_CHUNK_NEVER, nullptr, 0);
+    png_set_keep_unknown_chunks(ctx->png, PNG_HANDLE_CHUNK_NEVER, kSkipped,
+                                static_cast<int>(sizeof kSkipped / 5));
+#ifdef CURVANA_FUZZING
+    // Fuzzed bytes rarely carry right checksums: let them reach the decoder.
+    png_set_crc_action(ctx->png, PNG_CRC_QUIET_USE, PNG_CRC_QUIET_USE);
+#ifdef PNG_IGNORE_ADLER32
+    png_set_option(ctx->png, PNG_IGNORE_ADLER32, PNG_OPTION_ON);
+#endif
+#endif
     png_init_io(ctx->png, file);
     png_read_info(ctx->png, ctx->info);
     header->width = png_get_image_width(ctx->png, ctx->info);
@@ -85,11 +130,15 @@ bool pngReadHeader(PngContext* ctx, std::FILE* file, PngHeader* header) {
     return true;
 }
 
+// Every layout becomes grey, grey + alpha, RGB or RGB + alpha at 8 or 16
+// bits; what came out is read back from libpng, not assumed.
 bool pngSetupTransforms(PngContext* ctx, PngHeader* header) {
     if (setjmp(png_jmpbuf(ctx->png)))
         return false;
     if (header->colorType == PNG_COLOR_TYPE_PALETTE)
         png_set_palette_to_rgb(ctx->png);
+    if (png_get_valid(ctx->png, ctx->info, PNG_INFO_tRNS))
+        png_set_tRNS_to_alpha(ctx->png);
     if (header->colorType == PNG_COLOR_TYPE_GRAY && header->bitDepth < 8)
         png_set_expand_gray_1_2_4_to_8(ctx->png);
     if (header->bitDepth == 16)
@@ -98,6 +147,7 @@ bool pngSetupTransforms(PngContext* ctx, PngHeader* header) {
     png_read_update_info(ctx->png, ctx->info);
     header->channels = png_get_channels(ctx->png, ctx->info);
     header->bitDepth = png_get_bit_depth(ctx->png, ctx->info);
+    header->rowBytes = png_get_rowbytes(ctx->png, ctx->info);
     return true;
 }
 
@@ -146,7 +196,6 @@ bool pngWriteAll(PngContext* ctx, std::FILE* file, const PngWriteJob* job) {
 struct JpegError {
     jpeg_error_mgr pub;
     std::jmp_buf jump;
-    bool ended;  // the data ended before the image did
     char message[JMSG_LENGTH_MAX];
 };
 
@@ -156,11 +205,21 @@ void jpegErrorExit(j_common_ptr cinfo) {
     std::longjmp(err->jump, 1);
 }
 
+// libjpeg decodes damaged data "successfully", with grey or repeated blocks,
+// after a warning (data that ends early, a marker inside the data, a bad
+// Huffman code). Every warning but those about metadata ends the decode at
+// once, before more of the image is filled.
 void jpegEmitMessage(j_common_ptr cinfo, int level) {
-    auto* err = reinterpret_cast<JpegError*>(cinfo->err);
-    // A truncated file decodes "successfully" with grey fill after this warning.
-    if (level < 0 && cinfo->err->msg_code == JWRN_JPEG_EOF)
-        err->ended = true;
+    if (level >= 0)
+        return;  // trace messages
+    switch (cinfo->err->msg_code) {
+        case JWRN_ADOBE_XFORM:
+        case JWRN_BOGUS_ICC:
+        case JWRN_JFIF_MAJOR:
+            return;
+        default:
+            jpegErrorExit(cinfo);
+    }
 }
 
 // The APP14 colour-transform marker: CMYK files that carry it store inverted
@@ -193,7 +252,8 @@ struct JpegCompress {
     }
 };
 
-bool jpegReadHeader(JpegDecompress* d, std::FILE* file, JOCTET** icc, unsigned int* iccLength) {
+bool jpegReadHeader(JpegDecompress* d, std::FILE* file, long memoryLimit, JOCTET** icc,
+                    unsigned int* iccLength) {
     d->cinfo.err = jpeg_std_error(&d->error.pub);
     d->error.pub.error_exit = jpegErrorExit;
     d->error.pub.emit_message = jpegEmitMessage;
@@ -201,6 +261,9 @@ bool jpegReadHeader(JpegDecompress* d, std::FILE* file, JOCTET** icc, unsigned i
         return false;
     jpeg_create_decompress(&d->cinfo);
     d->created = true;
+    // Progressive files keep every coefficient in memory: a frame that asks
+    // for more than the budget fails here, not in the allocator.
+    d->cinfo.mem->max_memory_to_use = memoryLimit;
     jpeg_stdio_src(&d->cinfo, file);
     jpeg_save_markers(&d->cinfo, JPEG_APP0 + 2, 0xFFFF);
     jpeg_save_markers(&d->cinfo, JPEG_APP0 + 14, 16);
@@ -222,6 +285,12 @@ bool jpegReadHeader(JpegDecompress* d, std::FILE* file, JOCTET** icc, unsigned i
             d->cinfo.out_color_space = JCS_RGB;
             break;
     }
+    return true;
+}
+
+bool jpegStart(JpegDecompress* d) {
+    if (setjmp(d->error.jump))
+        return false;
     jpeg_start_decompress(&d->cinfo);
     return true;
 }
@@ -286,37 +355,55 @@ struct MallocFree {
 
 }  // namespace
 
-DecodedImage readPng(const std::filesystem::path& path) {
-    FileHandle file = openFile(path, "rb");
+DecodedImage readPng(const std::filesystem::path& path, const SourceOptions& options) {
+    const std::string name = path.string();
+    FileHandle file = openFile(path, "rb", name);
     PngContext ctx;
     ctx.png = png_create_read_struct(PNG_LIBPNG_VER_STRING, &ctx, pngError, pngWarning);
     if (!ctx.png)
-        throw HostError("out of memory");
+        throw HostError(kExitFailed, "out of memory");
     ctx.info = png_create_info_struct(ctx.png);
     if (!ctx.info)
-        throw HostError("out of memory");
+        throw HostError(kExitFailed, "out of memory");
     PngHeader header{};
     if (!pngReadHeader(&ctx, file.get(), &header))
-        throw HostError(path.string() + ": not a readable PNG (" + ctx.message + ")");
-    if (header.colorType & PNG_COLOR_MASK_ALPHA)
-        throw HostError(path.string() + ": PNG with an alpha channel is not supported");
+        throw HostError(kExitInput, name + ": not a readable PNG (" + ctx.message + ")");
     if (header.width == 0 || header.height == 0)
-        throw HostError(path.string() + ": the image has zero size");
+        throw HostError(kExitInput, name + ": the image has zero size");
+    // The compressed rows (a filter byte each) against what the file can hold.
+    const int sourceChannels = png_get_channels(ctx.png, ctx.info);
+    const uint64_t rowBits = uint64_t{header.width} * static_cast<uint64_t>(sourceChannels) *
+                             static_cast<uint64_t>(header.bitDepth);
+    checkFileCanHold(name, header.width, header.height,
+                     uint64_t{header.height} * (1 + (rowBits + 7) / 8), fileSize(path),
+                     kDeflateMaxRatio);
     DecodedImage out;
     if (header.icc)
         out.icc.assign(header.icc, header.icc + header.iccLength);
     if (!pngSetupTransforms(&ctx, &header))
-        throw HostError(path.string() + ": not a readable PNG (" + ctx.message + ")");
+        throw HostError(kExitInput, name + ": not a readable PNG (" + ctx.message + ")");
+    if (header.channels < 1 || header.channels > 4 ||
+        (header.bitDepth != 8 && header.bitDepth != 16))
+        throw HostError(kExitInput, name + ": unsupported PNG layout (" +
+                                        std::to_string(header.channels) + " channels of " +
+                                        std::to_string(header.bitDepth) + " bits)");
     ImageInfo info;
     info.width = static_cast<int32_t>(header.width);
     info.height = static_cast<int32_t>(header.height);
-    info.mode = header.channels == 1 ? Mode::Gray : Mode::RGB;
+    info.mode = header.channels <= 2 ? Mode::Gray : Mode::RGB;
+    info.alpha = header.channels % 2 == 0 ? Alpha::Straight : Alpha::None;
     info.depth = header.bitDepth;
+    checkMemoryBudget(name, "a " + std::to_string(info.width) + " x " +
+                                std::to_string(info.height) + " " + describe(info) + " image",
+                      info.byteCount(), options.memoryLimit);
     out.raster = Raster::allocate(info);
+    if (header.rowBytes != out.raster.rowBytes())
+        throw HostError(kExitInput, name + ": unsupported PNG layout (rows of " +
+                                        std::to_string(header.rowBytes) + " bytes)");
     if (!pngReadRows(&ctx, out.raster.data.data(), out.raster.rowBytes(), header.height,
                      header.passes))
-        throw HostError(path.string() +
-                        ": cannot decode (truncated or corrupt PNG: " + ctx.message + ")");
+        throw HostError(kExitInput,
+                        name + ": cannot decode (truncated or corrupt PNG: " + ctx.message + ")");
     if (info.depth == 16) {
         auto* v = reinterpret_cast<uint16_t*>(out.raster.data.data());
         for (size_t i = 0, n = out.raster.data.size() / 2; i < n; ++i)
@@ -326,8 +413,9 @@ DecodedImage readPng(const std::filesystem::path& path) {
 }
 
 void writePng(const std::filesystem::path& path, const Raster& raster,
-              const std::vector<uint8_t>& icc) {
-    checkFormatHolds(FileFormat::Png, raster.info, path);
+              const std::vector<uint8_t>& icc, const std::string& shownName) {
+    const std::string name = shownName.empty() ? path.string() : shownName;
+    checkFormatHolds(FileFormat::Png, raster.info, name);
     // libpng takes file values: convert 16-bit host values on a copy of each row set.
     std::vector<uint8_t> converted;
     const uint8_t* data = raster.data.data();
@@ -339,55 +427,76 @@ void writePng(const std::filesystem::path& path, const Raster& raster,
             dst[i] = fileFromHost16(src[i]);
         data = converted.data();
     }
-    FileHandle file = openFile(path, "wb");
+    FileHandle file = openFile(path, "wb", name);
     PngContext ctx;
     ctx.writing = true;
     ctx.png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &ctx, pngError, pngWarning);
     if (!ctx.png)
-        throw HostError("out of memory");
+        throw HostError(kExitFailed, "out of memory");
     ctx.info = png_create_info_struct(ctx.png);
     if (!ctx.info)
-        throw HostError("out of memory");
+        throw HostError(kExitFailed, "out of memory");
     const PngWriteJob job{static_cast<uint32_t>(raster.info.width),
                           static_cast<uint32_t>(raster.info.height),
                           raster.info.depth,
-                          raster.info.mode == Mode::Gray ? PNG_COLOR_TYPE_GRAY : PNG_COLOR_TYPE_RGB,
+                          (raster.info.mode == Mode::Gray ? PNG_COLOR_TYPE_GRAY : PNG_COLOR_TYPE_RGB) |
+                              (raster.info.alpha == Alpha::None ? 0 : PNG_COLOR_MASK_ALPHA),
                           data,
                           raster.rowBytes(),
                           icc.empty() ? nullptr : icc.data(),
                           static_cast<uint32_t>(icc.size())};
+    errno = 0;
     if (!pngWriteAll(&ctx, file.get(), &job))
-        throw HostError(path.string() + ": cannot write PNG (" + ctx.message + ")");
-    closeWritten(file, path);
+        throw encodeError(name, "PNG", ctx.message);
+    closeWritten(file, name);
 }
 
-DecodedImage readJpeg(const std::filesystem::path& path) {
-    FileHandle file = openFile(path, "rb");
+DecodedImage readJpeg(const std::filesystem::path& path, const SourceOptions& options) {
+    const std::string name = path.string();
+    FileHandle file = openFile(path, "rb", name);
     JpegDecompress d;
     JOCTET* iccRaw = nullptr;
     unsigned int iccLength = 0;
-    const bool headerOk = jpegReadHeader(&d, file.get(), &iccRaw, &iccLength);
+    const long memoryLimit =
+        static_cast<long>(std::min<uint64_t>(options.memoryLimit, uint64_t{1} << 62));
+    const bool headerOk = jpegReadHeader(&d, file.get(), memoryLimit, &iccRaw, &iccLength);
     std::unique_ptr<JOCTET, MallocFree> iccOwner(iccRaw);
     if (!headerOk)
-        throw HostError(path.string() + ": not a readable JPEG (" + d.error.message + ")");
+        throw HostError(kExitInput, name + ": not a readable JPEG (" + d.error.message + ")");
+    const jpeg_decompress_struct& c = d.cinfo;
+    if (c.image_width == 0 || c.image_height == 0)
+        throw HostError(kExitInput, name + ": the image has zero size");
+    // Huffman coding spends at least one bit on every block of every
+    // component; the component with the fewest blocks bounds the frame.
+    // (Arithmetic coding can spend less; there the memory budget decides.)
+    if (!c.arith_code) {
+        const uint64_t across = (c.image_width + 8u * c.max_h_samp_factor - 1) /
+                                (8u * c.max_h_samp_factor);
+        const uint64_t down = (c.image_height + 8u * c.max_v_samp_factor - 1) /
+                              (8u * c.max_v_samp_factor);
+        checkFileCanHold(name, c.image_width, c.image_height, across * down, fileSize(path), 8.0);
+    }
+    ImageInfo info;
+    info.width = static_cast<int32_t>(c.image_width);
+    info.height = static_cast<int32_t>(c.image_height);
+    info.depth = 8;
+    info.mode = c.out_color_space == JCS_GRAYSCALE ? Mode::Gray
+                : c.out_color_space == JCS_CMYK    ? Mode::CMYK
+                                                   : Mode::RGB;
+    checkMemoryBudget(name, "a " + std::to_string(info.width) + " x " +
+                                std::to_string(info.height) + " " + describe(info) + " image",
+                      info.byteCount(), options.memoryLimit);
+    if (!jpegStart(&d))
+        throw HostError(kExitInput, name + ": cannot decode (corrupt JPEG: " + d.error.message + ")");
+    if (c.output_width != c.image_width || c.output_height != c.image_height ||
+        c.output_components != info.planes())
+        throw HostError(kExitInput, name + ": unsupported JPEG layout");
     DecodedImage out;
     if (iccRaw)
         out.icc.assign(iccRaw, iccRaw + iccLength);
-    ImageInfo info;
-    info.width = static_cast<int32_t>(d.cinfo.output_width);
-    info.height = static_cast<int32_t>(d.cinfo.output_height);
-    info.depth = 8;
-    info.mode = d.cinfo.out_color_space == JCS_GRAYSCALE ? Mode::Gray
-                : d.cinfo.out_color_space == JCS_CMYK    ? Mode::CMYK
-                                                         : Mode::RGB;
-    if (info.width == 0 || info.height == 0)
-        throw HostError(path.string() + ": the image has zero size");
     out.raster = Raster::allocate(info);
     if (!jpegReadRows(&d, out.raster.data.data(), out.raster.rowBytes()))
-        throw HostError(path.string() + ": cannot decode (corrupt JPEG: " + d.error.message + ")");
-    if (d.error.ended)
-        throw HostError(path.string() +
-                        ": cannot decode (the JPEG data ends early: truncated file)");
+        throw HostError(kExitInput, name + ": cannot decode (corrupt JPEG: " + d.error.message + ")");
     if (info.mode == Mode::CMYK && d.app14)
         for (auto& v : out.raster.data)
             v = static_cast<uint8_t>(255 - v);
@@ -395,10 +504,11 @@ DecodedImage readJpeg(const std::filesystem::path& path) {
 }
 
 void writeJpeg(const std::filesystem::path& path, const Raster& raster,
-               const std::vector<uint8_t>& icc, int quality) {
-    checkFormatHolds(FileFormat::Jpeg, raster.info, path);
+               const std::vector<uint8_t>& icc, int quality, const std::string& shownName) {
+    const std::string name = shownName.empty() ? path.string() : shownName;
+    checkFormatHolds(FileFormat::Jpeg, raster.info, name);
     std::vector<uint8_t> scratch(raster.rowBytes());
-    FileHandle file = openFile(path, "wb");
+    FileHandle file = openFile(path, "wb", name);
     JpegCompress c;
     const JpegWriteJob job{&raster,
                            raster.info.mode == Mode::Gray   ? JCS_GRAYSCALE
@@ -409,9 +519,10 @@ void writeJpeg(const std::filesystem::path& path, const Raster& raster,
                            icc.empty() ? nullptr : icc.data(),
                            static_cast<unsigned int>(icc.size()),
                            scratch.data()};
+    errno = 0;
     if (!jpegWriteAll(&c, file.get(), &job))
-        throw HostError(path.string() + ": cannot write JPEG (" + c.error.message + ")");
-    closeWritten(file, path);
+        throw encodeError(name, "JPEG", c.error.message);
+    closeWritten(file, name);
 }
 
 }  // namespace Curvana::Host

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <string>
 #include <vector>
 
 #include "Raster.h"
@@ -16,17 +17,22 @@ struct DecodedImage {
     std::vector<uint8_t> icc;
 };
 
-// PNG: grey or RGB, 8 or 16 bits (grey below 8 bits and palettes are
-// expanded to 8 bits; alpha is refused). Throws HostError.
-DecodedImage readPng(const std::filesystem::path& path);
+// PNG: grey or RGB, with or without alpha, 8 or 16 bits. Palettes become RGB
+// (RGB + alpha with a tRNS chunk), grey below 8 bits becomes 8 bits, a tRNS
+// colour key becomes alpha. Throws HostError (kExitInput); sizes are checked
+// against the file and options.memoryLimit before the pixels are allocated.
+DecodedImage readPng(const std::filesystem::path& path, const SourceOptions& options = {});
+// name: the output as the user named it, for messages (empty: path).
 void writePng(const std::filesystem::path& path, const Raster& raster,
-              const std::vector<uint8_t>& icc);
+              const std::vector<uint8_t>& icc, const std::string& name = {});
 
 // JPEG: grey, RGB (YCbCr) or CMYK (inverted when the file carries the APP14
-// colour-transform marker, as image editors write it: the file stores 255 - ink). 8 bits. Throws
-// HostError; a file that ends early is an error, not grey fill.
-DecodedImage readJpeg(const std::filesystem::path& path);
+// colour-transform marker, as image editors write it: the file stores 255 -
+// ink). 8 bits. Throws HostError (kExitInput); any corrupt-data warning of
+// the decoder (data that ends early, a marker inside the data) is an error,
+// never grey fill.
+DecodedImage readJpeg(const std::filesystem::path& path, const SourceOptions& options = {});
 void writeJpeg(const std::filesystem::path& path, const Raster& raster,
-               const std::vector<uint8_t>& icc, int quality);
+               const std::vector<uint8_t>& icc, int quality, const std::string& name = {});
 
 }  // namespace Curvana::Host

@@ -7,40 +7,36 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
-#include <stdexcept>
 #include <string>
 
+#include "HostError.h"
 #include "curvana/CurvanaPlugin.h"
 
 namespace Curvana::Host {
-
-// One-line, user-facing failure of the host program (file, metadata, module).
-// The message names the file or option it is about; it never ends in a newline.
-class HostError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
-// A HostError about the input photograph itself (it cannot be decoded).
-class InputError : public HostError {
-public:
-    using HostError::HostError;
-};
 
 enum class Mode { Gray = cvModeGray, RGB = cvModeRGB, CMYK = cvModeCMYK, Lab = cvModeLab };
 
 enum class FileFormat { Tiff, Png, Jpeg };
 
-// The facts of an image as the module sees them: mode planes of 8-bit or
-// 16-bit samples. Host values are 0 ... 255 at depth 8 and 0 ... 32768 at
-// depth 16 (the files' 0 ... 65535 are converted on reading and writing).
+// Transparency: a plane after the mode's colour planes. Straight alpha
+// leaves the colours as they are; premultiplied (TIFF's associated alpha)
+// has them multiplied by it. The module warps it like any other plane, so
+// the area the photo does not cover comes out transparent.
+enum class Alpha : uint8_t { None, Straight, Premultiplied };
+
+// The facts of an image as the module sees them: mode planes (and an alpha
+// plane) of 8-bit or 16-bit samples. Host values are 0 ... 255 at depth 8 and
+// 0 ... 32768 at depth 16 (the files' 0 ... 65535 are converted on reading and
+// writing).
 struct ImageInfo {
     int32_t width = 0;
     int32_t height = 0;
     Mode mode = Mode::RGB;
     int depth = 8;
+    Alpha alpha = Alpha::None;
 
-    int planes() const;
+    int colorPlanes() const;
+    int planes() const { return colorPlanes() + (alpha == Alpha::None ? 0 : 1); }
     size_t bytesPerSample() const { return depth == 16 ? 2 : 1; }
     // Bytes of the whole image at host depth, all planes.
     uint64_t byteCount() const;
@@ -49,13 +45,29 @@ struct ImageInfo {
 
 const char* modeName(Mode mode);
 const char* formatName(FileFormat format);
+// "RGB 16-bit", "grey + alpha 8-bit": for messages.
+std::string describe(const ImageInfo& info);
+// "512 MiB", "1.1 GiB".
+std::string byteText(uint64_t bytes);
+
+// The memory budget of one image, checked before anything is allocated:
+// throws HostError (kExitInput) naming the image, what it needs and the limit
+// when `bytes` pass `limit`. `what` says what the memory is for.
+void checkMemoryBudget(const std::string& name, const std::string& what, uint64_t bytes,
+                       uint64_t limit);
+// Headers are checked against the file before they are trusted: throws
+// HostError (kExitInput) when `decodedBytes` of a width x height image
+// cannot come from `fileBytes` at the format's best compression ratio
+// (`maxRatio` decoded bytes per file byte).
+void checkFileCanHold(const std::string& name, int64_t width, int64_t height,
+                      uint64_t decodedBytes, uint64_t fileBytes, double maxRatio);
 
 // The format a file name asks for, from its extension (case-insensitive):
 // .tif/.tiff, .png, .jpg/.jpeg. Empty when the extension is none of these.
 std::optional<FileFormat> formatFromExtension(const std::filesystem::path& path);
 
-// Throws HostError when format cannot hold mode and depth (for instance Lab
-// or CMYK as PNG, 16 bits as JPEG).
+// Throws HostError (kExitOutput) when format cannot hold mode and depth (for
+// instance Lab or CMYK as PNG, 16 bits or alpha as JPEG).
 void checkFormatHolds(FileFormat format, const ImageInfo& info, const std::filesystem::path& path);
 
 // 16-bit conversions between the files' 0 ... 65535 and the host's 0 ... 32768.

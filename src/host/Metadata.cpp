@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cmath>
 #include <mutex>
 
@@ -92,7 +93,8 @@ PhotoMetadata readMetadata(const std::filesystem::path& path) {
 }
 
 std::string writeMetadata(const std::filesystem::path& path, FileFormat format,
-                          const ImageInfo& info, const PhotoMetadata& metadata) {
+                          const ImageInfo& info, const PhotoMetadata& metadata,
+                          const std::string& name) {
     quietExiv2();
     const bool hasExif = metadata.exif && !metadata.exif->empty();
     if (format == FileFormat::Tiff) {
@@ -101,6 +103,7 @@ std::string writeMetadata(const std::filesystem::path& path, FileFormat format,
     } else if (!hasExif && metadata.xmpPacket.empty()) {
         return {};
     }
+    errno = 0;
     try {
         auto image = Exiv2::ImageFactory::open(path.string());
         image->readMetadata();  // keeps the ICC profile and the file's own tags
@@ -112,10 +115,11 @@ std::string writeMetadata(const std::filesystem::path& path, FileFormat format,
             image->setXmpPacket(metadata.xmpPacket);
         image->writeXmpFromPacket(true);
         image->writeMetadata();
-    } catch (const Exiv2::AnyError& e) {
-        return path.filename().string() + ": metadata not written (" + oneLine(e.what()) + ")";
     } catch (const std::exception& e) {
-        return path.filename().string() + ": metadata not written (" + oneLine(e.what()) + ")";
+        // Exiv2 rewrites the whole file: a full disk leaves it cut short.
+        if (errno == ENOSPC || errno == EDQUOT)
+            throw writeError(name, errno);
+        return name + ": metadata not written (" + oneLine(e.what()) + ")";
     }
     return {};
 }

@@ -47,8 +47,11 @@ inline bool tiffExifAsXmp(const ImageInfo& info) {
 // Writes EXIF and XMP into an image file already written with the pixels
 // and ICC profile of an image described by info. For TIFF (whose XMP was
 // embedded when the file was written) only the EXIF is added, and not at
-// all when tiffExifAsXmp(info). Returns a warning, empty on success.
+// all when tiffExifAsXmp(info). Returns a warning, empty on success; a full
+// disk (the file may then be cut short) throws HostError (kExitOutput). name:
+// the output as the user named it, for messages.
 std::string writeMetadata(const std::filesystem::path& path, FileFormat format,
-                          const ImageInfo& info, const PhotoMetadata& metadata);
+                          const ImageInfo& info, const PhotoMetadata& metadata,
+                          const std::string& name);
 
 }  // namespace Curvana::Host

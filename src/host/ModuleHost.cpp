@@ -104,8 +104,8 @@ bool validPlaneRequest(const HostContext* ctx, const CvRect* rect, int32_t plane
 }
 
 // A plane request of the module: checked, serialised, and every exception
-// turned into an error code with its message kept for the run's outcome
-// (input errors marked as such, so the exit code names the input).
+// turned into an error code. The C interface carries only the code, so the
+// first error itself is kept for the run's outcome.
 template <class Transfer>
 CvError planeRequest(void* host, const CvRect* rect, int32_t plane, const void* buffer,
                      int32_t rowBytes, Transfer&& transfer) {
@@ -117,20 +117,21 @@ CvError planeRequest(void* host, const CvRect* rect, int32_t plane, const void* 
     if (!validPlaneRequest(ctx, rect, plane, buffer, rowBytes))
         return cvErrParam;
     std::lock_guard lock(ctx->planes);
+    auto keep = [ctx](HostError error) {
+        if (!ctx->outcome->hostError)
+            ctx->outcome->hostError.emplace(std::move(error));
+    };
     try {
         transfer(*ctx->invocation);
         return cvNoErr;
-    } catch (const std::bad_alloc&) {
-        return cvErrMemory;
-    } catch (const InputError& e) {
-        if (ctx->outcome->ioError.empty()) {
-            ctx->outcome->ioError = e.what();
-            ctx->outcome->inputError = true;
-        }
+    } catch (const HostError& e) {
+        keep(e);
         return cvErrFilterFailed;
+    } catch (const std::bad_alloc&) {
+        keep(HostError(kExitFailed, "out of memory while serving the image to the filter"));
+        return cvErrMemory;
     } catch (const std::exception& e) {
-        if (ctx->outcome->ioError.empty())
-            ctx->outcome->ioError = e.what();
+        keep(HostError(kExitFailed, e.what()));
         return cvErrFilterFailed;
     }
 }
@@ -296,7 +297,7 @@ std::filesystem::path Module::locate(const std::filesystem::path& explicitPath) 
     std::error_code ec;
     if (!explicitPath.empty()) {
         if (!std::filesystem::is_regular_file(explicitPath, ec))
-            throw HostError(explicitPath.string() + ": no such module file");
+            throw HostError(kExitModule, explicitPath.string() + ": no such module file");
         return explicitPath;
     }
     std::vector<std::string> tried;
@@ -315,7 +316,7 @@ std::filesystem::path Module::locate(const std::filesystem::path& explicitPath) 
     std::string list;
     for (const auto& t : tried)
         list += (list.empty() ? "" : ", ") + t;
-    throw HostError("the filter module libcurvana.so was not found (looked at " + list +
+    throw HostError(kExitModule, "the filter module libcurvana.so was not found (looked at " + list +
                     "; use --module PATH or set CURVANA_MODULE)");
 }
 
@@ -330,12 +331,12 @@ std::unique_ptr<Module> Module::load(const std::filesystem::path& path, HostFact
     m->handle_ = ::dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!m->handle_) {
         const char* why = ::dlerror();
-        throw HostError(path.string() + ": cannot load the filter module (" +
+        throw HostError(kExitModule, path.string() + ": cannot load the filter module (" +
                         (why ? why : "unknown error") + ")");
     }
     m->entry_ = reinterpret_cast<CvEntryPoint>(::dlsym(m->handle_, "EntryFI"));
     if (!m->entry_)
-        throw HostError(path.string() + ": not a Curvana filter module (no EntryFI)");
+        throw HostError(kExitModule, path.string() + ": not a Curvana filter module (no EntryFI)");
     return m;
 }
 

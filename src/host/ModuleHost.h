@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -50,9 +51,10 @@ struct Invocation {
 struct InvocationOutcome {
     int16_t error = 0;  // first non-zero selector result
     int16_t failedSelector = -1;
-    bool aborted = false;     // the abort flag was set during the run
-    std::string ioError;      // the first file error met while serving planes
-    bool inputError = false;  // ... and it was the input that could not be decoded
+    bool aborted = false;  // the abort flag was set during the run
+    // The first error met while serving planes (a tile that could not be
+    // decoded or written), with its category; the module saw only a code.
+    std::optional<HostError> hostError;
     std::unique_ptr<Descriptor> resultDescriptor;
     std::vector<std::string> alerts;  // "title: message" as shown
 };

@@ -12,14 +12,14 @@ namespace Curvana::Host {
 
 Raster Raster::allocate(const ImageInfo& info) {
     if (info.width <= 0 || info.height <= 0)
-        throw HostError("the image has zero size");
+        throw HostError(kExitInput, "the image has zero size");
     Raster r;
     r.info = info;
     try {
-        r.data.assign(static_cast<size_t>(info.byteCount()), 0);
+        r.data.resize(static_cast<size_t>(info.byteCount()));
     } catch (const std::bad_alloc&) {
-        throw HostError("not enough memory for a " + std::to_string(info.width) + " x " +
-                        std::to_string(info.height) + " image");
+        throw HostError(kExitFailed, "not enough memory for a " + std::to_string(info.width) +
+                                         " x " + std::to_string(info.height) + " image");
     }
     return r;
 }
@@ -79,7 +79,7 @@ MemorySource::MemorySource(std::filesystem::path path, FileFormat format, Raster
 
 void MemorySource::readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_t rowBytes) {
     if (plane < 0 || plane >= info_.planes() || !rectInside(rect, info_.bounds()))
-        throw HostError(path_.string() + ": plane request outside the image");
+        throw HostError(kExitFailed, path_.string() + ": plane request outside the image");
     const size_t bps = info_.bytesPerSample();
     const uint8_t* origin =
         raster_.row(rect.top) + static_cast<size_t>(rect.left) * raster_.pixelBytes();
@@ -92,34 +92,34 @@ std::unique_ptr<ImageSource> openImage(const std::filesystem::path& path,
                                        const SourceOptions& options) {
     std::error_code ec;
     if (!std::filesystem::exists(path, ec))
-        throw HostError(path.string() + ": no such file");
+        throw HostError(kExitInput, path.string() + ": no such file");
     if (std::filesystem::is_directory(path, ec))
-        throw HostError(path.string() + ": is a folder, not an image");
+        throw HostError(kExitInput, path.string() + ": is a folder, not an image");
     std::ifstream in(path, std::ios::binary);
     if (!in)
-        throw HostError(path.string() + ": cannot open (" + std::strerror(errno) + ")");
+        throw HostError(kExitInput, path.string() + ": cannot open (" + std::strerror(errno) + ")");
     unsigned char magic[8] = {};
     in.read(reinterpret_cast<char*>(magic), sizeof magic);
     const std::streamsize got = in.gcount();
     in.close();
     if (got == 0)
-        throw HostError(path.string() + ": empty file");
+        throw HostError(kExitInput, path.string() + ": empty file");
     auto starts = [&](const char* bytes, int n) {
         return got >= n && std::memcmp(magic, bytes, n) == 0;
     };
     if (starts("II*\0", 4) || starts("MM\0*", 4) || starts("II+\0", 4) || starts("MM\0+", 4))
         return std::make_unique<TiffSource>(path, options);
     if (starts("\x89PNG\r\n\x1a\n", 8)) {
-        DecodedImage d = readPng(path);
+        DecodedImage d = readPng(path, options);
         return std::make_unique<MemorySource>(path, FileFormat::Png, std::move(d.raster),
                                               std::move(d.icc));
     }
     if (starts("\xff\xd8\xff", 3)) {
-        DecodedImage d = readJpeg(path);
+        DecodedImage d = readJpeg(path, options);
         return std::make_unique<MemorySource>(path, FileFormat::Jpeg, std::move(d.raster),
                                               std::move(d.icc));
     }
-    throw HostError(path.string() + ": unsupported image format (TIFF, PNG and JPEG are read)");
+    throw HostError(kExitInput, path.string() + ": unsupported image format (TIFF, PNG and JPEG are read)");
 }
 
 namespace {
@@ -129,14 +129,21 @@ class MemoryResult final : public ResultImage {
 public:
     MemoryResult(FileFormat format, std::filesystem::path path, ImageSource& source,
                  const ResultOptions& options)
-        : format_(format), path_(std::move(path)), options_(options) {
-        checkFormatHolds(format_, source.info(), path_);
+        : format_(format),
+          path_(std::move(path)),
+          name_(options.name.empty() ? path_.string() : options.name),
+          options_(options) {
+        checkFormatHolds(format_, source.info(), name_);
+        const ImageInfo& info = source.info();
+        checkMemoryBudget(name_, std::string("a ") + formatName(format_) + " result of " +
+                                     std::to_string(info.width) + " x " +
+                                     std::to_string(info.height) + " pixels",
+                          info.byteCount(), options.memoryLimit);
         if (auto* memory = dynamic_cast<MemorySource*>(&source)) {
             raster_ = memory->raster();
         } else {
-            raster_ = Raster::allocate(source.info());
+            raster_ = Raster::allocate(info);
             // Band by band keeps the source's own cache small.
-            const ImageInfo& info = source.info();
             for (int32_t top = 0; top < info.height; top += 256) {
                 const CvRect band{0, top, info.width, std::min(info.height, top + 256)};
                 source.readInterleaved(band, raster_.row(top),
@@ -148,7 +155,7 @@ public:
     void writePlane(const CvRect& rect, int plane, const void* buffer,
                     ptrdiff_t rowBytes) override {
         if (plane < 0 || plane >= raster_.info.planes() || !rectInside(rect, raster_.info.bounds()))
-            throw HostError(path_.string() + ": result plane outside the image");
+            throw HostError(kExitFailed, name_ + ": result plane outside the image");
         uint8_t* origin =
             raster_.row(rect.top) + static_cast<size_t>(rect.left) * raster_.pixelBytes();
         insertPlane(static_cast<const uint8_t*>(buffer), rowBytes, raster_.info.planes(), plane,
@@ -159,14 +166,15 @@ public:
 
     void finish() override {
         if (format_ == FileFormat::Png)
-            writePng(path_, raster_, options_.icc);
+            writePng(path_, raster_, options_.icc, name_);
         else
-            writeJpeg(path_, raster_, options_.icc, options_.jpegQuality);
+            writeJpeg(path_, raster_, options_.icc, options_.jpegQuality, name_);
     }
 
 private:
     FileFormat format_;
     std::filesystem::path path_;
+    std::string name_;
     ResultOptions options_;
     Raster raster_;
 };

@@ -6,20 +6,46 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <new>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ImageTypes.h"
 
 namespace Curvana::Host {
 
+// An allocator that leaves new elements uninitialised: pixel buffers that
+// the decoder fills next are not zeroed first (zeroing would touch every page
+// of an image that a damaged file may never fill).
+template <class T>
+struct UninitializedAllocator : std::allocator<T> {
+    template <class U>
+    struct rebind {
+        using other = UninitializedAllocator<U>;
+    };
+    UninitializedAllocator() = default;
+    template <class U>
+    UninitializedAllocator(const UninitializedAllocator<U>&) noexcept {}
+    template <class U>
+    void construct(U* p) noexcept {
+        ::new (static_cast<void*>(p)) U;
+    }
+    template <class U, class... Args>
+    void construct(U* p, Args&&... args) {
+        ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+    }
+};
+using PixelBytes = std::vector<uint8_t, UninitializedAllocator<uint8_t>>;
+
 // Interleaved host values (uint8_t at depth 8, native uint16_t at depth 16),
 // rows top to bottom without padding.
 struct Raster {
     ImageInfo info;
-    std::vector<uint8_t> data;
+    PixelBytes data;
 
-    // Throws HostError when the image is empty or cannot be allocated.
+    // Uninitialised pixels. Throws HostError when the image is empty or
+    // cannot be allocated; the caller checks the memory budget first.
     static Raster allocate(const ImageInfo& info);
     size_t pixelBytes() const { return static_cast<size_t>(info.planes()) * info.bytesPerSample(); }
     size_t rowBytes() const { return pixelBytes() * static_cast<size_t>(info.width); }
@@ -71,13 +97,20 @@ private:
     Raster raster_;
 };
 
-// How much memory the source may keep decoded (strips or tiles of a TIFF).
+// The default memory budget of one image when the caller sets none.
+inline constexpr uint64_t kDefaultMemoryLimit = uint64_t{4} << 30;
+
 struct SourceOptions {
+    // How much memory the source may keep decoded (strips or tiles of a TIFF).
     uint64_t cacheBudget = 256ull << 20;
+    // The most one image may take: a PNG or JPEG decoded whole, one TIFF
+    // strip or tile. A file that asks for more is refused before allocating.
+    uint64_t memoryLimit = kDefaultMemoryLimit;
 };
 
 // Opens a photograph by its content (not its extension). Throws HostError
-// with a one-line reason: missing, empty, unsupported format or mode, corrupt.
+// (kExitInput) with a one-line reason: missing, empty, unsupported format or
+// mode, corrupt, or larger than its file or the memory budget allows.
 std::unique_ptr<ImageSource> openImage(const std::filesystem::path& path,
                                        const SourceOptions& options = {});
 
@@ -97,10 +130,15 @@ protected:
 };
 
 struct ResultOptions {
+    // The output as the user named it, for messages (the path written may be
+    // a temporary one); empty: the path.
+    std::string name;
     // Memory for result tiles not yet complete; beyond it they go to a
-    // temporary file in spillFolder (TIFF only).
+    // temporary file in spillFolder (TIFF only; default: the path's folder).
     uint64_t budget = 256ull << 20;
     std::filesystem::path spillFolder;
+    // The most a JPEG or PNG result may hold in memory (a copy of the image).
+    uint64_t memoryLimit = kDefaultMemoryLimit;
     std::vector<uint8_t> icc;
     std::string xmpPacket;  // embedded by TIFF output; JPEG and PNG get theirs from Exiv2
     int jpegQuality = 95;

@@ -3,6 +3,7 @@
 #include <tiffio.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -41,12 +42,27 @@ std::string takeTiffError() {
     return message;
 }
 
-}  // namespace
-
-void TiffCloser::operator()(TIFF* tif) const {
-    if (tif)
-        TIFFClose(tif);
+// Decoded bytes per file byte at best, by compression; 0: no useful bound
+// (the memory budget alone decides).
+double maxCompressionRatio(uint16_t compression, uint32_t bytesPerPixel) {
+    switch (compression) {
+        case COMPRESSION_NONE:
+            return 1;
+        case COMPRESSION_PACKBITS:
+            return 64;  // 128 repeated bytes in a 2-byte run
+        case COMPRESSION_LZW:
+            return 2048;  // codes of 9 to 12 bits for strings up to 4096 bytes
+        case COMPRESSION_ADOBE_DEFLATE:
+        case COMPRESSION_DEFLATE:
+            return 1100;  // Deflate's 1032:1, rounded up
+        case COMPRESSION_JPEG:
+            return 64.0 * 8.0 * bytesPerPixel;  // at least a bit per 8 x 8 block
+        default:
+            return 0;
+    }
 }
+
+}  // namespace
 
 TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& options)
     : budget_(options.cacheBudget) {
@@ -54,11 +70,20 @@ TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& o
     path_ = path;
     format_ = FileFormat::Tiff;
     const std::string name = path.string();
+    // libtiff's own buffers (tag arrays, strip tables, compressed data) stay
+    // within the memory budget too.
+    std::unique_ptr<TIFFOpenOptions, decltype(&TIFFOpenOptionsFree)> openOptions(
+        TIFFOpenOptionsAlloc(), TIFFOpenOptionsFree);
+    if (!openOptions)
+        throw HostError(kExitFailed, "out of memory");
+    TIFFOpenOptionsSetMaxSingleMemAlloc(
+        openOptions.get(),
+        static_cast<tmsize_t>(std::min<uint64_t>(options.memoryLimit, uint64_t{1} << 62)));
     // "m": no memory mapping. Touched pages of a mapped file count as resident
     // memory, which would grow with the image instead of the cache budget.
-    tif_.reset(TIFFOpen(name.c_str(), "rm"));
+    tif_.reset(TIFFOpenExt(name.c_str(), "rm", openOptions.get()));
     if (!tif_)
-        throw HostError(name + ": not a readable TIFF (" + takeTiffError() + ")");
+        throw HostError(kExitInput, name + ": not a readable TIFF (" + takeTiffError() + ")");
     TIFF* tif = tif_.get();
 
     uint32_t width = 0, height = 0;
@@ -72,16 +97,20 @@ TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& o
     TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLEFORMAT, &sampleFormat);
     TIFFGetFieldDefaulted(tif, TIFFTAG_COMPRESSION, &compression_);
     if (!TIFFGetField(tif, TIFFTAG_PHOTOMETRIC, &photometric))
-        throw HostError(name + ": TIFF without a photometric interpretation");
+        throw HostError(kExitInput, name + ": TIFF without a photometric interpretation");
     if (width == 0 || height == 0)
-        throw HostError(name + ": the image has zero size");
+        throw HostError(kExitInput, name + ": the image has zero size");
     if (width > 0x7fffffffu || height > 0x7fffffffu)
-        throw HostError(name + ": the image is too large");
+        throw HostError(kExitInput, name + ": the image is too large");
     if (bits != 8 && bits != 16)
-        throw HostError(name + ": " + std::to_string(bits) +
-                        "-bit TIFF samples are not supported (8 or 16 bits)");
+        throw HostError(kExitInput, name + ": " + std::to_string(bits) +
+                                        "-bit TIFF samples are not supported (8 or 16 bits)");
+    if (photometric == PHOTOMETRIC_PALETTE && bits != 8)
+        throw HostError(kExitInput,
+                        name + ": " + std::to_string(bits) +
+                            "-bit palette TIFF is not supported (8-bit palettes are)");
     if (sampleFormat != SAMPLEFORMAT_UINT && sampleFormat != SAMPLEFORMAT_INT)
-        throw HostError(name + ": floating-point TIFF samples are not supported");
+        throw HostError(kExitInput, name + ": floating-point TIFF samples are not supported");
     separate_ = planar == PLANARCONFIG_SEPARATE;
 
     Mode mode;
@@ -104,7 +133,7 @@ TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& o
             break;
         case PHOTOMETRIC_YCBCR:
             if (compression_ != COMPRESSION_JPEG)
-                throw HostError(name + ": YCbCr TIFF is supported only with JPEG compression");
+                throw HostError(kExitInput, name + ": YCbCr TIFF is supported only with JPEG compression");
             TIFFSetField(tif, TIFFTAG_JPEGCOLORMODE, JPEGCOLORMODE_RGB);
             mode = Mode::RGB;
             basePlanes = 3;
@@ -112,7 +141,7 @@ TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& o
         case PHOTOMETRIC_SEPARATED:
             TIFFGetFieldDefaulted(tif, TIFFTAG_INKSET, &inkSet);
             if (inkSet != INKSET_CMYK || samplesPerPixel_ < 4)
-                throw HostError(name + ": separated TIFF other than CMYK is not supported");
+                throw HostError(kExitInput, name + ": separated TIFF other than CMYK is not supported");
             mode = Mode::CMYK;
             basePlanes = 4;
             break;
@@ -125,24 +154,53 @@ TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& o
             mode = Mode::Lab;
             basePlanes = 3;
             break;
-        case PHOTOMETRIC_PALETTE:
-            throw HostError(name + ": palette TIFF is not supported");
+        case PHOTOMETRIC_PALETTE: {
+            uint16_t *red = nullptr, *green = nullptr, *blue = nullptr;
+            if (!TIFFGetField(tif, TIFFTAG_COLORMAP, &red, &green, &blue))
+                throw HostError(kExitInput, name + ": palette TIFF without a colour map");
+            // Expanded to 8-bit RGB: the map's 16-bit entries rounded.
+            palette_.resize(3 * 256);
+            for (size_t i = 0; i < 256; ++i) {
+                palette_[3 * i] = static_cast<uint8_t>((red[i] + 128u) / 257u);
+                palette_[3 * i + 1] = static_cast<uint8_t>((green[i] + 128u) / 257u);
+                palette_[3 * i + 2] = static_cast<uint8_t>((blue[i] + 128u) / 257u);
+            }
+            mode = Mode::RGB;
+            basePlanes = 1;
+            break;
+        }
         default:
-            throw HostError(name + ": TIFF photometric " + std::to_string(photometric) +
+            throw HostError(kExitInput, name + ": TIFF photometric " + std::to_string(photometric) +
                             " is not supported");
     }
     if (samplesPerPixel_ < basePlanes)
-        throw HostError(name + ": TIFF has too few samples per pixel");
-    if (samplesPerPixel_ > basePlanes)
-        throw HostError(name + ": TIFF with extra (alpha) samples is not supported");
+        throw HostError(kExitInput, name + ": TIFF has too few samples per pixel");
+    // One extra sample is taken as alpha (associated: premultiplied); more
+    // extra samples, or alpha beside CMYK's four planes, are not.
+    Alpha alpha = Alpha::None;
+    if (samplesPerPixel_ == basePlanes + 1 && photometric != PHOTOMETRIC_PALETTE &&
+        mode != Mode::CMYK) {
+        uint16_t extraCount = 0;
+        uint16_t* extraTypes = nullptr;
+        TIFFGetFieldDefaulted(tif, TIFFTAG_EXTRASAMPLES, &extraCount, &extraTypes);
+        alpha = extraCount == 1 && extraTypes && extraTypes[0] == EXTRASAMPLE_ASSOCALPHA
+                    ? Alpha::Premultiplied
+                    : Alpha::Straight;
+    } else if (samplesPerPixel_ > basePlanes) {
+        throw HostError(kExitInput,
+                        name + ": TIFF with " + std::to_string(samplesPerPixel_ - basePlanes) +
+                            " extra samples" + (mode == Mode::CMYK ? " beside CMYK" : "") +
+                            " is not supported (one alpha sample is)");
+    }
     convert_[0] = first;
-    for (int p = 1; p < 4; ++p)
-        convert_[p] = chroma;
+    for (int p = 1; p < basePlanes; ++p)
+        convert_[p] = chroma;  // the alpha plane after them is copied
 
     info_.width = static_cast<int32_t>(width);
     info_.height = static_cast<int32_t>(height);
     info_.mode = mode;
     info_.depth = bits;
+    info_.alpha = alpha;
 
     tiled_ = TIFFIsTiled(tif) != 0;
     const uint32_t samplesInBlock = separate_ ? 1u : samplesPerPixel_;
@@ -150,7 +208,7 @@ TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& o
         TIFFGetField(tif, TIFFTAG_TILEWIDTH, &blockWidth_);
         TIFFGetField(tif, TIFFTAG_TILELENGTH, &blockHeight_);
         if (blockWidth_ == 0 || blockHeight_ == 0)
-            throw HostError(name + ": TIFF tiles of zero size");
+            throw HostError(kExitInput, name + ": TIFF tiles of zero size");
     } else {
         uint32_t rowsPerStrip = height;
         TIFFGetFieldDefaulted(tif, TIFFTAG_ROWSPERSTRIP, &rowsPerStrip);
@@ -158,6 +216,23 @@ TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& o
         blockHeight_ = std::clamp<uint32_t>(rowsPerStrip, 1u, height);
     }
     blockRowBytes_ = static_cast<uint64_t>(blockWidth_) * samplesInBlock * (bits / 8);
+
+    // The header's sizes against the file and the budget, before any block
+    // is allocated.
+    const uint64_t blockBytes = static_cast<uint64_t>(tiled_ ? TIFFTileSize64(tif)
+                                                             : TIFFStripSize64(tif));
+    if (blockBytes == 0)
+        throw HostError(kExitInput, name + ": " + takeTiffError());
+    const uint64_t imageBytes = uint64_t{width} * height * samplesPerPixel_ * (bits / 8);
+    std::error_code ec;
+    const double ratio = maxCompressionRatio(compression_, samplesPerPixel_ * (bits / 8u));
+    if (ratio > 0)
+        checkFileCanHold(name, width, height, imageBytes,
+                         static_cast<uint64_t>(std::filesystem::file_size(path, ec)), ratio);
+    checkMemoryBudget(name, std::string("a TIFF ") + (tiled_ ? "tile" : "strip") + " of " +
+                                std::to_string(blockWidth_) + " x " +
+                                std::to_string(blockHeight_) + " pixels",
+                      blockBytes, options.memoryLimit);
 
     uint32_t count = 0;
     const void* data = nullptr;
@@ -169,6 +244,11 @@ TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& o
 
 TiffSource::~TiffSource() = default;
 
+void TiffCloser::operator()(TIFF* tif) const {
+    if (tif)
+        TIFFClose(tif);
+}
+
 const TiffSource::Block& TiffSource::block(uint32_t index, uint32_t expectedRows) {
     auto found = cache_.find(index);
     if (found != cache_.end()) {
@@ -179,7 +259,7 @@ const TiffSource::Block& TiffSource::block(uint32_t index, uint32_t expectedRows
     const tmsize_t size = tiled_ ? TIFFTileSize(tif) : TIFFStripSize(tif);
     const uint64_t needed = blockRowBytes_ * expectedRows;
     if (size <= 0 || static_cast<uint64_t>(size) < needed)
-        throw HostError(path_.string() + ": inconsistent TIFF block size");
+        throw HostError(kExitInput, path_.string() + ": inconsistent TIFF block size");
     // Make room first so that peak memory stays within budget plus one block.
     while (!lru_.empty() && cacheBytes_ + static_cast<uint64_t>(size) > budget_) {
         auto victim = cache_.find(lru_.back());
@@ -188,11 +268,11 @@ const TiffSource::Block& TiffSource::block(uint32_t index, uint32_t expectedRows
         lru_.pop_back();
     }
     Block b;
-    b.data.resize(static_cast<size_t>(size));
+    b.data.resize(static_cast<size_t>(size));  // not zeroed: libtiff fills it or fails
     const tmsize_t got = tiled_ ? TIFFReadEncodedTile(tif, index, b.data.data(), size)
                                 : TIFFReadEncodedStrip(tif, index, b.data.data(), size);
     if (got < 0 || static_cast<uint64_t>(got) < needed)
-        throw InputError(path_.string() + ": cannot decode " + (tiled_ ? "tile " : "strip ") +
+        throw HostError(kExitInput, path_.string() + ": cannot decode " + (tiled_ ? "tile " : "strip ") +
                          std::to_string(index) + " (truncated or corrupt file: " + takeTiffError() +
                          ")");
     ++blocksDecoded_;
@@ -205,11 +285,14 @@ const TiffSource::Block& TiffSource::block(uint32_t index, uint32_t expectedRows
 
 void TiffSource::readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_t rowBytes) {
     if (plane < 0 || plane >= info_.planes() || !rectInside(rect, info_.bounds()))
-        throw HostError(path_.string() + ": plane request outside the image");
+        throw HostError(kExitFailed, path_.string() + ": plane request outside the image");
     const bool sixteen = info_.depth == 16;
+    const bool palette = !palette_.empty();
     const uint32_t bps = sixteen ? 2 : 1;
     const uint32_t stride = separate_ ? 1u : samplesPerPixel_;
-    const uint32_t sampleInBlock = separate_ ? 0u : static_cast<uint32_t>(plane);
+    // A palette file has one index sample; every plane looks it up.
+    const uint32_t fileSample = palette ? 0u : static_cast<uint32_t>(plane);
+    const uint32_t sampleInBlock = separate_ ? 0u : fileSample;
     const Convert convert = convert_[plane];
     auto* out = static_cast<uint8_t*>(buffer);
 
@@ -225,10 +308,10 @@ void TiffSource::readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_
             uint32_t index;
             if (tiled_)
                 index = TIFFComputeTile(tif_.get(), x0, y0, 0,
-                                        separate_ ? static_cast<uint16_t>(plane) : 0);
+                                        separate_ ? static_cast<uint16_t>(fileSample) : 0);
             else
-                index =
-                    TIFFComputeStrip(tif_.get(), y0, separate_ ? static_cast<uint16_t>(plane) : 0);
+                index = TIFFComputeStrip(tif_.get(), y0,
+                                         separate_ ? static_cast<uint16_t>(fileSample) : 0);
             // Tiles are always stored whole; strips only down to the last row.
             const Block& b = block(index, tiled_ ? blockHeight_ : rows);
             const CvRect area =
@@ -242,7 +325,11 @@ void TiffSource::readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_
                 uint8_t* dst = out + static_cast<ptrdiff_t>(y - rect.top) * rowBytes +
                                static_cast<ptrdiff_t>(area.left - rect.left) * bps;
                 const int32_t n = area.right - area.left;
-                if (!sixteen) {
+                if (palette) {
+                    const uint8_t* map = palette_.data() + plane;
+                    for (int32_t i = 0; i < n; ++i, src += stride)
+                        dst[i] = map[3 * size_t{*src}];
+                } else if (!sixteen) {
                     for (int32_t i = 0; i < n; ++i, src += stride) {
                         const uint8_t v = *src;
                         dst[i] = convert == Convert::Copy ? v
@@ -293,12 +380,15 @@ uint16_t outputCompression(uint16_t inputCompression) {
 
 TiffTileWriter::TiffTileWriter(const std::filesystem::path& path, const ImageInfo& info,
                                const TiffWriteOptions& options)
-    : path_(path), info_(info), tileSize_(options.tileSize) {
+    : path_(path),
+      name_(options.name.empty() ? path.string() : options.name),
+      info_(info),
+      tileSize_(options.tileSize) {
     installTiffHandlers();
-    const std::string name = path.string();
-    tif_.reset(TIFFOpen(name.c_str(), options.bigTiff ? "w8" : "w"));
+    errno = 0;
+    tif_.reset(TIFFOpen(path.c_str(), options.bigTiff ? "w8" : "w"));
     if (!tif_)
-        throw HostError(name + ": cannot create (" + takeTiffError() + ")");
+        throw failure("cannot create");
     TIFF* tif = tif_.get();
     const uint16_t planes = static_cast<uint16_t>(info.planes());
     TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, static_cast<uint32_t>(info.width));
@@ -306,6 +396,11 @@ TiffTileWriter::TiffTileWriter(const std::filesystem::path& path, const ImageInf
     TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, static_cast<uint16_t>(info.depth));
     TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, planes);
     TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+    if (info.alpha != Alpha::None) {
+        const uint16_t extra = info.alpha == Alpha::Premultiplied ? EXTRASAMPLE_ASSOCALPHA
+                                                                   : EXTRASAMPLE_UNASSALPHA;
+        TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, 1, &extra);
+    }
     TIFFSetField(tif, TIFFTAG_SAMPLEFORMAT, SAMPLEFORMAT_UINT);
     switch (info.mode) {
         case Mode::Gray:
@@ -341,43 +436,59 @@ TiffTileWriter::TiffTileWriter(const std::filesystem::path& path, const ImageInf
 
 TiffTileWriter::~TiffTileWriter() = default;
 
+HostError TiffTileWriter::failure(const char* what) const {
+    // libtiff keeps the system's reason only in errno.
+    if (errno == ENOSPC || errno == EDQUOT)
+        return writeError(name_, errno);
+    return HostError(kExitOutput, name_ + ": " + what + " (" + takeTiffError() + ")");
+}
+
 void TiffTileWriter::writeTile(uint32_t tx, uint32_t ty, const uint8_t* host) {
     if (!tif_)
-        throw HostError(path_.string() + ": write after close");
+        throw HostError(kExitFailed, name_ + ": write after close");
     const size_t samples =
         static_cast<size_t>(tileSize_) * tileSize_ * static_cast<size_t>(info_.planes());
     const int planes = info_.planes();
+    // Lab's a and b are signed in the file; alpha after them is not.
     const bool lab = info_.mode == Mode::Lab;
+    auto chroma = [&](size_t i) { return lab && i % planes != 0 && i % planes < 3; };
     if (info_.depth == 8) {
         for (size_t i = 0; i < samples; ++i) {
             const uint8_t v = host[i];
-            scratch_[i] = (lab && i % planes != 0) ? static_cast<uint8_t>(v ^ 0x80) : v;
+            scratch_[i] = chroma(i) ? static_cast<uint8_t>(v ^ 0x80) : v;
         }
     } else {
         const auto* src = reinterpret_cast<const uint16_t*>(host);
         auto* dst = reinterpret_cast<uint16_t*>(scratch_.data());
         for (size_t i = 0; i < samples; ++i) {
             uint16_t v = fileFromHost16(src[i]);
-            if (lab && i % planes != 0)
+            if (chroma(i))
                 v = static_cast<uint16_t>(v ^ 0x8000);
             dst[i] = v;
         }
     }
     const uint32_t index = TIFFComputeTile(tif_.get(), tx * tileSize_, ty * tileSize_, 0, 0);
+    errno = 0;
     if (TIFFWriteEncodedTile(tif_.get(), index, scratch_.data(),
                              static_cast<tmsize_t>(scratch_.size())) < 0)
-        throw HostError(path_.string() + ": cannot write tile (" + takeTiffError() + ")");
+        throw failure("cannot write tile");
 }
 
 void TiffTileWriter::close() {
     if (!tif_)
         return;
+    errno = 0;
     const bool ok = TIFFWriteDirectory(tif_.get()) != 0;
+    int error = errno;
     // TIFFClose flushes; its failure shows only in the error handler.
-    tiffLastError.clear();
+    if (ok)
+        tiffLastError.clear();
+    errno = 0;
     tif_.reset();
-    if (!ok || !tiffLastError.empty())
-        throw HostError(path_.string() + ": cannot finish the file (" + takeTiffError() + ")");
+    if (!ok || !tiffLastError.empty()) {
+        errno = ok ? errno : error;
+        throw failure("cannot finish the file");
+    }
 }
 
 }  // namespace Curvana::Host

@@ -26,12 +26,12 @@ using TiffHandle = std::unique_ptr<TIFF, TiffCloser>;
 inline constexpr uint16_t kTiffNone = 1, kTiffLzw = 5, kTiffDeflate = 8, kTiffPackBits = 32773;
 
 // A TIFF photograph: grey (min-is-black or min-is-white), RGB (also
-// JPEG-compressed YCbCr, decoded to RGB), CMYK, CIE Lab or ICC Lab; 8 or
-// 16 bits; contiguous or separate planes; strips or tiles; classic or
-// BigTIFF. Extra (alpha) samples are refused. Blocks (strips or tiles) are
-// decoded on demand and kept in an LRU within the cache budget; one block
-// is always kept, so a file stored as one huge strip needs that strip's
-// memory.
+// JPEG-compressed YCbCr, decoded to RGB, and 8-bit palettes, expanded to
+// RGB), CMYK, CIE Lab or ICC Lab; 8 or 16 bits; with one alpha sample (not
+// beside CMYK); contiguous or separate planes; strips or tiles; classic or
+// BigTIFF. Blocks (strips or tiles) are decoded on demand and kept in an LRU
+// within the cache budget; one block is always kept, so a file stored as one
+// huge strip needs that strip's memory, which the memory budget bounds.
 class TiffSource final : public ImageSource {
 public:
     TiffSource(const std::filesystem::path& path, const SourceOptions& options);
@@ -46,7 +46,7 @@ public:
 private:
     enum class Convert { Copy, Invert, SignedOffset };
     struct Block {
-        std::vector<uint8_t> data;
+        PixelBytes data;
         std::list<uint32_t>::iterator lru;
     };
     const Block& block(uint32_t index, uint32_t expectedRows);
@@ -59,6 +59,7 @@ private:
     uint32_t blockWidth_ = 0, blockHeight_ = 0;  // tile size, or image width x rows per strip
     uint64_t blockRowBytes_ = 0;
     Convert convert_[4] = {};
+    std::vector<uint8_t> palette_;  // 256 RGB entries of a palette file, else empty
     uint64_t budget_;
     uint64_t cacheBytes_ = 0, peakCacheBytes_ = 0, blocksDecoded_ = 0;
     std::list<uint32_t> lru_;  // most recent first
@@ -66,6 +67,7 @@ private:
 };
 
 struct TiffWriteOptions {
+    std::string name;  // the output as the user named it, for messages (empty: the path)
     uint16_t compression = kTiffLzw;
     bool bigTiff = false;
     uint32_t tileSize = 256;
@@ -99,7 +101,10 @@ public:
     void close();
 
 private:
+    HostError failure(const char* what) const;
+
     std::filesystem::path path_;
+    std::string name_;
     ImageInfo info_;
     TiffHandle tif_;
     uint32_t tileSize_, tilesAcross_, tilesDown_;

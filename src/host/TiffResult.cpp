@@ -32,8 +32,7 @@ public:
             if (n < 0 && errno == EINTR)
                 continue;
             if (n <= 0)
-                throw HostError("temporary tile store in " + folder_.string() + ": " +
-                                std::strerror(errno));
+                throw writeError("the temporary tile store in " + folder_.string(), errno);
             p += n, offset += static_cast<uint64_t>(n), size -= static_cast<size_t>(n);
         }
     }
@@ -44,7 +43,7 @@ public:
             if (n < 0 && errno == EINTR)
                 continue;
             if (n <= 0)
-                throw HostError("temporary tile store in " + folder_.string() + ": read failed");
+                throw HostError(kExitOutput, "temporary tile store in " + folder_.string() + ": read failed");
             p += n, offset += static_cast<uint64_t>(n), size -= static_cast<size_t>(n);
         }
     }
@@ -61,7 +60,7 @@ private:
                 ::unlink(name.c_str());
         }
         if (fd_ < 0)
-            throw HostError("cannot create a temporary tile store in " + folder_.string());
+            throw HostError(kExitOutput, "cannot create a temporary tile store in " + folder_.string());
     }
     std::filesystem::path folder_;
     int fd_ = -1;
@@ -88,7 +87,7 @@ public:
     void writePlane(const CvRect& rect, int plane, const void* buffer,
                     ptrdiff_t rowBytes) override {
         if (plane < 0 || plane >= info_.planes() || !rectInside(rect, info_.bounds()))
-            throw HostError("result plane outside the image");
+            throw HostError(kExitFailed, "result plane outside the image");
         if (rectEmpty(rect))
             return;
         anyWritten_ = true;
@@ -189,6 +188,7 @@ private:
         w.bigTiff = needsBigTiff(source.info(), w.tileSize, w.compression != COMPRESSION_NONE);
         w.icc = options.icc;
         w.xmpPacket = options.xmpPacket;
+        w.name = options.name;
         return w;
     }
 

@@ -1,5 +1,10 @@
 // curvana: the host program of the Curvana filter module.
+#include <cstdio>
+#include <exception>
+#include <new>
+
 #include "Cli.h"
+#include "HostError.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <dlfcn.h>
@@ -21,6 +26,21 @@ const bool kDriverPinned = [] {
 }  // namespace
 #endif
 
+// Every failure ends here with one line and a documented exit code; nothing
+// that input can reach may end the program by abort.
 int main(int argc, char** argv) {
-    return Curvana::Host::runCli(argc, argv);
+    using namespace Curvana::Host;
+    try {
+        return runCli(argc, argv);
+    } catch (const HostError& e) {
+        std::fprintf(stderr, "curvana: %s\n", e.what());
+        return e.code();
+    } catch (const std::bad_alloc&) {
+        std::fprintf(stderr, "curvana: out of memory\n");
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "curvana: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "curvana: unexpected failure\n");
+    }
+    return kExitFailed;
 }

@@ -12,6 +12,8 @@ namespace Project {
 // Where the renderer reads the source picture. The session adapts the host's
 // tile callbacks to it; tests use MemoryImage. Coordinates are relative to
 // the source's own top-left corner (the session adds its filter rectangle).
+// A source or sink may also fail by throwing: the exception leaves the render
+// call unchanged, and the renderer's GPU work is waited for as its objects go.
 class RenderSource {
 public:
     virtual ~RenderSource() = default;

@@ -12,6 +12,7 @@
 #include "core/LocalizedString.h"
 #include "session/PreferencesFile.h"
 #include "session/ScriptParameters.h"
+#include "session/SettingsCheck.h"
 #include "session/XmpToolkit.h"
 
 namespace Project {
@@ -111,9 +112,15 @@ PPreferences& PFilter::preferences() {
         auto prefs = std::make_unique<PPreferences>(imageRect().Width());
         const bool ignoreStored =
             (Host().ModifierKeys() & kIgnorePreferencesKeys) == kIgnorePreferencesKeys;
-        if (!ignoreStored) {
-            if (const auto folder = preferencesFolder())
-                LoadPreferencesFile(*folder / PreferencesFileName(), *prefs);
+        const auto folder = ignoreStored ? std::nullopt : preferencesFolder();
+        // Stored settings outside their ranges (an old or damaged file) are
+        // set aside: the defaults are used, and saved over them at the end.
+        if (folder && LoadPreferencesFile(*folder / PreferencesFileName(), *prefs)) {
+            if (const std::string why = CheckSettings(prefs->settings); !why.empty()) {
+                std::fprintf(stderr, "curvana: the saved settings are not used: %s\n",
+                             why.c_str());
+                prefs->settings = PSettings(imageRect().Width());
+            }
         }
         preferences_ = std::move(prefs);
     }
@@ -181,7 +188,7 @@ bool PFilter::runFilter() {
         // Replayed from scripting parameters: silent unless the host asks for
         // the dialog. Constraint data that does not fit this image ends the
         // invocation with its message, before anything is applied.
-        if (!constraintDataAccepted()) {
+        if (!scriptedInputAccepted()) {
             savePreferences();
             return true;
         }
@@ -202,7 +209,7 @@ bool PFilter::runFilter() {
     } else {
         // Repeat of the last filter.
         readScriptParameters(live);
-        if (!constraintDataAccepted()) {
+        if (!scriptedInputAccepted()) {
             savePreferences();
             return true;
         }
@@ -215,12 +222,15 @@ bool PFilter::runFilter() {
     return true;
 }
 
-bool PFilter::constraintDataAccepted() {
-    const std::string failure = constraints_->TakeFailureMessage();
-    if (failure.empty())
+bool PFilter::scriptedInputAccepted() {
+    std::string message = std::exchange(settingsFailure_, {});
+    const std::string constraintFailure = constraints_->TakeFailureMessage();
+    if (message.empty() && !constraintFailure.empty())
+        message = localizeConstraintMessage(constraintFailure,
+                                            [](std::string_view key) { return Localize(key); });
+    if (message.empty())
         return true;
-    Host().Alert(localizeConstraintMessage(failure, [](std::string_view key) { return Localize(key); }),
-                 processName(), cvButtonsOK);
+    Host().Alert(message, processName(), cvButtonsOK);
     return false;
 }
 
@@ -256,7 +266,11 @@ void PFilter::runEditor() {
 
 void PFilter::savePreferences() {
     PPreferences& prefs = preferences();
-    prefs.settings = settings();
+    // Nothing invalid is ever saved: the last valid settings stay.
+    if (const std::string why = CheckSettings(settings()); why.empty())
+        prefs.settings = settings();
+    else
+        std::fprintf(stderr, "curvana: the settings are not saved: %s\n", why.c_str());
     const auto folder = preferencesFolder();
     if (!folder)
         return;
@@ -363,11 +377,19 @@ bool PFilter::readScriptParameters(PSettings& target) {
                                                CV_DESCRIPTOR_SUITE_VERSION);
     if (!suite || !IsCompleteSuite(*suite))
         return false;
-    ReadScriptDescriptor(*suite, descriptor, target, constraints_.get());
+    PSettings read = target;
+    ReadScriptDescriptor(*suite, descriptor, read, constraints_.get());
+    settingsFailure_ = CheckSettings(read);
+    if (settingsFailure_.empty())
+        target = read;
     return true;
 }
 
 void PFilter::writeScriptParameters(const PSettings& source) {
+    if (const std::string why = CheckSettings(source); !why.empty()) {
+        std::fprintf(stderr, "curvana: the settings are not recorded: %s\n", why.c_str());
+        return;
+    }
     const SuiteLease<CvDescriptorSuite5> suite(Host(), CV_DESCRIPTOR_SUITE_NAME,
                                                CV_DESCRIPTOR_SUITE_VERSION);
     if (!suite || !IsCompleteSuite(*suite))

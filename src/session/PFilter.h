@@ -48,7 +48,9 @@ public:
     float focalFromMetadata(bool keep);
 
     // Scripting parameters (see ScriptParameters.h): true when the host passed
-    // a descriptor and it could be read into settings.
+    // a descriptor and it could be read. The settings take its values only
+    // when they are all valid (CheckSettings); otherwise they stay as they
+    // were and the invocation ends with the reason (scriptedInputAccepted).
     bool readScriptParameters(PSettings& settings);
     // Hands the settings back to the host as the filter's result descriptor.
     void writeScriptParameters(const PSettings& settings);
@@ -98,8 +100,8 @@ private:
     bool hostChecksPass() const;
     void runEditor();
     void applyWithoutDialog();
-    // Shows why scripting's constraint data was refused; false then.
-    bool constraintDataAccepted();
+    // Shows why scripting's settings or constraint data were refused; false then.
+    bool scriptedInputAccepted();
     void savePreferences();
 
     std::unique_ptr<PFilterComponents> components_;
@@ -118,6 +120,7 @@ private:
     bool applied_ = false;
     bool toolkitStarted_ = false;
     bool translationsLoaded_ = false;
+    std::string settingsFailure_;  // why the last descriptor's settings were refused
     // Counts invocations, so the hub is attached to each invocation's host once.
     uint64_t invocation_ = 0;
     uint64_t hubAttachedTo_ = ~uint64_t{0};

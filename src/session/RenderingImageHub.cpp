@@ -1,7 +1,6 @@
 #include "session/RenderingImageHub.h"
 
 #include <algorithm>
-#include <exception>
 #include <limits>
 #include <optional>
 #include <vector>
@@ -22,8 +21,9 @@ constexpr const char* kGpuFailed =
     "$$$/private/Curvana/Warning/GpuFailed=The graphics processor could not render the result: ^0";
 
 // The host's source and result planes as the renderer's source and sink.
-// Renderer rectangles are relative to the filtered area. A host error is kept
-// and the call fails, so the renderer stops cleanly; the hub rethrows it.
+// Renderer rectangles are relative to the filtered area. A host error
+// (HostError) passes through the renderer, which stops cleanly, to the
+// selector's entry, which turns it into the selector's result.
 class HostPixels final : public RenderSource, public RenderSink {
 public:
     HostPixels(const HostRecord& host, ImageRect area) : host_(host), area_(area) {}
@@ -45,7 +45,7 @@ public:
     // Tiles the renderer drew nothing into (no quad reaches them) are still
     // part of the result: they are written empty (zero), like the uncovered
     // pixels of a drawn tile.
-    bool ClearUnwrittenTiles(int32_t planes, int32_t bytesPerValue) {
+    void ClearUnwrittenTiles(int32_t planes, int32_t bytesPerValue) {
         const int32_t tile = RenderPlan::kTileSize;
         std::vector<uint8_t> zeros;
         for (int32_t top = 0; top < area_.Height(); top += tile) {
@@ -57,19 +57,12 @@ public:
                 const ptrdiff_t rowBytes = static_cast<ptrdiff_t>(r.Width()) * bytesPerValue;
                 zeros.assign(static_cast<size_t>(rowBytes) * static_cast<size_t>(r.Height()), 0);
                 std::vector<const void*> pointers(static_cast<size_t>(planes), zeros.data());
-                if (!Each(r, pointers.size(), rowBytes,
-                          [&](const ImageRect& hr, int32_t p, int32_t stride) {
-                              host_.WriteResultPlane(hr, p, pointers[static_cast<size_t>(p)], stride);
-                          }))
-                    return false;
+                Each(r, pointers.size(), rowBytes,
+                     [&](const ImageRect& hr, int32_t p, int32_t stride) {
+                         host_.WriteResultPlane(hr, p, pointers[static_cast<size_t>(p)], stride);
+                     });
             }
         }
-        return true;
-    }
-
-    void RethrowHostError() const {
-        if (error_)
-            std::rethrow_exception(error_);
     }
 
 private:
@@ -79,19 +72,13 @@ private:
             return false;
         const ImageRect r{area_.left + rect.left, area_.top + rect.top, area_.left + rect.right,
                           area_.top + rect.bottom};
-        try {
-            for (size_t p = 0; p < planeCount; ++p)
-                op(r, static_cast<int32_t>(p), static_cast<int32_t>(rowBytes));
-        } catch (...) {
-            error_ = std::current_exception();
-            return false;
-        }
+        for (size_t p = 0; p < planeCount; ++p)
+            op(r, static_cast<int32_t>(p), static_cast<int32_t>(rowBytes));
         return true;
     }
 
     const HostRecord& host_;
     ImageRect area_;
-    std::exception_ptr error_;
     std::vector<PixelRect> written_;
 };
 
@@ -148,11 +135,9 @@ bool RenderingImageHub::RenderFinal(PFilter& filter) {
     control.progress = [&host](int64_t done, int64_t total) { host.Progress(done, total); };
     control.abortRequested = [&host] { return host.AbortRequested(); };
     const RenderStatus status = result.Render(pixels, pixels, control);
-    pixels.RethrowHostError();
     switch (status.code) {
         case RenderCode::Ok:
             pixels.ClearUnwrittenTiles(config.format.planes, config.format.BytesPerValue());
-            pixels.RethrowHostError();
             return true;
         case RenderCode::Cancelled:
             return false;

@@ -7,6 +7,7 @@
 #include "geometry/ProjectionFactory.h"
 #include "session/PFilter.h"
 #include "session/PPreview.h"
+#include "session/SettingsCheck.h"
 
 namespace Project {
 
@@ -53,6 +54,16 @@ public:
     }
     void ChooseProjection(ProjectionModel) override {}
     void SettingsChanged() override {}
+    std::string CheckSettings(const ConstraintFileSettings& file) const override {
+        PSettings s = settings_;
+        s.physicalFocalLength = file.physicalFocal;
+        s.cropFactor = file.cropFactor;
+        s.focalLength = file.focalLength;
+        s.scale = file.scale;
+        s.offsetX = file.offsetX;
+        s.offsetY = file.offsetY;
+        return Project::CheckSettings(s);
+    }
 
 private:
     PFilter& filter_;

@@ -1,6 +1,7 @@
-// Runs a libFuzzer entry point without libFuzzer: every file of a seed folder,
-// then seeded mutations of those seeds (bit flips, truncation, splices, random
-// bytes). Deterministic, so a failure reproduces with the same arguments.
+// Runs a libFuzzer entry point without libFuzzer: every file of the given
+// folders (seeds and regressions), then seeded mutations of them (bit flips,
+// truncation, splices, random bytes). Deterministic, so a failure reproduces
+// with the same arguments.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -18,10 +19,9 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-std::vector<Bytes> readSeeds(const std::filesystem::path& dir) {
-    std::vector<Bytes> seeds;
+void readSeeds(const std::filesystem::path& dir, std::vector<Bytes>& seeds) {
     std::error_code ec;
-    if (!std::filesystem::is_directory(dir, ec)) return seeds;
+    if (!std::filesystem::is_directory(dir, ec)) return;
     std::vector<std::filesystem::path> files;
     for (const auto& entry : std::filesystem::directory_iterator(dir))
         if (entry.is_regular_file()) files.push_back(entry.path());
@@ -30,7 +30,6 @@ std::vector<Bytes> readSeeds(const std::filesystem::path& dir) {
         std::ifstream in(f, std::ios::binary);
         seeds.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     }
-    return seeds;
 }
 
 Bytes mutate(const Bytes& seed, std::mt19937& rng) {
@@ -86,11 +85,12 @@ Bytes mutate(const Bytes& seed, std::mt19937& rng) {
 
 int main(int argc, char** argv) {
     if (argc < 2) {
-        std::fprintf(stderr, "usage: %s SEED_DIR [ITERATIONS]\n", argv[0]);
+        std::fprintf(stderr, "usage: %s ITERATIONS [DIR...]\n", argv[0]);
         return 2;
     }
-    const long iterations = argc > 2 ? std::strtol(argv[2], nullptr, 10) : 20000;
-    std::vector<Bytes> seeds = readSeeds(argv[1]);
+    const long iterations = std::strtol(argv[1], nullptr, 10);
+    std::vector<Bytes> seeds;
+    for (int i = 2; i < argc; ++i) readSeeds(argv[i], seeds);
     if (seeds.empty()) seeds.push_back({});
 
     long ran = 0;

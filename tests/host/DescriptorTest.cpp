@@ -5,7 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "HostTestUtil.h"
-#include "host/Cli.h"
+#include "host/ApplyDescriptor.h"
 #include "host/Descriptor.h"
 
 namespace Curvana::Host::Test {
@@ -65,17 +65,18 @@ TEST(DescriptorJson, RoundTripsEveryTypeInOrder) {
     }
 }
 
-std::string loadError(const std::string& text) {
-    ScratchDir dir;
-    std::ofstream(dir / "a.json") << text;
+std::string loadError(const fs::path& path) {
     try {
-        loadAction(dir / "a.json");
+        loadAction(path);
     } catch (const HostError& e) {
+        EXPECT_EQ(e.code(), kExitUsage);
         return e.what();
     }
     return "";
 }
 
+// Every refusal is one line, a HostError and never anything else: numbers out
+// of range, integers past 64 bits, folders and endless files included.
 TEST(DescriptorJson, ExplainsEveryRefusalInOneLine) {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"{ \"curvanaAction\": 1, ", "not valid JSON"},
@@ -87,6 +88,10 @@ TEST(DescriptorJson, ExplainsEveryRefusalInOneLine) {
          "unknown type"},
         {R"({"curvanaAction":1,"descriptor":[{"key":"imgS","type":"integer","value":4294967296}]})",
          "32-bit"},
+        {R"({"curvanaAction":1,"descriptor":[{"key":"imgS","type":"integer","value":18446744073709551615}]})",
+         "32-bit"},
+        {R"({"curvanaAction":1,"descriptor":[{"key":"focL","type":"double","value":1e400}]})",
+         "out of range"},
         {R"({"curvanaAction":1,"descriptor":[{"key":"imgS","type":"integer","value":1.5}]})",
          "whole number"},
         {R"({"curvanaAction":1,"descriptor":[{"key":"cnsD","type":"data","value":"%%%"}]})",
@@ -97,11 +102,15 @@ TEST(DescriptorJson, ExplainsEveryRefusalInOneLine) {
         {R"({"curvanaAction":1,"descriptor":[{"key":"prjM","type":"enumerated","value":"fisP"}]})",
          "enumType"},
     };
+    ScratchDir dir;
     for (const auto& [text, expected] : cases) {
-        const std::string message = loadError(text);
+        std::ofstream(dir / "a.json") << text;
+        const std::string message = loadError(dir / "a.json");
         EXPECT_NE(message.find(expected), std::string::npos) << text << " -> " << message;
         EXPECT_EQ(message.find('\n'), std::string::npos) << message;
     }
+    EXPECT_NE(loadError(dir.path()).find("is a folder"), std::string::npos);
+    EXPECT_NE(loadError("/dev/zero").find("too large"), std::string::npos);
 }
 
 TEST(DescriptorSuite, ServesTheModuleAndGuardsItsHandles) {
@@ -168,24 +177,24 @@ TEST(ApplyDescriptor, TakesTheFocalLengthFromExifWhenNothingElseGivesIt) {
 }
 
 TEST(CommandLine, RefusesBadUsageWithAReason) {
-    auto error = [](std::vector<std::string> args) {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"frobnicate"}, "unknown command"},
+        {{"apply", "a.jpg"}, "-o"},
+        {{"apply", "-o", "b.jpg"}, "no input"},
+        {{"apply", "a", "-o", "b", "--projection", "round"}, "fisheye"},
+        {{"apply", "a", "-o", "b", "--focal-mm", "x"}, "not a number between 1 and 1000"},
+        {{"apply", "a", "-o", "b", "--crop", "20"}, "between 0.1 and 10"},
+        {{"repeat", "a", "-o", "b", "--crop", "2"}, "only"},
+        {{"apply", "a", "-o", "b", "--bogus"}, "unknown option"}};
+    for (const auto& [args, reason] : cases) {
         try {
             parseCommandLine(args);
+            ADD_FAILURE() << args[0] << " " << reason;
         } catch (const HostError& e) {
-            return std::string(e.what());
+            EXPECT_EQ(e.code(), kExitUsage);
+            EXPECT_NE(std::string(e.what()).find(reason), std::string::npos) << e.what();
         }
-        return std::string();
-    };
-    EXPECT_NE(error({"frobnicate"}).find("unknown command"), std::string::npos);
-    EXPECT_NE(error({"apply", "a.jpg"}).find("-o"), std::string::npos);
-    EXPECT_NE(error({"apply", "-o", "b.jpg"}).find("no input"), std::string::npos);
-    EXPECT_NE(error({"apply", "a", "-o", "b", "--projection", "round"}).find("fisheye"),
-              std::string::npos);
-    EXPECT_NE(error({"apply", "a", "-o", "b", "--focal-mm", "x"}).find("not a number"),
-              std::string::npos);
-    EXPECT_NE(error({"repeat", "a", "-o", "b", "--crop", "2"}).find("only"), std::string::npos);
-    EXPECT_NE(error({"apply", "a", "-o", "b", "--bogus"}).find("unknown option"),
-              std::string::npos);
+    }
     const auto ok = parseCommandLine(
         {"apply", "a", "b", "-o", "d", "--regularizer", "panini", "--crop", "1.6"});
     ASSERT_TRUE(ok.has_value());

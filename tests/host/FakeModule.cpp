@@ -4,7 +4,8 @@
 // checked without the real filter. Behaviour is chosen by the environment:
 //   CURVANA_FAKE=fail        Start reports failure after an alert
 //   CURVANA_FAKE=nowrite     Start returns success without writing (a refused run)
-//   CURVANA_FAKE=interrupt   raises SIGINT half way, then honours abortRequested
+//   CURVANA_FAKE=signal      raises CURVANA_FAKE_SIGNAL (default SIGINT) half way, then
+//                            honours abortRequested
 //   CURVANA_FAKE=half        writes only the left half of the result
 //   CURVANA_FAKE=planes      writes plane 0 everywhere first, then plane 1, ...
 //   CURVANA_FAKE_TILE=N      tile size (default 96)
@@ -167,8 +168,10 @@ int16_t start(CvFilterRecord* r, Instance* inst) {
             for (int32_t left = f.left; left < writeRight && status == cvNoErr; left += tile) {
                 for (int32_t p = planesFirst ? outer : 0; p < (planesFirst ? outer + 1 : r->planes);
                      ++p) {
-                    if (mode == "interrupt" && done == total / 2)
-                        std::raise(SIGINT);
+                    if (mode == "signal" && done == total / 2)
+                        std::raise(env("CURVANA_FAKE_SIGNAL").empty()
+                                       ? SIGINT
+                                       : std::atoi(env("CURVANA_FAKE_SIGNAL").c_str()));
                     if (r->abortRequested(r->host)) {
                         status = cvErrAborted;
                         break;

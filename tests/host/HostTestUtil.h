@@ -2,6 +2,7 @@
 // binary, small ICC profiles and whole-image reads.
 #pragma once
 
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -43,8 +44,9 @@ private:
 };
 
 struct RunResult {
-    int exitCode = -1;
-    std::string err;  // standard error
+    int exitCode = -1;  // 128 + the signal when one ended the process
+    std::string err;    // standard error
+    long peakRssKiB = 0;
     std::vector<std::string> errLines() const {
         std::vector<std::string> lines;
         std::istringstream in(err);
@@ -55,9 +57,11 @@ struct RunResult {
     }
 };
 
-// Runs `executable args...` with extra environment variables, standard error captured.
+// Runs `executable args...` with extra environment variables, standard error
+// captured; killed after timeoutSeconds (a hang fails instead of stalling).
 inline RunResult runProgram(const fs::path& executable, const std::vector<std::string>& args,
-                            const std::map<std::string, std::string>& env = {}) {
+                            const std::map<std::string, std::string>& env = {},
+                            int timeoutSeconds = 120) {
     std::string errName = (fs::temp_directory_path() / "curvana-test-stderr-XXXXXX").string();
     const int errFd = ::mkstemp(errName.data());
     const pid_t pid = ::fork();
@@ -72,20 +76,28 @@ inline RunResult runProgram(const fs::path& executable, const std::vector<std::s
         for (auto& a : copy)
             argv.push_back(a.data());
         argv.push_back(nullptr);
+        ::alarm(static_cast<unsigned>(timeoutSeconds));  // survives exec: SIGALRM ends it
         ::execv(exe.c_str(), argv.data());
         ::_exit(127);
     }
     int status = 0;
-    ::waitpid(pid, &status, 0);
+    struct rusage usage {};
+    ::wait4(pid, &status, 0, &usage);
     ::close(errFd);
     RunResult r;
     r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    r.peakRssKiB = usage.ru_maxrss;
     std::ifstream in(errName);
     std::stringstream text;
     text << in.rdbuf();
     r.err = text.str();
     ::unlink(errName.c_str());
     return r;
+}
+
+// A file of the fuzz regression corpus (crafted and found inputs).
+inline fs::path regressionFile(const std::string& name) {
+    return fs::path(CURVANA_REGRESSIONS) / name;
 }
 
 // A small ICC profile that libpng's checks accept: a 128-byte header (size,

@@ -25,54 +25,66 @@ TEST(SixteenBit, HostValuesSurviveTheFileRange) {
 struct Layout {
     Mode mode;
     int depth;
+    Alpha alpha = Alpha::None;
 };
+
+// ---- The TIFF result: tiles completed, spilled, filled from the source --------
+
+// Writes `written` through the TIFF result over `source` in 50-pixel squares
+// (plane by plane over the whole image when planesFirst), up to column
+// writeRight, and reads the file back.
+Raster writeThroughResult(const fs::path& folder, const Raster& source, const Raster& written,
+                          bool planesFirst, int32_t writeRight, uint64_t budget,
+                          const std::vector<uint8_t>& icc = {}) {
+    MemorySource src(folder / "src", FileFormat::Png, source, icc);
+    ResultOptions options;
+    options.budget = budget;
+    options.icc = icc;
+    auto result = createResult(FileFormat::Tiff, folder / "out.tif", src, options);
+    const ImageInfo& info = source.info;
+    const size_t bps = info.bytesPerSample();
+    const int32_t step = 50;  // deliberately not aligned with the 256-pixel tiles
+    std::vector<uint8_t> plane(static_cast<size_t>(step) * step * bps);
+    for (int outer = 0; outer < (planesFirst ? info.planes() : 1); ++outer)
+        for (int32_t top = 0; top < info.height; top += step)
+            for (int32_t left = 0; left < writeRight; left += step)
+                for (int p = planesFirst ? outer : 0; p < (planesFirst ? outer + 1 : info.planes());
+                     ++p) {
+                    const CvRect r{left, top, std::min(left + step, writeRight),
+                                   std::min(top + step, info.height)};
+                    const int32_t w = r.right - r.left;
+                    extractPlane(
+                        written.row(r.top) + static_cast<size_t>(r.left) * written.pixelBytes(),
+                        static_cast<ptrdiff_t>(written.rowBytes()), info.planes(), p, bps, w,
+                        r.bottom - r.top, plane.data(), static_cast<ptrdiff_t>(w * bps));
+                    result->writePlane(r, p, plane.data(), static_cast<ptrdiff_t>(w * bps));
+                }
+    result->finish();
+    return readWhole(folder / "out.tif");
+}
 
 class TiffRoundTrip : public ::testing::TestWithParam<Layout> {};
 
-TEST_P(TiffRoundTrip, TiledWriterAndReaderAgreeExactly) {
+TEST_P(TiffRoundTrip, ResultAndReaderAgreeExactly) {
     ScratchDir dir;
-    const ImageInfo info{300, 170, GetParam().mode,
-                         GetParam().depth};  // not a multiple of the tile size
+    const ImageInfo info{300, 170, GetParam().mode, GetParam().depth, GetParam().alpha};
     const Raster original = randomRaster(info, 7);
-    TiffWriteOptions options;
-    options.icc = makeIcc(info.mode);
-    options.xmpPacket = "<x:xmpmeta/>";
-    {
-        TiffTileWriter writer(dir / "t.tif", info, options);
-        std::vector<uint8_t> tile(static_cast<size_t>(writer.tileSize()) * writer.tileSize() *
-                                  original.pixelBytes());
-        for (uint32_t ty = 0; ty < writer.tilesDown(); ++ty)
-            for (uint32_t tx = 0; tx < writer.tilesAcross(); ++tx) {
-                std::fill(tile.begin(), tile.end(), 0);
-                for (uint32_t y = 0; y < writer.tileSize(); ++y) {
-                    const int32_t sy = static_cast<int32_t>(ty * writer.tileSize() + y);
-                    if (sy >= info.height)
-                        break;
-                    const int32_t sx = static_cast<int32_t>(tx * writer.tileSize());
-                    const int32_t n =
-                        std::min<int32_t>(static_cast<int32_t>(writer.tileSize()), info.width - sx);
-                    std::memcpy(tile.data() + y * writer.tileSize() * original.pixelBytes(),
-                                original.row(sy) + static_cast<size_t>(sx) * original.pixelBytes(),
-                                static_cast<size_t>(n) * original.pixelBytes());
-                }
-                writer.writeTile(tx, ty, tile.data());
-            }
-        writer.close();
-    }
-    auto source = openImage(dir / "t.tif");
-    EXPECT_EQ(source->format(), FileFormat::Tiff);
-    EXPECT_EQ(source->info().mode, info.mode);
-    EXPECT_EQ(source->info().depth, info.depth);
-    EXPECT_EQ(source->iccProfile(), options.icc);
-    const Raster back = readWhole(dir / "t.tif");
+    const Raster back =
+        writeThroughResult(dir.path(), original, original, false, info.width, 64 << 20,
+                           makeIcc(info.mode));
+    EXPECT_EQ(back.info.mode, info.mode);
+    EXPECT_EQ(back.info.alpha, info.alpha);
+    EXPECT_EQ(openImage(dir / "out.tif")->iccProfile(), makeIcc(info.mode));
     EXPECT_EQ(back.data, original.data);
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryModeAndDepth, TiffRoundTrip,
-                         ::testing::Values(Layout{Mode::Gray, 8}, Layout{Mode::Gray, 16},
-                                           Layout{Mode::RGB, 8}, Layout{Mode::RGB, 16},
-                                           Layout{Mode::CMYK, 8}, Layout{Mode::CMYK, 16},
-                                           Layout{Mode::Lab, 8}, Layout{Mode::Lab, 16}));
+INSTANTIATE_TEST_SUITE_P(
+    EveryModeAndDepth, TiffRoundTrip,
+    ::testing::Values(Layout{Mode::Gray, 8}, Layout{Mode::Gray, 16}, Layout{Mode::RGB, 8},
+                      Layout{Mode::RGB, 16}, Layout{Mode::CMYK, 8}, Layout{Mode::CMYK, 16},
+                      Layout{Mode::Lab, 8}, Layout{Mode::Lab, 16},
+                      Layout{Mode::RGB, 8, Alpha::Straight},
+                      Layout{Mode::Lab, 16, Alpha::Premultiplied}));
 
 // Writes a TIFF with libtiff itself: strips or tiles, contiguous or separate planes.
 struct RawTiff {
@@ -80,7 +92,7 @@ struct RawTiff {
     uint16_t samples = 3, bits = 16, photometric = PHOTOMETRIC_RGB, planar = PLANARCONFIG_CONTIG;
     uint16_t compression = COMPRESSION_LZW;
     uint32_t rowsPerStrip = 7, tile = 0;  // tile > 0: tiled
-    std::vector<uint16_t> values;         // file values, contiguous, samples per pixel
+    std::vector<uint16_t> values = {};    // file values, contiguous, samples per pixel
 
     uint16_t at(uint32_t x, uint32_t y, uint32_t s) const {
         return values[(y * width + x) * samples + s];
@@ -101,6 +113,14 @@ struct RawTiff {
         TIFFSetField(tif, TIFFTAG_COMPRESSION, compression);
         if (photometric == PHOTOMETRIC_SEPARATED)
             TIFFSetField(tif, TIFFTAG_INKSET, INKSET_CMYK);
+        std::vector<uint16_t> map(256);
+        for (size_t i = 0; i < map.size(); ++i)
+            map[i] = static_cast<uint16_t>(i * 257);
+        if (photometric == PHOTOMETRIC_PALETTE)
+            TIFFSetField(tif, TIFFTAG_COLORMAP, map.data(), map.data(), map.data());
+        const uint16_t alpha = EXTRASAMPLE_UNASSALPHA;
+        if (photometric == PHOTOMETRIC_RGB && samples == 4)
+            TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, 1, &alpha);
         const uint32_t bw = tile ? tile : width, bh = tile ? tile : rowsPerStrip;
         if (tile) {
             TIFFSetField(tif, TIFFTAG_TILEWIDTH, tile);
@@ -175,61 +195,69 @@ int asHost(const RawTiff& r, uint32_t x, uint32_t y, uint32_t s) {
     return r.bits == 8 ? r.at(x, y, s) : hostFromFile16(r.at(x, y, s));
 }
 
-TEST(TiffReader, ReadsStripsOfContiguousSixteenBitRgb) {
-    ScratchDir dir;
-    RawTiff raw;
-    raw.write(dir / "s.tif");
-    expectPlanesMatch(raw, dir / "s.tif", asHost);
+int inverted(const RawTiff& r, uint32_t x, uint32_t y, uint32_t) {
+    return 255 - static_cast<int>(r.at(x, y, 0));
 }
 
-TEST(TiffReader, ReadsStripsOfSeparatePlanes) {
-    ScratchDir dir;
-    RawTiff raw;
-    raw.planar = PLANARCONFIG_SEPARATE;
-    raw.bits = 8;
-    raw.samples = 4;
-    raw.photometric = PHOTOMETRIC_SEPARATED;
-    raw.write(dir / "s.tif");
-    EXPECT_EQ(openImage(dir / "s.tif")->info().mode, Mode::CMYK);
-    expectPlanesMatch(raw, dir / "s.tif", asHost);
+int signedChroma(const RawTiff& r, uint32_t x, uint32_t y, uint32_t s) {
+    const uint16_t v = r.at(x, y, s);
+    return static_cast<int>(hostFromFile16(s == 0 ? v : static_cast<uint16_t>(v ^ 0x8000)));
 }
 
-TEST(TiffReader, ReadsTilesOfSeparatePlanes) {
-    ScratchDir dir;
+int grey(const RawTiff& r, uint32_t x, uint32_t y, uint32_t) {  // the test's colour map
+    return r.at(x, y, 0);
+}
+
+struct TiffCase {
+    const char* name;
     RawTiff raw;
-    raw.planar = PLANARCONFIG_SEPARATE;
-    raw.tile = 32;
-    raw.compression = kTiffDeflate;
+    Mode mode;
+    int (*expected)(const RawTiff&, uint32_t, uint32_t, uint32_t);
+};
+
+class TiffReader : public ::testing::TestWithParam<TiffCase> {};
+
+TEST_P(TiffReader, ReadsWhatTheFileHolds) {
+    ScratchDir dir;
+    RawTiff raw = GetParam().raw;
     raw.write(dir / "t.tif");
-    expectPlanesMatch(raw, dir / "t.tif", asHost);
+    EXPECT_EQ(openImage(dir / "t.tif")->info().mode, GetParam().mode);
+    expectPlanesMatch(raw, dir / "t.tif", GetParam().expected);
 }
 
-TEST(TiffReader, InvertsMinIsWhiteGrey) {
-    ScratchDir dir;
-    RawTiff raw;
-    raw.samples = 1;
-    raw.bits = 8;
-    raw.photometric = PHOTOMETRIC_MINISWHITE;
-    raw.compression = COMPRESSION_NONE;
-    raw.write(dir / "g.tif");
-    expectPlanesMatch(raw, dir / "g.tif", [](const RawTiff& r, uint32_t x, uint32_t y, uint32_t) {
-        return 255 - static_cast<int>(r.at(x, y, 0));
-    });
+INSTANTIATE_TEST_SUITE_P(
+    Layouts, TiffReader,
+    ::testing::Values(
+        TiffCase{"StripsRgb16", RawTiff{}, Mode::RGB, asHost},
+        TiffCase{"SeparateCmyk8",
+                 RawTiff{.samples = 4, .bits = 8, .photometric = PHOTOMETRIC_SEPARATED,
+                         .planar = PLANARCONFIG_SEPARATE},
+                 Mode::CMYK, asHost},
+        TiffCase{"TiledSeparateDeflate",
+                 RawTiff{.planar = PLANARCONFIG_SEPARATE, .compression = kTiffDeflate, .tile = 32},
+                 Mode::RGB, asHost},
+        TiffCase{"MinIsWhite",
+                 RawTiff{.samples = 1, .bits = 8, .photometric = PHOTOMETRIC_MINISWHITE,
+                         .compression = COMPRESSION_NONE},
+                 Mode::Gray, inverted},
+        TiffCase{"CieLab", RawTiff{.photometric = PHOTOMETRIC_CIELAB}, Mode::Lab, signedChroma},
+        TiffCase{"RgbWithAlpha", RawTiff{.samples = 4, .bits = 8}, Mode::RGB, asHost},
+        TiffCase{"Palette", RawTiff{.samples = 1, .bits = 8, .photometric = PHOTOMETRIC_PALETTE},
+                 Mode::RGB, grey}),
+    [](const auto& test) { return std::string(test.param.name); });
+
+// The palette PNG with transparency that once overflowed its row buffer:
+// expanded to RGB with an alpha plane.
+TEST(PngReader, ExpandsAPaletteWithTransparency) {
+    const Raster r = readWhole(regressionFile("png/palette-trns.png"));
+    ASSERT_EQ(r.info.planes(), 4);
+    const uint8_t colours[3][4] = {{255, 0, 0, 0}, {0, 255, 0, 128}, {0, 0, 255, 255}};
+    for (int32_t y = 0; y < 2; ++y)
+        for (int32_t x = 0; x < 4; ++x)
+            EXPECT_EQ(std::memcmp(r.row(y) + 4 * x, colours[(x + y) % 3], 4), 0) << x << "," << y;
 }
 
-TEST(TiffReader, MapsSignedCieLabChromaToTheHostRange) {
-    ScratchDir dir;
-    RawTiff raw;
-    raw.photometric = PHOTOMETRIC_CIELAB;
-    raw.write(dir / "lab.tif");
-    expectPlanesMatch(
-        raw, dir / "lab.tif", [](const RawTiff& r, uint32_t x, uint32_t y, uint32_t s) {
-            const uint16_t v = r.at(x, y, s);
-            return static_cast<int>(hostFromFile16(s == 0 ? v : static_cast<uint16_t>(v ^ 0x8000)));
-        });
-}
-
-TEST(TiffReader, KeepsItsCacheWithinTheBudget) {
+TEST(TiffCache, KeepsWithinTheBudget) {
     ScratchDir dir;
     RawTiff raw;
     raw.width = 512;
@@ -247,15 +275,7 @@ TEST(TiffReader, KeepsItsCacheWithinTheBudget) {
     EXPECT_GT(source.blocksDecoded(), 64u);
 }
 
-TEST(TiffReader, RefusesWhatItCannotRead) {
-    ScratchDir dir;
-    RawTiff raw;
-    raw.samples = 4;  // RGB with an extra sample
-    raw.write(dir / "rgba.tif");
-    EXPECT_THROW(openImage(dir / "rgba.tif"), HostError);
-}
-
-TEST(TiffReader, ReportsATruncatedFileAsAnInputError) {
+TEST(TiffCache, ReportsATruncatedFileAsAnInputError) {
     ScratchDir dir;
     RawTiff raw;
     raw.compression = COMPRESSION_NONE;
@@ -272,13 +292,8 @@ TEST(TiffReader, ReportsATruncatedFileAsAnInputError) {
 }
 
 TEST(BigTiff, ChosenOnlyWhenTheFileCouldPassFourGiB) {
-    EXPECT_TRUE(needsBigTiff(ImageInfo{40000, 25000, Mode::RGB, 8}, 256,
-                             true));  // 3 GB raw, LZW worst case 4.5 GB
-    EXPECT_FALSE(needsBigTiff(ImageInfo{40000, 25000, Mode::Gray, 8}, 256, true));  // 1 GB raw
-    EXPECT_FALSE(needsBigTiff(ImageInfo{36000, 36000, Mode::RGB, 8}, 256, false));  // 3.9 GB raw
-    EXPECT_TRUE(needsBigTiff(ImageInfo{38000, 38000, Mode::RGB, 8}, 256, false));   // 4.3 GB raw
-    EXPECT_TRUE(needsBigTiff(ImageInfo{30000, 30000, Mode::RGB, 16}, 256, false));
-    EXPECT_FALSE(needsBigTiff(ImageInfo{6000, 4000, Mode::CMYK, 16}, 256, true));
+    EXPECT_TRUE(needsBigTiff(ImageInfo{40000, 25000, Mode::RGB, 8}, 256, true));  // LZW: 4.5 GB
+    EXPECT_FALSE(needsBigTiff(ImageInfo{36000, 36000, Mode::RGB, 8}, 256, false));  // 3.9 GB
 }
 
 TEST(BigTiff, WriterProducesAReadableBigTiff) {
@@ -308,18 +323,21 @@ class PngRoundTrip : public ::testing::TestWithParam<Layout> {};
 
 TEST_P(PngRoundTrip, IsExactWithItsProfile) {
     ScratchDir dir;
-    const ImageInfo info{61, 43, GetParam().mode, GetParam().depth};
+    const ImageInfo info{61, 43, GetParam().mode, GetParam().depth, GetParam().alpha};
     const Raster original = randomRaster(info, 11);
     writePng(dir / "p.png", original, makeIcc(info.mode));
     auto source = openImage(dir / "p.png");
     EXPECT_EQ(source->format(), FileFormat::Png);
+    EXPECT_EQ(source->info().alpha, info.alpha);
     EXPECT_EQ(source->iccProfile(), makeIcc(info.mode));
     EXPECT_EQ(readWhole(dir / "p.png").data, original.data);
 }
 
 INSTANTIATE_TEST_SUITE_P(GreyAndRgb, PngRoundTrip,
                          ::testing::Values(Layout{Mode::Gray, 8}, Layout{Mode::Gray, 16},
-                                           Layout{Mode::RGB, 8}, Layout{Mode::RGB, 16}));
+                                           Layout{Mode::RGB, 8}, Layout{Mode::RGB, 16},
+                                           Layout{Mode::Gray, 8, Alpha::Straight},
+                                           Layout{Mode::RGB, 16, Alpha::Straight}));
 
 class JpegRoundTrip : public ::testing::TestWithParam<Mode> {};
 
@@ -343,37 +361,11 @@ TEST_P(JpegRoundTrip, StaysCloseAndKeepsItsProfile) {
 INSTANTIATE_TEST_SUITE_P(GreyRgbCmyk, JpegRoundTrip,
                          ::testing::Values(Mode::Gray, Mode::RGB, Mode::CMYK));
 
-TEST(JpegReader, RefusesATruncatedFile) {
-    ScratchDir dir;
-    const Raster original = randomRaster(ImageInfo{128, 128, Mode::RGB, 8}, 2);
-    writeJpeg(dir / "j.jpg", original, {}, 90);
-    fs::resize_file(dir / "j.jpg", fs::file_size(dir / "j.jpg") * 2 / 3);
-    EXPECT_THROW(openImage(dir / "j.jpg"), HostError);
-}
-
 TEST(PngReader, RefusesATruncatedFile) {
     ScratchDir dir;
     writePng(dir / "p.png", randomRaster(ImageInfo{128, 128, Mode::RGB, 8}, 2), {});
     fs::resize_file(dir / "p.png", fs::file_size(dir / "p.png") / 2);
     EXPECT_THROW(openImage(dir / "p.png"), HostError);
-}
-
-TEST(OpenImage, NamesTheProblemInOneLine) {
-    ScratchDir dir;
-    std::ofstream(dir / "empty.tif").close();
-    std::ofstream(dir / "text.png") << "not an image at all";
-    auto message = [](const fs::path& p) {
-        try {
-            openImage(p);
-        } catch (const HostError& e) {
-            return std::string(e.what());
-        }
-        return std::string();
-    };
-    EXPECT_NE(message(dir / "missing.jpg").find("no such file"), std::string::npos);
-    EXPECT_NE(message(dir / "empty.tif").find("empty file"), std::string::npos);
-    EXPECT_NE(message(dir / "text.png").find("unsupported image format"), std::string::npos);
-    EXPECT_EQ(message(dir / "text.png").find('\n'), std::string::npos);
 }
 
 TEST(Formats, AreChosenByExtensionAndCheckedAgainstTheImage) {
@@ -388,35 +380,23 @@ TEST(Formats, AreChosenByExtensionAndCheckedAgainstTheImage) {
     EXPECT_NO_THROW(checkFormatHolds(FileFormat::Jpeg, ImageInfo{1, 1, Mode::CMYK, 8}, "x.jpg"));
 }
 
-// ---- The TIFF result: tiles completed, spilled, filled from the source --------
-
-Raster writeThroughResult(const fs::path& folder, const Raster& source, const Raster& written,
-                          bool planesFirst, int32_t writeRight, uint64_t budget) {
-    writePng(folder / "src.png", source, {});
-    auto src = openImage(folder / "src.png");
+// /dev/full fails every write with ENOSPC: each writer says the disk is full.
+TEST(ResultWriters, SayTheDiskIsFull) {
+    ScratchDir dir;
+    writePng(dir / "src.png", randomRaster(ImageInfo{300, 200, Mode::RGB, 8}, 6), {});
+    auto source = openImage(dir / "src.png");
     ResultOptions options;
-    options.budget = budget;
-    auto result = createResult(FileFormat::Tiff, folder / "out.tif", *src, options);
-    const ImageInfo& info = source.info;
-    const size_t bps = info.bytesPerSample();
-    const int32_t step = 50;  // deliberately not aligned with the 256-pixel tiles
-    std::vector<uint8_t> plane(static_cast<size_t>(step) * step * bps);
-    for (int outer = 0; outer < (planesFirst ? info.planes() : 1); ++outer)
-        for (int32_t top = 0; top < info.height; top += step)
-            for (int32_t left = 0; left < writeRight; left += step)
-                for (int p = planesFirst ? outer : 0; p < (planesFirst ? outer + 1 : info.planes());
-                     ++p) {
-                    const CvRect r{left, top, std::min(left + step, writeRight),
-                                   std::min(top + step, info.height)};
-                    const int32_t w = r.right - r.left;
-                    extractPlane(
-                        written.row(r.top) + static_cast<size_t>(r.left) * written.pixelBytes(),
-                        static_cast<ptrdiff_t>(written.rowBytes()), info.planes(), p, bps, w,
-                        r.bottom - r.top, plane.data(), static_cast<ptrdiff_t>(w * bps));
-                    result->writePlane(r, p, plane.data(), static_cast<ptrdiff_t>(w * bps));
-                }
-    result->finish();
-    return readWhole(folder / "out.tif");
+    options.name = "photo.out";  // what the user named, not the path written
+    options.spillFolder = dir.path();
+    for (FileFormat format : {FileFormat::Tiff, FileFormat::Png, FileFormat::Jpeg}) {
+        try {
+            createResult(format, "/dev/full", *source, options)->finish();
+            ADD_FAILURE() << formatName(format) << " wrote to a full disk";
+        } catch (const HostError& e) {
+            EXPECT_EQ(e.code(), kExitOutput);
+            EXPECT_EQ(std::string(e.what()), "photo.out: cannot write, the disk is full");
+        }
+    }
 }
 
 TEST(TiffResult, SpillsIncompleteTilesAndStillWritesEverySample) {

@@ -4,8 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
+#include <limits>
 
 #include "HostTestUtil.h"
+#include "host/ImageFiles.h"
 #include "RenderTestSupport.h"
 #include "constraints/ConstraintFile.h"
 #include "curvana/CurvanaScripting.h"
@@ -13,9 +16,11 @@
 #include "host/Cli.h"
 #include "render/RenderMesh.h"
 #include "render/RenderPlan.h"
+#include "host/ApplyDescriptor.h"
 #include "samplegen/SampleFiles.h"
 #include "samplegen/SampleScene.h"
 #include "solver/Solver.h"
+#include "session/PreferencesFile.h"
 
 namespace Curvana::Host::Test {
 namespace {
@@ -40,17 +45,20 @@ protected:
         SampleGen::writeSampleFile(input, o);
     }
 
-    RunResult curvana(std::vector<std::string> args) {
+    RunResult curvana(std::vector<std::string> args, int timeoutSeconds = 120) {
         args.push_back("--module");
         args.push_back(module.string());
-        return runProgram(CURVANA_EXE, args, {{"XDG_CONFIG_HOME", (dir / "xdg").string()}});
+        return runProgram(CURVANA_EXE, args, {{"XDG_CONFIG_HOME", (dir / "xdg").string()}},
+                          timeoutSeconds);
     }
 
     // A constraint file for an image of the given size with the sample
     // camera's strings: every vertical edge of the room as a vertical line,
     // the others free.
-    fs::path constraintFile(const std::string& name, int32_t width, int32_t height,
-                            const std::string& model = "Sample Room Camera") {
+    fs::path constraintFile(
+        const std::string& name, int32_t width, int32_t height,
+        const std::string& model = "Sample Room Camera",
+        const std::function<void(Project::ConstraintFileSettings&)>& adjust = {}) {
         Project::SimpleConstraintFileContext context;
         context.width = width;
         context.height = height;
@@ -59,6 +67,8 @@ protected:
         context.lens = "Sample Fisheye";
         context.settings.focalLength = static_cast<float>(SampleGen::focalPixels(scene));
         context.settings.projectionModel = Project::ProjectionModel::Fisheye;
+        if (adjust)
+            adjust(context.settings);
         Project::ConstraintSet set;
         for (const SampleGen::SceneEdge& e : SampleGen::roomEdges(scene)) {
             if (e.points.size() < 8)
@@ -184,29 +194,126 @@ TEST_F(RealModuleScenario, AFisheyeCorrectionMatchesAReferenceRenderOfTheSameWar
     EXPECT_EQ(c.spuriousCovered, 0);
 }
 
+// The filter's own checks reach the user as its message.
 TEST_F(RealModuleScenario, AMismatchingConstraintFileIsRefusedWithTheFiltersMessage) {
     const fs::path out = dir / "out.png";
-    RunResult r = curvana({"apply", input.string(), "-o", out.string(), "--constraints",
-                           constraintFile("wide.cvc", kWidth + 8, kHeight).string()});
+    const RunResult r = curvana({"apply", input.string(), "-o", out.string(), "--constraints",
+                                 constraintFile("wide.cvc", kWidth + 8, kHeight).string()});
     EXPECT_NE(r.exitCode, 0);
     EXPECT_NE(r.err.find("Image size doesn't match."), std::string::npos) << r.err;
     EXPECT_NE(r.err.find("Value in the loaded file: 488x320"), std::string::npos) << r.err;
     EXPECT_NE(r.err.find("Value of the current image: 480x320"), std::string::npos) << r.err;
     EXPECT_FALSE(fs::exists(out));
-
-    r = curvana({"apply", input.string(), "-o", out.string(), "--constraints",
-                 constraintFile("other.cvc", kWidth, kHeight, "Another Camera").string()});
-    EXPECT_NE(r.exitCode, 0);
-    EXPECT_NE(r.err.find("Camera model doesn't match."), std::string::npos) << r.err;
-    EXPECT_FALSE(fs::exists(out));
-
-    std::ofstream(dir / "empty.cvc").close();
-    r = curvana({"apply", input.string(), "-o", out.string(), "--constraints",
-                 (dir / "empty.cvc").string()});
-    EXPECT_NE(r.exitCode, 0);
-    EXPECT_NE(r.err.find("empty"), std::string::npos) << r.err;
-    EXPECT_FALSE(fs::exists(out));
 }
+
+// Alpha goes through the warp as a plane of its own: the photo stays opaque
+// and what it does not cover (zoomed out to the smallest scale) is
+// transparent.
+TEST_F(RealModuleScenario, CarriesAlphaAndLeavesTheUncoveredAreaTransparent) {
+    const Raster rgb = readWhole(input);
+    Raster rgba = Raster::allocate(ImageInfo{kWidth, kHeight, Mode::RGB, 8, Alpha::Straight});
+    for (size_t i = 0, n = size_t{kWidth} * kHeight; i < n; ++i) {
+        std::memcpy(&rgba.data[4 * i], &rgb.data[3 * i], 3);
+        rgba.data[4 * i + 3] = 255;
+    }
+    writePng(dir / "alpha.png", rgba, {});
+    std::ofstream(dir / "small.json")
+        << R"({"curvanaAction": 1, "descriptor": [{"key": "imgS", "type": "integer", "value": 50}]})";
+    const RunResult r = curvana({"apply", (dir / "alpha.png").string(), "-o",
+                                 (dir / "out.png").string(), "--params",
+                                 (dir / "small.json").string()});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const Raster out = readWhole(dir / "out.png");
+    ASSERT_EQ(out.info.alpha, Alpha::Straight);
+    size_t transparent = 0, opaque = 0;
+    for (size_t i = 0, n = size_t{kWidth} * kHeight; i < n; ++i) {
+        transparent += out.data[4 * i + 3] == 0;
+        opaque += out.data[4 * i + 3] == 255;
+    }
+    // Only the photo's edge is partly covered.
+    EXPECT_GT(transparent, size_t{kWidth} * kHeight / 10);
+    EXPECT_GT(opaque, size_t{kWidth} * kHeight / 10);
+    EXPECT_LT(size_t{kWidth} * kHeight - transparent - opaque, size_t{kWidth} * kHeight / 50);
+    EXPECT_EQ(out.data[3], 0);  // a corner
+    EXPECT_EQ(out.data[4 * (size_t{kWidth} * kHeight / 2 + kWidth / 2) + 3], 255);  // the middle
+}
+
+// Out-of-range settings from every entry path. An action file or a
+// constraint file that carries one is refused, naming the key and its range,
+// and the photograph (named as the output) stays as it was; saved preferences
+// that hold one are set aside for the defaults. Nothing invalid is saved: the
+// next run works.
+struct BadSetting {
+    const char* entry;  // params, constraints or prefs
+    const char* key;
+    double value;
+};
+
+class RealModuleBadSetting : public RealModuleScenario,
+                             public ::testing::WithParamInterface<BadSetting> {};
+
+TEST_P(RealModuleBadSetting, IsRefusedAndNeverSaved) {
+    const auto [entry, key, value] = GetParam();
+    const std::string k = key;
+    const fs::path photo = dir / "photo.png";
+    fs::copy_file(input, photo);
+    std::vector<std::string> args = {"apply", photo.string(), "-o", photo.string()};
+    if (std::string(entry) == "params") {
+        std::ofstream(dir / "action.json")
+            << R"({"curvanaAction": 1, "descriptor": [{"key": ")" << k << R"(", "type": ")"
+            << (k == "imgS" ? "integer" : "double") << R"(", "value": )" << value << "}]}";
+        args.insert(args.end(), {"--params", (dir / "action.json").string()});
+    } else if (std::string(entry) == "constraints") {
+        const auto cvc = constraintFile("bad.cvc", kWidth, kHeight, "Sample Room Camera",
+                                        [&](Project::ConstraintFileSettings& s) {
+                                            if (k == "imgS")
+                                                s.scale = static_cast<int32_t>(value);
+                                            if (k == "imgY")
+                                                s.offsetY = static_cast<float>(value);
+                                            if (k == "CrpF")
+                                                s.cropFactor = static_cast<float>(value);
+                                        });
+        args.insert(args.end(), {"--constraints", cvc.string()});
+    } else {
+        Project::PPreferences prefs(kWidth);
+        if (k == "iterations")
+            prefs.settings.iterationCount = static_cast<uint16_t>(value);
+        if (k == "focL")
+            prefs.settings.focalLength = static_cast<float>(value);
+        if (k == "CrpF")
+            prefs.settings.cropFactor = static_cast<float>(value);
+        const fs::path folder = Project::PreferencesFolder(dir / "xdg");
+        fs::create_directories(folder);
+        std::ofstream(folder / Project::PreferencesFileName(), std::ios::binary)
+            .write(reinterpret_cast<const char*>(Project::SerializePreferences(prefs).data()),
+                   static_cast<std::streamsize>(Project::SerializePreferences(prefs).size()));
+        args = {"repeat", photo.string(), "-o", (dir / "out.png").string()};
+    }
+    const RunResult r = curvana(args, 60);
+    EXPECT_NE(r.err.find(k), std::string::npos) << r.err;
+    if (std::string(entry) == "prefs") {
+        ASSERT_EQ(r.exitCode, 0) << r.err;  // with the defaults: not a black picture
+        EXPECT_GT(meanOfRows(readWhole(dir / "out.png"), 0, kHeight), 20.0);
+    } else {
+        EXPECT_EQ(r.exitCode, kExitFailed) << r.err;
+        EXPECT_NE(r.err.find("must lie between"), std::string::npos) << r.err;
+        EXPECT_EQ(readWhole(photo).data, readWhole(input).data);
+    }
+    const RunResult again = curvana({"repeat", input.string(), "-o", (dir / "again.png").string()});
+    EXPECT_EQ(again.exitCode, 0) << again.err;
+}
+
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+constexpr double kInf = std::numeric_limits<double>::infinity();
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryEntryPath, RealModuleBadSetting,
+    ::testing::Values(BadSetting{"params", "imgS", 0}, BadSetting{"params", "imgX", 1e30},
+                      BadSetting{"params", "focL", 1e300}, BadSetting{"params", "imgY", -0.5},
+                      BadSetting{"constraints", "imgS", -5}, BadSetting{"constraints", "imgY", 1e30},
+                      BadSetting{"constraints", "CrpF", kNaN},
+                      BadSetting{"prefs", "iterations", 0}, BadSetting{"prefs", "iterations", 65535},
+                      BadSetting{"prefs", "focL", kInf}, BadSetting{"prefs", "CrpF", kNaN}));
 
 }  // namespace
 }  // namespace Curvana::Host::Test

@@ -93,7 +93,7 @@ Host::Raster convertRgb(const uint8_t* rgb, int32_t width, int32_t height, Host:
 void writeSampleFile(const std::filesystem::path& path, const SampleFileOptions& options) {
     const auto format = Host::formatFromExtension(path);
     if (!format)
-        throw Host::HostError(path.string() + ": unknown format (use .tif, .png or .jpg)");
+        throw Host::HostError(Host::kExitOutput, path.string() + ": unknown format (use .tif, .png or .jpg)");
     const SceneOptions& scene = options.scene;
     Host::ImageInfo info{scene.width, scene.height, options.mode, options.depth};
     Host::checkFormatHolds(*format, info, path);
@@ -142,9 +142,9 @@ void writeSampleFile(const std::filesystem::path& path, const SampleFileOptions&
         metadata.exif = cameraExif(scene);
     if (*format != Host::FileFormat::Tiff)
         metadata.xmpPacket = options.xmpPacket;
-    const std::string warning = Host::writeMetadata(path, *format, info, metadata);
+    const std::string warning = Host::writeMetadata(path, *format, info, metadata, path.string());
     if (!warning.empty())
-        throw Host::HostError(warning);
+        throw Host::HostError(Host::kExitOutput, warning);
 }
 
 }  // namespace Curvana::SampleGen

@@ -22,7 +22,7 @@ int main(int argc, char** argv) {
             const std::string a = argv[i];
             auto value = [&]() -> std::string {
                 if (i + 1 >= argc)
-                    throw Host::HostError(a + ": needs a value");
+                    throw Host::HostError(Host::kExitUsage, a + ": needs a value");
                 return argv[++i];
             };
             if (a == "--width")
@@ -48,7 +48,7 @@ int main(int argc, char** argv) {
                 else if (l == "rectilinear")
                     o.scene.lens = SampleGen::Lens::Rectilinear;
                 else
-                    throw Host::HostError("--lens: equisolid or rectilinear");
+                    throw Host::HostError(Host::kExitUsage, "--lens: equisolid or rectilinear");
             } else if (a == "--mode") {
                 const std::string m = value();
                 if (m == "rgb")
@@ -60,16 +60,16 @@ int main(int argc, char** argv) {
                 else if (m == "lab")
                     o.mode = Host::Mode::Lab;
                 else
-                    throw Host::HostError("--mode: rgb, grey, cmyk or lab");
+                    throw Host::HostError(Host::kExitUsage, "--mode: rgb, grey, cmyk or lab");
             } else if (!a.empty() && a[0] != '-' && out.empty())
                 out = a;
             else
-                throw Host::HostError("unknown argument '" + a + "'");
+                throw Host::HostError(Host::kExitUsage, "unknown argument '" + a + "'");
         }
         if (out.empty())
-            throw Host::HostError("usage: curvana-samplegen OUT.{jpg,png,tif} [options]");
+            throw Host::HostError(Host::kExitUsage, "usage: curvana-samplegen OUT.{jpg,png,tif} [options]");
         if (o.scene.width <= 0 || o.scene.height <= 0 || (o.depth != 8 && o.depth != 16))
-            throw Host::HostError("bad size or depth");
+            throw Host::HostError(Host::kExitUsage, "bad size or depth");
         SampleGen::writeSampleFile(out, o);
         if (!constraints.empty()) {
             SampleGen::SampleCameraStrings camera;

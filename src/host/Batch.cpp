@@ -1,0 +1,201 @@
+#include "Batch.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <optional>
+
+#include "ApplyDescriptor.h"
+#include "EditCommand.h"
+#include "HostError.h"
+#include "Metadata.h"
+#include "ProgressBar.h"
+#include "Raster.h"
+#include "SystemInfo.h"
+#include "TempOutput.h"
+
+namespace Curvana::Host {
+namespace fs = std::filesystem;
+
+namespace {
+
+void warn(const std::string& message) {
+    std::fprintf(stderr, "curvana: warning: %s\n", message.c_str());
+}
+
+struct Target {
+    fs::path input, output;
+    bool explicitOutput;  // named with -o (may then be the input itself)
+    std::string label;    // for the progress display
+};
+
+FileFormat outputFormat(const Target& t) {
+    const auto format = formatFromExtension(t.output);
+    if (!format)
+        throw HostError(kExitOutput, t.output.string() + ": unknown output format '" +
+                                         t.output.extension().string() +
+                                         "' (use .tif, .png or .jpg)");
+    std::error_code ec;
+    if (!t.explicitOutput && fs::exists(t.output, ec) && fs::equivalent(t.input, t.output, ec))
+        throw HostError(kExitOutput, t.output.string() +
+                                         ": would overwrite the input (name it with -o to "
+                                         "replace it)");
+    const fs::path folder = t.output.has_parent_path() ? t.output.parent_path() : fs::path(".");
+    if (!fs::is_directory(folder, ec))
+        throw HostError(kExitOutput, folder.string() + ": no such folder");
+    return *format;
+}
+
+// What the module's run says about the result; throws when there is none.
+void checkOutcome(const InvocationOutcome& outcome, const Target& t, const ResultImage& result,
+                  bool editing) {
+    if (outcome.aborted)
+        throw HostError(kExitInterrupted, "interrupted; nothing written");
+    if (outcome.hostError)
+        throw *outcome.hostError;
+    if (outcome.error != 0)
+        throw HostError(kExitFailed, "the filter failed on " + t.input.string() + " (error " +
+                                         std::to_string(outcome.error) + "); nothing written");
+    if ((!result.anyWritten() || !outcome.resultDescriptor) && editing)
+        throw HostError(kExitFailed, editEndedWithoutResult(outcome, t.input));
+    if (!result.anyWritten() || !outcome.resultDescriptor)
+        throw HostError(kExitFailed,
+                        "the filter wrote no result for " + t.input.string() +
+                            (outcome.alerts.empty() ? "" : " (see its message above)") +
+                            "; nothing written");
+}
+
+void recordAction(const Descriptor& descriptor) {
+    const fs::path record = lastActionPath();
+    if (record.empty())
+        return;
+    try {
+        saveAction(record, descriptor);
+    } catch (const HostError& e) {
+        warn(std::string("the settings were not recorded: ") + e.what());
+    }
+}
+
+class Batch {
+public:
+    Batch(const CliOptions& options, Module& module, const Descriptor* params)
+        : options_(options),
+          module_(module),
+          params_(params),
+          memoryLimit_(options.memoryMiB ? *options.memoryMiB << 20 : defaultMemoryLimit()),
+          bar_(options.quiet) {}
+
+    // Corrects one input; every failure is a HostError with its exit code.
+    void correct(const Target& t) {
+        const FileFormat format = outputFormat(t);
+        SourceOptions sourceOptions;
+        sourceOptions.cacheBudget = (options_.cacheMiB << 20) / 2;
+        sourceOptions.memoryLimit = memoryLimit_;
+        const std::unique_ptr<ImageSource> source = openImage(t.input, sourceOptions);
+        const ImageInfo info = source->info();
+        checkFormatHolds(format, info, t.output);
+
+        const PhotoMetadata metadata = readMetadata(t.input);
+        for (const auto& w : metadata.warnings)
+            warn(w);
+        std::unique_ptr<Descriptor> descriptor;
+        if (options_.command == "apply")
+            descriptor = applyDescriptor(options_, params_, info.width, info.height, metadata);
+        else if (params_)
+            descriptor = std::make_unique<Descriptor>(*params_);
+
+        TempOutput temp(t.output);
+        ResultOptions resultOptions;
+        resultOptions.name = t.output.string();
+        resultOptions.spillFolder =
+            t.output.has_parent_path() ? t.output.parent_path() : fs::path(".");
+        resultOptions.budget = (options_.cacheMiB << 20) / 2;
+        resultOptions.memoryLimit = memoryLimit_;
+        resultOptions.icc = source->iccProfile();
+        resultOptions.xmpPacket = tiffExifAsXmp(info) && !metadata.moduleXmp.empty()
+                                      ? metadata.moduleXmp
+                                      : metadata.xmpPacket;
+        std::unique_ptr<ResultImage> result =
+            createResult(format, temp.path(), *source, resultOptions);
+
+        Invocation invocation;
+        invocation.source = source.get();
+        invocation.result = result.get();
+        invocation.xmpPacket = metadata.moduleXmp;
+        invocation.documentName = t.input.filename().string();
+        invocation.descriptor = descriptor.get();
+        if (options_.command == "edit")
+            prepareEditInvocation(invocation);
+        invocation.listener = &bar_;
+        bar_.start(t.label);
+        const InvocationOutcome outcome = module_.run(invocation);
+        bar_.end();
+        checkOutcome(outcome, t, *result, options_.command == "edit");
+
+        result->finish();
+        result.reset();
+        if (const std::string w =
+                writeMetadata(temp.path(), format, info, metadata, t.output.string());
+            !w.empty())
+            warn(w);
+        temp.commit();
+        recordAction(*outcome.resultDescriptor);
+        if (!options_.quiet)
+            std::fprintf(stderr, "curvana: wrote %s\n", t.output.c_str());
+    }
+
+private:
+    // Half of the machine's memory: one image may take that much.
+    static uint64_t defaultMemoryLimit() {
+        const uint64_t total = memoryFigures().total;
+        return total > 0 ? total / 2 : kDefaultMemoryLimit;
+    }
+
+    const CliOptions& options_;
+    Module& module_;
+    const Descriptor* params_;
+    uint64_t memoryLimit_;
+    ProgressBar bar_;
+};
+
+}  // namespace
+
+int runBatch(const CliOptions& options, Module& module, const Descriptor* params) {
+    std::error_code ec;
+    const fs::path out = options.output;
+    const bool outIsFolder = fs::is_directory(out, ec);
+    if (options.inputs.size() > 1 && !outIsFolder)
+        throw HostError(kExitOutput,
+                        out.string() + ": several inputs need an existing output folder");
+
+    Batch batch(options, module, params);
+    const size_t count = options.inputs.size();
+    int status = kExitOk;
+    for (size_t i = 0; i < count; ++i) {
+        Target t;
+        t.input = options.inputs[i];
+        t.output = outIsFolder ? out / t.input.filename() : out;
+        t.explicitOutput = !outIsFolder;
+        t.label = t.input.filename().string();
+        if (count > 1)
+            t.label += " (" + std::to_string(i + 1) + "/" + std::to_string(count) + ")";
+        ExitCode code = kExitOk;
+        try {
+            batch.correct(t);
+        } catch (const HostError& e) {
+            std::fprintf(stderr, "curvana: %s\n", e.what());
+            code = e.code();
+        } catch (const std::bad_alloc&) {
+            std::fprintf(stderr, "curvana: %s: out of memory; nothing written\n",
+                         t.input.c_str());
+            code = kExitFailed;
+        }
+        if (status == kExitOk)
+            status = code;
+        if (code == kExitInterrupted)
+            return kExitInterrupted;
+    }
+    return status;
+}
+
+}  // namespace Curvana::Host

@@ -1,0 +1,133 @@
+#include "CliOptions.h"
+
+#include <cmath>
+#include <cstdio>
+#include <iostream>
+
+#include "CliHelp.h"
+#include "HostError.h"
+#include "curvana/CurvanaScripting.h"
+
+namespace Curvana::Host {
+namespace {
+
+HostError usage(const std::string& message) {
+    return HostError(kExitUsage, message);
+}
+
+double parseNumber(const std::string& option, const std::string& text, double low, double high) {
+    try {
+        size_t used = 0;
+        const double v = std::stod(text, &used);
+        if (used == text.size() && std::isfinite(v) && v >= low && v <= high)
+            return v;
+    } catch (const std::exception&) {
+    }
+    char range[64];
+    std::snprintf(range, sizeof range, "%g and %g", low, high);
+    throw usage(option + ": '" + text + "' is not a number between " + range);
+}
+
+}  // namespace
+
+uint32_t projectionCode(const std::string& name) {
+    if (name == "fisheye")
+        return cvProjectionFisheye;
+    if (name == "perspective")
+        return cvProjectionPerspective;
+    if (name == "auto")
+        return cvProjectionAuto;
+    if (name == "full-spherical")
+        return cvProjectionFullSpherical;
+    throw usage("--projection: '" + name +
+                "' is not one of fisheye, perspective, auto, full-spherical");
+}
+
+uint32_t regularizerCode(const std::string& name) {
+    if (name == "stereographic")
+        return cvRegularizerStereographic;
+    if (name == "mercator")
+        return cvRegularizerMercator;
+    if (name == "panini")
+        return cvRegularizerPanini;
+    if (name == "auto")
+        return cvRegularizerAuto;
+    throw usage("--regularizer: '" + name +
+                "' is not one of stereographic, mercator, panini, auto");
+}
+
+std::optional<CliOptions> parseCommandLine(const std::vector<std::string>& args) {
+    CliOptions o;
+    if (args.empty())
+        throw usage(std::string("no command given\n") + kUsage);
+    const std::string& first = args[0];
+    if (first == "-h" || first == "--help" || first == "help") {
+        printHelp(args.size() > 1 ? args[1] : "");
+        return std::nullopt;
+    }
+    if (first == "--version") {
+        std::cout << "curvana 0.1.0 (filter interface " << CURVANA_ABI_VERSION << ")\n";
+        return std::nullopt;
+    }
+    if (first != "apply" && first != "repeat" && first != "edit")
+        throw usage("unknown command '" + first + "' (apply, repeat or edit; see curvana --help)");
+    o.command = first;
+    for (size_t i = 1; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        auto value = [&]() -> std::string {
+            if (i + 1 >= args.size())
+                throw usage(a + ": needs a value");
+            return args[++i];
+        };
+        const bool applyOnly = a == "--projection" || a == "--regularizer" || a == "--focal-mm" ||
+                               a == "--crop" || a == "--params" || a == "--constraints";
+        if (applyOnly && o.command != "apply")
+            throw usage(a + ": only 'curvana apply' takes this option");
+        if (a == "-h" || a == "--help") {
+            printHelp(o.command);
+            return std::nullopt;
+        } else if (a == "-o" || a == "--output") {
+            o.output = value();
+        } else if (a == "--module") {
+            o.module = value();
+        } else if (a == "-q" || a == "--quiet") {
+            o.quiet = true;
+        } else if (a == "--cache-mb") {
+            o.cacheMiB = static_cast<uint64_t>(parseNumber(a, value(), 16, 1 << 20));
+        } else if (a == "--memory-mb") {
+            o.memoryMiB = static_cast<uint64_t>(parseNumber(a, value(), 1, 1 << 24));
+        } else if (a == "--projection") {
+            o.projection = value();
+            projectionCode(*o.projection);
+        } else if (a == "--regularizer") {
+            o.regularizer = value();
+            regularizerCode(*o.regularizer);
+        } else if (a == "--focal-mm") {
+            // The filter's own ranges (it refuses values outside them too).
+            o.focalMm = parseNumber(a, value(), 1, 1000);
+        } else if (a == "--crop") {
+            o.crop = parseNumber(a, value(), 0.1, 10);
+        } else if (a == "--params") {
+            o.params = value();
+        } else if (a == "--constraints") {
+            o.constraints = value();
+        } else if (a == "--") {
+            o.inputs.insert(o.inputs.end(), args.begin() + static_cast<ptrdiff_t>(i) + 1,
+                            args.end());
+            break;
+        } else if (a.size() > 1 && a[0] == '-') {
+            throw usage("unknown option '" + a + "' (see curvana " + o.command + " --help)");
+        } else {
+            o.inputs.push_back(a);
+        }
+    }
+    if (o.inputs.empty())
+        throw usage("no input image given (see curvana " + o.command + " --help)");
+    if (o.output.empty())
+        throw usage("no output given: use -o OUT (see curvana " + o.command + " --help)");
+    if (o.command == "edit" && o.inputs.size() > 1)
+        throw usage("edit takes one input");
+    return o;
+}
+
+}  // namespace Curvana::Host
