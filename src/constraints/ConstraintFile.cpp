@@ -224,6 +224,18 @@ void ApplySettings(const ParsedSettings& p, ConstraintSet& set, ConstraintFileCo
 
 }  // namespace
 
+SimpleConstraintFileContext SimpleConstraintFileContext::SnapshotOf(
+    const ConstraintFileContext& context) {
+    SimpleConstraintFileContext snapshot;
+    snapshot.width = context.ImageWidth();
+    snapshot.height = context.ImageHeight();
+    snapshot.make = context.CameraMake();
+    snapshot.model = context.CameraModel();
+    snapshot.lens = context.LensModel();
+    snapshot.settings = context.Settings();
+    return snapshot;
+}
+
 float clampSetting(float value, float lo, float hi) {
     if (!(value >= lo)) return lo;  // NaN too
     if (value > hi) return hi;

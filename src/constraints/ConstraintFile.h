@@ -163,6 +163,10 @@ public:
 // counts its calls.
 class SimpleConstraintFileContext : public ConstraintFileContext {
 public:
+    // The photo's size and camera and the settings of another context, kept
+    // here so that reading bytes into it changes nothing of the original.
+    static SimpleConstraintFileContext SnapshotOf(const ConstraintFileContext& context);
+
     int32_t width = 0;
     int32_t height = 0;
     std::string make, model, lens;

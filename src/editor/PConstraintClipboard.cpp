@@ -5,23 +5,6 @@
 
 namespace Project {
 
-namespace {
-
-// A context that answers with the photo's size and camera and keeps any
-// settings the bytes carry to itself.
-SimpleConstraintFileContext ScratchFor(const ConstraintFileContext& photo) {
-    SimpleConstraintFileContext scratch;
-    scratch.width = photo.ImageWidth();
-    scratch.height = photo.ImageHeight();
-    scratch.make = photo.CameraMake();
-    scratch.model = photo.CameraModel();
-    scratch.lens = photo.LensModel();
-    scratch.settings = photo.Settings();
-    return scratch;
-}
-
-}  // namespace
-
 std::vector<uint8_t> ConstraintClipboardBytes(const std::vector<const Constraint*>& constraints,
                                               const ConstraintFileContext& photo) {
     ConstraintSet set;
@@ -34,7 +17,7 @@ std::vector<uint8_t> ConstraintClipboardBytes(const std::vector<const Constraint
 bool ReadConstraintClipboard(std::span<const uint8_t> bytes, const ConstraintFileContext& photo,
                              ConstraintSet::List& out, std::string& message) {
     out.clear();
-    SimpleConstraintFileContext scratch = ScratchFor(photo);
+    SimpleConstraintFileContext scratch = SimpleConstraintFileContext::SnapshotOf(photo);
     ConstraintSet set;
     if (bytes.empty() || !readConstraintData(set, scratch, bytes)) {
         const std::string_view reason = set.Message().empty()

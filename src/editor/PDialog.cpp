@@ -100,20 +100,8 @@ std::string ZoomText(double zoom) {
 // of a constraint file: two workspaces are the same exactly when these are.
 std::vector<uint8_t> WorkspaceBytes(const ConstraintSet& set, const PSettings& s,
                                     const ConstraintFileContext& photo) {
-    SimpleConstraintFileContext context;
-    context.width = photo.ImageWidth();
-    context.height = photo.ImageHeight();
-    context.make = photo.CameraMake();
-    context.model = photo.CameraModel();
-    context.lens = photo.LensModel();
-    context.settings.physicalFocal = s.physicalFocalLength;
-    context.settings.cropFactor = s.cropFactor;
-    context.settings.focalLength = s.focalLength;
-    context.settings.projectionModel = s.projectionModel;
-    context.settings.regularizerModel = s.regularizerModel;
-    context.settings.scale = s.scale;
-    context.settings.offsetX = s.offsetX;
-    context.settings.offsetY = s.offsetY;
+    SimpleConstraintFileContext context = SimpleConstraintFileContext::SnapshotOf(photo);
+    context.settings = ConstraintFileSettingsOf(s);
     return writeConstraintData(set, context);
 }
 
@@ -147,17 +135,7 @@ public:
     std::string LensModel() const override { return dialog_.filter_.cameraMetadata().lens; }
 
     ConstraintFileSettings Settings() const override {
-        const PSettings& s = dialog_.filter_.settings();
-        ConstraintFileSettings out;
-        out.physicalFocal = s.physicalFocalLength;
-        out.cropFactor = s.cropFactor;
-        out.focalLength = s.focalLength;
-        out.projectionModel = s.projectionModel;
-        out.regularizerModel = s.regularizerModel;
-        out.scale = s.scale;
-        out.offsetX = s.offsetX;
-        out.offsetY = s.offsetY;
-        return out;
+        return ConstraintFileSettingsOf(dialog_.filter_.settings());
     }
     void SetPhysicalFocal(float mm) override { Live().physicalFocalLength = mm; }
     void SetCropFactor(float crop) override { Live().cropFactor = crop; }

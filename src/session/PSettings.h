@@ -62,6 +62,11 @@ struct PSettings {
     std::array<uint8_t, 2> finalFlags = {1, 1};
 };
 
+// The correction settings (focal lengths, models, scale, offsets) as a
+// constraint file carries them.
+struct ConstraintFileSettings;
+ConstraintFileSettings ConstraintFileSettingsOf(const PSettings& settings);
+
 // Where the editor's dialog goes on screen: the framework's placement record.
 // Two points as given by the editor; the defaults are those the dialog is
 // constructed with. The session only stores them (see PreferencesFile.h for

@@ -29,16 +29,7 @@ public:
     std::string LensModel() const override { return filter_.cameraMetadata().lens; }
 
     ConstraintFileSettings Settings() const override {
-        ConstraintFileSettings s;
-        s.physicalFocal = settings_.physicalFocalLength;
-        s.cropFactor = settings_.cropFactor;
-        s.focalLength = settings_.focalLength;
-        s.projectionModel = settings_.projectionModel;
-        s.regularizerModel = settings_.regularizerModel;
-        s.scale = settings_.scale;
-        s.offsetX = settings_.offsetX;
-        s.offsetY = settings_.offsetY;
-        return s;
+        return ConstraintFileSettingsOf(settings_);
     }
     void SetPhysicalFocal(float mm) override { settings_.physicalFocalLength = mm; }
     void SetCropFactor(float crop) override { settings_.cropFactor = crop; }
