@@ -12,7 +12,6 @@
 #include <cmath>
 #include <numeric>
 #include <stdexcept>
-#include <cstdio>
 
 namespace Project {
 namespace {
@@ -826,7 +825,7 @@ bool IterativeWarpSolver::ConjugateGradients(Eigen::VectorXd& x) {
                 break;
             }
             const double rzNext = r.dot(z);
-                    converged = rzNext <= limit;
+            converged = rzNext <= limit;
             const double beta = rzNext / rz;
             p *= beta;
             if (deflation) {
@@ -933,7 +932,7 @@ void IterativeWarpSolver::Solve() {
             return;
         }
         const float measure = ConvergenceMeasure();
-            if (measure >= 0.0f && measure < kConvergenceThreshold) {
+        if (measure >= 0.0f && measure < kConvergenceThreshold) {
             break;
         }
     }

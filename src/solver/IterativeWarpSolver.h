@@ -90,13 +90,17 @@ struct IterativeSolveOptions {
 //     later iterations solve by conjugate gradients preconditioned with that
 //     factor (one substitution and one product per step; a factorisation
 //     costs as much as 40 steps at level 6). Where the matrix has moved far
-//     from the factorised one the derived class says so (DeclareChanged: the
-//     corners of a line that was moved, or turned by more than about a
-//     degree); those unknowns are deflated, that is solved exactly through
-//     the small sparse system W'AW beside the conjugate gradients, which then
-//     see only the part of the matrix the factor still knows. Without that a
-//     moved line's stiff rows, which now hold other corners, left the
-//     gradients creeping for more than 24 steps.
+//     from the factorised one the derived class says so (DeclareChanged, in
+//     PrepareSolve or, as it finds out, in AddIterationTerms: for LineSolve
+//     every line's own unknowns, and the corners of a line that an edit
+//     moved or that turned by more than about a degree); those unknowns are
+//     deflated, that is solved exactly through the small sparse system W'AW
+//     beside the conjugate gradients, which then see only the part of the
+//     matrix the factor still knows. Without that a moved line's stiff rows,
+//     which now hold other corners, left the gradients creeping for more than
+//     24 steps. Where too much has changed for W'AW to stay small, the
+//     derived class discards the preconditioner (DiscardPreconditioner) and
+//     the iteration factorises afresh.
 //   - A warm solve (Solve() again on a solved warp, or a warp constructed to
 //     continue from another one) starts from the previous solution and uses
 //     the previous factor, with the deflation above, from the first
@@ -210,9 +214,11 @@ protected:
     // iteration (keeps an unknown whose rows vanish at the current point from
     // making the system singular).
     void DeclareDamping(int32_t unknown, double weight);
-    // Declares, inside PrepareSolve, unknowns whose terms changed much since
-    // the factorised matrix (a line moved: its stiff rows now hold other
-    // corners). The iterative solves treat them exactly, by deflation.
+    // Declares unknowns whose terms changed much since the factorised matrix
+    // (a line moved: its stiff rows now hold other corners). Inside
+    // PrepareSolve, or inside AddIterationTerms for the iteration being
+    // assembled and those after it. The iterative solves treat them exactly,
+    // by deflation; declared unknowns stay declared until the Solve ends.
     void DeclareChanged(std::span<const int32_t> unknowns);
     // Adds a linearised row to the current iteration: coefficients parallel to
     // the group's unknowns (the Jacobian row), and the residual value.

@@ -320,6 +320,8 @@ void LineSolve::StartLine(LineTerm& term, bool keepAngle) {
     u[term.offset] = sum / static_cast<double>(term.samples.size());
 }
 
+// A plane's starting map: the affine fit of its samples' positions, under the
+// closed form on a fresh solve, under the current warp otherwise.
 void LineSolve::StartPlane(const PlaneTerm& term) {
     const ClosedFormWarp& closedForm = Regulariser();
     const int32_t n = MeshSize();
@@ -328,8 +330,13 @@ void LineSolve::StartPlane(const PlaneTerm& term) {
     Eigen::Vector3d bx = Eigen::Vector3d::Zero(), by = Eigen::Vector3d::Zero();
     for (size_t s = 0; s < term.vertex.size(); ++s) {
         const Eigen::Vector3d row(term.uv[s][0], term.uv[s][1], 1.0);
-        float gx = 0.0f, gy = 0.0f;
-        closedForm.GetVertexPosition(term.vertex[s] % n, term.vertex[s] / n, gx, gy);
+        const int32_t v = term.vertex[s];
+        double gx = solution[2 * v], gy = solution[2 * v + 1];
+        if (!WarmStart()) {
+            float fx = 0.0f, fy = 0.0f;
+            closedForm.GetVertexPosition(v % n, v / n, fx, fy);
+            gx = fx, gy = fy;
+        }
         normal += row * row.transpose();
         bx += row * gx;
         by += row * gy;
