@@ -60,15 +60,16 @@ struct SolverSettings {
 // warp's fixed system instead of assembling it (Continuation::Fresh): the
 // same result, without the assembly.
 //
-// Editing. The editor keeps one Solver across its edits and calls Resolve()
-// after each: the new warp goes on from the last one (Continuation::WarmStart),
-// so a small edit costs tens of milliseconds where a fresh solve costs
-// hundreds; the warp finds out itself which constraints changed. While the
-// mouse is down the editor re-solves a second Solver built at
-// min(level, kDragMeshLevel) on constraints fitted on that coarser mesh (its
-// own GeodesicLines, so that the constraints are drawn through the warp they
-// were solved with), and the full-level Solver on release; the renderer reads
-// either warp alike.
+// Editing. A caller that keeps one Solver across edits calls Resolve() after
+// each: the new warp goes on from the last one (Continuation::WarmStart), so
+// a small edit costs tens of milliseconds where a fresh solve costs
+// hundreds; the warp finds out itself which constraints changed. For a drag,
+// a second Solver at min(level, kDragMeshLevel), on constraints fitted on
+// that coarser mesh (its own GeodesicLines, so that they are drawn through
+// the warp they were solved with), re-solves while the mouse is down, and the
+// full-level one on release; the renderer reads either warp alike. (The
+// preview engine, PPreview, does not use Resolve yet: it solves every request
+// afresh, a draft on a coarser mesh first.)
 class Solver {
 public:
     static constexpr float kWideField = 2.0943952f;         // 120 degrees
