@@ -110,6 +110,15 @@ struct IterativeSolveOptions {
 //     that iteration is factorised and solved directly, and its factor
 //     preconditions the iterations after it.
 //
+// Cost (bench/solver_bench, a 3000 x 2000 fisheye, one run on 2 loaded
+// cores; ratios within the run): at level 6 a fresh solve with 20 lines
+// takes 0.7 times the solve without lines (one factorisation, two
+// iterations), a re-solve after a 5 % endpoint move 0.3 times (no
+// factorisation; about nine conjugate-gradient steps in 60 ms, of which their
+// substitutions and products take some 25 and the deflation most of the
+// rest); level 5 re-solves in about 13 ms. At level 7 the single
+// factorisation (0.8 to 0.9 s) rules every solve.
+//
 // Validity. A vertex is valid when the photo sees its unrotated direction;
 // with two-pass on it must in addition lie inside the latitude and longitude
 // ranges (inclusive). That gives a full sphere, which has no edge of its own, a
