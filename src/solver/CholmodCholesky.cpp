@@ -212,7 +212,7 @@ public:
         if (factor_.get() == nullptr) {
             return Fail(SparseStatus::InvalidInput, "no symbolic analysis");
         }
-        if (!HasAnalysedPattern(matrix)) {
+        if (!HasPattern(matrix)) {
             return Fail(SparseStatus::InvalidInput, "the pattern differs from the analysed one");
         }
         cholmod_common* c = common_->get();
@@ -253,8 +253,7 @@ public:
     }
     const std::string& Message() const override { return message_; }
 
-private:
-    bool HasAnalysedPattern(const SymmetricUpperMatrix& m) const {
+    bool HasPattern(const SymmetricUpperMatrix& m) const override {
         if (m.rows() != dimension_ || m.cols() != dimension_ || !m.isCompressed() ||
             static_cast<size_t>(m.nonZeros()) != inner_.size()) {
             return false;
@@ -263,6 +262,7 @@ private:
                std::equal(inner_.begin(), inner_.end(), m.innerIndexPtr());
     }
 
+private:
     SparseStatus Fail(SparseStatus status, const char* message) {
         message_ = message;
         return status;

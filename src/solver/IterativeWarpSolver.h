@@ -20,14 +20,31 @@ namespace Project {
 // (minimum, maximum) of an angle, radians.
 using AngleRange = std::pair<float, float>;
 
-// Time spent in the last Solve(), seconds, summed over its iterations.
+// What the last Solve() did and how long it took (seconds, summed over its
+// iterations).
 struct SolveTimings {
-    int32_t iterations = 0;       // Gauss-Newton iterations run
+    int32_t iterations = 0;      // Gauss-Newton iterations run
+    int32_t factorizations = 0;  // numeric factorisations
+    int32_t cgIterations = 0;    // conjugate-gradient steps, all iterations together
+    int32_t fallbacks = 0;       // iterative solves that stalled and were factorised afresh
     double fixedAssembly = 0.0;  // the last ResetSystem
-    double prepare = 0.0;         // PrepareSolve, pattern and symbolic analysis
-    double assembly = 0.0;    // refilling values and the right-hand side
-    double factorize = 0.0;   // numeric factorisation
-    double substitute = 0.0;  // forward and back substitution
+    double prepare = 0.0;        // PrepareSolve, pattern, ordering and symbolic analysis
+    double assembly = 0.0;       // refilling values and the right-hand side
+    double factorize = 0.0;      // numeric factorisation
+    double substitute = 0.0;     // substitutions and conjugate-gradient steps
+};
+
+// Tuning of the iterative solves (see IterativeWarpSolver).
+struct IterativeSolveOptions {
+    // Conjugate-gradient steps before an iterative solve counts as stalled.
+    int32_t maxCgIterations = 24;
+    // The iterative solve has converged when its preconditioned residual
+    // (the error in the matrix's own norm) has fallen to this fraction of
+    // where it started. Loose on purpose: the next Gauss-Newton iteration
+    // corrects what a step leaves, and it stops only when a step moves no
+    // constraint sample by more than 0.005 of a mesh cell; at 1e-4 the steps
+    // took twice the conjugate-gradient steps for the same result.
+    double cgTolerance = 1e-2;
 };
 
 // A mesh warp found by Gauss-Newton least squares: every vertex of the sphere
@@ -38,36 +55,69 @@ struct SolveTimings {
 // Unknowns. Vertices that the border fold makes identical share the unknowns
 // of their canonical vertex (OctaMap::Fold); every term writes through it. A
 // derived class may append unknowns after the 2 N^2 mesh ones
-// (SetExtraUnknownCount, before ResetSystem). Only the unknowns that some term
-// touches enter the linear system; the others keep their value (zero).
+// (SetExtraUnknownCount). Only the unknowns that some term touches enter the
+// linear system; the others keep their value.
 //
 // Fixed system. ResetSystem assembles the quadratic terms that do not change
 // between iterations (the regulariser, AddQuadTerms for every valid quad,
 // AddVertexTerms for every valid canonical vertex) as a normal matrix and
-// right-hand side: a residual row c.u - d with weight folded into c adds c c'
-// to the matrix and c d to the right-hand side.
+// right-hand side over the mesh unknowns: a residual row c.u - d with weight
+// folded into c adds c c' to the matrix and c d to the right-hand side. It is
+// immutable once built, so warps that continue from one another share it.
 //
-// Solve. PrepareSolve() lets the derived class declare the groups of unknowns
-// its iteration terms couple (DeclareRowGroup); the union of that pattern and
-// the fixed one is analysed once per Solve (nested-dissection order of the mesh
-// graph, MeshOrdering). Each iteration copies the fixed values into the
-// system through a slot map, lets AddIterationTerms add the linearised rows
-// (AddGroupRow), solves for the update with the right-hand side
-// b - A u - J' r, adds it, and stops early when 0 <= ConvergenceMeasure() <
-// 0.005. A failed factorisation clears the solved flag and ends Solve; the
-// positions must not be read then.
+// Solve, in phases:
+//   1. PrepareSolve(): the derived class declares the groups of unknowns its
+//      iteration terms couple (DeclareRowGroup).
+//   2. Pattern: the union of the fixed pattern and the groups', with slot maps
+//      from the fixed values and the groups' pairs into it. Kept when the
+//      groups are those of the previous Solve.
+//   3. Ordering: the mesh's cached nested dissection (MeshOrdering) with the
+//      extra unknowns last.
+//   4. Symbolic analysis, only when a factorisation is needed and the pattern
+//      is not the one already analysed.
+//   5. Gauss-Newton iterations: copy the fixed values in through the slot map,
+//      AddIterationTerms adds the linearised terms (AddGroupBlock,
+//      AddGroupRow), solve for the update with the right-hand side
+//      b - A u - J' r, add it, stop early when 0 <= ConvergenceMeasure() <
+//      0.005. A failed solve clears the solved flag and ends Solve; the
+//      positions must not be read then.
 //
-// Cost (bench/solver_bench, a 3000 x 2000 fisheye, 2 shared cores; real time,
-// level 6 = 16k unknowns): assembling the fixed system 26 ms; the pattern,
-// slot maps and symbolic analysis once per Solve 24 ms with 20 lines; per
-// iteration, refilling values through the slot map 1 ms (under 1 % of it),
-// factorisation 85 ms, substitution 3 ms. A whole solve with 20 lines (three
-// iterations) 320 ms; without constraints 200 ms (the matrix never changes,
-// so it is factorised once). Level 7 with 20 lines: 1.5 s. (Measured with
-// line samples a third of a mesh step apart; at the twelfth that holds
-// edges straight to their far end, the factorisation takes about 40 % more
-// at level 6: 130 -> 175 ms per iteration, 450 -> 640 ms per solve on a
-// quieter run of the same benchmark.)
+// How each update is solved:
+//   - Without iteration terms the matrix is the fixed one in every iteration:
+//     it is factorised once and every iteration is a substitution (this is
+//     the solve without constraints, unchanged).
+//   - Otherwise the first iteration of a fresh solve factorises its matrix;
+//     later iterations solve by conjugate gradients preconditioned with that
+//     factor (one substitution and one product per step; a factorisation
+//     costs as much as 40 steps at level 6). Where the matrix has moved far
+//     from the factorised one the derived class says so (DeclareChanged, in
+//     PrepareSolve or, as it finds out, in AddIterationTerms: for LineSolve
+//     every line's own unknowns, and the corners of a line that an edit
+//     moved or that turned by more than about a degree); those unknowns are
+//     deflated, that is solved exactly through the small sparse system W'AW
+//     beside the conjugate gradients, which then see only the part of the
+//     matrix the factor still knows. Without that a moved line's stiff rows,
+//     which now hold other corners, left the gradients creeping for more than
+//     24 steps. Where too much has changed for W'AW to stay small, the
+//     derived class discards the preconditioner (DiscardPreconditioner) and
+//     the iteration factorises afresh.
+//   - A warm solve (Solve() again on a solved warp, or a warp constructed to
+//     continue from another one) starts from the previous solution and uses
+//     the previous factor, with the deflation above, from the first
+//     iteration on, as long as the system has the same unknowns.
+//   - An iterative solve that does not reach the tolerance within
+//     IterativeSolveOptions::maxCgIterations steps has stalled: the matrix of
+//     that iteration is factorised and solved directly, and its factor
+//     preconditions the iterations after it.
+//
+// Cost (bench/solver_bench, a 3000 x 2000 fisheye, one run on 2 loaded
+// cores; ratios within the run): at level 6 a fresh solve with 20 lines
+// takes 0.7 times the solve without lines (one factorisation, two
+// iterations), a re-solve after a 5 % endpoint move 0.3 times (no
+// factorisation; about nine conjugate-gradient steps in 60 ms, of which their
+// substitutions and products take some 25 and the deflation most of the
+// rest); level 5 re-solves in about 13 ms. At level 7 the single
+// factorisation (0.8 to 0.9 s) rules every solve.
 //
 // Validity. A vertex is valid when the photo sees its unrotated direction;
 // with two-pass on it must in addition lie inside the latitude and longitude
@@ -76,6 +126,18 @@ struct SolveTimings {
 class IterativeWarpSolver : public SphereWarp {
 public:
     static constexpr float kConvergenceThreshold = 0.005f;
+
+    // How a warp built from a solved one goes on from it. Either way it has
+    // the previous warp's mesh, photo and settings, shares its fixed system
+    // (so nothing is assembled again) and reuses what its preparation found
+    // for constraints that did not change.
+    enum class Continuation {
+        // Solves as a freshly built warp would, to the same result.
+        Fresh,
+        // Starts from the previous solution, with the previous factorisation
+        // as the preconditioner: tens of milliseconds after a small edit.
+        WarmStart,
+    };
 
     IterativeWarpSolver(std::shared_ptr<const OctaMap> mesh,
                         std::shared_ptr<const PhotoToSphere> photo, float regulariserWeight,
@@ -89,9 +151,11 @@ public:
     bool IsQuadValid(int32_t i, int32_t j) const override;
     // The solution of the vertex's canonical unknowns, rounded to float.
     void GetVertexPosition(int32_t i, int32_t j, float& x, float& y) const override;
+    // Solves; called again on a solved warp (after its constraints changed)
+    // it continues warm from the current solution.
     void Solve() override;
     bool IsSolved() const override { return solved_; }
-    // Clears the fixed system and assembles it again.
+    // Assembles the fixed system afresh.
     void ResetSystem() override;
     int32_t MeshSize() const override { return n_; }
 
@@ -110,7 +174,9 @@ public:
     AngleRange LongitudeRange() const { return longitudeRange_; }
     const Eigen::VectorXd& Solution() const { return solution_; }
     const SolveTimings& Timings() const { return timings_; }
-    // Unknowns in the linear system of the last ResetSystem (mesh and extras).
+    void SetIterativeSolveOptions(const IterativeSolveOptions& options) { options_ = options; }
+    const IterativeSolveOptions& IterativeOptions() const { return options_; }
+    // Unknowns in the linear system of the last Solve (mesh and extras).
     int32_t SystemSize() const { return static_cast<int32_t>(systemToFull_.size()); }
     // The normal matrix of the last iteration and the fill-reducing ordering
     // it was analysed with (new to old), for diagnostics and benchmarks.
@@ -118,6 +184,10 @@ public:
     const std::vector<int>& SystemOrdering() const { return ordering_; }
 
 protected:
+    // Takes over from `previous` (see Continuation); `previous` stays solved
+    // and readable, but gives up its factorisation.
+    IterativeWarpSolver(IterativeWarpSolver& previous, Continuation how);
+
     // Hooks, in the order Solve and ResetSystem call them.
     virtual void AddQuadTerms(int32_t i, int32_t j) {
         (void)i;
@@ -131,6 +201,9 @@ protected:
     virtual void AddIterationTerms(int32_t iteration) { (void)iteration; }
     // Negative: no measure, every iteration runs.
     virtual float ConvergenceMeasure() const { return -1.0f; }
+    // Called after each numeric factorisation, of the matrix of the current
+    // iteration (the derived class may note what it was linearised at).
+    virtual void Factorized() {}
 
     // --- For the fixed terms (inside AddQuadTerms / AddVertexTerms).
     // Adds the normal-equation contribution of one residual row over mesh
@@ -143,41 +216,66 @@ protected:
 
     // --- For the iteration terms.
     // Declares, inside PrepareSolve, a group of distinct full unknown indices
-    // whose rows AddGroupRow will add; returns its handle. Unknowns outside
-    // the system make the group unusable (-1 is returned).
+    // whose terms AddGroupBlock / AddGroupRow will add; returns its handle.
+    // Unknowns outside the system make the group unusable (-1 is returned).
     int32_t DeclareRowGroup(std::span<const int32_t> unknowns);
     // Declares a damping weight added to the diagonal of one unknown in every
-    // iteration (keeps an unknown whose rows vanish at the current point, such
-    // as a line's angle at the zero warp, from making the system singular).
+    // iteration (keeps an unknown whose rows vanish at the current point from
+    // making the system singular).
     void DeclareDamping(int32_t unknown, double weight);
+    // Declares unknowns whose terms changed much since the factorised matrix
+    // (a line moved: its stiff rows now hold other corners). Inside
+    // PrepareSolve, or inside AddIterationTerms for the iteration being
+    // assembled and those after it. The iterative solves treat them exactly,
+    // by deflation; declared unknowns stay declared until the Solve ends.
+    void DeclareChanged(std::span<const int32_t> unknowns);
     // Adds a linearised row to the current iteration: coefficients parallel to
     // the group's unknowns (the Jacobian row), and the residual value.
     void AddGroupRow(int32_t group, std::span<const double> coefficients, double residual);
+    // Adds the sum of many rows over one group at once: `normal` is J'J over
+    // the group's unknowns (m x m, column-major; only the upper triangle is
+    // read) and `gradient` J'r.
+    void AddGroupBlock(int32_t group, std::span<const double> normal, std::span<const double> gradient);
 
     void SetExtraUnknownCount(int32_t count);
     int32_t MeshUnknownCount() const { return 2 * n_ * n_; }
     int32_t CanonicalIndex(int32_t i, int32_t j) const { return mesh_->CanonicalIndex(i, j); }
-    // Whether a full unknown takes part in the linear system.
-    bool InSystem(int32_t unknown) const { return fullToSystem_[static_cast<size_t>(unknown)] >= 0; }
+    // Whether a mesh unknown takes part in the linear system.
+    bool InSystem(int32_t unknown) const;
     Eigen::VectorXd& MutableSolution() { return solution_; }
     // The update added by the last iteration (full layout).
     const Eigen::VectorXd& LastUpdate() const { return lastUpdate_; }
+    // The current Solve started from a previous solution (a warm start).
+    bool WarmStart() const { return warmStart_; }
+    // A factorisation of an earlier matrix over the same unknowns is at hand:
+    // unless discarded, this iteration is solved iteratively with it.
+    bool HasPreconditioner() const { return factorUsable_ && factorUnknowns_ == systemToFull_; }
+    // Drops that factorisation as a preconditioner: the derived class knows
+    // the matrix has moved too far from it (or its extra unknowns mean other
+    // things than before), and the iteration factorises afresh.
+    void DiscardPreconditioner() { factorUsable_ = false; }
 
 private:
-    struct Block {
-        int32_t column;               // canonical vertex index
-        std::array<double, 4> value;  // [2 * ca + cb]
-    };
+    struct FixedSystem;
+    struct Deflation;
     struct RowGroup {
         std::vector<int32_t> system;  // system indices of the group's unknowns
-        std::vector<int32_t> slots;   // value slot of each pair (a <= b), row-major upper
+        std::vector<int32_t> slots;   // value slot of pair (a, b), a <= b local, row-major upper
     };
 
     void AddRegulariserTerms();
     bool IsVertexInRanges(int32_t i, int32_t j) const;
     void BuildFixedMatrix();
-    bool AnalyseSystem();
+    void BuildPattern();
+    void BuildOrdering();
+    bool EnsureAnalysed();
+    bool FactorizeSystem(bool constantMatrix);
+    void AssembleIteration(int32_t iteration);
+    bool SolveUpdate(int32_t iteration, bool constantMatrix, Eigen::VectorXd& update);
+    bool ConjugateGradients(Eigen::VectorXd& update);
+    std::unique_ptr<Deflation> BuildDeflation() const;
     bool RunIteration(int32_t iteration);
+    void ResetPerSolve();
 
     // Settings.
     float regulariserWeight_;
@@ -195,36 +293,48 @@ private:
     bool twoPass_;
     AngleRange latitudeRange_;
     AngleRange longitudeRange_;
-    std::vector<uint8_t> valid_;  // per vertex, cached at construction
+    std::shared_ptr<const std::vector<uint8_t>> valid_;  // per vertex, cached at construction
+    IterativeSolveOptions options_;
 
-    // Fixed terms, accumulated per canonical vertex as 2 x 2 blocks against
-    // the vertices of higher or equal index.
-    std::vector<std::vector<Block>> vertexBlocks_;
-    Eigen::VectorXd fixedRhsFull_;
+    // The fixed terms (shared by warps that continue from one another) and,
+    // while ResetSystem runs, their accumulation.
+    std::shared_ptr<const FixedSystem> fixed_;
+    std::unique_ptr<FixedSystem> building_;
     void AddBlock(int32_t a, int32_t b, int32_t ca, int32_t cb, double value);
-    void ResetExtrasInSystem();
-    int32_t meshSystemSize_ = 0;  // 2 x the system vertices
+    int32_t meshSystemSize_ = 0;
 
-    // The linear system: unknowns that some term touches.
+    // The linear system of the current Solve: unknowns that some term touches.
     std::vector<int32_t> fullToSystem_;
     std::vector<int32_t> systemToFull_;
-    SymmetricUpperMatrix fixed_;
-    Eigen::VectorXd fixedRhs_;
-
-    // Per Solve.
     std::vector<RowGroup> groups_;
     std::vector<std::pair<int32_t, double>> damping_;  // system index, weight
+    std::vector<int32_t> changed_;                     // full indices (DeclareChanged)
+    std::unique_ptr<Deflation> deflation_;             // built from changed_
     std::vector<int32_t> dampingSlots_;
+    // The groups (with their slots), damped unknowns and fixed system that
+    // system_'s pattern was built for.
+    std::vector<RowGroup> patternGroups_;
+    std::vector<int32_t> patternDamping_;
+    std::shared_ptr<const FixedSystem> patternFixed_;
     SymmetricUpperMatrix system_;
-    std::vector<int32_t> fixedSlots_;  // fixed_ value k -> system_ value slot
+    std::vector<int32_t> fixedSlots_;  // fixed value k -> system_ value slot
     Eigen::VectorXd rhs_;
-    std::unique_ptr<SparseCholesky> cholesky_;
     std::vector<int> ordering_;
+
+    // The factorisation: its symbolic analysis follows the pattern; its values
+    // may be those of an earlier matrix (then it serves as a preconditioner).
+    std::unique_ptr<SparseCholesky> cholesky_;
+    bool analysed_ = false;             // cholesky_ holds an analysis...
+    std::vector<int> analysedOrdering_; // ... made with this ordering
+    bool factorUsable_ = false;             // a numeric factor of a matrix over...
+    std::vector<int32_t> factorUnknowns_;   // ... these full unknowns (system order)
+    std::shared_ptr<const FixedSystem> factorFixed_;  // set when it is of this fixed matrix alone
 
     Eigen::VectorXd solution_;
     Eigen::VectorXd lastUpdate_;
     bool solved_ = true;
-    bool assembled_ = false;
+    bool solvedOnce_ = false;  // solution_ holds a finished solve
+    bool warmStart_ = false;
     SolveTimings timings_;
 };
 

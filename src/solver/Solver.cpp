@@ -14,8 +14,19 @@ Solver::Solver(std::shared_ptr<const OctaMap> mesh, std::shared_ptr<const PhotoT
     }
 }
 
-std::shared_ptr<LineSolve> Solver::BuildOnce() {
+bool Solver::Continues(const LineSolve& previous) const {
+    return previous.MeshRef() == mesh_ && previous.PhotoRef() == photo_ &&
+           previous.LinesRef() == lines_ && previous.RegulariserCode() == regulariserCode_ &&
+           previous.TwoPass() == twoPass_ &&
+           (!twoPass_ || (previous.LatitudeRange() == latitudeRange_ &&
+                          previous.LongitudeRange() == longitudeRange_));
+}
+
+std::shared_ptr<LineSolve> Solver::BuildOnce(const std::shared_ptr<LineSolve>& previous) {
     ++passes_;
+    if (previous && Continues(*previous)) {
+        return std::make_shared<LineSolve>(*previous, IterativeWarpSolver::Continuation::Fresh);
+    }
     return std::make_shared<LineSolve>(
         mesh_, photo_, lines_, settings_.regulariserWeight, settings_.iterationCount,
         settings_.pinCentre, regulariserCode_, settings_.modeValue, settings_.boundaryOnly, twoPass_,
@@ -88,7 +99,7 @@ std::shared_ptr<LineSolve> Solver::Build() {
     passes_ = 0;
     bool rebuilt = false;
     for (;;) {
-        warp_ = BuildOnce();
+        warp_ = BuildOnce(warp_);
         const FieldCheck check = CheckField(*warp_);
         if (check.wide && !fellBack_ && RequestFallback()) {
             fellBack_ = true;
@@ -107,13 +118,28 @@ std::shared_ptr<LineSolve> Solver::Build() {
     return warp_;
 }
 
-bool Solver::Run() {
-    Build();
-    warp_->Solve();
+bool Solver::HandOver() {
     if (lines_) {
         lines_->SetWarp(warp_);
     }
     return warp_->IsSolved();
+}
+
+bool Solver::Run() {
+    Build();
+    warp_->Solve();
+    return HandOver();
+}
+
+bool Solver::Resolve() {
+    // Only the constraints change between edits: the new warp keeps the
+    // last one's regulariser, two-pass flag and ranges.
+    if (!warp_ || !warp_->IsSolved() || warp_->LinesRef() != lines_) {
+        return Run();
+    }
+    warp_ = std::make_shared<LineSolve>(*warp_, IterativeWarpSolver::Continuation::WarmStart);
+    warp_->Solve();
+    return HandOver();
 }
 
 }  // namespace Project

@@ -55,7 +55,21 @@ struct SolverSettings {
 //     if nothing else did.
 // With two-pass on, the warp treats vertices outside the ranges as invalid.
 // Run(): Build(), Solve(), then hands the warp to the constraints' GeodesicLines
-// (which maps samples through it only when it is solved).
+// (which maps samples through it only when it is solved). A warp built again
+// with the regulariser, two-pass flag and ranges of the last one shares that
+// warp's fixed system instead of assembling it (Continuation::Fresh): the
+// same result, without the assembly.
+//
+// Editing. A caller that keeps one Solver across edits calls Resolve() after
+// each: the new warp goes on from the last one (Continuation::WarmStart), so
+// a small edit costs tens of milliseconds where a fresh solve costs
+// hundreds; the warp finds out itself which constraints changed. For a drag,
+// a second Solver at min(level, kDragMeshLevel), on constraints fitted on
+// that coarser mesh (its own GeodesicLines, so that they are drawn through
+// the warp they were solved with), re-solves while the mouse is down, and the
+// full-level one on release; the renderer reads either warp alike. (The
+// preview engine, PPreview, does not use Resolve yet: it solves every request
+// afresh, a draft on a coarser mesh first.)
 class Solver {
 public:
     static constexpr float kWideField = 2.0943952f;         // 120 degrees
@@ -63,6 +77,8 @@ public:
     static constexpr float kFullTurnField = 6.1435595f;     // 352 degrees
     static constexpr float kFixedLatitude = 1.2915437f;     // 74 degrees
     static constexpr float kFixedLongitude = 3.0717797f;    // 176 degrees
+    // The mesh level of the re-solves while a constraint is dragged.
+    static constexpr int32_t kDragMeshLevel = 5;
 
     Solver(std::shared_ptr<const OctaMap> mesh, std::shared_ptr<const PhotoToSphere> photo,
            std::shared_ptr<GeodesicLines> lines, const SolverSettings& settings);
@@ -72,6 +88,9 @@ public:
     // Build, solve, hand over. True when the solve succeeded; on failure the
     // editor shows "$$$/Curvana/Warning/SolveFailed=Solve failed".
     bool Run();
+    // Solve again after the constraints changed, going on from the last warp
+    // when there is a solved one; otherwise Run(). True when it succeeded.
+    bool Resolve();
 
     const std::shared_ptr<LineSolve>& Warp() const { return warp_; }
     const SolverSettings& Settings() const { return settings_; }
@@ -92,7 +111,9 @@ private:
         bool wide = false;
         bool twoPass = false;
     };
-    std::shared_ptr<LineSolve> BuildOnce();
+    std::shared_ptr<LineSolve> BuildOnce(const std::shared_ptr<LineSolve>& previous);
+    bool Continues(const LineSolve& previous) const;
+    bool HandOver();
     FieldCheck CheckField(const LineSolve& warp);
     bool RequestFallback();
 

@@ -71,6 +71,8 @@ public:
 
     // Dimension of the analysed pattern, 0 before the first Analyze().
     virtual int Dimension() const = 0;
+    // Whether `matrix` has exactly the analysed pattern (Factorize accepts it).
+    virtual bool HasPattern(const SymmetricUpperMatrix& matrix) const = 0;
     // Non-zeros of the factor L (after Analyze: its symbolic count).
     virtual long FactorNonZeros() const = 0;
     // Why the last call failed; empty after a success.
