@@ -11,8 +11,10 @@
 #include <QLineEdit>
 #include <QMenu>
 #include <QMouseEvent>
+#include <QPushButton>
 #include <QToolButton>
 #include <QtTest/QTest>
+#include <array>
 #include <cmath>
 #include <fstream>
 #include <iterator>
@@ -536,6 +538,160 @@ TEST_F(Tools, ALineDrawnOnTheCorrectedPreviewIsSolvedAndUndone) {
         ASSERT_TRUE(WaitForPreview(dialog));
         EXPECT_LT(MeanDifference(before, GrabPreview(dialog)), 0.5);
     });
+}
+
+
+// ------------------------------------------------------------------ end to end
+
+// A straight strip of the output: per-row (or per-column) centres of its
+// pixels fitted by a line; the largest distance from the line and the
+// line's angle from the axis it should follow.
+struct StripFit {
+    int samples = 0;
+    double maxResidual = 0;
+    double degreesFromAxis = 0;
+};
+
+StripFit FitStrip(const std::vector<std::pair<double, double>>& along) {
+    // x = a t + b over the samples (t along the strip, x across).
+    StripFit fit;
+    fit.samples = static_cast<int>(along.size());
+    if (along.size() < 2)
+        return fit;
+    double st = 0, sx = 0, stt = 0, stx = 0;
+    for (const auto& [t, x] : along) {
+        st += t, sx += x, stt += t * t, stx += t * x;
+    }
+    const double n = static_cast<double>(along.size());
+    const double a = (n * stx - st * sx) / (n * stt - st * st);
+    const double b = (sx - a * st) / n;
+    for (const auto& [t, x] : along)
+        fit.maxResidual = std::max(fit.maxResidual, std::abs(x - (a * t + b)));
+    fit.degreesFromAxis = std::atan(std::abs(a)) * 180.0 / M_PI;
+    return fit;
+}
+
+// Drawn through the tools on the demo photograph, the room's upright and
+// level edges come out of `curvana edit` straight and upright (measured on
+// the written picture: the coloured strips along the room's corners, floor
+// and ceiling).
+TEST_F(Tools, EdgesDrawnWithTheToolsComeOutStraightAndUpright) {
+    SampleGen::SceneOptions scene;  // the demo photograph's
+    const double reach = SampleGen::focalPixels(scene) * std::sqrt(2.0) - 40;
+    struct Edge {
+        SampleGen::Point a, b;
+    };
+    std::vector<Edge> edges;
+    for (const SampleGen::SceneEdge& e : SampleGen::roomEdges(scene)) {
+        const auto same = [](double u, double v) { return std::abs(u - v) < 1e-9; };
+        const bool upright = same(e.a[0], e.b[0]) && same(e.a[2], e.b[2]);
+        const bool level = same(e.a[1], e.b[1]) && same(e.a[2], e.b[2]);
+        if (!upright && !level)
+            continue;
+        // The part of the edge the Fisheye model shows.
+        std::vector<SampleGen::Point> seen;
+        for (const SampleGen::Point& p : e.points)
+            if (std::hypot(p.x - 1500, p.y - 1000) < reach)
+                seen.push_back(p);
+        if (seen.size() >= 16)
+            edges.push_back({seen.front(), seen.back()});
+    }
+    ASSERT_GE(edges.size(), 8u);
+
+    const fs::path output = dir / "out.png";
+    const int code = RunCurvana(
+        {"edit", kPhoto.string(), "-o", output.string(), "--module", kModule.string(), "-q"},
+        [&](QWidget& dialog) {
+            dialog.resize(1280, 820);
+            ASSERT_TRUE(WaitForPreview(dialog));
+            pane = ViewAs<Velmo::CImagePane>(dialog, "Project/Dialog/PreviewPane");
+            PreviewOff(dialog);
+            // The hand key makes every press start a line, also on the end
+            // of one drawn before (edges meet at the room's corners); Shift
+            // at the release marks it Horizontal or Vertical.
+            QTest::keyPress(pane, Qt::Key_Space);
+            for (const Edge& e : edges) {
+                const QPointF from = ToPane(e.a.x, e.a.y), to = ToPane(e.b.x, e.b.y);
+                Press(*pane, from);
+                Move(*pane, (from + to) / 2);
+                Move(*pane, to, Qt::ShiftModifier);
+                Release(*pane, to, Qt::ShiftModifier);
+            }
+            QTest::keyRelease(pane, Qt::Key_Space);
+            ASSERT_EQ(Drawn(), static_cast<int>(edges.size()));
+            QTest::mouseClick(ViewAs<QPushButton>(dialog, "Project/Dialog/OKButton"), Qt::LeftButton);
+        });
+    ASSERT_EQ(code, kExitOk);
+    const Raster picture = readWhole(output);
+    const int32_t w = picture.info.width, h = picture.info.height;
+    ASSERT_EQ(w, 3000);
+    const size_t px = picture.pixelBytes();
+    ASSERT_GE(px, 3u);
+    const auto rgb = [&](int32_t x, int32_t y) {
+        const uint8_t* p = picture.row(y) + px * static_cast<size_t>(x);
+        return std::array<int, 3>{p[0], p[1], p[2]};
+    };
+    const auto red = [&](int32_t x, int32_t y) {
+        const auto c = rgb(x, y);
+        return c[0] > 130 && c[1] < 80 && c[2] < 80;
+    };
+    const auto blue = [&](int32_t x, int32_t y) {
+        const auto c = rgb(x, y);
+        return c[2] > 130 && c[0] < 80 && c[1] < 110;
+    };
+    const auto yellow = [&](int32_t x, int32_t y) {
+        const auto c = rgb(x, y);
+        return c[0] > 150 && c[1] > 110 && c[2] < 70;
+    };
+
+    // The room's upright corners: the red strips, column by column runs
+    // found row by row (the two front corners, left and right half).
+    std::vector<double> cornerX;
+    for (const bool right : {false, true}) {
+        SCOPED_TRACE(right ? "right corner" : "left corner");
+        std::vector<std::pair<double, double>> centres;
+        for (int32_t y = 0; y < h; ++y) {
+            double sum = 0;
+            int n = 0;
+            for (int32_t x = right ? w / 2 : 0; x < (right ? w : w / 2); ++x)
+                if (red(x, y))
+                    sum += x, ++n;
+            if (n >= 3)
+                centres.emplace_back(y, sum / n);
+        }
+        ASSERT_GT(centres.size(), 300u);
+        // The ends meet floor and ceiling: left out.
+        const size_t trim = centres.size() / 20;
+        const std::vector<std::pair<double, double>> middle(centres.begin() + static_cast<ptrdiff_t>(trim),
+                                                            centres.end() - static_cast<ptrdiff_t>(trim));
+        const StripFit fit = FitStrip(middle);
+        EXPECT_LE(fit.maxResidual, 1.5);
+        EXPECT_LE(fit.degreesFromAxis, 0.2);
+        double mean = 0;
+        for (const auto& c : middle)
+            mean += c.second;
+        cornerX.push_back(mean / static_cast<double>(middle.size()));
+    }
+    ASSERT_LT(cornerX[0] + 200, cornerX[1]);
+
+    // The front wall's floor and ceiling edges, between the two corners.
+    for (const bool floor : {true, false}) {
+        SCOPED_TRACE(floor ? "floor edge" : "ceiling edge");
+        std::vector<std::pair<double, double>> centres;
+        for (auto x = static_cast<int32_t>(cornerX[0]) + 40; x < static_cast<int32_t>(cornerX[1]) - 40; ++x) {
+            double sum = 0;
+            int n = 0;
+            for (int32_t y = floor ? h / 2 : 0; y < (floor ? h : h / 2); ++y)
+                if (floor ? blue(x, y) : yellow(x, y))
+                    sum += y, ++n;
+            if (n >= 3)
+                centres.emplace_back(x, sum / n);
+        }
+        ASSERT_GT(centres.size(), 300u);
+        const StripFit fit = FitStrip(centres);
+        EXPECT_LE(fit.maxResidual, 1.5);
+        EXPECT_LE(fit.degreesFromAxis, 0.2);
+    }
 }
 
 }  // namespace
