@@ -74,7 +74,7 @@ struct Sample {
         focal = context.settings.focalLength;
         PSettings settings(width);
         solver = solverSettingsFrom(settings);
-        solver.projectionModel = 1;
+        solver.projectionModel = ProjectionModel::Fisheye;
         locator = std::make_shared<const MeshLocator>(
             std::make_shared<const OctaMap>(solver.meshLevel, solver.meshLayoutFlag));
     }

@@ -337,13 +337,12 @@ public:
 protected:
     void Start(const CMouseEvent&) override {
         tool_.Constraints().Select(line_.GetId());
-        fixed_ = line_.GetOrientation() != Orientation::Unfixed;
         tool_.Host().RepaintPanes();
     }
     void Track(const CMouseEvent& event) override { Step(event.position); }
     void Finish(const CMouseEvent& release) override {
         Step(release.position);
-        tool_.EndAdjust(moved_, fixed_);
+        tool_.EndAdjust(moved_);
     }
 
 private:
@@ -381,7 +380,6 @@ private:
     PManageConstraintTool& tool_;
     LineConstraint& line_;
     bool first_;
-    bool fixed_ = false;
     bool moved_ = false;
 };
 
@@ -655,11 +653,10 @@ void PManageConstraintTool::CommitLine(Orientation orientation) {
     Host().RepaintPanes();
 }
 
-void PManageConstraintTool::EndAdjust(bool moved, bool) {
+void PManageConstraintTool::EndAdjust(bool moved) {
     if (edit_ && backup_ && moved) {
         Host().Tasks().Push(
             std::make_unique<PAdjustConstraintTask>(Host().Workspace(), *edit_, *backup_));
-        // Whatever its orientation, a line that moved changes the solve.
         Host().Workspace().RequestResolve();
     }
     backup_.reset();

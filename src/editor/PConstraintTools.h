@@ -182,7 +182,10 @@ private:
     void Continue();
     // Adds the line in progress (add tracker's release).
     void CommitLine(Orientation orientation);
-    void EndAdjust(bool moved, bool wasFixed);
+    // Ends an endpoint drag: one undoable step when the end moved, and a
+    // re-solve whatever the line's orientation (an unfixed line is held
+    // straight by the solve too).
+    void EndAdjust(bool moved);
     void Calibrate();
     // Ends a rotation: kept as one undoable step, or back to the angle the
     // drag found.

@@ -828,6 +828,10 @@ void PDialog::Alert(std::string_view message) {
 }
 
 void PDialog::ConstraintRemoving(int32_t id) {
+    // A drag holds the constraint it works on (an undo by its shortcut can
+    // come in the middle of one): it is abandoned first.
+    if (built_ && ui_->pane->Tracker())
+        ui_->pane->CancelTracking();
     if (set_->Highlight() == id)
         set_->SetHighlight(-1);
     if (manageTool_)

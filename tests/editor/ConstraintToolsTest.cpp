@@ -345,9 +345,11 @@ TEST_F(Tools, RotationSnapsToFifteenDegreesAndWrapsPast180) {
             EXPECT_FALSE(std::signbit(angle)) << k << ": 0 and 180, never -0 or -180";
         }
         EXPECT_NEAR(Project::AsLine(*saved->At(std::size(cases) - 1))->Angle(), -165.0, 0.06);
-        // Undo goes back before the last turn.
+        // Undo goes back before the last turn, redo turns it again.
         Undo(dialog);
         EXPECT_EQ(Project::AsLine(*Saved(dialog)->At(std::size(cases) - 1))->Angle(), 165.0f);
+        Redo(dialog);
+        EXPECT_NEAR(Project::AsLine(*Saved(dialog)->At(std::size(cases) - 1))->Angle(), -165.0, 0.06);
     });
 }
 
@@ -455,6 +457,8 @@ TEST_F(Tools, ShiftClickTogglesALinesOrientation) {
         EXPECT_EQ(orientation(), Orientation::Unfixed);
         Undo(dialog);
         EXPECT_EQ(orientation(), Orientation::Vertical);
+        Redo(dialog);
+        EXPECT_EQ(orientation(), Orientation::Unfixed);
     });
 }
 
