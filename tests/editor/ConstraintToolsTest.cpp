@@ -400,6 +400,29 @@ TEST_F(Tools, PolygonPointsCloseAndIgnoreRulesAndAltClickHandsOver) {
         EXPECT_EQ(Drawn(), 1);
         Redo(dialog);
         EXPECT_EQ(Drawn(), 0);
+
+        // With Shift, the edge that ends at a new point (and the closing
+        // edge) is marked Horizontal or Vertical by its angle.
+        const struct {
+            QPointF at;
+            Qt::KeyboardModifiers modifiers;
+        } corners[] = {{a, {}},
+                       {a + QPointF(100, 10), Qt::ShiftModifier},
+                       {a + QPointF(110, 120), Qt::ShiftModifier},
+                       {a + QPointF(0, 100), {}},
+                       {a + QPointF(1, 1), Qt::ShiftModifier}};
+        for (const auto& corner : corners)
+            Click(*pane, corner.at, corner.modifiers);
+        const auto marked = Saved(dialog);
+        ASSERT_EQ(marked->Size(), 1u);
+        const PlaneConstraint* edges = Project::AsPlane(*marked->At(0));
+        ASSERT_NE(edges, nullptr);
+        ASSERT_EQ(edges->VertexCount(), 4);
+        // Edge k ends at corner k; edge 0 closes the polygon.
+        EXPECT_EQ(edges->GetEdgeCode(0), static_cast<int32_t>(Orientation::Vertical));
+        EXPECT_EQ(edges->GetEdgeCode(1), static_cast<int32_t>(Orientation::Horizontal));
+        EXPECT_EQ(edges->GetEdgeCode(2), static_cast<int32_t>(Orientation::Vertical));
+        EXPECT_EQ(edges->GetEdgeCode(3), static_cast<int32_t>(Orientation::Unfixed));
     });
 }
 
