@@ -447,8 +447,9 @@ TEST_F(Tools, EndpointDragsMoveInStepsAndUndoAsOne) {
         EXPECT_EQ(UndoLabel(dialog), "Undo Adjust Constraint");
         const QPointF moved = pane->PaneToImage(b + QPointF(40, 30));
         const auto second = [&]() {
-            const LineConstraint* line = Project::AsLine(*Saved(dialog)->At(0));
-            return QPointF(line->Second().x, line->Second().y);
+            const auto saved = Saved(dialog);
+            const PointF end = Project::AsLine(*saved->At(0))->Second();
+            return QPointF(end.x, end.y);
         };
         EXPECT_LT(QLineF(second(), moved).length(), 0.01);
         Undo(dialog);
