@@ -3,7 +3,8 @@
 # application object).
 if(TARGET curvana_editordriver AND TARGET curvana_editor_object)
   add_executable(editor_bench ${CMAKE_CURRENT_LIST_DIR}/editor_bench.cpp)
-  target_link_libraries(editor_bench PRIVATE curvana_editordriver Curvana::framework benchmark::benchmark
+  target_link_libraries(editor_bench PRIVATE curvana_editordriver Curvana::framework Curvana::session
+                        curvana_samplegen benchmark::benchmark
                         Curvana::build_options)
   target_compile_definitions(editor_bench PRIVATE
     CURVANA_MODULE="$<TARGET_FILE:curvana_module>"

@@ -4,6 +4,7 @@
 #include <QPolygonF>
 
 #include "constraints/ConstraintSet.h"
+#include "editor/PConstraintTools.h"
 
 namespace Project {
 
@@ -76,9 +77,11 @@ void PConstraintDrawing::PaintLine(const LineConstraint& line) {
     QPolygonF path;
     if (display_) {
         // No display copy yet (no warp has been solved since it was added).
-        if (!line.HasValidEntry() && line.DisplayFirst() == line.DisplaySecond())
+        if (line.DisplaySamples().size() < 2 && line.DisplayFirst() == line.DisplaySecond())
             return;
-        if (line.HasValidEntry() && line.DisplaySamples().size() > 1) {
+        // Samples also come from a fit made before the solve (an edit just
+        // made): they are the arc through the warp shown.
+        if (line.DisplaySamples().size() > 1) {
             for (const PointF p : line.DisplaySamples())
                 path << toWidget_(p);
         } else {
@@ -87,13 +90,32 @@ void PConstraintDrawing::PaintLine(const LineConstraint& line) {
     } else {
         path << toWidget_(line.First()) << toWidget_(line.Second());
     }
-    const bool valid = !display_ || line.HasValidEntry();
+    const bool valid = !display_ || line.HasValidEntry() || line.DisplaySamples().size() > 1;
     const QColor color = DisplayColor(
         colors_, valid ? ColorForCode(line.OrientationCode()) : PDisplayColor::Invalid);
     const bool heavy = set_.IsSelected(line.GetId()) || set_.Highlight() == line.GetId();
     Stroke(path, color, heavy, false);
     Handle(path.front(), color);
     Handle(path.back(), color);
+    if (line.ShowsMiddleHandle()) {
+        // The middle handle (focal calibration): round, to tell it from the ends.
+        const QPointF middle = toWidget_(line.MiddleHandle(display_));
+        painter_.setPen(QPen(QColor(0, 0, 0, 170), 1.0));
+        painter_.setBrush(color);
+        painter_.drawEllipse(middle, kHandleHalf, kHandleHalf);
+        painter_.setBrush(Qt::NoBrush);
+    }
+    if (const auto rotation = RotationHandleOf(line, display_, toWidget_)) {
+        // The rotation handle on its stalk from the middle of the line.
+        painter_.setPen(QPen(QColor(0, 0, 0, 150), 3.0));
+        painter_.drawLine(rotation->pivot, rotation->handle);
+        painter_.setPen(QPen(color, 1.2));
+        painter_.drawLine(rotation->pivot, rotation->handle);
+        painter_.setPen(QPen(QColor(0, 0, 0, 170), 1.0));
+        painter_.setBrush(QColor(250, 250, 250));
+        painter_.drawEllipse(rotation->handle, kHandleHalf, kHandleHalf);
+        painter_.setBrush(Qt::NoBrush);
+    }
     ++drawn_;
 }
 

@@ -68,8 +68,8 @@ constexpr std::string_view kEscSave = "$$$/Curvana/Warning/EscAlertSave=Save";
 constexpr std::string_view kEscDontSave = "$$$/Curvana/Warning/EscAlertDontSave=Don't Save";
 constexpr std::string_view kEscCancel = "$$$/Curvana/Warning/EscAlertCancel=Cancel";
 
-constexpr std::string_view kManageConstraintTool = "Project/Tool/ManageConstraint";
-constexpr std::string_view kPlaneTool = "Project/Tool/PlaneTool";
+// The calibrated focal length's settings step.
+constexpr std::string_view kFocalInPixel = "Project/Dialog/FocalLengthInPixel";
 
 QString QStr(std::string_view text) {
     return QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size()));
@@ -214,13 +214,15 @@ PDialog::PDialog(PFilter& filter, DialogPlacement& placement)
 }
 
 PDialog::~PDialog() {
+    // The tool set deactivates its tool as it goes, after the controls: the
+    // tools' calls find the dialog no longer built.
+    built_ = false;
     // The preview's threads call back into this dialog: stop them first.
     preview_.reset();
     if (qApp)
         qApp->removeEventFilter(this);
     // Tasks refer to the workspace (this dialog).
     stack_.Clear();
-    built_ = false;
 }
 
 PSettings& PDialog::Settings() {
@@ -232,36 +234,19 @@ const ConstraintFileContext& PDialog::FileContext() const {
 }
 
 void PDialog::RegisterTools() {
-    // The constraint tools' slots: their names, ids, tips and help. What they
-    // do comes with the constraint tools; until then they only hold their
-    // place in the tool column (their buttons are disabled).
-    tools_.Add(std::make_unique<PToolSlot>(
-        "ManageConstraintTool", std::string(kManageConstraintTool),
-        "$$$/Curvana/Tool/ManageConstraint=Constraint Tool (C)",
-        "$$$/Curvana/ManageConstraintTooltip/MessageWin=Add or edit a constraint by clicking on "
-        "the image or by dragging an endpoint. Shift-click to add a horizontal/vertical "
-        "constraint. Alt-click to delete."));
-    tools_.Add(std::make_unique<PToolSlot>(
-        "PlaneTool", std::string(kPlaneTool),
-        "$$$/Curvana/Tool/PlaneTool=Polygon Constraint Tool (Y)",
-        "$$$/Curvana/PlaneTooltip/MessageWin=Add or edit a polygon constraint by clicking on the "
-        "image or by dragging an endpoint. Click on the initial starting point to end. Alt-click "
-        "to delete."));
+    // The Constraint tool comes first and is current when the dialog opens.
+    auto manage = std::make_unique<PManageConstraintTool>(static_cast<PToolHost&>(*this));
+    manageTool_ = manage.get();
+    tools_.Add(std::move(manage));
+    auto plane = std::make_unique<PPlaneTool>(static_cast<PToolHost&>(*this));
+    planeTool_ = plane.get();
+    tools_.Add(std::move(plane));
     tools_.Add(std::make_unique<PMoveImageTool>(static_cast<PContentMover&>(*this),
                                                 std::string(kHandTool)));
     tools_.Add(std::make_unique<PHandTool>());
     tools_.Add(std::make_unique<PZoomTool>());
-    tools_.Select(kHandTool);
-    // A slot's letter must not leave the user with a tool that does nothing:
-    // the set goes back to the tool before.
-    tools_.AddListener([this](Velmo::CTool* current) {
-        if (!current)
-            return;
-        if (dynamic_cast<PToolSlot*>(current))
-            tools_.Select(lastTool_);
-        else
-            lastTool_ = current->ViewIdPath();
-    });
+    // No button: reached by holding Shift over a constraint.
+    tools_.Add(std::make_unique<PConstraintTypeTool>(static_cast<PToolHost&>(*this)));
 }
 
 bool PDialog::Build(const std::string& layoutResource, std::string& error) {
@@ -285,10 +270,6 @@ bool PDialog::Build(const std::string& layoutResource, std::string& error) {
     }
     if (!FindControls(error))
         return false;
-    // The constraint tools' buttons wait for their tools.
-    for (const std::string_view id : {kManageConstraintTool, kPlaneTool})
-        if (QWidget* button = Velmo::FindView(*this, id))
-            button->setEnabled(false);
     ui_->pane->SetToolSet(&tools_);
 
     // The view check boxes as the user left them (stored bytes).
@@ -825,12 +806,28 @@ void PDialog::Alert(std::string_view message) {
 }
 
 void PDialog::ConstraintRemoving(int32_t id) {
+    // A drag holds the constraint it works on (an undo by its shortcut can
+    // come in the middle of one): it is abandoned first.
+    if (built_ && ui_->pane->Tracker())
+        ui_->pane->CancelTracking();
     if (set_->Highlight() == id)
         set_->SetHighlight(-1);
+    if (manageTool_)
+        manageTool_->Forget(id);
+    if (planeTool_)
+        planeTool_->Forget(id);
 }
 
 void PDialog::Resolve() {
+    if (!built_)
+        return;
+    // Drawn at once through the warp shown; the new warp follows.
+    if (displayReady_ && displayWarp_ && displayWarp_->lines)
+        for (const auto& c : set_->Constraints())
+            c->UpdateDisplay(*displayWarp_->lines, displaySpace_);
+    sceneDirty_ = true;
     RequestPreview(true);
+    RepaintPanes();
 }
 
 // ------------------------------------------------------------------ Cancel, Reset, Default
@@ -1093,30 +1090,118 @@ void PDialog::PaneResized() {
 void PDialog::PointerMoved(std::optional<QPointF> at) {
     if (!at || !built_)
         return;
-    const PSettings& s = Settings();
-    if (ui_->pane->Tracker() && !s.showLoupeWhenDragging)
+    if (ui_->pane->Tracker() && !Settings().showLoupeWhenDragging)
         return;
-    const QPointF picture = ui_->pane->PaneToImage(*at);
+    MoveLoupe(ui_->pane->PaneToImage(*at));
+}
+
+void PDialog::MoveLoupe(QPointF picture) {
+    if (!built_)
+        return;
+    const PSettings& s = Settings();
     const ImageRect rect = filter_.imageRect();
     if (picture.x() < 0 || picture.y() < 0 || picture.x() >= rect.Width() ||
         picture.y() >= rect.Height())
         return;
-    QPointF source = picture;
-    if (previewOn()) {
-        // The photograph's pixel under the pointer in the corrected picture.
-        PointF found;
-        if (!displayReady_ || !displayWarp_ || !displayWarp_->lines ||
-            !displayWarp_->lines->DisplayToSource(
-                {static_cast<float>(picture.x()), static_cast<float>(picture.y())}, displaySpace_,
-                found))
-            return;
-        source = QPointF(found.x, found.y);
+    PointF source;
+    if (!PictureToSource(picture, source))
+        return;
+    ui_->loupe->ShowAt(QPointF(source.x, source.y),
+                       std::clamp(s.loupeSize, kMinLoupeSize, kMaxLoupeSize) / 100.0);
+}
+
+bool PDialog::PictureToSource(QPointF picture, PointF& source) const {
+    const PointF at{static_cast<float>(picture.x()), static_cast<float>(picture.y())};
+    if (!previewOn()) {
+        source = at;
+        return true;
     }
-    ui_->loupe->ShowAt(source, std::clamp(s.loupeSize, kMinLoupeSize, kMaxLoupeSize) / 100.0);
+    // The photograph's pixel under the point of the corrected picture.
+    if (!displayReady_ || !displayWarp_ || !displayWarp_->lines)
+        return false;
+    return displayWarp_->lines->DisplayToSource(at, displaySpace_, source);
+}
+
+bool PDialog::UpdateDrawing(Constraint& constraint) {
+    const GeodesicLines* lines =
+        displayWarp_ && displayWarp_->lines ? displayWarp_->lines.get() : nullptr;
+    if (!lines)
+        return true;  // nothing solved yet: the solve will tell
+    if (displayReady_)
+        constraint.UpdateDisplay(*lines, displaySpace_);
+    if (const LineConstraint* line = AsLine(constraint))
+        return lines->FitArc(line->First(), line->Second()).fitted;
+    if (const PlaneConstraint* plane = AsPlane(constraint)) {
+        if (plane->VertexCount() < 3)
+            return false;
+        for (const PlaneVertex& v : plane->Vertices()) {
+            SphereDirection unused;
+            if (!lines->SourceToSphere({v.x, v.y}, unused))
+                return false;
+        }
+    }
+    return true;
+}
+
+void PDialog::ShowConstraints() {
+    if (!built_)
+        return;
+    if (!ui_->showConstraints->isChecked())
+        ui_->showConstraints->setChecked(true);
+    RefreshControls();
+}
+
+void PDialog::RepaintPanes() {
+    if (!built_)
+        return;
+    ui_->pane->update();
+    ui_->loupe->update();
+}
+
+void PDialog::SetHoverText(const QString& text) {
+    if (built_ && ui_->pane->toolTip() != text)
+        ui_->pane->setToolTip(text);
+}
+
+QSizeF PDialog::SourceSize() const {
+    const ImageRect rect = filter_.imageRect();
+    return {static_cast<double>(rect.Width()), static_cast<double>(rect.Height())};
+}
+
+ProjectionModel PDialog::Projection() const {
+    return filter_.settings().projectionModel;
+}
+
+std::pair<double, double> PDialog::FocalRangePixels() const {
+    const PSettings& s = filter_.settings();
+    const float low = std::min(focalRangeLow_, std::floor(s.physicalFocalLength));
+    const float high = std::max(focalRangeHigh_, std::ceil(s.physicalFocalLength));
+    return {FocalPixels(low, s.cropFactor), FocalPixels(high, s.cropFactor)};
+}
+
+void PDialog::SetCalibratedFocal(double pixels) {
+    const PSettings before = Settings();
+    PSettings& s = Settings();
+    const ImageRect rect = filter_.imageRect();
+    const double longSide = std::max(rect.Width(), rect.Height());
+    s.focalLength = static_cast<float>(pixels);
+    // The millimetres follow from the pixels (pixels = crop x mm x long side / 36).
+    s.physicalFocalLength = std::clamp(
+        static_cast<float>(pixels * 36.0 / (std::max(s.cropFactor, 0.1f) * longSide)),
+        kMinPhysicalFocalMm, kMaxPhysicalFocalMm);
+    stack_.Push(std::make_unique<PSettingsTask>(*this, before, Velmo::ViewIdOf(kFocalInPixel),
+                                                settings_field::kFocalLength));
+    sceneDirty_ = true;
+    RefreshControls();
+    RequestPreview(true);
 }
 
 void PDialog::PaintOverlay(QPainter& painter) {
     int drawn = 0;
+    // The selected line shows its middle handle.
+    for (const auto& c : set_->Constraints())
+        if (LineConstraint* line = AsLine(*c))
+            line->SetShowsMiddleHandle(set_->IsSelected(line->GetId()));
     if (ui_->showConstraints->isChecked() && (!previewOn() || displayReady_)) {
         const PPreviewPane& pane = *ui_->pane;
         PConstraintDrawing drawing(painter, *set_, Settings().colors, previewOn(),
@@ -1125,6 +1210,8 @@ void PDialog::PaintOverlay(QPainter& painter) {
         drawn = drawing.Drawn();
     }
     ui_->pane->setProperty("constraintsDrawn", drawn);
+    if (const auto* tool = dynamic_cast<const PTool*>(tools_.Current()))
+        tool->PaintFeedback(painter, *ui_->pane);
 }
 
 void PDialog::UpdateTitle() {

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "constraints/ConstraintFile.h"
+#include "editor/PConstraintTools.h"
 #include "editor/PNavigationTools.h"
 #include "editor/PTasks.h"
 #include "editor/PWorkspace.h"
@@ -77,7 +78,10 @@ class PPreviewPane;
 //    Without changes it cancels at once.
 //  - The solver information pane ("Solve failed") shows while the newest
 //    preview's own warp failed to solve; a later successful solve hides it.
-class PDialog final : public QDialog, public PWorkspace, private PContentMover {
+class PDialog final : public QDialog,
+                      public PWorkspace,
+                      private PToolHost,
+                      private PContentMover {
 public:
     PDialog(PFilter& filter, DialogPlacement& placement);
     ~PDialog() override;
@@ -114,6 +118,22 @@ public:
     void ActualPixels();
 
     PTaskStack& TaskStack() { return stack_; }
+
+    // --- PToolHost (the constraint tools).
+    PWorkspace& Workspace() override { return *this; }
+    Velmo::CTaskStack& Tasks() override { return stack_; }
+    bool PreviewOn() const override { return previewOn(); }
+    bool PictureToSource(QPointF picture, PointF& source) const override;
+    bool UpdateDrawing(Constraint& constraint) override;
+    void ShowConstraints() override;
+    void RepaintPanes() override;
+    void MoveLoupe(QPointF picture) override;
+    void SetHoverText(const QString& text) override;
+    QSizeF SourceSize() const override;
+    ProjectionModel Projection() const override;
+    std::pair<double, double> FocalRangePixels() const override;
+    void SetCalibratedFocal(double pixels) override;
+    QWidget* AngleWindowParent() override { return this; }
 
 protected:
     void Resolve() override;
@@ -192,7 +212,8 @@ private:
     std::unique_ptr<LiveFileContext> fileContext_;
     PTaskStack stack_;
     Velmo::CToolSet tools_;
-    std::string lastTool_{"Project/Tool/Hand"};  // the last tool that acts
+    PManageConstraintTool* manageTool_ = nullptr;  // in tools_
+    PPlaneTool* planeTool_ = nullptr;
     std::unique_ptr<Controls> ui_;
     std::unique_ptr<PEditMenu> editMenu_;
     bool built_ = false;

@@ -116,17 +116,4 @@ QIcon PZoomTool::Icon() const {
     return IconFrom(Velmo::CCursors::Picture(Velmo::CCursorKind::ZoomIn));
 }
 
-// ------------------------------------------------------------------ PToolSlot
-
-PToolSlot::PToolSlot(std::string name, std::string viewId, std::string tipKey,
-                     std::string helpKey)
-    : CTool(std::move(name), std::move(viewId), std::move(tipKey), std::move(helpKey)) {}
-
-std::string PToolSlot::SpringTool(Velmo::CImagePane&, Velmo::CMouseEvent& event) {
-    if (!(event.modifiers & Velmo::kModHand))
-        return {};
-    event.modifiers &= ~Velmo::kModHand;
-    return std::string(kHandTool);
-}
-
 }  // namespace Project

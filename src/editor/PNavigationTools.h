@@ -53,14 +53,4 @@ public:
     QIcon Icon() const override;
 };
 
-// A tool whose behaviour another part of the editor provides: it holds the
-// tool's slot in the tool set (name, view id, tip and help) so that the
-// layout's tool column can show it; it does nothing with the mouse yet and
-// springs to the Hand tool with the hand modifier.
-class PToolSlot final : public Velmo::CTool {
-public:
-    PToolSlot(std::string name, std::string viewId, std::string tipKey, std::string helpKey);
-    std::string SpringTool(Velmo::CImagePane& pane, Velmo::CMouseEvent& event) override;
-};
-
 }  // namespace Project

@@ -14,6 +14,7 @@
 #include <QRegularExpression>
 #include <QSlider>
 #include <QSpinBox>
+#include <QToolButton>
 #include <QtTest/QTest>
 #include <cmath>
 #include <fstream>
@@ -281,8 +282,10 @@ TEST_F(Dialog, NavigatesWithTheViewMenuKeysAndTools) {
         QTest::keyClick(pane, Qt::Key_Z);
         QTest::mouseClick(pane, Qt::LeftButton, {}, QPoint(200, 150));
         EXPECT_NEAR(pane->Zoom(), 2 * fitted, 1e-9);
-        // The constraint tools are still to come: their letter keeps the Zoom tool.
+        // C selects the Constraint tool, Z the Zoom tool again.
         QTest::keyClick(pane, Qt::Key_C);
+        EXPECT_TRUE(ViewAs<QToolButton>(dialog, "Project/Tool/ManageConstraint")->isChecked());
+        QTest::keyClick(pane, Qt::Key_Z);
         QTest::mouseClick(pane, Qt::LeftButton, {}, QPoint(200, 150));
         EXPECT_NEAR(pane->Zoom(), 4 * fitted, 1e-9);
         QTest::keyClick(pane, Qt::Key_H);

@@ -1,0 +1,726 @@
+// The constraint tools as a user works them: mouse and key events on the
+// preview pane of `curvana edit` on the sample photograph. With the Preview
+// check off the pane shows the photograph itself, so a source pixel p sits
+// at pane point origin + zoom * p and the tests know where every constraint
+// is; one scenario works on the corrected preview.
+#include <gtest/gtest.h>
+
+#include <QApplication>
+#include <QCheckBox>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMenu>
+#include <QMouseEvent>
+#include <QPushButton>
+#include <QToolButton>
+#include <QtTest/QTest>
+#include <array>
+#include <cmath>
+#include <fstream>
+#include <iterator>
+#include <memory>
+
+#include "../framework/QtTestApp.h"
+#include "constraints/ConstraintFile.h"
+#include "constraints/ConstraintSet.h"
+#include "editordriver/EditorDriver.h"
+#include "framework/CImagePane.h"
+#include "framework/Widgets.h"
+#include "host/Cli.h"
+#include "host/HostTestUtil.h"
+#include "samplegen/SampleScene.h"
+
+namespace Curvana::Host::Test {
+namespace {
+
+using namespace EditorDriver;
+using Project::LineConstraint;
+using Project::Orientation;
+using Project::PlaneConstraint;
+using Project::PointF;
+
+const fs::path kPhoto = CURVANA_SAMPLE_PHOTO;
+const fs::path kConstraints = CURVANA_SAMPLE_CONSTRAINTS;
+const fs::path kModule = CURVANA_MODULE;
+
+constexpr const char* kFileMenu = "Project/Menu/File";
+constexpr const char* kEditMenu = "Project/Menu/Edit";
+
+// ------------------------------------------------------------------ input
+
+void Mouse(QWidget& pane, QEvent::Type type, QPointF at, Qt::KeyboardModifiers modifiers = {},
+           bool held = true) {
+    const Qt::MouseButton button = type == QEvent::MouseMove ? Qt::NoButton : Qt::LeftButton;
+    const Qt::MouseButtons buttons =
+        type == QEvent::MouseButtonRelease || !held ? Qt::MouseButtons() : Qt::LeftButton;
+    QMouseEvent event(type, at, pane.mapToGlobal(at), button, buttons, modifiers);
+    QApplication::sendEvent(&pane, &event);
+}
+
+void Press(QWidget& pane, QPointF at, Qt::KeyboardModifiers m = {}) {
+    Mouse(pane, QEvent::MouseButtonPress, at, m);
+}
+void Move(QWidget& pane, QPointF at, Qt::KeyboardModifiers m = {}) {
+    Mouse(pane, QEvent::MouseMove, at, m);
+}
+void Release(QWidget& pane, QPointF at, Qt::KeyboardModifiers m = {}) {
+    Mouse(pane, QEvent::MouseButtonRelease, at, m);
+}
+void Click(QWidget& pane, QPointF at, Qt::KeyboardModifiers m = {}) {
+    Press(pane, at, m);
+    Release(pane, at, m);
+}
+// A drag through its middle to `to`.
+void Drag(QWidget& pane, QPointF from, QPointF to, Qt::KeyboardModifiers m = {}) {
+    Press(pane, from, m);
+    Move(pane, (from + to) / 2, m);
+    Move(pane, to, m);
+    Release(pane, to, m);
+}
+
+// ------------------------------------------------------------------ the dialog
+
+class Tools : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ::test::QtApp();
+        setenv("XDG_CONFIG_HOME", (dir / "xdg").c_str(), 1);
+    }
+
+    void edit(const std::function<void(QWidget&)>& script) {
+        RunCurvana({"edit", kPhoto.string(), "-o", (dir / "out.png").string(), "--module",
+                    kModule.string(), "-q"},
+                   [&](QWidget& dialog) {
+                       dialog.resize(1280, 820);
+                       ASSERT_TRUE(WaitForPreview(dialog));
+                       pane = ViewAs<Velmo::CImagePane>(dialog, "Project/Dialog/PreviewPane");
+                       ASSERT_NE(pane, nullptr);
+                       script(dialog);
+                   });
+    }
+
+    // The photograph itself in the pane (source pixels = picture pixels).
+    static void PreviewOff(QWidget& dialog) {
+        auto* check = ViewAs<QCheckBox>(dialog, "Project/Dialog/PreviewResultCheck");
+        if (check->isChecked())
+            check->click();
+        ASSERT_TRUE(WaitForPreview(dialog));
+    }
+
+    QPointF ToPane(PointF source) const { return pane->ImageToPane(QPointF(source.x, source.y)); }
+    QPointF ToPane(double x, double y) const { return pane->ImageToPane(QPointF(x, y)); }
+
+    static QString UndoLabel(QWidget& dialog) {
+        QAction* undo = Command(dialog, kEditMenu, "$$$/Velmo/Tasks/Undo");
+        auto* menu = qobject_cast<QMenu*>(undo->parent());
+        Q_EMIT menu->aboutToShow();
+        const QString label = undo->text();
+        Q_EMIT menu->aboutToHide();
+        return label;
+    }
+    static void Undo(QWidget& dialog) { Command(dialog, kEditMenu, "$$$/Velmo/Tasks/Undo")->trigger(); }
+    static void Redo(QWidget& dialog) { Command(dialog, kEditMenu, "$$$/Velmo/Tasks/Redo")->trigger(); }
+
+    int Drawn() const {
+        pane->repaint();
+        return pane->property("constraintsDrawn").toInt();
+    }
+
+    static bool ToolCurrent(QWidget& dialog, const char* id) {
+        return ViewAs<QToolButton>(dialog, id)->isChecked();
+    }
+
+    // The photograph's own context (its size, camera and settings), read
+    // from the sample's constraint file.
+    static std::unique_ptr<Project::SimpleConstraintFileContext> SampleContext() {
+        auto context = std::make_unique<Project::SimpleConstraintFileContext>();
+        context->width = 3000;
+        context->height = 2000;
+        std::ifstream in(kConstraints, std::ios::binary);
+        const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in), {}};
+        context->make = SampleGen::kSampleMake;
+        context->model = SampleGen::kSampleModel;
+        context->lens = SampleGen::sampleLensName(SampleGen::Lens::Equisolid);
+        // The photograph's settings as its own file carries them.
+        Project::ConstraintSet scratch;
+        EXPECT_TRUE(Project::readConstraintData(scratch, *context, bytes)) << scratch.Message();
+        return context;
+    }
+
+    // The dialog's constraints, saved through the File menu and read back.
+    std::unique_ptr<Project::ConstraintSet> Saved(QWidget& dialog) {
+        const fs::path file = dir / ("saved-" + std::to_string(++saves) + ".cvc");
+        {
+            ModalAnswers answers;
+            answers.ChooseFile(file);
+            Command(dialog, kFileMenu, "$$$/Curvana/FileMenu/SaveConstraints")->trigger();
+            EXPECT_EQ(answers.Pending(), 0u);
+        }
+        auto set = std::make_unique<Project::ConstraintSet>();
+        auto context = SampleContext();
+        std::ifstream in(file, std::ios::binary);
+        const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in), {}};
+        EXPECT_TRUE(Project::readConstraintData(*set, *context, bytes)) << set->Message();
+        return set;
+    }
+
+    // Writes `lines` as a constraint file for the photograph and loads it.
+    void LoadLines(QWidget& dialog, std::vector<std::unique_ptr<LineConstraint>> lines) {
+        auto context = SampleContext();
+        Project::ConstraintSet set;
+        for (auto& line : lines)
+            set.Add(std::move(line));
+        const fs::path file = dir / "lines.cvc";
+        ASSERT_TRUE(Project::saveConstraintFile(set, *context, dir.path(), "lines.cvc"));
+        ModalAnswers answers;
+        answers.ChooseFile(file);
+        Command(dialog, kFileMenu, "$$$/Curvana/FileMenu/LoadConstraints")->trigger();
+        EXPECT_EQ(answers.Pending(), 0u);
+    }
+
+    ScratchDir dir;
+    Velmo::CImagePane* pane = nullptr;
+    int saves = 0;
+};
+
+// A drag adds a line only beyond 6 pane pixels; with Shift the line is
+// Horizontal below 45 degrees and Vertical from 45 on. Escape abandons a
+// drag. Each addition is one undoable step.
+TEST_F(Tools, DrawingALineNeedsADragBeyondSixPixelsAndShiftSnapsAt45Degrees) {
+    struct Case {
+        QPointF travel;
+        Qt::KeyboardModifiers modifiers;
+        bool adds;
+        Orientation orientation;
+    };
+    const Case cases[] = {
+        {{6, 0}, {}, false, {}},
+        {{0, -6}, {}, false, {}},
+        {{7, 0}, {}, true, Orientation::Unfixed},
+        {{0, 7}, {}, true, Orientation::Unfixed},
+        {{287, 286}, Qt::ShiftModifier, true, Orientation::Horizontal},  // 44.9 degrees
+        {{200, -200}, Qt::ShiftModifier, true, Orientation::Vertical},   // 45 degrees
+        {{-60, 240}, Qt::ShiftModifier, true, Orientation::Vertical},
+        {{150, 30}, {}, true, Orientation::Unfixed},
+    };
+    edit([&](QWidget& dialog) {
+        PreviewOff(dialog);
+        EXPECT_TRUE(ToolCurrent(dialog, "Project/Tool/ManageConstraint"));
+        const QRectF image = pane->ImageRect();
+        ASSERT_GT(image.width(), 700);
+        int added = 0;
+        std::vector<Orientation> expected;
+        double row = image.top() + 20;
+        for (const Case& c : cases) {
+            SCOPED_TRACE(testing::Message() << c.travel.x() << ", " << c.travel.y());
+            const QPointF from(image.left() + 80 + (c.travel.x() < 0 ? 80 : 0),
+                               c.travel.y() < 0 ? row + 210 : row);
+            Drag(*pane, from, from + c.travel, c.modifiers);
+            if (c.adds) {
+                ++added;
+                expected.push_back(c.orientation);
+                EXPECT_EQ(UndoLabel(dialog), "Undo Add Constraint");
+            }
+            EXPECT_EQ(Drawn(), added);
+            row += 30;
+        }
+
+        // Escape during a drag adds nothing.
+        const QPointF from(image.left() + 500, image.top() + 40);
+        Press(*pane, from);
+        Move(*pane, from + QPointF(60, 0));
+        QTest::keyClick(pane, Qt::Key_Escape);
+        Release(*pane, from + QPointF(60, 0));
+        EXPECT_EQ(Drawn(), added);
+        EXPECT_TRUE(dialog.isVisible()) << "Escape went to the drag, not the dialog";
+
+        const auto saved = Saved(dialog);
+        ASSERT_EQ(saved->Size(), expected.size());
+        for (size_t k = 0; k < expected.size(); ++k)
+            EXPECT_EQ(Project::AsLine(*saved->At(k))->GetOrientation(), expected[k]) << k;
+
+        // Every addition undoes and redoes.
+        for (int k = added; k > 0; --k) {
+            Undo(dialog);
+            EXPECT_EQ(Drawn(), k - 1);
+        }
+        EXPECT_EQ(UndoLabel(dialog), "Cannot Undo");
+        for (int k = 0; k < added; ++k)
+            Redo(dialog);
+        EXPECT_EQ(Drawn(), added);
+    });
+}
+
+// Hit tests take 3 screen pixels: 1.5 picture pixels at zoom 2, 6 at zoom
+// 0.5. Alt-click deletes what it hits; the deletion undoes and redoes.
+TEST_F(Tools, HitToleranceIsThreeScreenPixelsAtEveryZoomAndAltClickDeletes) {
+    edit([&](QWidget& dialog) {
+        PreviewOff(dialog);
+        const QPointF centre(pane->width() / 2.0, pane->height() / 2.0);
+        Drag(*pane, centre, centre + QPointF(120, 40));
+        ASSERT_EQ(Drawn(), 1);
+        const QPointF end = pane->PaneToImage(centre);
+        for (const double zoom : {2.0, 0.5}) {
+            SCOPED_TRACE(zoom);
+            pane->SetZoom(zoom, centre);
+            const QPointF at = pane->ImageToPane(end);
+            // 3.5 screen pixels off: nothing is hit; the click adds nothing.
+            Click(*pane, at + QPointF(3.5, 0), Qt::AltModifier);
+            Click(*pane, at + QPointF(-3.5, 3.5), Qt::AltModifier);
+            EXPECT_EQ(Drawn(), 1);
+            // 2.5 off in both directions: the end is hit and deleted.
+            Click(*pane, at + QPointF(2.5, -2.5), Qt::AltModifier);
+            EXPECT_EQ(Drawn(), 0);
+            EXPECT_EQ(UndoLabel(dialog), "Undo Delete Constraint");
+            Undo(dialog);
+            EXPECT_EQ(Drawn(), 1);
+            Redo(dialog);
+            EXPECT_EQ(Drawn(), 0);
+            Undo(dialog);
+        }
+    });
+}
+
+// Rotating a line fixed at an angle: with Shift the angle snaps to 15
+// degrees (0 and -180 shown as 0 and 180); without it the angle wraps past
+// 180 to -180. The angle window shows it; the release is one undoable step.
+TEST_F(Tools, RotationSnapsToFifteenDegreesAndWrapsPast180) {
+    struct Case {
+        float start;
+        double shifted;  // the angle with Shift held, no turn
+    };
+    const Case cases[] = {{7.4f, 0.0},  {7.5f, 15.0},    {22.4f, 15.0}, {22.5f, 30.0},
+                          {-176.0f, 180.0}, {-3.0f, 0.0}, {170.0f, 165.0}};
+    edit([&](QWidget& dialog) {
+        std::vector<std::unique_ptr<LineConstraint>> lines;
+        for (size_t k = 0; k < std::size(cases); ++k) {
+            const float y = 300.0f + 220.0f * static_cast<float>(k);
+            lines.push_back(std::make_unique<LineConstraint>(700.0f, y, 1300.0f, y,
+                                                             Orientation::Arbitrary, cases[k].start));
+        }
+        LoadLines(dialog, std::move(lines));
+        PreviewOff(dialog);
+        auto* window = dialog.findChild<QLabel*>("Project/Dialog/AngleWindow");
+        EXPECT_EQ(window, nullptr) << "made on the first rotation";
+        const auto shown = [&dialog]() {
+            auto* label = dialog.findChild<QLabel*>("Project/Dialog/AngleWindow");
+            if (!label || label->isHidden())
+                return QString();
+            return label->text();
+        };
+        for (size_t k = 0; k < std::size(cases); ++k) {
+            SCOPED_TRACE(cases[k].start);
+            const float y = 300.0f + 220.0f * static_cast<float>(k);
+            const QPointF pivot = ToPane(1000, y);
+            // The handle stands 24 pane pixels above the middle of the line.
+            const QPointF handle = pivot - QPointF(0, 24);
+            Press(*pane, handle);
+            EXPECT_EQ(shown(), QString::number(cases[k].start, 'f', 1) + QChar(0x00B0));
+            Move(*pane, handle + QPointF(4, 4), Qt::ShiftModifier);
+            Move(*pane, handle, Qt::ShiftModifier);
+            EXPECT_EQ(shown(), QString::number(cases[k].shifted, 'f', 1) + QChar(0x00B0));
+            Release(*pane, handle, Qt::ShiftModifier);
+            EXPECT_EQ(shown(), QString()) << "hidden after the release";
+            EXPECT_EQ(UndoLabel(dialog), "Undo Constraint Orientation");
+        }
+        // The last line now stands at 165 degrees; turning it 30 degrees
+        // counter-clockwise carries it past 180 to -165.
+        const float y = 300.0f + 220.0f * static_cast<float>(std::size(cases) - 1);
+        const QPointF pivot = ToPane(1000, y);
+        QPointF at = pivot - QPointF(0, 24);
+        Press(*pane, at);
+        for (int step = 1; step <= 6; ++step) {
+            const double a = (90.0 + 5.0 * step) * M_PI / 180.0;
+            at = pivot + 24.0 * QPointF(std::cos(a), -std::sin(a));
+            Move(*pane, at);
+        }
+        EXPECT_NEAR(shown().chopped(1).toDouble(), -165.0, 0.06) << shown().toStdString();
+        Release(*pane, at);
+
+        const auto saved = Saved(dialog);
+        ASSERT_EQ(saved->Size(), std::size(cases));
+        for (size_t k = 0; k + 1 < std::size(cases); ++k) {
+            const float angle = Project::AsLine(*saved->At(k))->Angle();
+            EXPECT_EQ(angle, static_cast<float>(cases[k].shifted)) << k;
+            EXPECT_FALSE(std::signbit(angle)) << k << ": 0 and 180, never -0 or -180";
+        }
+        EXPECT_NEAR(Project::AsLine(*saved->At(std::size(cases) - 1))->Angle(), -165.0, 0.06);
+        // Undo goes back before the last turn, redo turns it again.
+        Undo(dialog);
+        EXPECT_EQ(Project::AsLine(*Saved(dialog)->At(std::size(cases) - 1))->Angle(), 165.0f);
+        Redo(dialog);
+        EXPECT_NEAR(Project::AsLine(*Saved(dialog)->At(std::size(cases) - 1))->Angle(), -165.0, 0.06);
+    });
+}
+
+// The polygon tool: a click within 15 pixels of a point is ignored, 16 away
+// appends; a two-point polygon is not closed by its first point; a click on
+// the first point of three or more closes it. Alt-click on a polygon with
+// the Constraint tool hands over to the polygon tool, which deletes it.
+TEST_F(Tools, PolygonPointsCloseAndIgnoreRulesAndAltClickHandsOver) {
+    edit([&](QWidget& dialog) {
+        PreviewOff(dialog);
+        QTest::keyClick(pane, Qt::Key_Y);
+        ASSERT_TRUE(ToolCurrent(dialog, "Project/Tool/PlaneTool"));
+        const QPointF a(pane->width() / 2.0 - 100, pane->height() / 2.0 - 60);
+        const QPointF clicks[] = {
+            a,
+            a + QPointF(10, 10),   // within 15 of a: ignored
+            a + QPointF(16, 0),    // 16 away: appended
+            a,                     // two points: not closed, and within 15: ignored
+            a + QPointF(16, 60),   // appended
+            a + QPointF(0, 60),    // appended
+        };
+        for (const QPointF& at : clicks)
+            Click(*pane, at);
+        EXPECT_EQ(Drawn(), 0);
+        EXPECT_EQ(UndoLabel(dialog), "Cannot Undo");
+        Click(*pane, a + QPointF(2, -2));  // within 3 of the first point: closes
+        EXPECT_EQ(Drawn(), 1);
+        EXPECT_EQ(UndoLabel(dialog), "Undo Add Constraint");
+        const auto saved = Saved(dialog);
+        ASSERT_EQ(saved->Size(), 1u);
+        const PlaneConstraint* plane = Project::AsPlane(*saved->At(0));
+        ASSERT_NE(plane, nullptr);
+        ASSERT_EQ(plane->VertexCount(), 4);
+        for (const auto& [k, at] : {std::pair{0, a}, {1, a + QPointF(16, 0)}, {2, a + QPointF(16, 60)},
+                                    {3, a + QPointF(0, 60)}}) {
+            const QPointF expected = pane->PaneToImage(at);
+            EXPECT_NEAR(plane->Vertex(k).x, expected.x(), 0.01) << k;
+            EXPECT_NEAR(plane->Vertex(k).y, expected.y(), 0.01) << k;
+        }
+
+        QTest::keyClick(pane, Qt::Key_C);
+        ASSERT_TRUE(ToolCurrent(dialog, "Project/Tool/ManageConstraint"));
+        Click(*pane, a + QPointF(8, 30), Qt::AltModifier);
+        EXPECT_TRUE(ToolCurrent(dialog, "Project/Tool/PlaneTool"));
+        EXPECT_EQ(Drawn(), 0);
+        EXPECT_EQ(UndoLabel(dialog), "Undo Delete Constraint");
+        Undo(dialog);
+        EXPECT_EQ(Drawn(), 1);
+        Redo(dialog);
+        EXPECT_EQ(Drawn(), 0);
+
+        // With Shift, the edge that ends at a new point (and the closing
+        // edge) is marked Horizontal or Vertical by its angle.
+        const struct {
+            QPointF at;
+            Qt::KeyboardModifiers modifiers;
+        } corners[] = {{a, {}},
+                       {a + QPointF(100, 10), Qt::ShiftModifier},
+                       {a + QPointF(110, 120), Qt::ShiftModifier},
+                       {a + QPointF(0, 100), {}},
+                       {a + QPointF(1, 1), Qt::ShiftModifier}};
+        for (const auto& corner : corners)
+            Click(*pane, corner.at, corner.modifiers);
+        const auto marked = Saved(dialog);
+        ASSERT_EQ(marked->Size(), 1u);
+        const PlaneConstraint* edges = Project::AsPlane(*marked->At(0));
+        ASSERT_NE(edges, nullptr);
+        ASSERT_EQ(edges->VertexCount(), 4);
+        // Edge k ends at corner k; edge 0 closes the polygon.
+        EXPECT_EQ(edges->GetEdgeCode(0), static_cast<int32_t>(Orientation::Vertical));
+        EXPECT_EQ(edges->GetEdgeCode(1), static_cast<int32_t>(Orientation::Horizontal));
+        EXPECT_EQ(edges->GetEdgeCode(2), static_cast<int32_t>(Orientation::Vertical));
+        EXPECT_EQ(edges->GetEdgeCode(3), static_cast<int32_t>(Orientation::Unfixed));
+    });
+}
+
+// An endpoint follows the pointer in steps of more than 6 pane pixels; the
+// drag is one undoable step that swaps back and forth.
+TEST_F(Tools, EndpointDragsMoveInStepsAndUndoAsOne) {
+    edit([&](QWidget& dialog) {
+        PreviewOff(dialog);
+        const QPointF a(pane->width() / 2.0 - 150, pane->height() / 2.0);
+        const QPointF b = a + QPointF(200, 0);
+        Drag(*pane, a, b);
+        const QPointF before = pane->PaneToImage(b);
+        // A press without a real drag leaves the end where it was.
+        Press(*pane, b);
+        Move(*pane, b + QPointF(5, 5));
+        Release(*pane, b + QPointF(5, 5));
+        EXPECT_EQ(UndoLabel(dialog), "Undo Add Constraint");
+        Press(*pane, b);
+        Move(*pane, b + QPointF(40, 30));
+        Move(*pane, b + QPointF(44, 33));  // within 6 of the end's new place: stays
+        Release(*pane, b + QPointF(44, 33));
+        EXPECT_EQ(UndoLabel(dialog), "Undo Adjust Constraint");
+        const QPointF moved = pane->PaneToImage(b + QPointF(40, 30));
+        const auto second = [&]() {
+            const auto saved = Saved(dialog);
+            const PointF end = Project::AsLine(*saved->At(0))->Second();
+            return QPointF(end.x, end.y);
+        };
+        EXPECT_LT(QLineF(second(), moved).length(), 0.01);
+        Undo(dialog);
+        EXPECT_LT(QLineF(second(), before).length(), 0.01);
+        Redo(dialog);
+        EXPECT_LT(QLineF(second(), moved).length(), 0.01);
+        Undo(dialog);
+        EXPECT_LT(QLineF(second(), before).length(), 0.01);
+    });
+}
+
+// Shift over a line springs to the orientation tool: a click marks an
+// unfixed line Horizontal or Vertical by its angle and a marked one
+// Unfixed, one undoable step each.
+TEST_F(Tools, ShiftClickTogglesALinesOrientation) {
+    edit([&](QWidget& dialog) {
+        PreviewOff(dialog);
+        const QPointF a(pane->width() / 2.0 - 100, pane->height() / 2.0 - 100);
+        Drag(*pane, a, a + QPointF(40, 160));  // steep: Vertical
+        const auto orientation = [&]() {
+            return Project::AsLine(*Saved(dialog)->At(0))->GetOrientation();
+        };
+        EXPECT_EQ(orientation(), Orientation::Unfixed);
+        // The middle of the line (an end would not spring).
+        Click(*pane, a + QPointF(20, 80), Qt::ShiftModifier);
+        EXPECT_EQ(UndoLabel(dialog), "Undo Constraint Orientation");
+        EXPECT_EQ(orientation(), Orientation::Vertical);
+        Click(*pane, a + QPointF(20, 80), Qt::ShiftModifier);
+        EXPECT_EQ(orientation(), Orientation::Unfixed);
+        Undo(dialog);
+        EXPECT_EQ(orientation(), Orientation::Vertical);
+        Redo(dialog);
+        EXPECT_EQ(orientation(), Orientation::Unfixed);
+    });
+}
+
+// Calibration from the middle handle: a line along a bowed edge of the
+// room and the fit point dragged onto the edge give the photograph's focal
+// length (15 mm) back; a fit point on the chord fails with the alert.
+TEST_F(Tools, TheMiddleHandleCalibratesTheFocalLength) {
+    SampleGen::SceneOptions scene;  // the demo photograph's
+    const double truth = SampleGen::focalPixels(scene);
+    // The most bowed edge the Fisheye model shows.
+    SampleGen::Point a{}, b{}, m{};
+    double best = 0;
+    for (const SampleGen::SceneEdge& e : SampleGen::roomEdges(scene)) {
+        if (e.points.size() < 16)
+            continue;
+        const auto seen = [&](SampleGen::Point p) {
+            return std::hypot(p.x - 1500, p.y - 1000) < truth * 1.3;
+        };
+        const SampleGen::Point p = e.points.front(), q = e.points.back(), r = e.points[e.points.size() / 2];
+        const double bow = std::abs((q.x - p.x) * (r.y - p.y) - (q.y - p.y) * (r.x - p.x)) /
+                           std::hypot(q.x - p.x, q.y - p.y);
+        if (seen(p) && seen(q) && bow > best)
+            best = bow, a = p, b = q, m = r;
+    }
+    ASSERT_GT(best, 20.0);
+    edit([&](QWidget& dialog) {
+        PreviewOff(dialog);
+        auto* focal = ViewAs<Velmo::CSlider>(dialog, "Project/Dialog/FocalLengthSlider");
+        ASSERT_NE(focal, nullptr);
+        QLineEdit* field = focal->Field();
+        ASSERT_NE(field, nullptr);
+        // Start away from the truth, so the calibration has to find it.
+        field->setFocus();
+        field->selectAll();
+        QTest::keyClicks(field, "20");
+        QTest::keyClick(field, Qt::Key_Return);
+        ASSERT_NEAR(focal->Value(), 20.0, 1e-6);
+
+        const QPointF pa = ToPane(a.x, a.y), pb = ToPane(b.x, b.y);
+        Drag(*pane, pa, pb);
+        const QPointF middle = (pa + pb) / 2;
+        // On the chord: no focal length puts the three points on a great circle.
+        {
+            ModalAnswers answers;
+            QString alert;
+            answers.Answer("OK", &alert);
+            Drag(*pane, middle, middle + (pb - pa) / 10);
+            EXPECT_EQ(answers.Pending(), 0u);
+            EXPECT_EQ(alert.toStdString(),
+                      "Failed to Calibrate. You may need to adjust the constraint more precisely "
+                      "or try another constraint.");
+        }
+        EXPECT_NEAR(focal->Value(), 20.0, 1e-6);
+        EXPECT_EQ(UndoLabel(dialog), "Undo Add Constraint");
+
+        Drag(*pane, middle, ToPane(m.x, m.y));
+        EXPECT_EQ(UndoLabel(dialog), "Undo UI Setting");
+        EXPECT_NEAR(focal->Value(), scene.focalMm, 0.02 * scene.focalMm);
+        Undo(dialog);
+        EXPECT_NEAR(focal->Value(), 20.0, 1e-6);
+    });
+}
+
+// On the corrected preview: a line drawn with Shift is fitted, the warp is
+// solved again without blocking the pane, and undo brings the picture back.
+TEST_F(Tools, ALineDrawnOnTheCorrectedPreviewIsSolvedAndUndone) {
+    edit([&](QWidget& dialog) {
+        ASSERT_TRUE(ViewAs<QCheckBox>(dialog, "Project/Dialog/PreviewResultCheck")->isChecked());
+        const QImage before = GrabPreview(dialog);
+        const QPointF c(pane->width() / 2.0, pane->height() / 2.0);
+        // A slanted segment marked Vertical: the solve must stand it upright.
+        Drag(*pane, c - QPointF(50, 140), c + QPointF(50, 140), Qt::ShiftModifier);
+        EXPECT_EQ(UndoLabel(dialog), "Undo Add Constraint");
+        EXPECT_EQ(Drawn(), 1) << "drawn at once, before the solve";
+        ASSERT_TRUE(WaitForPreview(dialog));
+        EXPECT_GT(MeanDifference(before, GrabPreview(dialog)), 1.0);
+        const auto saved = Saved(dialog);
+        ASSERT_EQ(saved->Size(), 1u);
+        EXPECT_EQ(Project::AsLine(*saved->At(0))->GetOrientation(), Orientation::Vertical);
+        Undo(dialog);
+        ASSERT_TRUE(WaitForPreview(dialog));
+        EXPECT_LT(MeanDifference(before, GrabPreview(dialog)), 0.5);
+    });
+}
+
+
+// ------------------------------------------------------------------ end to end
+
+// A straight strip of the output: per-row (or per-column) centres of its
+// pixels fitted by a line; the largest distance from the line and the
+// line's angle from the axis it should follow.
+struct StripFit {
+    int samples = 0;
+    double maxResidual = 0;
+    double degreesFromAxis = 0;
+};
+
+StripFit FitStrip(const std::vector<std::pair<double, double>>& along) {
+    // x = a t + b over the samples (t along the strip, x across).
+    StripFit fit;
+    fit.samples = static_cast<int>(along.size());
+    if (along.size() < 2)
+        return fit;
+    double st = 0, sx = 0, stt = 0, stx = 0;
+    for (const auto& [t, x] : along) {
+        st += t, sx += x, stt += t * t, stx += t * x;
+    }
+    const double n = static_cast<double>(along.size());
+    const double a = (n * stx - st * sx) / (n * stt - st * st);
+    const double b = (sx - a * st) / n;
+    for (const auto& [t, x] : along)
+        fit.maxResidual = std::max(fit.maxResidual, std::abs(x - (a * t + b)));
+    fit.degreesFromAxis = std::atan(std::abs(a)) * 180.0 / M_PI;
+    return fit;
+}
+
+// Drawn through the tools on the demo photograph, the room's upright and
+// level edges come out of `curvana edit` straight and upright (measured on
+// the written picture: the coloured strips along the room's corners, floor
+// and ceiling).
+TEST_F(Tools, EdgesDrawnWithTheToolsComeOutStraightAndUpright) {
+    SampleGen::SceneOptions scene;  // the demo photograph's
+    const double reach = SampleGen::focalPixels(scene) * std::sqrt(2.0) - 40;
+    struct Edge {
+        SampleGen::Point a, b;
+    };
+    std::vector<Edge> edges;
+    for (const SampleGen::SceneEdge& e : SampleGen::roomEdges(scene)) {
+        const auto same = [](double u, double v) { return std::abs(u - v) < 1e-9; };
+        const bool upright = same(e.a[0], e.b[0]) && same(e.a[2], e.b[2]);
+        const bool level = same(e.a[1], e.b[1]) && same(e.a[2], e.b[2]);
+        if (!upright && !level)
+            continue;
+        // The part of the edge the Fisheye model shows.
+        std::vector<SampleGen::Point> seen;
+        for (const SampleGen::Point& p : e.points)
+            if (std::hypot(p.x - 1500, p.y - 1000) < reach)
+                seen.push_back(p);
+        if (seen.size() >= 16)
+            edges.push_back({seen.front(), seen.back()});
+    }
+    ASSERT_GE(edges.size(), 8u);
+
+    const fs::path output = dir / "out.png";
+    const int code = RunCurvana(
+        {"edit", kPhoto.string(), "-o", output.string(), "--module", kModule.string(), "-q"},
+        [&](QWidget& dialog) {
+            dialog.resize(1280, 820);
+            ASSERT_TRUE(WaitForPreview(dialog));
+            pane = ViewAs<Velmo::CImagePane>(dialog, "Project/Dialog/PreviewPane");
+            PreviewOff(dialog);
+            // The hand key makes every press start a line, also on the end
+            // of one drawn before (edges meet at the room's corners); Shift
+            // at the release marks it Horizontal or Vertical.
+            QTest::keyPress(pane, Qt::Key_Space);
+            for (const Edge& e : edges) {
+                const QPointF from = ToPane(e.a.x, e.a.y), to = ToPane(e.b.x, e.b.y);
+                Press(*pane, from);
+                Move(*pane, (from + to) / 2);
+                Move(*pane, to, Qt::ShiftModifier);
+                Release(*pane, to, Qt::ShiftModifier);
+            }
+            QTest::keyRelease(pane, Qt::Key_Space);
+            ASSERT_EQ(Drawn(), static_cast<int>(edges.size()));
+            QTest::mouseClick(ViewAs<QPushButton>(dialog, "Project/Dialog/OKButton"), Qt::LeftButton);
+        });
+    ASSERT_EQ(code, kExitOk);
+    const Raster picture = readWhole(output);
+    const int32_t w = picture.info.width, h = picture.info.height;
+    ASSERT_EQ(w, 3000);
+    const size_t px = picture.pixelBytes();
+    ASSERT_GE(px, 3u);
+    const auto rgb = [&](int32_t x, int32_t y) {
+        const uint8_t* p = picture.row(y) + px * static_cast<size_t>(x);
+        return std::array<int, 3>{p[0], p[1], p[2]};
+    };
+    const auto red = [&](int32_t x, int32_t y) {
+        const auto c = rgb(x, y);
+        return c[0] > 130 && c[1] < 80 && c[2] < 80;
+    };
+    const auto blue = [&](int32_t x, int32_t y) {
+        const auto c = rgb(x, y);
+        return c[2] > 130 && c[0] < 80 && c[1] < 110;
+    };
+    const auto yellow = [&](int32_t x, int32_t y) {
+        const auto c = rgb(x, y);
+        return c[0] > 150 && c[1] > 110 && c[2] < 70;
+    };
+
+    // The room's upright corners: the red strips, column by column runs
+    // found row by row (the two front corners, left and right half).
+    std::vector<double> cornerX;
+    for (const bool right : {false, true}) {
+        SCOPED_TRACE(right ? "right corner" : "left corner");
+        std::vector<std::pair<double, double>> centres;
+        for (int32_t y = 0; y < h; ++y) {
+            double sum = 0;
+            int n = 0;
+            for (int32_t x = right ? w / 2 : 0; x < (right ? w : w / 2); ++x)
+                if (red(x, y))
+                    sum += x, ++n;
+            if (n >= 3)
+                centres.emplace_back(y, sum / n);
+        }
+        ASSERT_GT(centres.size(), 300u);
+        // The ends meet floor and ceiling: left out.
+        const size_t trim = centres.size() / 20;
+        const std::vector<std::pair<double, double>> middle(centres.begin() + static_cast<ptrdiff_t>(trim),
+                                                            centres.end() - static_cast<ptrdiff_t>(trim));
+        const StripFit fit = FitStrip(middle);
+        EXPECT_LE(fit.maxResidual, 1.5);
+        EXPECT_LE(fit.degreesFromAxis, 0.2);
+        double mean = 0;
+        for (const auto& c : middle)
+            mean += c.second;
+        cornerX.push_back(mean / static_cast<double>(middle.size()));
+    }
+    ASSERT_LT(cornerX[0] + 200, cornerX[1]);
+
+    // The front wall's floor and ceiling edges, between the two corners.
+    for (const bool floor : {true, false}) {
+        SCOPED_TRACE(floor ? "floor edge" : "ceiling edge");
+        std::vector<std::pair<double, double>> centres;
+        for (auto x = static_cast<int32_t>(cornerX[0]) + 40; x < static_cast<int32_t>(cornerX[1]) - 40; ++x) {
+            double sum = 0;
+            int n = 0;
+            for (int32_t y = floor ? h / 2 : 0; y < (floor ? h : h / 2); ++y)
+                if (floor ? blue(x, y) : yellow(x, y))
+                    sum += y, ++n;
+            if (n >= 3)
+                centres.emplace_back(x, sum / n);
+        }
+        ASSERT_GT(centres.size(), 300u);
+        const StripFit fit = FitStrip(centres);
+        EXPECT_LE(fit.maxResidual, 1.5);
+        EXPECT_LE(fit.degreesFromAxis, 0.2);
+    }
+}
+
+}  // namespace
+}  // namespace Curvana::Host::Test
