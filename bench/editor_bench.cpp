@@ -127,15 +127,17 @@ bool WriteLines(const fs::path& file, size_t count) {
         if (seen.size() < 16)
             continue;
         const auto same = [](double u, double v) { return std::abs(u - v) < 1e-9; };
-        marks.push_back(same(e.a[0], e.b[0]) && same(e.a[2], e.b[2])   ? Project::Orientation::Vertical
-                        : same(e.a[1], e.b[1]) && same(e.a[2], e.b[2]) ? Project::Orientation::Horizontal
-                                                                        : Project::Orientation::Unfixed);
+        marks.push_back(
+            same(e.a[0], e.b[0]) && same(e.a[2], e.b[2])   ? Project::Orientation::Vertical
+            : same(e.a[1], e.b[1]) && same(e.a[2], e.b[2]) ? Project::Orientation::Horizontal
+                                                           : Project::Orientation::Unfixed);
         edges.push_back(std::move(seen));
     }
     Project::ConstraintSet set;
     const auto add = [&set](gen::Point a, gen::Point b, Project::Orientation o) {
-        set.Add(std::make_unique<Project::LineConstraint>(static_cast<float>(a.x), static_cast<float>(a.y),
-                                                          static_cast<float>(b.x), static_cast<float>(b.y), o));
+        set.Add(std::make_unique<Project::LineConstraint>(
+            static_cast<float>(a.x), static_cast<float>(a.y), static_cast<float>(b.x),
+            static_cast<float>(b.y), o));
     };
     for (size_t k = 0; k < edges.size() && set.Size() < count; ++k)
         add(edges[k].front(), edges[k].back(), marks[k]);
@@ -255,7 +257,8 @@ void OpenToFirstPreview(benchmark::State& state) {
         });
         state.SetIterationTime(elapsed / 1000.0);
     }
-    state.counters["shown_ms"] = benchmark::Counter(shown / static_cast<double>(state.iterations()));
+    state.counters["shown_ms"] =
+        benchmark::Counter(shown / static_cast<double>(state.iterations()));
 }
 BENCHMARK(OpenToFirstPreview)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(3);
 

@@ -91,8 +91,8 @@ struct Sample {
     // What the dialog captures after a settings change.
     std::shared_ptr<const PreviewScene> Scene(bool constrained, float focalScale) const {
         auto scene = std::make_shared<PreviewScene>();
-        scene->photo = makeProjection(ProjectionModel::Fisheye, focal * focalScale, width, height, CameraMetadata{},
-                                      std::nullopt, 1.0f);
+        scene->photo = makeProjection(ProjectionModel::Fisheye, focal * focalScale, width, height,
+                                      CameraMetadata{}, std::nullopt, 1.0f);
         scene->locator = locator;
         auto copy = std::make_shared<ConstraintSet>();
         if (constrained)
@@ -174,7 +174,12 @@ void SettingsChange(benchmark::State& state) {
     state.counters["solve_ms"] = perIteration(solve);
     state.counters["render_ms"] = perIteration(render);
 }
-BENCHMARK(SettingsChange)->ArgName("constraints")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(SettingsChange)
+    ->ArgName("constraints")
+    ->Arg(0)
+    ->Arg(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 void Scroll(benchmark::State& state) {
     const Sample& sample = TheSample();
@@ -211,4 +216,8 @@ void Solve(benchmark::State& state) {
         benchmark::DoNotOptimize(SolvePreviewScene(scene));
     }
 }
-BENCHMARK(Solve)->ArgNames({"level", "constraints"})->ArgsProduct({{4, 5, 6}, {0, 1}})->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(Solve)
+    ->ArgNames({"level", "constraints"})
+    ->ArgsProduct({{4, 5, 6}, {0, 1}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();

@@ -41,7 +41,9 @@ PointF Pixel(const PhotoToSphere& photo, double x, double y, double z) {
     return {p.x + kWidth / 2, p.y + kHeight / 2};
 }
 
-bool Inside(PointF p) { return p.x > 30 && p.y > 30 && p.x < kWidth - 30 && p.y < kHeight - 30; }
+bool Inside(PointF p) {
+    return p.x > 30 && p.y > 30 && p.x < kWidth - 30 && p.y < kHeight - 30;
+}
 
 // `count` line constraints along room edges: verticals, horizontals on the
 // front wall and receding edges on the side walls, seeded.
@@ -79,9 +81,9 @@ std::vector<std::unique_ptr<LineConstraint>> RoomLines(const PhotoToSphere& phot
     return out;
 }
 
-std::shared_ptr<GeodesicLines> Fitted(const std::shared_ptr<const PhotoToSphere>& photo,
-                                      const std::shared_ptr<const OctaMap>& mesh,
-                                      const std::vector<std::unique_ptr<LineConstraint>>& constraints) {
+std::shared_ptr<GeodesicLines> Fitted(
+    const std::shared_ptr<const PhotoToSphere>& photo, const std::shared_ptr<const OctaMap>& mesh,
+    const std::vector<std::unique_ptr<LineConstraint>>& constraints) {
     auto lines = std::make_shared<GeodesicLines>(photo, mesh);
     for (const auto& c : constraints) {
         lines->FitLine(*c);
@@ -185,7 +187,8 @@ void BM_ReSolve(benchmark::State& state) {
             const double side = (edit / constraints.size()) % 2 == 0 ? 1.0 : -1.0;
             const PointF a = line.First(), b = line.Second();
             const double dx = b.x - a.x, dy = b.y - a.y;
-            line.SetSecond({static_cast<float>(b.x - 0.05 * side * dy), static_cast<float>(b.y + 0.05 * side * dx)});
+            line.SetSecond({static_cast<float>(b.x - 0.05 * side * dy),
+                            static_cast<float>(b.y + 0.05 * side * dx)});
             lines->FitLine(line);
         }
         ++edit;
@@ -217,10 +220,9 @@ void BM_Factorize(benchmark::State& state) {
     }();
     const SymmetricUpperMatrix& matrix = warp->SystemMatrix();
     const int mode = static_cast<int>(state.range(0));
-    const SparseCholesky::Ordering orderings[] = {SparseCholesky::Ordering::LibraryDefault,
-                                                  SparseCholesky::Ordering::LibraryDefault,
-                                                  SparseCholesky::Ordering::Amd,
-                                                  SparseCholesky::Ordering::NestedDissection};
+    const SparseCholesky::Ordering orderings[] = {
+        SparseCholesky::Ordering::LibraryDefault, SparseCholesky::Ordering::LibraryDefault,
+        SparseCholesky::Ordering::Amd, SparseCholesky::Ordering::NestedDissection};
     double analyse = 0, factor = 0;
     long fill = 0;
     for (auto _ : state) {
@@ -244,7 +246,11 @@ void BM_Factorize(benchmark::State& state) {
     state.counters["factor_ms"] = 1e3 * factor / runs;
     state.counters["nnz(L)"] = static_cast<double>(fill);
 }
-BENCHMARK(BM_Factorize)->DenseRange(0, 3)->ArgName("ordering")->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Factorize)
+    ->DenseRange(0, 3)
+    ->ArgName("ordering")
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 }  // namespace
 

@@ -29,10 +29,9 @@ inline void readAllPixels(Host::ImageSource& source) {
                               info.bytesPerSample());
     for (int32_t top = 0; top < info.height; top += band) {
         const CvRect r{0, top, info.width, std::min(info.height, top + band)};
-        source.readInterleaved(
-            r, rows.data(),
-            static_cast<ptrdiff_t>(static_cast<size_t>(info.width) * info.planes() *
-                                   info.bytesPerSample()));
+        source.readInterleaved(r, rows.data(),
+                               static_cast<ptrdiff_t>(static_cast<size_t>(info.width) *
+                                                      info.planes() * info.bytesPerSample()));
     }
 }
 

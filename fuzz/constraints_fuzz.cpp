@@ -33,15 +33,16 @@ Project::SimpleConstraintFileContext MakeContext() {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace Project;
-    static const auto photo =
-        std::make_shared<PerspectiveImage>(std::make_shared<SourceRaster>(4000, 3000), 2000.0f, 2000.0f, 1500.0f);
+    static const auto photo = std::make_shared<PerspectiveImage>(
+        std::make_shared<SourceRaster>(4000, 3000), 2000.0f, 2000.0f, 1500.0f);
     static const auto mesh = std::make_shared<const OctaMap>(3, false);
     static GeodesicLines lines(photo, mesh);
 
     SimpleConstraintFileContext ctx = MakeContext();
     ConstraintSet set;
     if (!readConstraintData(set, ctx, {data, size})) {
-        if (set.Success() || set.Message().empty()) std::abort();
+        if (set.Success() || set.Message().empty())
+            std::abort();
         return 0;
     }
 
@@ -50,8 +51,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     SimpleConstraintFileContext ctx2 = MakeContext();
     ctx2.settings = ctx.settings;
     ConstraintSet set2;
-    if (!readConstraintData(set2, ctx2, again)) std::abort();
-    if (writeConstraintData(set2, ctx2) != again) std::abort();
+    if (!readConstraintData(set2, ctx2, again))
+        std::abort();
+    if (writeConstraintData(set2, ctx2) != again)
+        std::abort();
 
     fitLoadedConstraints(set, lines);
     const DisplaySpace space{false, Affine2D::Identity()};

@@ -11,9 +11,9 @@
 #include <cstdint>
 #include <cstring>
 
+#include <vector>
 #include "session/ActionDescriptor.h"
 #include "session/ScriptParameters.h"
-#include <vector>
 
 namespace {
 

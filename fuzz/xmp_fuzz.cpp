@@ -26,7 +26,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (const char* prefix : {"tiff", "exif", "aux"}) {
         const std::string token = std::string("{ns:") + prefix + "}";
         const std::string uri = Exiv2::XmpProperties::ns(prefix);
-        for (size_t at = packet.find(token); at != std::string::npos; at = packet.find(token, at + uri.size()))
+        for (size_t at = packet.find(token); at != std::string::npos;
+             at = packet.find(token, at + uri.size()))
             packet.replace(at, token.size(), uri);
     }
     const Project::CameraMetadata m = Project::readCameraMetadata(packet, width, height);

@@ -30,18 +30,18 @@ extern "C" {
  * refuses a record whose abiVersion differs from the one it was built with. */
 #define CURVANA_ABI_VERSION 2
 
-#define CV_FOURCC(a, b, c, d) \
+#define CV_FOURCC(a, b, c, d)                                                     \
     ((uint32_t)(((uint32_t)(uint8_t)(a) << 24) | ((uint32_t)(uint8_t)(b) << 16) | \
                 ((uint32_t)(uint8_t)(c) << 8) | (uint32_t)(uint8_t)(d)))
 
 typedef int32_t CvError;
 enum {
     cvNoErr = 0,
-    cvErrParam = -50,        /* a bad argument */
-    cvErrMemory = -108,      /* out of memory */
-    cvErrUnsupported = -1,   /* the host does not offer this */
-    cvErrAborted = -128,     /* the user cancelled */
-    cvErrFilterFailed = -30  /* the filter failed; it has shown or logged why */
+    cvErrParam = -50,       /* a bad argument */
+    cvErrMemory = -108,     /* out of memory */
+    cvErrUnsupported = -1,  /* the host does not offer this */
+    cvErrAborted = -128,    /* the user cancelled */
+    cvErrFilterFailed = -30 /* the filter failed; it has shown or logged why */
 };
 
 /* Selectors. Unload is an addition of this interface: it destroys the
@@ -59,10 +59,10 @@ enum {
 
 /* Image modes of the filtered image. */
 enum {
-    cvModeGray = 1,  /* 1 plane */
-    cvModeRGB = 3,   /* 3 planes */
-    cvModeCMYK = 4,  /* 4 planes */
-    cvModeLab = 9    /* 3 planes: L, a, b */
+    cvModeGray = 1, /* 1 plane */
+    cvModeRGB = 3,  /* 3 planes */
+    cvModeCMYK = 4, /* 4 planes */
+    cvModeLab = 9   /* 3 planes: L, a, b */
 };
 
 /* Alert button sets and answers. */
@@ -84,7 +84,7 @@ typedef struct CvRect {
 
 /* Host property signature and keys. */
 #define CV_PROPERTY_SIGNATURE CV_FOURCC('K', 'S', 'T', 'X')
-#define CV_PROPERTY_VERSION CV_FOURCC('v', 'e', 'r', 's') /* major in the upper 16 bits */
+#define CV_PROPERTY_VERSION CV_FOURCC('v', 'e', 'r', 's')   /* major in the upper 16 bits */
 #define CV_PROPERTY_GPU_FLAGS CV_FOURCC('G', 'P', 'U', 'F') /* bit 7: GPU in use */
 
 /* ---- Suites, acquired by name and version ---------------------------------- */
@@ -122,7 +122,8 @@ typedef struct CvDescriptorSuite5 {
     CvError (*getInteger)(CvDescriptor descriptor, uint32_t key, int32_t* value);
     CvError (*getFloat)(CvDescriptor descriptor, uint32_t key, double* value);
     CvError (*getBoolean)(CvDescriptor descriptor, uint32_t key, uint8_t* value);
-    CvError (*getEnumerated)(CvDescriptor descriptor, uint32_t key, uint32_t* type, uint32_t* value);
+    CvError (*getEnumerated)(CvDescriptor descriptor, uint32_t key, uint32_t* type,
+                             uint32_t* value);
     CvError (*getDataLength)(CvDescriptor descriptor, uint32_t key, int32_t* length);
     CvError (*getData)(CvDescriptor descriptor, uint32_t key, void* buffer, int32_t length);
     /* put replaces an existing entry of the same key in place */

@@ -29,7 +29,8 @@ double SegmentDistanceSquared(PointF p, PointF a, PointF b) {
     const double py = static_cast<double>(p.y) - a.y;
     const double s = px * dx + py * dy;
     const double dd = dx * dx + dy * dy;
-    if (s <= 0.0 || dd == 0.0) return px * px + py * py;
+    if (s <= 0.0 || dd == 0.0)
+        return px * px + py * py;
     if (s > dd) {
         const double qx = static_cast<double>(p.x) - b.x;
         const double qy = static_cast<double>(p.y) - b.y;
@@ -43,17 +44,21 @@ double SegmentDistanceSquared(PointF p, PointF a, PointF b) {
 
 int32_t PointInPolygon(PointF p, const std::vector<PointF>& outline) {
     const size_t n = outline.size();
-    if (n < 3) return -1;
+    if (n < 3)
+        return -1;
     bool inside = false;
     for (size_t k = 0, prev = n - 1; k < n; prev = k++) {
         const PointF a = outline[prev];
         const PointF b = outline[k];
-        if (SegmentDistanceSquared(p, a, b) <= 1e-12) return 0;
+        if (SegmentDistanceSquared(p, a, b) <= 1e-12)
+            return 0;
         // Crossing of the horizontal ray to the right of p.
         if ((a.y > p.y) != (b.y > p.y)) {
-            const double x = a.x + (static_cast<double>(p.y) - a.y) * (static_cast<double>(b.x) - a.x) /
+            const double x = a.x + (static_cast<double>(p.y) - a.y) *
+                                       (static_cast<double>(b.x) - a.x) /
                                        (static_cast<double>(b.y) - a.y);
-            if (static_cast<double>(p.x) < x) inside = !inside;
+            if (static_cast<double>(p.x) < x)
+                inside = !inside;
         }
     }
     return inside ? 1 : -1;
@@ -79,14 +84,16 @@ void MapSamples(const GeodesicLines& lines, const GeodesicLine& arc, const Displ
     out.reserve(arc.samples.size());
     for (const SphereSample& s : arc.samples) {
         PointF p;
-        if (lines.SampleToDisplay(s, space, p)) out.push_back(p);
+        if (lines.SampleToDisplay(s, space, p))
+            out.push_back(p);
     }
 }
 
 // The point at half the length of a polyline.
 PointF PolylineMiddle(const std::vector<PointF>& pts) {
     double total = 0.0;
-    for (size_t k = 1; k < pts.size(); ++k) total += std::hypot(pts[k].x - pts[k - 1].x, pts[k].y - pts[k - 1].y);
+    for (size_t k = 1; k < pts.size(); ++k)
+        total += std::hypot(pts[k].x - pts[k - 1].x, pts[k].y - pts[k - 1].y);
     double remaining = 0.5 * total;
     for (size_t k = 1; k < pts.size(); ++k) {
         const double len = std::hypot(pts[k].x - pts[k - 1].x, pts[k].y - pts[k - 1].y);
@@ -104,10 +111,13 @@ PointF PolylineMiddle(const std::vector<PointF>& pts) {
 
 // ---------------------------------------------------------------- LineConstraint
 
-LineConstraint::LineConstraint(float x1, float y1, float x2, float y2, Orientation orientation, float angle)
+LineConstraint::LineConstraint(float x1, float y1, float x2, float y2, Orientation orientation,
+                               float angle)
     : x1_(x1), y1_(y1), x2_(x2), y2_(y2), angle_(angle), orientation_(orientation) {}
 
-std::unique_ptr<Constraint> LineConstraint::Clone() const { return CloneLine(); }
+std::unique_ptr<Constraint> LineConstraint::Clone() const {
+    return CloneLine();
+}
 
 std::unique_ptr<LineConstraint> LineConstraint::CloneLine() const {
     std::unique_ptr<LineConstraint> copy(new LineConstraint(*this));
@@ -143,7 +153,8 @@ void LineConstraint::UpdateDisplay(const GeodesicLines& lines, const DisplaySpac
 }
 
 PointF LineConstraint::MiddleHandle(bool displaySpace) const {
-    if (UsesDisplayPolyline()) return PolylineMiddle(displaySamples_);
+    if (UsesDisplayPolyline())
+        return PolylineMiddle(displaySamples_);
     const PointF a = displaySpace ? displayFirst_ : First();
     const PointF b = displaySpace ? displaySecond_ : Second();
     return {0.5f * (a.x + b.x), 0.5f * (a.y + b.y)};
@@ -153,20 +164,26 @@ LinePart LineConstraint::HitPart(PointF point, float tolerance, bool displaySpac
     using detail::WithinSquare;
     if (UsesDisplayPolyline()) {
         const std::vector<PointF>& s = displaySamples_;
-        if (WithinSquare(point, s.front(), tolerance)) return LinePart::FirstEnd;
-        if (WithinSquare(point, s.back(), tolerance)) return LinePart::SecondEnd;
+        if (WithinSquare(point, s.front(), tolerance))
+            return LinePart::FirstEnd;
+        if (WithinSquare(point, s.back(), tolerance))
+            return LinePart::SecondEnd;
         if (showsMiddleHandle_ && WithinSquare(point, MiddleHandle(displaySpace), tolerance))
             return LinePart::MiddleHandle;
         const double t2 = static_cast<double>(tolerance) * tolerance;
         for (size_t k = 0; k + 1 < s.size(); ++k)
-            if (detail::SegmentDistanceSquared(point, s[k], s[k + 1]) <= t2) return LinePart::Body;
+            if (detail::SegmentDistanceSquared(point, s[k], s[k + 1]) <= t2)
+                return LinePart::Body;
         return LinePart::None;
     }
     const PointF a = displaySpace ? displayFirst_ : First();
     const PointF b = displaySpace ? displaySecond_ : Second();
-    if (WithinSquare(point, a, tolerance)) return LinePart::FirstEnd;
-    if (WithinSquare(point, b, tolerance)) return LinePart::SecondEnd;
-    if (WithinSquare(point, {0.5f * (a.x + b.x), 0.5f * (a.y + b.y)}, tolerance)) return LinePart::MiddleHandle;
+    if (WithinSquare(point, a, tolerance))
+        return LinePart::FirstEnd;
+    if (WithinSquare(point, b, tolerance))
+        return LinePart::SecondEnd;
+    if (WithinSquare(point, {0.5f * (a.x + b.x), 0.5f * (a.y + b.y)}, tolerance))
+        return LinePart::MiddleHandle;
     return LinePart::None;
 }
 
@@ -192,7 +209,9 @@ ViewRect LineConstraint::BoundingRect(bool preview, const Affine2D& toView) cons
 
 // --------------------------------------------------------------- PlaneConstraint
 
-std::unique_ptr<Constraint> PlaneConstraint::Clone() const { return ClonePlane(); }
+std::unique_ptr<Constraint> PlaneConstraint::Clone() const {
+    return ClonePlane();
+}
 
 std::unique_ptr<PlaneConstraint> PlaneConstraint::ClonePlane() const {
     std::unique_ptr<PlaneConstraint> copy(new PlaneConstraint(*this));
@@ -201,7 +220,9 @@ std::unique_ptr<PlaneConstraint> PlaneConstraint::ClonePlane() const {
     return copy;
 }
 
-void PlaneConstraint::AddVertex(PointF p, int32_t edgeCode) { vertices_.push_back({p.x, p.y, true, edgeCode}); }
+void PlaneConstraint::AddVertex(PointF p, int32_t edgeCode) {
+    vertices_.push_back({p.x, p.y, true, edgeCode});
+}
 
 void PlaneConstraint::SetVertexPosition(int32_t k, PointF p) {
     PlaneVertex& v = vertices_[static_cast<size_t>(k)];
@@ -210,11 +231,13 @@ void PlaneConstraint::SetVertexPosition(int32_t k, PointF p) {
 }
 
 void PlaneConstraint::RemoveLastVertex() {
-    if (!vertices_.empty()) vertices_.pop_back();
+    if (!vertices_.empty())
+        vertices_.pop_back();
 }
 
 int32_t PlaneConstraint::Refresh(const GeodesicLines& lines) {
-    if (const GeodesicPlane* entry = lines.FindPlane(id_)) flag_ = entry->valid ? kFlagValid : kFlagInvalid;
+    if (const GeodesicPlane* entry = lines.FindPlane(id_))
+        flag_ = entry->valid ? kFlagValid : kFlagInvalid;
     return flag_;
 }
 
@@ -234,7 +257,8 @@ void PlaneConstraint::UpdateDisplay(const GeodesicLines& lines, const DisplaySpa
         const PointF pa{a.x, a.y}, pb{b.x, b.y};
         const GeodesicLine* edge = nullptr;
         for (const GeodesicLine* e : fitted)
-            if (e->edge == k && e->first == pa && e->second == pb) edge = e;
+            if (e->edge == k && e->first == pa && e->second == pb)
+                edge = e;
         GeodesicLine temporary;
         if (edge == nullptr) {
             temporary = lines.FitArc(pa, pb);
@@ -248,15 +272,18 @@ std::vector<PointF> PlaneConstraint::Outline(bool displaySpace) const {
     std::vector<PointF> outline;
     if (displaySpace) {
         bool edgesUsable = !displayEdges_.empty() && displayEdges_.size() == vertices_.size();
-        for (const auto& e : displayEdges_) edgesUsable = edgesUsable && !e.empty();
+        for (const auto& e : displayEdges_)
+            edgesUsable = edgesUsable && !e.empty();
         if (edgesUsable) {
-            for (const auto& e : displayEdges_) outline.insert(outline.end(), e.begin(), e.end());
+            for (const auto& e : displayEdges_)
+                outline.insert(outline.end(), e.begin(), e.end());
             return outline;
         }
         return displayVertices_;
     }
     outline.reserve(vertices_.size());
-    for (const PlaneVertex& v : vertices_) outline.push_back({v.x, v.y});
+    for (const PlaneVertex& v : vertices_)
+        outline.push_back({v.x, v.y});
     return outline;
 }
 
@@ -267,10 +294,12 @@ int32_t PlaneConstraint::InsideTest(PointF point, bool displaySpace) const {
 bool PlaneConstraint::HitTest(PointF point, float tolerance, bool displaySpace) const {
     if (displaySpace) {
         for (const PointF& v : displayVertices_)
-            if (detail::WithinSquare(point, v, tolerance)) return true;
+            if (detail::WithinSquare(point, v, tolerance))
+                return true;
     } else {
         for (const PlaneVertex& v : vertices_)
-            if (detail::WithinSquare(point, {v.x, v.y}, tolerance)) return true;
+            if (detail::WithinSquare(point, {v.x, v.y}, tolerance))
+                return true;
     }
     return InsideTest(point, displaySpace) != -1;
 }
@@ -282,7 +311,8 @@ int32_t PlaneConstraint::HitEdge(PointF point, float tolerance, bool displaySpac
         std::vector<PointF> pts;
         const auto uk = static_cast<size_t>(k);
         const auto us = static_cast<size_t>(EdgeStart(k, n));
-        if (displaySpace && displayEdges_.size() == vertices_.size() && displayEdges_[uk].size() >= 2) {
+        if (displaySpace && displayEdges_.size() == vertices_.size() &&
+            displayEdges_[uk].size() >= 2) {
             pts = displayEdges_[uk];
         } else if (displaySpace && displayVertices_.size() == vertices_.size()) {
             pts = {displayVertices_[us], displayVertices_[uk]};
@@ -290,7 +320,8 @@ int32_t PlaneConstraint::HitEdge(PointF point, float tolerance, bool displaySpac
             pts = {{vertices_[us].x, vertices_[us].y}, {vertices_[uk].x, vertices_[uk].y}};
         }
         for (size_t s = 0; s + 1 < pts.size(); ++s)
-            if (detail::SegmentDistanceSquared(point, pts[s], pts[s + 1]) <= t2) return k;
+            if (detail::SegmentDistanceSquared(point, pts[s], pts[s + 1]) <= t2)
+                return k;
     }
     return -1;
 }
@@ -303,15 +334,21 @@ ViewRect PlaneConstraint::BoundingRect(bool preview, const Affine2D& toView) con
     auto take = [&](PointF p) {
         double x, y;
         toView.Apply(p.x, p.y, x, y);
-        if (std::fabs(x) < std::fabs(minX)) minX = x;
-        if (std::fabs(x) > std::fabs(maxX)) maxX = x;
-        if (std::fabs(y) < std::fabs(minY)) minY = y;
-        if (std::fabs(y) > std::fabs(maxY)) maxY = y;
+        if (std::fabs(x) < std::fabs(minX))
+            minX = x;
+        if (std::fabs(x) > std::fabs(maxX))
+            maxX = x;
+        if (std::fabs(y) < std::fabs(minY))
+            minY = y;
+        if (std::fabs(y) > std::fabs(maxY))
+            maxY = y;
     };
     if (preview) {
-        for (const PointF& p : displayVertices_) take(p);
+        for (const PointF& p : displayVertices_)
+            take(p);
     } else {
-        for (const PlaneVertex& v : vertices_) take({v.x, v.y});
+        for (const PlaneVertex& v : vertices_)
+            take({v.x, v.y});
     }
     return {minX - kBoundingRectGrowth, minY - kBoundingRectGrowth, maxX + kBoundingRectGrowth,
             maxY + kBoundingRectGrowth};

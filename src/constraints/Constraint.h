@@ -86,8 +86,8 @@ public:
     static constexpr uint32_t kPayloadSize = 28;
 
     LineConstraint() = default;
-    LineConstraint(float x1, float y1, float x2, float y2, Orientation orientation = Orientation::Unfixed,
-                   float angle = 0.0f);
+    LineConstraint(float x1, float y1, float x2, float y2,
+                   Orientation orientation = Orientation::Unfixed, float angle = 0.0f);
 
     // Same identifier, source endpoints, angle, orientation and display
     // endpoints; no display samples and no cached entry validity.
@@ -126,7 +126,9 @@ public:
         return orientation_;
     }
     Orientation GetOrientation() const { return orientation_; }
-    void SetOrientation(Orientation orientation, float angle) { orientation_ = orientation, angle_ = angle; }
+    void SetOrientation(Orientation orientation, float angle) {
+        orientation_ = orientation, angle_ = angle;
+    }
     void SetOrientation(Orientation orientation) { orientation_ = orientation; }
     float Angle() const { return angle_; }
     void SetAngle(float degrees) { angle_ = degrees; }
@@ -137,7 +139,9 @@ public:
     // Display geometry (see UpdateDisplay).
     PointF DisplayFirst() const { return displayFirst_; }
     PointF DisplaySecond() const { return displaySecond_; }
-    void SetDisplayEndpoints(PointF first, PointF second) { displayFirst_ = first, displaySecond_ = second; }
+    void SetDisplayEndpoints(PointF first, PointF second) {
+        displayFirst_ = first, displaySecond_ = second;
+    }
     const std::vector<PointF>& DisplaySamples() const { return displaySamples_; }
     void SetDisplaySamples(std::vector<PointF> samples) { displaySamples_ = std::move(samples); }
 
@@ -199,7 +203,9 @@ public:
     std::unique_ptr<Constraint> Clone() const override;
     std::unique_ptr<PlaneConstraint> ClonePlane() const;
     void Draw(ConstraintPainter& painter) const override { painter.PaintPlane(*this); }
-    uint32_t PayloadSize() const override { return 8 + 12 * static_cast<uint32_t>(vertices_.size()); }
+    uint32_t PayloadSize() const override {
+        return 8 + 12 * static_cast<uint32_t>(vertices_.size());
+    }
     // Takes the validity of the polygon's entry when there is one; returns
     // the flag byte.
     int32_t Refresh(const GeodesicLines& lines) override;

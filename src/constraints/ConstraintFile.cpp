@@ -19,7 +19,9 @@ namespace {
 
 namespace msg = constraint_message;
 
-uint64_t StringBytes(const std::string& s) { return s.empty() ? 4 : 8 + s.size(); }
+uint64_t StringBytes(const std::string& s) {
+    return s.empty() ? 4 : 8 + s.size();
+}
 
 std::string SizeText(int64_t w, int64_t h) {
     char buf[64];
@@ -33,7 +35,9 @@ void Fail(ConstraintSet& set, std::string message) {
     set.SetSuccess(false);
 }
 
-void FailInvalid(ConstraintSet& set) { Fail(set, std::string(msg::kInvalidFileContent) + "\n"); }
+void FailInvalid(ConstraintSet& set) {
+    Fail(set, std::string(msg::kInvalidFileContent) + "\n");
+}
 
 // The mismatch message: what differs, then the file's value and the image's.
 std::string Mismatch(std::string_view what, const std::string& inFile, const std::string& inDoc) {
@@ -237,8 +241,10 @@ SimpleConstraintFileContext SimpleConstraintFileContext::SnapshotOf(
 }
 
 float clampSetting(float value, float lo, float hi) {
-    if (!(value >= lo)) return lo;  // NaN too
-    if (value > hi) return hi;
+    if (!(value >= lo))
+        return lo;  // NaN too
+    if (value > hi)
+        return hi;
     return value;
 }
 
@@ -257,18 +263,19 @@ uint32_t regularizerIndexFromModel(RegularizerModel model) {
     return code >= 1 && code <= 4 ? code - 1 : 3u;
 }
 
-std::string localizeConstraintMessage(std::string_view message,
-                                      const std::function<std::string(std::string_view key)>& localize) {
+std::string localizeConstraintMessage(
+    std::string_view message, const std::function<std::string(std::string_view key)>& localize) {
     static constexpr std::string_view kKeys[] = {
-        msg::kInvalidFileContent,  msg::kUnmatchedImageWidth,  msg::kUnmatchedValueInFile,
-        msg::kUnmatchedValueInDoc, msg::kUnmatchedCameraMake,  msg::kUnmatchedCameraModel,
-        msg::kUnmatchedLensModel,  msg::kEmptyFile,            msg::kBadLineConstraintFile,
-        msg::kBadPlaneConstraintFile, msg::kTooManyConstraints, msg::kTooManyVertices};
+        msg::kInvalidFileContent,     msg::kUnmatchedImageWidth, msg::kUnmatchedValueInFile,
+        msg::kUnmatchedValueInDoc,    msg::kUnmatchedCameraMake, msg::kUnmatchedCameraModel,
+        msg::kUnmatchedLensModel,     msg::kEmptyFile,           msg::kBadLineConstraintFile,
+        msg::kBadPlaneConstraintFile, msg::kTooManyConstraints,  msg::kTooManyVertices};
     std::string out;
     size_t start = 0;
     while (true) {
         const size_t end = message.find('\n', start);
-        const std::string_view line = message.substr(start, end == std::string_view::npos ? end : end - start);
+        const std::string_view line =
+            message.substr(start, end == std::string_view::npos ? end : end - start);
         bool done = false;
         for (std::string_view key : kKeys) {
             if (line.substr(0, key.size()) == key) {
@@ -278,8 +285,10 @@ std::string localizeConstraintMessage(std::string_view message,
                 break;
             }
         }
-        if (!done) out += line;
-        if (end == std::string_view::npos) break;
+        if (!done)
+            out += line;
+        if (end == std::string_view::npos)
+            break;
         out += '\n';
         start = end + 1;
     }
@@ -288,15 +297,18 @@ std::string localizeConstraintMessage(std::string_view message,
 
 uint64_t constraintDataBytes(const ConstraintSet& set, const ConstraintFileContext& context) {
     uint64_t n = 4 + 4 + 2 + 2 + 2;
-    n += StringBytes(context.CameraMake()) + StringBytes(context.CameraModel()) + StringBytes(context.LensModel());
+    n += StringBytes(context.CameraMake()) + StringBytes(context.CameraModel()) +
+         StringBytes(context.LensModel());
     n += 3 * 4 + 2 * 4 + 4 + 2 * 4 + 4 + 4;
     for (const auto& c : set.Constraints()) {
-        if (AsLine(*c) || AsPlane(*c)) n += 4 + c->PayloadSize();
+        if (AsLine(*c) || AsPlane(*c))
+            n += 4 + c->PayloadSize();
     }
     return n;
 }
 
-void writeConstraintData(const ConstraintSet& set, const ConstraintFileContext& context, std::vector<uint8_t>& out) {
+void writeConstraintData(const ConstraintSet& set, const ConstraintFileContext& context,
+                         std::vector<uint8_t>& out) {
     ByteWriter w(out);
     const ConstraintFileSettings s = context.Settings();
     w.U32(constraint_file::kMagic);
@@ -343,7 +355,8 @@ void writeConstraintData(const ConstraintSet& set, const ConstraintFileContext& 
     }
 }
 
-std::vector<uint8_t> writeConstraintData(const ConstraintSet& set, const ConstraintFileContext& context) {
+std::vector<uint8_t> writeConstraintData(const ConstraintSet& set,
+                                         const ConstraintFileContext& context) {
     std::vector<uint8_t> out;
     out.reserve(4096);
     writeConstraintData(set, context, out);
@@ -369,7 +382,8 @@ bool readConstraintData(ConstraintSet& set, ConstraintFileContext& context,
         return false;
     }
     ConstraintFileSettings candidate = context.Settings();
-    candidate.physicalFocal = clampSetting(settings.physicalFocal, kMinPhysicalFocalMm, kMaxPhysicalFocalMm);
+    candidate.physicalFocal =
+        clampSetting(settings.physicalFocal, kMinPhysicalFocalMm, kMaxPhysicalFocalMm);
     candidate.cropFactor = settings.cropFactor;
     candidate.focalLength = clampSetting(settings.focalLength, kMinFocalPixels, kMaxFocalPixels);
     candidate.scale = settings.scale;
@@ -414,23 +428,30 @@ bool saveConstraintFile(ConstraintSet& set, const ConstraintFileContext& context
     std::filesystem::path temp;
     int fd = -1;
     for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
-        temp = directory / ("." + fileName + ".tmp" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
+        temp = directory / ("." + fileName + ".tmp" + std::to_string(::getpid()) + "-" +
+                            std::to_string(counter++));
         fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        if (fd < 0 && errno != EEXIST) return false;
+        if (fd < 0 && errno != EEXIST)
+            return false;
     }
-    if (fd < 0) return false;
+    if (fd < 0)
+        return false;
 
     bool ok = true;
     size_t done = 0;
     while (ok && done < bytes.size()) {
         const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) ok = false;
-        else done += static_cast<size_t>(n);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            ok = false;
+        else
+            done += static_cast<size_t>(n);
     }
     ok = ::fsync(fd) == 0 && ok;
     ok = ::close(fd) == 0 && ok;
-    if (ok) ok = ::rename(temp.c_str(), target.c_str()) == 0;
+    if (ok)
+        ok = ::rename(temp.c_str(), target.c_str()) == 0;
     if (!ok) {
         ::unlink(temp.c_str());
         return false;
@@ -439,7 +460,8 @@ bool saveConstraintFile(ConstraintSet& set, const ConstraintFileContext& context
     return true;
 }
 
-void loadConstraintFile(ConstraintSet& set, ConstraintFileContext& context, const std::filesystem::path& file) {
+void loadConstraintFile(ConstraintSet& set, ConstraintFileContext& context,
+                        const std::filesystem::path& file) {
     std::error_code ec;
     const uintmax_t size = std::filesystem::file_size(file, ec);
     if (!ec && size == 0) {
@@ -462,7 +484,8 @@ void loadConstraintFile(ConstraintSet& set, ConstraintFileContext& context, cons
     while (in) {
         in.read(chunk, sizeof chunk);
         bytes.insert(bytes.end(), chunk, chunk + in.gcount());
-        if (bytes.size() > constraint_file::kMaxFileBytes) break;
+        if (bytes.size() > constraint_file::kMaxFileBytes)
+            break;
     }
     if (in.bad() || bytes.size() > constraint_file::kMaxFileBytes) {
         FailInvalid(set);
@@ -472,8 +495,10 @@ void loadConstraintFile(ConstraintSet& set, ConstraintFileContext& context, cons
         Fail(set, std::string(msg::kEmptyFile) + "\n");
         return;
     }
-    if (!readConstraintData(set, context, bytes)) return;
-    if (GeodesicLines* lines = context.Lines()) fitLoadedConstraints(set, *lines);
+    if (!readConstraintData(set, context, bytes))
+        return;
+    if (GeodesicLines* lines = context.Lines())
+        fitLoadedConstraints(set, *lines);
     set.SetSavedMarker(0);
 }
 
@@ -481,14 +506,19 @@ uint64_t constraintDataSize(const ConstraintSet& set, const ConstraintFileContex
     return set.Empty() ? 0 : constraintDataBytes(set, context);
 }
 
-std::vector<uint8_t> makeConstraintData(const ConstraintSet& set, const ConstraintFileContext& context) {
-    if (set.Empty()) return {};
+std::vector<uint8_t> makeConstraintData(const ConstraintSet& set,
+                                        const ConstraintFileContext& context) {
+    if (set.Empty())
+        return {};
     return writeConstraintData(set, context);
 }
 
-bool applyConstraintData(ConstraintSet& set, ConstraintFileContext& context, std::span<const uint8_t> data) {
-    if (!readConstraintData(set, context, data)) return false;
-    if (GeodesicLines* lines = context.Lines()) fitLoadedConstraints(set, *lines);
+bool applyConstraintData(ConstraintSet& set, ConstraintFileContext& context,
+                         std::span<const uint8_t> data) {
+    if (!readConstraintData(set, context, data))
+        return false;
+    if (GeodesicLines* lines = context.Lines())
+        fitLoadedConstraints(set, *lines);
     return set.Success();
 }
 

@@ -73,18 +73,28 @@ float clampSetting(float value, float lo, float hi);
 
 // The messages a read leaves in ConstraintSet::Message (localisable keys).
 namespace constraint_message {
-inline constexpr std::string_view kInvalidFileContent = "$$$/Curvana/Warning/InvalidFileContent=Not a valid constraint file.";
-inline constexpr std::string_view kUnmatchedImageWidth = "$$$/Curvana/Warning/UnmatchedImageWidth=Image size doesn't match.";
-inline constexpr std::string_view kUnmatchedValueInFile = "$$$/Curvana/Warning/UnmatchedValueInFile=Value in the loaded file: ";
-inline constexpr std::string_view kUnmatchedValueInDoc = "$$$/Curvana/Warning/UnmatchedValueInDoc=Value of the current image: ";
-inline constexpr std::string_view kUnmatchedCameraMake = "$$$/Curvana/Warning/UnmatchedCameraMake=Camera make doesn't match.";
-inline constexpr std::string_view kUnmatchedCameraModel = "$$$/Curvana/Warning/UnmatchedCameraModel=Camera model doesn't match.";
-inline constexpr std::string_view kUnmatchedLensModel = "$$$/Curvana/Warning/UnmatchedLensModel=Lens model doesn't match.";
-inline constexpr std::string_view kEmptyFile = "$$$/Curvana/Warning/EmptyFile=The file you selected is an empty file.";
+inline constexpr std::string_view kInvalidFileContent =
+    "$$$/Curvana/Warning/InvalidFileContent=Not a valid constraint file.";
+inline constexpr std::string_view kUnmatchedImageWidth =
+    "$$$/Curvana/Warning/UnmatchedImageWidth=Image size doesn't match.";
+inline constexpr std::string_view kUnmatchedValueInFile =
+    "$$$/Curvana/Warning/UnmatchedValueInFile=Value in the loaded file: ";
+inline constexpr std::string_view kUnmatchedValueInDoc =
+    "$$$/Curvana/Warning/UnmatchedValueInDoc=Value of the current image: ";
+inline constexpr std::string_view kUnmatchedCameraMake =
+    "$$$/Curvana/Warning/UnmatchedCameraMake=Camera make doesn't match.";
+inline constexpr std::string_view kUnmatchedCameraModel =
+    "$$$/Curvana/Warning/UnmatchedCameraModel=Camera model doesn't match.";
+inline constexpr std::string_view kUnmatchedLensModel =
+    "$$$/Curvana/Warning/UnmatchedLensModel=Lens model doesn't match.";
+inline constexpr std::string_view kEmptyFile =
+    "$$$/Curvana/Warning/EmptyFile=The file you selected is an empty file.";
 inline constexpr std::string_view kBadLineConstraintFile =
-    "$$$/Curvana/Warning/BadLineConstraintFile=The file you selected does not have a valid line constraint.";
+    "$$$/Curvana/Warning/BadLineConstraintFile=The file you selected does not have a valid line "
+    "constraint.";
 inline constexpr std::string_view kBadPlaneConstraintFile =
-    "$$$/Curvana/Warning/BadPlaneConstraintFile=The file you selected does not have a valid plane constraint.";
+    "$$$/Curvana/Warning/BadPlaneConstraintFile=The file you selected does not have a valid plane "
+    "constraint.";
 // Followed by the file's number.
 inline constexpr std::string_view kTooManyConstraints =
     "$$$/Curvana/Warning/TooManyConstraints=The file holds more constraints than the solver takes "
@@ -99,14 +109,14 @@ inline constexpr std::string_view kTooManyVertices =
 // whole "$$$/...=English" key, as the session's Localize takes it) followed
 // by the rest of the line (a value such as "4464x2000"); other lines pass
 // unchanged. Lines stay joined with "\n".
-std::string localizeConstraintMessage(std::string_view message,
-                                      const std::function<std::string(std::string_view key)>& localize);
+std::string localizeConstraintMessage(
+    std::string_view message, const std::function<std::string(std::string_view key)>& localize);
 
 // The settings that a constraint file carries.
 struct ConstraintFileSettings {
     float physicalFocal = 15.0f;  // mm
     float cropFactor = 1.0f;
-    float focalLength = 0.0f;      // pixels
+    float focalLength = 0.0f;  // pixels
     ProjectionModel projectionModel = ProjectionModel::Fisheye;
     RegularizerModel regularizerModel = RegularizerModel::Auto;
     int32_t scale = 120;
@@ -209,8 +219,10 @@ uint32_t regularizerIndexFromModel(RegularizerModel model);
 // Serialises the header (from the context) and the set's records. A
 // constraint whose run-time class is neither LineConstraint nor
 // PlaneConstraint exactly writes nothing, though the count includes it.
-void writeConstraintData(const ConstraintSet& set, const ConstraintFileContext& context, std::vector<uint8_t>& out);
-std::vector<uint8_t> writeConstraintData(const ConstraintSet& set, const ConstraintFileContext& context);
+void writeConstraintData(const ConstraintSet& set, const ConstraintFileContext& context,
+                         std::vector<uint8_t>& out);
+std::vector<uint8_t> writeConstraintData(const ConstraintSet& set,
+                                         const ConstraintFileContext& context);
 // The exact number of bytes writeConstraintData produces.
 uint64_t constraintDataBytes(const ConstraintSet& set, const ConstraintFileContext& context);
 
@@ -233,7 +245,8 @@ uint64_t constraintDataBytes(const ConstraintSet& set, const ConstraintFileConte
 // header checks give their own messages. Success sets the flag and clears the
 // message. Never reads past `data`. Does not fit the constraints (see
 // fitLoadedConstraints). Returns the success flag.
-bool readConstraintData(ConstraintSet& set, ConstraintFileContext& context, std::span<const uint8_t> data);
+bool readConstraintData(ConstraintSet& set, ConstraintFileContext& context,
+                        std::span<const uint8_t> data);
 
 // The pass after a successful load: clears `lines` and fits every constraint
 // of the set into it in list order; a line that cannot be fitted leaves
@@ -253,16 +266,19 @@ bool saveConstraintFile(ConstraintSet& set, const ConstraintFileContext& context
 // kInvalidFileContent, with the success flag cleared. After a successful read
 // the constraints are fitted into context.Lines() (when not null, see
 // fitLoadedConstraints) and the saved marker is reset to 0.
-void loadConstraintFile(ConstraintSet& set, ConstraintFileContext& context, const std::filesystem::path& file);
+void loadConstraintFile(ConstraintSet& set, ConstraintFileContext& context,
+                        const std::filesystem::path& file);
 
 // The scripting "Constraint Data" value: the very bytes of a constraint
 // file, so one parser validates both. An empty set gives an empty value (and
 // size 0), so the key is left out of the descriptor.
 uint64_t constraintDataSize(const ConstraintSet& set, const ConstraintFileContext& context);
-std::vector<uint8_t> makeConstraintData(const ConstraintSet& set, const ConstraintFileContext& context);
+std::vector<uint8_t> makeConstraintData(const ConstraintSet& set,
+                                        const ConstraintFileContext& context);
 // Reads a "Constraint Data" value like a loaded file (without the saved-
 // marker reset): readConstraintData, then the fitting pass into
 // context.Lines() when it succeeded. Returns the success flag.
-bool applyConstraintData(ConstraintSet& set, ConstraintFileContext& context, std::span<const uint8_t> data);
+bool applyConstraintData(ConstraintSet& set, ConstraintFileContext& context,
+                         std::span<const uint8_t> data);
 
 }  // namespace Project

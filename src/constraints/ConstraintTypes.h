@@ -33,7 +33,9 @@ struct Affine2D {
 
     static Affine2D Identity() { return {}; }
     // x' = sx x + tx, y' = sy y + ty.
-    static Affine2D ScaleOffset(double sx, double sy, double tx, double ty) { return {sx, 0.0, tx, 0.0, sy, ty}; }
+    static Affine2D ScaleOffset(double sx, double sy, double tx, double ty) {
+        return {sx, 0.0, tx, 0.0, sy, ty};
+    }
 
     void Apply(double x, double y, double& outX, double& outY) const {
         outX = a * x + b * y + c;
@@ -42,7 +44,8 @@ struct Affine2D {
     // The inverse map; false (and `out` untouched) when the map is singular.
     bool Invert(Affine2D& out) const {
         const double det = a * e - b * d;
-        if (!(det != 0.0) || !(det == det)) return false;
+        if (!(det != 0.0) || !(det == det))
+            return false;
         Affine2D r;
         r.a = e / det;
         r.b = -b / det;
@@ -64,8 +67,12 @@ struct Affine2D {
 // to 3 only). The codes are stored as such in constraint files and undo tasks.
 enum class Orientation : int32_t { Unfixed = 1, Horizontal = 2, Vertical = 3, Arbitrary = 4 };
 
-constexpr bool IsLineOrientationCode(int64_t code) { return code >= 1 && code <= 4; }
-constexpr bool IsEdgeCode(int64_t code) { return code >= 1 && code <= 3; }
+constexpr bool IsLineOrientationCode(int64_t code) {
+    return code >= 1 && code <= 4;
+}
+constexpr bool IsEdgeCode(int64_t code) {
+    return code >= 1 && code <= 3;
+}
 
 // The part of a line that a point hits.
 enum class LinePart : int32_t { None = 1, FirstEnd = 2, SecondEnd = 3, MiddleHandle = 4, Body = 5 };

@@ -124,7 +124,8 @@ public:
     // Building the mesh's quad finder takes about 20 ms at mesh level 6 (and
     // grows with the level); the second form shares one already built.
     GeodesicLines(std::shared_ptr<const PhotoToSphere> photo, std::shared_ptr<const OctaMap> mesh);
-    GeodesicLines(std::shared_ptr<const PhotoToSphere> photo, std::shared_ptr<const MeshLocator> locator);
+    GeodesicLines(std::shared_ptr<const PhotoToSphere> photo,
+                  std::shared_ptr<const MeshLocator> locator);
 
     // Replaces the projection. Entries are not re-fitted here: call FitAll.
     void SetPhoto(std::shared_ptr<const PhotoToSphere> photo) { photo_ = std::move(photo); }

@@ -8,7 +8,8 @@ PAngleWindow::PAngleWindow(QWidget* parent) : QLabel(parent) {
     setFocusPolicy(Qt::NoFocus);
     setAutoFillBackground(true);
     setMargin(3);
-    setStyleSheet(QStringLiteral("background: #fffbe0; color: #202020; border: 1px solid #606060;"));
+    setStyleSheet(
+        QStringLiteral("background: #fffbe0; color: #202020; border: 1px solid #606060;"));
     hide();
 }
 

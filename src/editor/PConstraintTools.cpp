@@ -202,7 +202,8 @@ LineConstraint* PTool::HitRotationHandle(const CImagePane& pane, QPointF panePoi
             continue;
         const auto handle = RotationHandleOf(*line, host_.PreviewOn(), toPane);
         if (handle && WithinBox(panePoint, handle->handle, kHitPixels)) {
-            cursorIndex = CCursors::RotationIndexForAngle(ScreenAngle(handle->handle - handle->pivot));
+            cursorIndex =
+                CCursors::RotationIndexForAngle(ScreenAngle(handle->handle - handle->pivot));
             return line;
         }
     }
@@ -269,7 +270,8 @@ protected:
 
     void Finish(const CMouseEvent& release) override {
         const QPointF travel = release.position - PressPosition();
-        const bool far = std::abs(travel.x()) > kDragThreshold || std::abs(travel.y()) > kDragThreshold;
+        const bool far =
+            std::abs(travel.x()) > kDragThreshold || std::abs(travel.y()) > kDragThreshold;
         PointF source;
         if (far && Pane()->ImageRect().contains(release.position) && tool_.inProgress_ &&
             tool_.Host().PictureToSource(Picture(release.position), source)) {
@@ -290,8 +292,9 @@ protected:
 private:
     Orientation Snap(const CMouseEvent& event) const {
         // Measured on screen, where the user sees the angle.
-        return (event.modifiers & Velmo::kModShift) ? SnappedOrientation(PressPosition(), event.position)
-                                                   : Orientation::Unfixed;
+        return (event.modifiers & Velmo::kModShift)
+                   ? SnappedOrientation(PressPosition(), event.position)
+                   : Orientation::Unfixed;
     }
 
     void Follow(const CMouseEvent& event) {
@@ -479,8 +482,8 @@ protected:
     void Finish(const CMouseEvent& release) override {
         Move(release.position);
         if (moved_) {
-            tool_.Host().Tasks().Push(
-                std::make_unique<PAdjustConstraintTask>(tool_.Host().Workspace(), plane_, *backup_));
+            tool_.Host().Tasks().Push(std::make_unique<PAdjustConstraintTask>(
+                tool_.Host().Workspace(), plane_, *backup_));
             tool_.Host().Workspace().RequestResolve();
         }
         tool_.edit_ = nullptr;
@@ -498,7 +501,8 @@ private:
         if (corner_ < 0)
             return;
         const QPointF travel = at - PressPosition();
-        if (!moved_ && std::abs(travel.x()) <= kDragThreshold && std::abs(travel.y()) <= kDragThreshold)
+        if (!moved_ && std::abs(travel.x()) <= kDragThreshold &&
+            std::abs(travel.y()) <= kDragThreshold)
             return;
         PointF source;
         if (!Pane()->ImageRect().contains(at) || !tool_.Host().PictureToSource(Picture(at), source))
@@ -539,8 +543,9 @@ std::string PManageConstraintTool::SpringTool(CImagePane& pane, CMouseEvent& eve
     if (!hit)
         return {};
     if (const LineConstraint* line = AsLine(*hit)) {
-        const LinePart part = line->HitPart(ToPicture(pane, event.position),
-                                            static_cast<float>(Tolerance(pane)), Host().PreviewOn());
+        const LinePart part =
+            line->HitPart(ToPicture(pane, event.position), static_cast<float>(Tolerance(pane)),
+                          Host().PreviewOn());
         if (part == LinePart::FirstEnd || part == LinePart::SecondEnd)
             return {};
     }
@@ -624,7 +629,8 @@ void PManageConstraintTool::BeginLine(CImagePane& pane, const CMouseEvent& event
     state_ = kAdding;
     inProgress_ = std::make_unique<LineConstraint>();
     edit_ = inProgress_.get();
-    pane.StartTracker(*this, event, [this] { return std::make_shared<PAddConstraintTracker>(*this); });
+    pane.StartTracker(*this, event,
+                      [this] { return std::make_shared<PAddConstraintTracker>(*this); });
 }
 
 void PManageConstraintTool::Continue() {
@@ -812,9 +818,10 @@ void PManageConstraintTool::PaintFeedback(QPainter& painter, const CImagePane& p
     painter.save();
     painter.setRenderHint(QPainter::Antialiasing);
     if (state_ == kAdding && inProgress_ && drawFrom_ != drawTo_) {
-        const PDisplayColor which = drawOrientation_ == Orientation::Horizontal ? PDisplayColor::Horizontal
-                                    : drawOrientation_ == Orientation::Vertical ? PDisplayColor::Vertical
-                                                                                : PDisplayColor::Unfixed;
+        const PDisplayColor which =
+            drawOrientation_ == Orientation::Horizontal ? PDisplayColor::Horizontal
+            : drawOrientation_ == Orientation::Vertical ? PDisplayColor::Vertical
+                                                        : PDisplayColor::Unfixed;
         const QPointF a = pane.ImageToPane(drawFrom_), b = pane.ImageToPane(drawTo_);
         painter.setPen(QPen(QColor(0, 0, 0, 150), 3.5, Qt::SolidLine, Qt::RoundCap));
         painter.drawLine(a, b);
@@ -854,8 +861,9 @@ std::string PPlaneTool::SpringTool(CImagePane& pane, CMouseEvent& event) {
     if (!hit)
         return {};
     if (const LineConstraint* line = AsLine(*hit)) {
-        const LinePart part = line->HitPart(ToPicture(pane, event.position),
-                                            static_cast<float>(Tolerance(pane)), Host().PreviewOn());
+        const LinePart part =
+            line->HitPart(ToPicture(pane, event.position), static_cast<float>(Tolerance(pane)),
+                          Host().PreviewOn());
         if (part == LinePart::FirstEnd || part == LinePart::SecondEnd)
             return {};
     }
@@ -933,7 +941,8 @@ void PPlaneTool::AddPoint(CImagePane& pane, const CMouseEvent& event) {
                 return;
         // The edge that ends at the new point takes the orientation mode.
         const QPointF last = pane.ImageToPane(pictureCorners_.back());
-        const Orientation mode = shift ? SnappedOrientation(last, event.position) : Orientation::Unfixed;
+        const Orientation mode =
+            shift ? SnappedOrientation(last, event.position) : Orientation::Unfixed;
         inProgress_->AddVertex(source, static_cast<int32_t>(mode));
         pictureCorners_.push_back(picture);
     }
@@ -946,8 +955,8 @@ void PPlaneTool::ClosePolygon(CImagePane& pane, const CMouseEvent& event) {
     const bool shift = (event.modifiers & Velmo::kModShift) != 0;
     const QPointF last = pane.ImageToPane(pictureCorners_.back());
     const QPointF first = pane.ImageToPane(pictureCorners_.front());
-    inProgress_->SetEdgeCode(0, static_cast<int32_t>(shift ? SnappedOrientation(last, first)
-                                                           : Orientation::Unfixed));
+    inProgress_->SetEdgeCode(
+        0, static_cast<int32_t>(shift ? SnappedOrientation(last, first) : Orientation::Unfixed));
     PWorkspace& workspace = Host().Workspace();
     const int32_t id = Constraints().Add(std::move(inProgress_));
     Constraint* added = Constraints().Find(id);
@@ -1074,8 +1083,8 @@ void PConstraintTypeTool::MouseDown(CImagePane& pane, const CMouseEvent& event) 
         Host().Tasks().Push(
             std::make_unique<PMarkConstraintTask>(workspace, *line, previous, previousAngle));
     } else if (PlaneConstraint* plane = AsPlane(*hit)) {
-        const int32_t edge =
-            plane->HitEdge(ToPicture(pane, event.position), static_cast<float>(Tolerance(pane)), display);
+        const int32_t edge = plane->HitEdge(ToPicture(pane, event.position),
+                                            static_cast<float>(Tolerance(pane)), display);
         if (edge < 0)
             return;
         const int32_t n = plane->VertexCount();
@@ -1086,8 +1095,10 @@ void PConstraintTypeTool::MouseDown(CImagePane& pane, const CMouseEvent& event) 
             return PointF{plane->Vertex(k).x, plane->Vertex(k).y};
         };
         const int32_t previous = plane->GetEdgeCode(edge);
-        plane->SetEdgeCode(edge, static_cast<int32_t>(toggled(previous, vertex(from), vertex(edge))));
-        Host().Tasks().Push(std::make_unique<PMarkPlaneEdgeTask>(workspace, *plane, edge, previous));
+        plane->SetEdgeCode(edge,
+                           static_cast<int32_t>(toggled(previous, vertex(from), vertex(edge))));
+        Host().Tasks().Push(
+            std::make_unique<PMarkPlaneEdgeTask>(workspace, *plane, edge, previous));
         workspace.RequestResolve();
     }
     workspace.RefreshControls();
@@ -1097,7 +1108,7 @@ void PConstraintTypeTool::MouseDown(CImagePane& pane, const CMouseEvent& event) 
 
 void PConstraintTypeTool::AdjustCursor(CImagePane& pane, const CMouseEvent& event) {
     pane.SetPaneCursor(CCursors::Get(HitConstraint(pane, event.position) ? CCursorKind::Orientation
-                                                                        : CCursorKind::Arrow));
+                                                                         : CCursorKind::Arrow));
 }
 
 }  // namespace Project

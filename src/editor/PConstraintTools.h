@@ -203,9 +203,9 @@ private:
     QPointF drawFrom_, drawTo_;
     Orientation drawOrientation_ = Orientation::Unfixed;
     QPointer<PAngleWindow> angleWindow_;  // owned by its parent window
-    float rotationDisplay_ = -1.0f;  // the angle shown while rotating (+180), -1 none
-    float rotationStart_ = 0.0f;     // the line's angle when the rotation began
-    QPointF fitPicture_;             // the fit point, in the picture
+    float rotationDisplay_ = -1.0f;       // the angle shown while rotating (+180), -1 none
+    float rotationStart_ = 0.0f;          // the line's angle when the rotation began
+    QPointF fitPicture_;                  // the fit point, in the picture
 };
 
 // The Polygon Constraint tool ("Project/Tool/PlaneTool", Y): clicks add the
@@ -237,10 +237,10 @@ private:
     void AddPoint(Velmo::CImagePane& pane, const Velmo::CMouseEvent& event);
     void ClosePolygon(Velmo::CImagePane& pane, const Velmo::CMouseEvent& event);
 
-    PlaneConstraint* edit_ = nullptr;               // the polygon under edit (not owned)
-    std::unique_ptr<PlaneConstraint> inProgress_;   // the polygon being drawn
-    std::vector<QPointF> pictureCorners_;           // its corners in the picture
-    QPointF rubberEnd_;                             // the pointer, in the picture
+    PlaneConstraint* edit_ = nullptr;              // the polygon under edit (not owned)
+    std::unique_ptr<PlaneConstraint> inProgress_;  // the polygon being drawn
+    std::vector<QPointF> pictureCorners_;          // its corners in the picture
+    QPointF rubberEnd_;                            // the pointer, in the picture
     bool rubber_ = false;
     int32_t state_ = 0;
 };

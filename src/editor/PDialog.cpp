@@ -25,6 +25,7 @@
 #include "constraints/ConstraintFile.h"
 #include "constraints/ConstraintSet.h"
 #include "constraints/GeodesicLines.h"
+#include "core/LocalizedString.h"
 #include "editor/PConstraintDrawing.h"
 #include "editor/PDialogLayout.h"
 #include "editor/PDialogTexts.h"
@@ -39,7 +40,6 @@
 #include "geometry/LensProfile.h"
 #include "geometry/ProjectionFactory.h"
 #include "render/RenderPlan.h"
-#include "core/LocalizedString.h"
 #include "session/PFilter.h"
 #include "session/PreferencesFile.h"
 
@@ -87,8 +87,8 @@ bool NeedsSolve(uint32_t code) {
 
 std::string ZoomText(double zoom) {
     const double percent = zoom * 100.0;
-    const double rounded = percent >= 10.0 ? std::round(percent * 10.0) / 10.0
-                                           : std::round(percent * 100.0) / 100.0;
+    const double rounded =
+        percent >= 10.0 ? std::round(percent * 10.0) / 10.0 : std::round(percent * 100.0) / 100.0;
     QString text = QString::number(rounded, 'f', percent >= 10.0 ? 1 : 2);
     while (text.contains(QLatin1Char('.')) &&
            (text.endsWith(QLatin1Char('0')) || text.endsWith(QLatin1Char('.'))))
@@ -294,8 +294,8 @@ bool PDialog::Build(const std::string& layoutResource, std::string& error) {
 
     // The focal slider's range: around the photo's own focal length.
     const std::optional<std::pair<float, float>> asShot = MetadataFocal();
-    const float f0 = std::clamp(asShot ? asShot->first : s.physicalFocalLength,
-                                kMinPhysicalFocalMm, kMaxPhysicalFocalMm);
+    const float f0 = std::clamp(asShot ? asShot->first : s.physicalFocalLength, kMinPhysicalFocalMm,
+                                kMaxPhysicalFocalMm);
     focalRangeLow_ = std::max(kMinPhysicalFocalMm, std::floor(f0 / 4.0f));
     focalRangeHigh_ = std::min(kMaxPhysicalFocalMm, std::ceil(f0 * 4.0f));
     ui_->asShot->setEnabled(asShot.has_value());
@@ -364,16 +364,16 @@ void PDialog::BuildMenus() {
 
     QMenu* view = bar->addMenu(Text(kViewMenuTitle));
     Velmo::SetViewId(*view, kViewMenu);
-    const auto viewActions = Velmo::AddMenuItems(
-        *view, {{kZoomIn, {}, QKeySequence(Qt::CTRL | Qt::Key_Plus)},
-                {kZoomOut, {}, QKeySequence(Qt::CTRL | Qt::Key_Minus)},
-                {Velmo::kMenuSeparator},
-                {kFitOnScreen, {}, QKeySequence(Qt::CTRL | Qt::Key_0)},
-                {kFitInView, {}, QKeySequence(Qt::CTRL | Qt::ALT | Qt::Key_0)},
-                {kActualPixels, {}, QKeySequence(Qt::CTRL | Qt::Key_1)}});
+    const auto viewActions =
+        Velmo::AddMenuItems(*view, {{kZoomIn, {}, QKeySequence(Qt::CTRL | Qt::Key_Plus)},
+                                    {kZoomOut, {}, QKeySequence(Qt::CTRL | Qt::Key_Minus)},
+                                    {Velmo::kMenuSeparator},
+                                    {kFitOnScreen, {}, QKeySequence(Qt::CTRL | Qt::Key_0)},
+                                    {kFitInView, {}, QKeySequence(Qt::CTRL | Qt::ALT | Qt::Key_0)},
+                                    {kActualPixels, {}, QKeySequence(Qt::CTRL | Qt::Key_1)}});
     // Ctrl with the = key is Ctrl + on keyboards where + needs Shift.
-    viewActions[0]->setShortcuts({QKeySequence(Qt::CTRL | Qt::Key_Plus),
-                                  QKeySequence(Qt::CTRL | Qt::Key_Equal)});
+    viewActions[0]->setShortcuts(
+        {QKeySequence(Qt::CTRL | Qt::Key_Plus), QKeySequence(Qt::CTRL | Qt::Key_Equal)});
     connect(viewActions[0], &QAction::triggered, this, [this] { ZoomIn(); });
     connect(viewActions[1], &QAction::triggered, this, [this] { ZoomOut(); });
     connect(viewActions[3], &QAction::triggered, this, [this] { FitOnScreen(); });
@@ -401,14 +401,17 @@ void PDialog::ConnectControls() {
     ui.cancel->installEventFilter(this);
     ui.cancel->setAutoDefault(false);
 
-    connect(ui.projection, &QComboBox::activated, this, [this](int index) { ProjectionChosen(index); });
+    connect(ui.projection, &QComboBox::activated, this,
+            [this](int index) { ProjectionChosen(index); });
     ui.scale->SetListener([this](double value) {
-        ChangeSetting(kScaleSlider, settings_field::kScale,
-                      [value](PSettings& s) { s.scale = static_cast<int32_t>(std::lround(value)); });
+        ChangeSetting(kScaleSlider, settings_field::kScale, [value](PSettings& s) {
+            s.scale = static_cast<int32_t>(std::lround(value));
+        });
     });
     ui.focal->SetListener([this](double value) {
-        ChangeSetting(kFocalSlider, settings_field::kPhysicalFocalLength,
-                      [this, value](PSettings& s) { SetFocal(static_cast<float>(value), s.cropFactor); });
+        ChangeSetting(
+            kFocalSlider, settings_field::kPhysicalFocalLength,
+            [this, value](PSettings& s) { SetFocal(static_cast<float>(value), s.cropFactor); });
     });
     ui.crop->SetListener([this](double value) {
         ChangeSetting(kCropSlider, settings_field::kCropFactor, [this, value](PSettings& s) {
@@ -470,9 +473,8 @@ void PDialog::ConnectControls() {
     ui.loupe->SetOverlay([this](QPainter& painter, const std::function<QPointF(QPointF)>& toPane) {
         if (!ui_->showConstraints->isChecked())
             return;
-        PConstraintDrawing drawing(painter, *set_, Settings().colors, false, [&toPane](PointF p) {
-            return toPane(QPointF(p.x, p.y));
-        });
+        PConstraintDrawing drawing(painter, *set_, Settings().colors, false,
+                                   [&toPane](PointF p) { return toPane(QPointF(p.x, p.y)); });
         drawing.DrawAll();
     });
 }
@@ -840,8 +842,8 @@ void PDialog::UpdateCancelText() {
 }
 
 void PDialog::CancelClicked() {
-    const bool alt = ui_->altAtClick || altDown_ ||
-                     (QGuiApplication::keyboardModifiers() & Qt::AltModifier);
+    const bool alt =
+        ui_->altAtClick || altDown_ || (QGuiApplication::keyboardModifiers() & Qt::AltModifier);
     ui_->altAtClick = false;
     if (!alt) {
         FinishWith(PEditor::Result::Cancel);
@@ -1061,9 +1063,9 @@ void PDialog::UpdateDisplayCopies(const PreviewResult& result) {
     // the render plane is the warp's with y turned upwards (RenderMesh.h), so
     // render y = -y and row = (frame.top - render y) * h / frame.height.
     displaySpace_.warped = true;
-    displaySpace_.transform = Affine2D::ScaleOffset(w / frame.width, h / frame.height,
-                                                    -frame.left * w / frame.width,
-                                                    frame.top * h / frame.height);
+    displaySpace_.transform =
+        Affine2D::ScaleOffset(w / frame.width, h / frame.height, -frame.left * w / frame.width,
+                              frame.top * h / frame.height);
     for (const auto& constraint : set_->Constraints())
         constraint->UpdateDisplay(*warp.lines, displaySpace_);
     displayWarp_ = result.warp;
@@ -1186,9 +1188,9 @@ void PDialog::SetCalibratedFocal(double pixels) {
     const double longSide = std::max(rect.Width(), rect.Height());
     s.focalLength = static_cast<float>(pixels);
     // The millimetres follow from the pixels (pixels = crop x mm x long side / 36).
-    s.physicalFocalLength = std::clamp(
-        static_cast<float>(pixels * 36.0 / (std::max(s.cropFactor, 0.1f) * longSide)),
-        kMinPhysicalFocalMm, kMaxPhysicalFocalMm);
+    s.physicalFocalLength =
+        std::clamp(static_cast<float>(pixels * 36.0 / (std::max(s.cropFactor, 0.1f) * longSide)),
+                   kMinPhysicalFocalMm, kMaxPhysicalFocalMm);
     stack_.Push(std::make_unique<PSettingsTask>(*this, before, Velmo::ViewIdOf(kFocalInPixel),
                                                 settings_field::kFocalLength));
     sceneDirty_ = true;
@@ -1204,8 +1206,9 @@ void PDialog::PaintOverlay(QPainter& painter) {
             line->SetShowsMiddleHandle(set_->IsSelected(line->GetId()));
     if (ui_->showConstraints->isChecked() && (!previewOn() || displayReady_)) {
         const PPreviewPane& pane = *ui_->pane;
-        PConstraintDrawing drawing(painter, *set_, Settings().colors, previewOn(),
-                                   [&pane](PointF p) { return pane.ImageToPane(QPointF(p.x, p.y)); });
+        PConstraintDrawing drawing(
+            painter, *set_, Settings().colors, previewOn(),
+            [&pane](PointF p) { return pane.ImageToPane(QPointF(p.x, p.y)); });
         drawing.DrawAll();
         drawn = drawing.Drawn();
     }
@@ -1283,7 +1286,7 @@ void PDialog::BeginMove() {
     const PSettings& s = Settings();
     const ViewFrame frame = FitViewFrame(*extent_, rect.Width(), rect.Height(),
                                          ViewFraming{s.scale, s.offsetX, s.offsetY});
-    const double unit = frame.width / rect.Width() / ui_->pane->Zoom();
+    const double unit = frame.width / static_cast<double>(rect.Width()) / ui_->pane->Zoom();
     const double travelX = static_cast<double>(extent_->Width()) - frame.width;
     const double travelY = static_cast<double>(extent_->Height()) - frame.height;
     movePerPane_ = QPointF(std::abs(travelX) > 1e-9 ? -unit / travelX : 0.0,

@@ -78,10 +78,7 @@ class PPreviewPane;
 //    Without changes it cancels at once.
 //  - The solver information pane ("Solve failed") shows while the newest
 //    preview's own warp failed to solve; a later successful solve hides it.
-class PDialog final : public QDialog,
-                      public PWorkspace,
-                      private PToolHost,
-                      private PContentMover {
+class PDialog final : public QDialog, public PWorkspace, private PToolHost, private PContentMover {
 public:
     PDialog(PFilter& filter, DialogPlacement& placement);
     ~PDialog() override;
@@ -232,10 +229,10 @@ private:
     uint64_t newestRequest_ = 0;
     std::shared_ptr<const PreviewWarp> displayWarp_;  // the warp the display copies come from
     ViewFraming displayFraming_;
-    DisplaySpace displaySpace_;           // output plane -> picture pixels of that warp
+    DisplaySpace displaySpace_;         // output plane -> picture pixels of that warp
     std::optional<MeshExtent> extent_;  // of that warp's mesh
-    bool displayReady_ = false;  // the display copies match the warp shown
-    bool fitted_ = true;         // the view follows the pane's size
+    bool displayReady_ = false;         // the display copies match the warp shown
+    bool fitted_ = true;                // the view follows the pane's size
     bool fitting_ = false;
     float focalRangeLow_ = 1.0f;
     float focalRangeHigh_ = 1000.0f;

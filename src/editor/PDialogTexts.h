@@ -65,7 +65,8 @@ inline constexpr std::string_view kPreviewUnavailable =
 inline constexpr std::string_view kFisheyeItem = "$$$/Curvana/TypeProjectionModel/Fisheye=Fisheye";
 inline constexpr std::string_view kPerspectiveItem =
     "$$$/Curvana/TypeProjectionModel/Perspective=Perspective";
-inline constexpr std::string_view kPanoramaItem = "$$$/Curvana/TypeProjectionModel/Panorama=Panorama";
+inline constexpr std::string_view kPanoramaItem =
+    "$$$/Curvana/TypeProjectionModel/Panorama=Panorama";
 inline constexpr std::string_view kFullSphericalItem =
     "$$$/Curvana/TypeProjectionModel/FullSpherical=Full Spherical";
 inline constexpr std::string_view kAutoItem = "$$$/Curvana/TypeProjectionModel/Auto=Auto";
@@ -73,8 +74,10 @@ inline constexpr std::string_view kAutoItem = "$$$/Curvana/TypeProjectionModel/A
 // --- Menus.
 inline constexpr std::string_view kFileMenuTitle = "$$$/Curvana/FileMenu/Title=&File";
 inline constexpr std::string_view kViewMenuTitle = "$$$/Curvana/ViewMenu/Title=&View";
-inline constexpr std::string_view kFileLoad = "$$$/Curvana/FileMenu/LoadConstraints=Load Constraints...";
-inline constexpr std::string_view kFileSave = "$$$/Curvana/FileMenu/SaveConstraints=Save Constraints...";
+inline constexpr std::string_view kFileLoad =
+    "$$$/Curvana/FileMenu/LoadConstraints=Load Constraints...";
+inline constexpr std::string_view kFileSave =
+    "$$$/Curvana/FileMenu/SaveConstraints=Save Constraints...";
 inline constexpr std::string_view kFlyoutPreferences =
     "$$$/Curvana/CorrectionMenu/Preferences=Preferences...";
 inline constexpr std::string_view kFlyoutLoad =

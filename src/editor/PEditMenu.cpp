@@ -7,11 +7,11 @@
 #include <vector>
 
 #include "constraints/ConstraintSet.h"
+#include "core/LocalizedString.h"
 #include "editor/PConstraintClipboard.h"
 #include "editor/PTasks.h"
 #include "editor/PWorkspace.h"
 #include "framework/Views.h"
-#include "core/LocalizedString.h"
 
 namespace Project {
 

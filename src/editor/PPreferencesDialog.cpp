@@ -90,9 +90,9 @@ PPreferencesDialog::PPreferencesDialog(const PEditorPreferences& values, QWidget
         button->setObjectName(QStringLiteral("Project/Preferences/Color%1").arg(k + 1));
         button->setIconSize(QSize(36, 14));
         connect(button, &QPushButton::clicked, this, [this, k] {
-            const QColor chosen = QColorDialog::getColor(
-                QColor::fromRgba(colors_[static_cast<size_t>(k)]), this, QString(),
-                QColorDialog::DontUseNativeDialog);
+            const QColor chosen =
+                QColorDialog::getColor(QColor::fromRgba(colors_[static_cast<size_t>(k)]), this,
+                                       QString(), QColorDialog::DontUseNativeDialog);
             if (chosen.isValid()) {
                 colors_[static_cast<size_t>(k)] = chosen.rgb();  // opaque, as the defaults
                 ShowColor(k);

@@ -167,12 +167,14 @@ void PLoupePane::PaintContent(QPainter& painter) {
     const double levelScale = static_cast<double>(source_->Width()) / pictureWidth_;
     const double halfW = width() / (2.0 * magnification_);
     const double halfH = height() / (2.0 * magnification_);
-    const int32_t x0 = std::max(0, static_cast<int32_t>(std::floor((centre_.x() - halfW) * levelScale)));
-    const int32_t y0 = std::max(0, static_cast<int32_t>(std::floor((centre_.y() - halfH) * levelScale)));
-    const int32_t x1 = std::min(source_->Width(),
-                                static_cast<int32_t>(std::ceil((centre_.x() + halfW) * levelScale)) + 1);
-    const int32_t y1 = std::min(source_->Height(),
-                                static_cast<int32_t>(std::ceil((centre_.y() + halfH) * levelScale)) + 1);
+    const int32_t x0 =
+        std::max(0, static_cast<int32_t>(std::floor((centre_.x() - halfW) * levelScale)));
+    const int32_t y0 =
+        std::max(0, static_cast<int32_t>(std::floor((centre_.y() - halfH) * levelScale)));
+    const int32_t x1 = std::min(
+        source_->Width(), static_cast<int32_t>(std::ceil((centre_.x() + halfW) * levelScale)) + 1);
+    const int32_t y1 = std::min(
+        source_->Height(), static_cast<int32_t>(std::ceil((centre_.y() + halfH) * levelScale)) + 1);
     if (x1 > x0 && y1 > y0) {
         QImage crop(x1 - x0, y1 - y0, QImage::Format_RGB32);
         for (int32_t y = y0; y < y1; ++y) {

@@ -81,7 +81,8 @@ public:
     void ShowAt(QPointF sourcePixel, double magnification);
     QPointF Centre() const { return centre_; }
     // Draws over the detail; its argument maps source pixels to the pane.
-    void SetOverlay(std::function<void(QPainter&, const std::function<QPointF(QPointF)>&)> overlay) {
+    void SetOverlay(
+        std::function<void(QPainter&, const std::function<QPointF(QPointF)>&)> overlay) {
         overlay_ = std::move(overlay);
     }
 

@@ -2,9 +2,9 @@
 #include <memory>
 #include <string>
 
+#include "core/LocalizedString.h"
 #include "editor/PDialog.h"
 #include "editorhost/DialogFactory.h"
-#include "core/LocalizedString.h"
 #include "session/PFilter.h"
 
 namespace Project {

@@ -8,9 +8,9 @@
 #include <string>
 #include <utility>
 
+#include "core/LocalizedString.h"
 #include "editorhost/DialogFactory.h"
 #include "session/EditorObject.h"
-#include "core/LocalizedString.h"
 #include "session/PFilter.h"
 
 namespace Project {

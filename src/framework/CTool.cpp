@@ -5,10 +5,10 @@
 #include <QPixmap>
 #include <algorithm>
 
+#include "core/LocalizedString.h"
 #include "framework/CCursors.h"
 #include "framework/CImagePane.h"
 #include "framework/ModifierFlags.h"
-#include "core/LocalizedString.h"
 
 namespace Velmo {
 

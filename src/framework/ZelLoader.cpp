@@ -374,8 +374,8 @@ bool CLayoutLoader::Instantiate(const CZelNode& root, QWidget& target, CZelError
             target.setWindowTitle(Text(title->value.text));
         if (const CZelProperty* offset = root.Find("offset"))
             target.setProperty("velmoOffset",
-                             QPoint(static_cast<int>(offset->value.items[0].number),
-                                    static_cast<int>(offset->value.items[1].number)));
+                               QPoint(static_cast<int>(offset->value.items[0].number),
+                                      static_cast<int>(offset->value.items[1].number)));
         if (const CZelProperty* resizable = root.Find("resizable");
             resizable && !resizable->value.flag)
             layout->setSizeConstraint(QLayout::SetFixedSize);

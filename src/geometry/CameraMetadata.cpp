@@ -115,11 +115,13 @@ constexpr CameraCrop kCameraTable[] = {
     {"LEICA", "DIGILUX3", 2.0f},
     {nullptr, nullptr, 0.0f},
 };
-static_assert(sizeof(kCameraTable) / sizeof(kCameraTable[0]) == 89 + 1, "89 cameras and the end record");
+static_assert(sizeof(kCameraTable) / sizeof(kCameraTable[0]) == 89 + 1,
+              "89 cameras and the end record");
 
 float cropFromTable(const std::string& make, const std::string& model) {
     for (const CameraCrop* e = kCameraTable; e->make != nullptr; ++e)
-        if (make == e->make && model == e->model) return e->crop;
+        if (make == e->make && model == e->model)
+            return e->crop;
     return 0.0f;
 }
 
@@ -129,10 +131,12 @@ float snapNikonCrop(const std::string& make, float crop) {
     std::string upper = make;
     std::transform(upper.begin(), upper.end(), upper.begin(),
                    [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-    if (upper.find("NIKON") == std::string::npos) return crop;
+    if (upper.find("NIKON") == std::string::npos)
+        return crop;
     const float toFull = std::fabs(crop - 1.0f);
     const float toDx = std::fabs(crop - 1.5f);
-    if (toFull > 0.25f && toDx > 0.25f) return crop;
+    if (toFull > 0.25f && toDx > 0.25f)
+        return crop;
     return toFull < toDx ? 1.0f : 1.5f;  // a tie goes to 1.5
 }
 
@@ -177,7 +181,8 @@ bool parseXmpReal(const std::string& text, float& value) {
 }  // namespace detail
 
 float CameraMetadata::cropFactor() const {
-    if (cachedCropFactor_ > 0.0f) return cachedCropFactor_;
+    if (cachedCropFactor_ > 0.0f)
+        return cachedCropFactor_;
     float crop = 0.0f;
     if (focalLength > 0.0f && focalLength35mm > 0.0f) {
         crop = snapNikonCrop(make, focalLength35mm / focalLength);
@@ -192,7 +197,8 @@ float CameraMetadata::cropFactor() const {
 }
 
 float CameraMetadata::equivalentFocalLength() const {
-    if (focalLength35mm > 0.0f) return focalLength35mm;
+    if (focalLength35mm > 0.0f)
+        return focalLength35mm;
     return cropFactor() * focalLength;
 }
 
@@ -206,8 +212,10 @@ public:
 
     bool text(const std::string& ns, const char* name, std::string& out) const {
         for (const auto& datum : data_) {
-            if (datum.tagName() != name || namespaceOf(datum) != ns) continue;
-            if (datum.count() == 0) return false;
+            if (datum.tagName() != name || namespaceOf(datum) != ns)
+                continue;
+            if (datum.count() == 0)
+                return false;
             // The first item of an array (ISOSpeedRatings is a sequence), or the text itself.
             out = datum.toString(0);
             return true;
@@ -247,7 +255,8 @@ std::string standardNamespace(const char* prefix) {
 }
 
 bool decodePacket(std::string_view packet, Exiv2::XmpData& data) {
-    if (packet.empty() || packet.size() > kMaxXmpPacketBytes) return false;
+    if (packet.empty() || packet.size() > kMaxXmpPacketBytes)
+        return false;
     try {
         Exiv2::XmpParser::initialize();  // idempotent; the session normally started it
         return Exiv2::XmpParser::decode(data, std::string(packet)) == 0;
@@ -261,7 +270,8 @@ bool decodePacket(std::string_view packet, Exiv2::XmpData& data) {
 CameraMetadata readCameraMetadata(std::string_view xmpPacket, uint32_t width, uint32_t height) {
     CameraMetadata m;
     Exiv2::XmpData data;
-    if (!decodePacket(xmpPacket, data)) return m;
+    if (!decodePacket(xmpPacket, data))
+        return m;
 
     try {
         const PacketReader in(data);
@@ -274,7 +284,8 @@ CameraMetadata readCameraMetadata(std::string_view xmpPacket, uint32_t width, ui
         in.text(tiff, "Model", m.model);
         if (!in.text(aux, "SerialNumber", m.serialNumber))
             in.text(exifEx, "BodySerialNumber", m.serialNumber);
-        if (!in.text(aux, "Lens", m.lens)) in.text(exifEx, "LensModel", m.lens);
+        if (!in.text(aux, "Lens", m.lens))
+            in.text(exifEx, "LensModel", m.lens);
         in.text(aux, "LensInfo", m.lensInfo);
         in.text(aux, "LensID", m.lensId);
 
@@ -326,8 +337,8 @@ CameraMetadata readCameraMetadata(std::string_view xmpPacket, uint32_t width, ui
         m.virtualFocalLength = focal * scale;
         m.virtualCenterX = cx * scale;
         m.virtualCenterY = cy * scale;
-        m.isPanorama = m.transformation != PanoramaTransformation::Other && m.virtualFocalLength > 1.1920929e-07f &&
-                       haveCx && haveCy;
+        m.isPanorama = m.transformation != PanoramaTransformation::Other &&
+                       m.virtualFocalLength > 1.1920929e-07f && haveCx && haveCy;
     } catch (...) {
         return CameraMetadata{};
     }

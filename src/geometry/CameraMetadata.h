@@ -8,16 +8,21 @@
 namespace Project {
 
 // Panorama-profile transformation codes.
-enum class PanoramaTransformation : uint32_t { Cylindrical = 0, Spherical = 1, Perspective = 2, Other = 3 };
+enum class PanoramaTransformation : uint32_t {
+    Cylindrical = 0,
+    Spherical = 1,
+    Perspective = 2,
+    Other = 3
+};
 
 // What the photograph's XMP packet says about the camera, read once per
 // invocation. Every number uses 0 for "unknown".
 class CameraMetadata {
 public:
-    std::string make;    // tiff:Make
-    std::string model;   // tiff:Model
+    std::string make;   // tiff:Make
+    std::string model;  // tiff:Model
     std::string serialNumber;
-    std::string lens;    // aux:Lens
+    std::string lens;  // aux:Lens
     std::string lensInfo;
     std::string lensId;
 

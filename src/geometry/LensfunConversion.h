@@ -27,12 +27,12 @@ bool loadLensfunDatabase(lfDatabase& db);
 // the distortion model gives rho_d = rho_u * D(rho_u) (poly3, poly5, ptlens);
 // pixels are rho_d * pixelsPerUnit.
 struct LensfunRadialModel {
-    int lensType = 0;            // lfLensType after the fisheye-name correction
-    int distortionModel = 0;     // lfDistortionModel
+    int lensType = 0;             // lfLensType after the fisheye-name correction
+    int distortionModel = 0;      // lfDistortionModel
     double terms[3] = {0, 0, 0};  // the model's coefficients at the focal length
-    double dist = 0.0;           // focal length in normalised units
-    double pixelsPerUnit = 0.0;  // pixels per normalised unit (lensfun's NormUnScale)
-    double centreX = 0.0;        // image point of the distortion centre
+    double dist = 0.0;            // focal length in normalised units
+    double pixelsPerUnit = 0.0;   // pixels per normalised unit (lensfun's NormUnScale)
+    double centreX = 0.0;         // image point of the distortion centre
     double centreY = 0.0;
 
     bool isFisheye() const;
@@ -48,8 +48,9 @@ int effectiveLensType(const lfLens& lens);
 // lensfun's radial model for a lens at a focal length on a photo of
 // width x height pixels taken with a camera of crop factor cameraCrop.
 // Empty when the lens has no distortion calibration or an unusable type.
-std::optional<LensfunRadialModel> lensfunRadialModel(const lfLens& lens, float focalMm, float cameraCrop,
-                                                     uint32_t width, uint32_t height);
+std::optional<LensfunRadialModel> lensfunRadialModel(const lfLens& lens, float focalMm,
+                                                     float cameraCrop, uint32_t width,
+                                                     uint32_t height);
 
 // Converts the radial model into a profile by a least-squares fit (see the
 // implementation). metadataCrop is the crop factor the caller will feed to
@@ -57,7 +58,7 @@ std::optional<LensfunRadialModel> lensfunRadialModel(const lfLens& lens, float f
 // lengths are normalised so that the projection built from the profile and
 // that ratio reproduces the fitted focal length in pixels.
 std::optional<LensProfile> profileFromRadialModel(const LensfunRadialModel& model, float lensCrop,
-                                                  float cameraCrop, float metadataCrop, uint32_t width,
-                                                  uint32_t height);
+                                                  float cameraCrop, float metadataCrop,
+                                                  uint32_t width, uint32_t height);
 
 }  // namespace Project::detail

@@ -39,35 +39,58 @@ std::string lower(const char* s) {
 // lensfun's correction of the focal length for the two models whose
 // paraxial magnification is not 1 (1 - k1, 1 - a - b - c).
 double paraxialScale(const lfLensCalibDistortion& d) {
-    if (d.Model == LF_DIST_MODEL_POLY3) return 1.0 - d.Terms[0];
-    if (d.Model == LF_DIST_MODEL_PTLENS) return 1.0 - d.Terms[0] - d.Terms[1] - d.Terms[2];
+    if (d.Model == LF_DIST_MODEL_POLY3)
+        return 1.0 - d.Terms[0];
+    if (d.Model == LF_DIST_MODEL_PTLENS)
+        return 1.0 - d.Terms[0] - d.Terms[1] - d.Terms[2];
     return 1.0;
 }
 
 }  // namespace
 
-bool LensfunRadialModel::isFisheye() const { return lensType != LF_RECTILINEAR; }
+bool LensfunRadialModel::isFisheye() const {
+    return lensType != LF_RECTILINEAR;
+}
 
 double LensfunRadialModel::radius(double theta) const {
     double g = 0.0;
     switch (lensType) {
-        case LF_RECTILINEAR: g = std::tan(theta); break;
-        case LF_FISHEYE: g = theta; break;
-        case LF_FISHEYE_EQUISOLID: g = 2.0 * std::sin(theta / 2.0); break;
-        case LF_FISHEYE_ORTHOGRAPHIC: g = std::sin(theta); break;
-        case LF_FISHEYE_STEREOGRAPHIC: g = 2.0 * std::tan(theta / 2.0); break;
-        case LF_FISHEYE_THOBY: g = kThobyK1 * std::sin(kThobyK2 * theta); break;
-        default: return 0.0;
+        case LF_RECTILINEAR:
+            g = std::tan(theta);
+            break;
+        case LF_FISHEYE:
+            g = theta;
+            break;
+        case LF_FISHEYE_EQUISOLID:
+            g = 2.0 * std::sin(theta / 2.0);
+            break;
+        case LF_FISHEYE_ORTHOGRAPHIC:
+            g = std::sin(theta);
+            break;
+        case LF_FISHEYE_STEREOGRAPHIC:
+            g = 2.0 * std::tan(theta / 2.0);
+            break;
+        case LF_FISHEYE_THOBY:
+            g = kThobyK1 * std::sin(kThobyK2 * theta);
+            break;
+        default:
+            return 0.0;
     }
     const double ru = dist * g;
     double factor = 1.0;
     switch (distortionModel) {
-        case LF_DIST_MODEL_POLY3: factor = 1.0 - terms[0] + terms[0] * ru * ru; break;
-        case LF_DIST_MODEL_POLY5: factor = 1.0 + terms[0] * ru * ru + terms[1] * ru * ru * ru * ru; break;
-        case LF_DIST_MODEL_PTLENS:
-            factor = ((terms[0] * ru + terms[1]) * ru + terms[2]) * ru + 1.0 - terms[0] - terms[1] - terms[2];
+        case LF_DIST_MODEL_POLY3:
+            factor = 1.0 - terms[0] + terms[0] * ru * ru;
             break;
-        default: break;
+        case LF_DIST_MODEL_POLY5:
+            factor = 1.0 + terms[0] * ru * ru + terms[1] * ru * ru * ru * ru;
+            break;
+        case LF_DIST_MODEL_PTLENS:
+            factor = ((terms[0] * ru + terms[1]) * ru + terms[2]) * ru + 1.0 - terms[0] - terms[1] -
+                     terms[2];
+            break;
+        default:
+            break;
     }
     return ru * factor * pixelsPerUnit;
 }
@@ -76,16 +99,19 @@ int effectiveLensType(const lfLens& lens) {
     if (lens.Type == LF_RECTILINEAR || lens.Type == LF_UNKNOWN) {
         // Every language's name: the words may appear in any of them.
         std::string name;
-        for (const char* part = lens.Model; part != nullptr && *part != '\0'; part += std::strlen(part) + 1)
+        for (const char* part = lens.Model; part != nullptr && *part != '\0';
+             part += std::strlen(part) + 1)
             name += lower(part) + " ";
         for (const char* word : {"fisheye", "fish-eye", "fish eye"})
-            if (name.find(word) != std::string::npos) return LF_FISHEYE;
+            if (name.find(word) != std::string::npos)
+                return LF_FISHEYE;
     }
     return lens.Type;
 }
 
-std::optional<LensfunRadialModel> lensfunRadialModel(const lfLens& lens, float focalMm, float cameraCrop,
-                                                     uint32_t width, uint32_t height) {
+std::optional<LensfunRadialModel> lensfunRadialModel(const lfLens& lens, float focalMm,
+                                                     float cameraCrop, uint32_t width,
+                                                     uint32_t height) {
     LensfunRadialModel m;
     m.lensType = effectiveLensType(lens);
     switch (m.lensType) {
@@ -94,15 +120,20 @@ std::optional<LensfunRadialModel> lensfunRadialModel(const lfLens& lens, float f
         case LF_FISHEYE_EQUISOLID:
         case LF_FISHEYE_ORTHOGRAPHIC:
         case LF_FISHEYE_STEREOGRAPHIC:
-        case LF_FISHEYE_THOBY: break;
-        default: return std::nullopt;  // panoramic, equirectangular, unknown: no lens model of ours
+        case LF_FISHEYE_THOBY:
+            break;
+        default:
+            return std::nullopt;  // panoramic, equirectangular, unknown: no lens model of ours
     }
-    if (!(focalMm > 0.0f) || !(cameraCrop > 0.0f) || !(lens.CropFactor > 0.0f) || width < 2 || height < 2)
+    if (!(focalMm > 0.0f) || !(cameraCrop > 0.0f) || !(lens.CropFactor > 0.0f) || width < 2 ||
+        height < 2)
         return std::nullopt;
     lfLensCalibDistortion d{};
-    if (!lens.InterpolateDistortion(focalMm, d)) return std::nullopt;
+    if (!lens.InterpolateDistortion(focalMm, d))
+        return std::nullopt;
     m.distortionModel = d.Model;
-    for (int i = 0; i < 3; ++i) m.terms[i] = d.Terms[i];
+    for (int i = 0; i < 3; ++i)
+        m.terms[i] = d.Terms[i];
 
     // lensfun's normalised frame: one unit is the half-diagonal of the
     // photo's pixel grid (pixel centres, so (W - 1, H - 1)) divided by
@@ -115,8 +146,10 @@ std::optional<LensfunRadialModel> lensfunRadialModel(const lfLens& lens, float f
     const double h = height;
     const double lensAspect = lens.AspectRatio > 0.0f ? lens.AspectRatio : 1.5;
     const double aspectCorrection = std::sqrt(lensAspect * lensAspect + 1.0);
-    m.pixelsPerUnit = std::hypot(w - 1.0, h - 1.0) / 2.0 / aspectCorrection * cameraCrop / lens.CropFactor;
-    const double normalisedInMm = std::sqrt(36.0 * 36.0 + 24.0 * 24.0) / 2.0 / aspectCorrection / lens.CropFactor;
+    m.pixelsPerUnit =
+        std::hypot(w - 1.0, h - 1.0) / 2.0 / aspectCorrection * cameraCrop / lens.CropFactor;
+    const double normalisedInMm =
+        std::sqrt(36.0 * 36.0 + 24.0 * 24.0) / 2.0 / aspectCorrection / lens.CropFactor;
 
     // The focal length lensfun's projections use: the measured real focal
     // length when the calibration has one (undoing the paraxial scale), else
@@ -124,13 +157,17 @@ std::optional<LensfunRadialModel> lensfunRadialModel(const lfLens& lens, float f
     // deprecates them and its database carries none.)
     double focal = focalMm;
     lfLensCalibRealFocal real{};
-    if (lens.InterpolateRealFocal(focalMm, real) && real.RealFocal > 0.0f) focal = real.RealFocal / paraxialScale(d);
+    if (lens.InterpolateRealFocal(focalMm, real) && real.RealFocal > 0.0f)
+        focal = real.RealFocal / paraxialScale(d);
     m.dist = focal / normalisedInMm;
 
     // The distortion centre as an image point from (floor(W / 2), floor(H / 2)).
+    // NOLINTNEXTLINE(bugprone-integer-division): floor(W / 2) on purpose
     m.centreX = (w - 1.0) / 2.0 + lens.CenterX * m.pixelsPerUnit - static_cast<double>(width / 2);
+    // NOLINTNEXTLINE(bugprone-integer-division): floor(W / 2) on purpose
     m.centreY = (h - 1.0) / 2.0 + lens.CenterY * m.pixelsPerUnit - static_cast<double>(height / 2);
-    if (!std::isfinite(m.dist) || !(m.dist > 0.0) || !std::isfinite(m.pixelsPerUnit)) return std::nullopt;
+    if (!std::isfinite(m.dist) || !(m.dist > 0.0) || !std::isfinite(m.pixelsPerUnit))
+        return std::nullopt;
     return m;
 }
 
@@ -140,7 +177,9 @@ namespace {
 // corner farthest from the distortion centre, or to where the lens's radius
 // stops growing (a fold), or to kMaxTheta. Radians.
 double FieldToFit(const LensfunRadialModel& model, uint32_t width, uint32_t height) {
+    // NOLINTNEXTLINE(bugprone-integer-division): floor(W / 2) on purpose
     const double halfW = static_cast<double>(width / 2);
+    // NOLINTNEXTLINE(bugprone-integer-division): floor(W / 2) on purpose
     const double halfH = static_cast<double>(height / 2);
     double farthest = 0.0;
     for (double cx : {-halfW, static_cast<double>(width) - 1.0 - halfW})
@@ -291,10 +330,12 @@ struct LfDatabaseDeleter {
 // has no readable timestamp.txt.
 long readTimestamp(const std::filesystem::path& dir) {
     std::error_code ec;
-    if (dir.empty() || !std::filesystem::is_directory(dir, ec)) return -1;
+    if (dir.empty() || !std::filesystem::is_directory(dir, ec))
+        return -1;
     std::ifstream in(dir / "timestamp.txt");
     long stamp = 0;
-    if (!(in >> stamp)) return 0;
+    if (!(in >> stamp))
+        return 0;
     return stamp;
 }
 
@@ -303,7 +344,8 @@ long readTimestamp(const std::filesystem::path& dir) {
 // installed database, the system updates and the user's updates (by their
 // timestamps), then the user's own additions on top.
 bool loadSystemDatabase(lfDatabase& db) {
-    const std::filesystem::path installed = std::filesystem::path(CURVANA_LENSFUN_DATADIR) / "lensfun" / "version_1";
+    const std::filesystem::path installed =
+        std::filesystem::path(CURVANA_LENSFUN_DATADIR) / "lensfun" / "version_1";
     const std::filesystem::path systemUpdates = "/var/lib/lensfun-updates/version_1";
     const std::filesystem::path userUpdates = db.UserUpdatesDir != nullptr ? db.UserUpdatesDir : "";
     const long tInstalled = readTimestamp(installed);
@@ -315,60 +357,77 @@ bool loadSystemDatabase(lfDatabase& db) {
     else
         chosen = tUserUpdates > tSystemUpdates ? &userUpdates : &systemUpdates;
     bool found = db.LoadDirectory(chosen->c_str());
-    if (db.HomeDataDir != nullptr) found |= db.LoadDirectory(db.HomeDataDir);
+    if (db.HomeDataDir != nullptr)
+        found |= db.LoadDirectory(db.HomeDataDir);
     return found;
 }
 
 class LensfunLookup final : public LensProfileLookup {
 public:
     LensfunLookup() : db_(lf_db_new()) {
-        if (db_ && !loadSystemDatabase(*db_)) db_.reset();
+        if (db_ && !loadSystemDatabase(*db_))
+            db_.reset();
     }
 
-    LensProfileLookupResult Find(const CameraMetadata& metadata, uint32_t width, uint32_t height) const override {
+    LensProfileLookupResult Find(const CameraMetadata& metadata, uint32_t width,
+                                 uint32_t height) const override {
         LensProfileLookupResult fail{std::nullopt, std::string(kNoMatchedProfileKey)};
-        if (!db_ || width < 2 || height < 2) return fail;
+        if (!db_ || width < 2 || height < 2)
+            return fail;
         const std::lock_guard<std::mutex> lock(mutex_);
 
         const lfCamera* camera = nullptr;
         LfList<lfCamera> cameras;
         if (!metadata.make.empty() || !metadata.model.empty()) {
-            cameras.reset(db_->FindCamerasExt(metadata.make.empty() ? nullptr : metadata.make.c_str(),
-                                              metadata.model.empty() ? nullptr : metadata.model.c_str()));
-            if (cameras && cameras[0] != nullptr) camera = cameras[0];
+            cameras.reset(
+                db_->FindCamerasExt(metadata.make.empty() ? nullptr : metadata.make.c_str(),
+                                    metadata.model.empty() ? nullptr : metadata.model.c_str()));
+            if (cameras && cameras[0] != nullptr)
+                camera = cameras[0];
         }
 
         LfList<lfLens> lenses;
-        if (!metadata.lens.empty()) lenses.reset(db_->FindLenses(camera, nullptr, metadata.lens.c_str()));
+        if (!metadata.lens.empty())
+            lenses.reset(db_->FindLenses(camera, nullptr, metadata.lens.c_str()));
         if ((!lenses || lenses[0] == nullptr) && camera != nullptr) {
             // A fixed-lens camera: its mount admits exactly one lens.
             lenses.reset(db_->FindLenses(camera, nullptr, nullptr));
-            if (lenses && lenses[0] != nullptr && lenses[1] != nullptr) lenses.reset();
+            if (lenses && lenses[0] != nullptr && lenses[1] != nullptr)
+                lenses.reset();
         }
-        if (!lenses || lenses[0] == nullptr) return fail;
+        if (!lenses || lenses[0] == nullptr)
+            return fail;
 
         float focal = metadata.focalLength;
         // Prefer the best-scored lens whose focal range holds the photo's focal length.
         const lfLens* lens = lenses[0];
         for (int i = 0; lenses[i] != nullptr; ++i) {
             const lfLens* l = lenses[i];
-            if (!(focal > 0.0f) || l->MinFocal <= 0.0f || (focal >= l->MinFocal - 0.5f && focal <= l->MaxFocal + 0.5f)) {
+            if (!(focal > 0.0f) || l->MinFocal <= 0.0f ||
+                (focal >= l->MinFocal - 0.5f && focal <= l->MaxFocal + 0.5f)) {
                 lens = l;
                 break;
             }
         }
-        if (!(focal > 0.0f) && lens->MinFocal > 0.0f && lens->MinFocal == lens->MaxFocal) focal = lens->MinFocal;
-        if (!(focal > 0.0f)) return fail;
+        if (!(focal > 0.0f) && lens->MinFocal > 0.0f && lens->MinFocal == lens->MaxFocal)
+            focal = lens->MinFocal;
+        if (!(focal > 0.0f))
+            return fail;
 
         const float metadataCrop = metadata.cropFactor();
         float crop = metadataCrop;
-        if (!(crop > 0.0f) && camera != nullptr) crop = camera->CropFactor;
-        if (!(crop > 0.0f)) crop = lens->CropFactor;
+        if (!(crop > 0.0f) && camera != nullptr)
+            crop = camera->CropFactor;
+        if (!(crop > 0.0f))
+            crop = lens->CropFactor;
 
         const auto model = detail::lensfunRadialModel(*lens, focal, crop, width, height);
-        if (!model) return fail;
-        auto profile = detail::profileFromRadialModel(*model, lens->CropFactor, crop, metadataCrop, width, height);
-        if (!profile) return fail;
+        if (!model)
+            return fail;
+        auto profile = detail::profileFromRadialModel(*model, lens->CropFactor, crop, metadataCrop,
+                                                      width, height);
+        if (!profile)
+            return fail;
         // The database's own names (the first of each multi-language string), not a translation.
         profile->description = std::string(lens->Maker != nullptr ? lens->Maker : "") + " " +
                                (lens->Model != nullptr ? lens->Model : "");
@@ -382,10 +441,13 @@ private:
 
 }  // namespace
 
-bool detail::loadLensfunDatabase(lfDatabase& db) { return loadSystemDatabase(db); }
+bool detail::loadLensfunDatabase(lfDatabase& db) {
+    return loadSystemDatabase(db);
+}
 
 std::shared_ptr<const LensProfileLookup> lensfunProfileLookup() {
-    static const std::shared_ptr<const LensProfileLookup> instance = std::make_shared<LensfunLookup>();
+    static const std::shared_ptr<const LensProfileLookup> instance =
+        std::make_shared<LensfunLookup>();
     return instance;
 }
 

@@ -35,7 +35,8 @@ struct SourceRaster {
 // to call from many threads at once.
 class PhotoToSphere {
 public:
-    explicit PhotoToSphere(std::shared_ptr<const SourceRaster> raster) : raster_(std::move(raster)) {}
+    explicit PhotoToSphere(std::shared_ptr<const SourceRaster> raster)
+        : raster_(std::move(raster)) {}
     virtual ~PhotoToSphere() = default;
     PhotoToSphere(const PhotoToSphere&) = delete;
     PhotoToSphere& operator=(const PhotoToSphere&) = delete;

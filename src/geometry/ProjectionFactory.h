@@ -61,7 +61,8 @@ std::shared_ptr<PhotoToSphere> makeProjection(ProjectionModel model, float focal
 bool isFullSphericalAspect(int32_t width, int32_t height);
 
 inline constexpr std::string_view kInvalidFullSphericalRatioKey =
-    "$$$/Curvana/Warning/InvalidFullSphericalRatio=The aspect ratio is not 1:2, which is invalid for Full Spherical.";
+    "$$$/Curvana/Warning/InvalidFullSphericalRatio=The aspect ratio is not 1:2, which is invalid "
+    "for Full Spherical.";
 
 // The 16 mm rule that picks Fisheye or Perspective from a focal length in
 // millimetres: |f| < 0.01 gives fallback; f - 16 > 0.01 gives Perspective;

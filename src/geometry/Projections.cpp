@@ -13,7 +13,9 @@ constexpr double kHalfPi = 1.5707963267948966;
 // The latitude and longitude bound of the perspective and profile models.
 constexpr double kVisibleBound = 1.57;
 
-bool withinVisibleBound(float angle) { return std::fabs(static_cast<double>(angle)) < kVisibleBound; }
+bool withinVisibleBound(float angle) {
+    return std::fabs(static_cast<double>(angle)) < kVisibleBound;
+}
 
 // The direction whose unit vector points along (X, Y, Z), Z > -1.
 SphereDirection directionOf(double X, double Y, double Z) {
@@ -23,7 +25,9 @@ SphereDirection directionOf(double X, double Y, double Z) {
     return d;
 }
 
-bool finite(ImagePoint p) { return std::isfinite(p.x) && std::isfinite(p.y); }
+bool finite(ImagePoint p) {
+    return std::isfinite(p.x) && std::isfinite(p.y);
+}
 
 }  // namespace
 
@@ -41,14 +45,16 @@ std::array<float, 3> sampleBilinear(const SourceRaster& raster, ImagePoint p) {
     const int32_t c = static_cast<int32_t>(fx);
     const int32_t r = static_cast<int32_t>(fy);
     const size_t rowBytes = static_cast<size_t>(raster.width) * 3;
-    if (raster.pixels.size() < rowBytes * static_cast<size_t>(raster.height)) return out;
+    if (raster.pixels.size() < rowBytes * static_cast<size_t>(raster.height))
+        return out;
 
     const bool lastColumn = c == raster.width - 1;
     const bool lastRow = r == raster.height - 1;
     const float a = lastColumn ? 0.0f : fx - static_cast<float>(c);
     const float b = lastRow ? 0.0f : fy - static_cast<float>(r);
 
-    const uint8_t* p00 = raster.pixels.data() + static_cast<size_t>(r) * rowBytes + static_cast<size_t>(c) * 3;
+    const uint8_t* p00 =
+        raster.pixels.data() + static_cast<size_t>(r) * rowBytes + static_cast<size_t>(c) * 3;
     const uint8_t* p10 = p00 + 3;         // (c + 1, r)
     const uint8_t* p01 = p00 + rowBytes;  // (c, r + 1)
     const uint8_t* p11 = p01 + 3;         // (c + 1, r + 1)
@@ -58,9 +64,12 @@ std::array<float, 3> sampleBilinear(const SourceRaster& raster, ImagePoint p) {
     const float w01 = (1.0f - a) * b;
     for (int ch = 0; ch < 3; ++ch) {
         float v = w00 * static_cast<float>(p00[ch]);
-        if (!lastColumn) v += w10 * static_cast<float>(p10[ch]);
-        if (!lastColumn && !lastRow) v += w11 * static_cast<float>(p11[ch]);
-        if (!lastRow) v += w01 * static_cast<float>(p01[ch]);
+        if (!lastColumn)
+            v += w10 * static_cast<float>(p10[ch]);
+        if (!lastColumn && !lastRow)
+            v += w11 * static_cast<float>(p11[ch]);
+        if (!lastRow)
+            v += w01 * static_cast<float>(p01[ch]);
         out[static_cast<size_t>(ch)] = v;
     }
     return out;
@@ -80,22 +89,28 @@ void textureOf(const SourceRaster& raster, ImagePoint p, float& u, float& v) {
 }
 
 bool invertOddPolynomial(double thetaD, double k1, double k2, double thetaMax, double& theta) {
-    if (!(thetaD >= 0.0) || !std::isfinite(thetaD)) return false;
+    if (!(thetaD >= 0.0) || !std::isfinite(thetaD))
+        return false;
     theta = thetaD;
-    if (theta >= thetaMax) theta = 0.5 * thetaMax;
+    if (theta >= thetaMax)
+        theta = 0.5 * thetaMax;
     for (int i = 0; i < 50; ++i) {
         const double t2 = theta * theta;
         const double g = theta * (1.0 + t2 * (k1 + t2 * k2)) - thetaD;
         const double dg = 1.0 + t2 * (3.0 * k1 + 5.0 * k2 * t2);
-        if (!(dg > 0.0)) return false;  // past the fold: no unique ray
+        if (!(dg > 0.0))
+            return false;  // past the fold: no unique ray
         double next = theta - g / dg;
-        if (next < 0.0) next = 0.5 * theta;
-        if (next >= thetaMax) next = 0.5 * (theta + thetaMax);
+        if (next < 0.0)
+            next = 0.5 * theta;
+        if (next >= thetaMax)
+            next = 0.5 * (theta + thetaMax);
         const bool done = std::fabs(next - theta) <= 1e-14 * (1.0 + theta);
         theta = next;
         if (done) {
             const double t2n = theta * theta;
-            return std::fabs(theta * (1.0 + t2n * (k1 + t2n * k2)) - thetaD) <= 1e-9 * (1.0 + thetaD) &&
+            return std::fabs(theta * (1.0 + t2n * (k1 + t2n * k2)) - thetaD) <=
+                       1e-9 * (1.0 + thetaD) &&
                    1.0 + t2n * (3.0 * k1 + 5.0 * k2 * t2n) > 0.0 && theta < thetaMax;
         }
     }
@@ -143,12 +158,14 @@ void FisheyeImage::ToTexture(float lambda, float phi, float& u, float& v) const 
 }
 
 bool FisheyeImage::ToSphere(ImagePoint point, SphereDirection& out) const {
-    if (!finite(point) || !(f_ > 0.0f)) return false;
+    if (!finite(point) || !(f_ > 0.0f))
+        return false;
     const double x = point.x;
     const double y = point.y;
     const double r = std::hypot(x, y);
     const double half = r / (2.0 * static_cast<double>(f_));  // sin(theta / 2)
-    if (half >= 1.0) return false;                            // beyond theta = 180 degrees
+    if (half >= 1.0)
+        return false;  // beyond theta = 180 degrees
     if (r == 0.0) {
         out = {};
         return true;
@@ -161,7 +178,8 @@ bool FisheyeImage::ToSphere(ImagePoint point, SphereDirection& out) const {
 
 // ------------------------------------------------------------ PerspectiveImage
 
-PerspectiveImage::PerspectiveImage(std::shared_ptr<const SourceRaster> raster, float f, float px, float py)
+PerspectiveImage::PerspectiveImage(std::shared_ptr<const SourceRaster> raster, float f, float px,
+                                   float py)
     : PhotoToSphere(std::move(raster)), f_(f) {
     cx_ = px - static_cast<float>(Raster().width) * 0.5f;
     cy_ = static_cast<float>(Raster().height) * 0.5f - py;
@@ -185,7 +203,8 @@ void PerspectiveImage::ToTexture(float lambda, float phi, float& u, float& v) co
 }
 
 bool PerspectiveImage::ToSphere(ImagePoint point, SphereDirection& out) const {
-    if (!finite(point) || f_ == 0.0f) return false;
+    if (!finite(point) || f_ == 0.0f)
+        return false;
     const double f = f_;
     // The ray through the pinhole image point, as the vector (a, b, 1).
     const double a = (static_cast<double>(point.x) - cx_) / f;
@@ -196,7 +215,8 @@ bool PerspectiveImage::ToSphere(ImagePoint point, SphereDirection& out) const {
 
 // ------------------------------------------------------------ CylindricalImage
 
-CylindricalImage::CylindricalImage(std::shared_ptr<const SourceRaster> raster, float f, float px, float py)
+CylindricalImage::CylindricalImage(std::shared_ptr<const SourceRaster> raster, float f, float px,
+                                   float py)
     : PhotoToSphere(std::move(raster)), f_(f) {
     cx_ = px - static_cast<float>(Raster().width) * 0.5f;
     cy_ = static_cast<float>(Raster().height) * 0.5f - py;
@@ -219,7 +239,8 @@ void CylindricalImage::ToTexture(float lambda, float phi, float& u, float& v) co
 }
 
 bool CylindricalImage::ToSphere(ImagePoint point, SphereDirection& out) const {
-    if (!finite(point) || f_ == 0.0f) return false;
+    if (!finite(point) || f_ == 0.0f)
+        return false;
     const double f = f_;
     out.lambda = static_cast<float>((static_cast<double>(point.x) - cx_) / f);
     out.phi = static_cast<float>(std::atan((static_cast<double>(point.y) - cy_) / f));
@@ -228,7 +249,8 @@ bool CylindricalImage::ToSphere(ImagePoint point, SphereDirection& out) const {
 
 // -------------------------------------------------------------- SphericalImage
 
-SphericalImage::SphericalImage(std::shared_ptr<const SourceRaster> raster, float f, float px, float py)
+SphericalImage::SphericalImage(std::shared_ptr<const SourceRaster> raster, float f, float px,
+                               float py)
     : PhotoToSphere(std::move(raster)), f_(f) {
     cx_ = px - static_cast<float>(Raster().width) * 0.5f;
     cy_ = static_cast<float>(Raster().height) * 0.5f - py;
@@ -251,10 +273,12 @@ void SphericalImage::ToTexture(float lambda, float phi, float& u, float& v) cons
 }
 
 bool SphericalImage::ToSphere(ImagePoint point, SphereDirection& out) const {
-    if (!finite(point) || f_ == 0.0f) return false;
+    if (!finite(point) || f_ == 0.0f)
+        return false;
     const double f = f_;
     const double phi = (static_cast<double>(point.y) - cy_) / f;
-    if (std::fabs(phi) > kHalfPi) return false;  // beyond a pole
+    if (std::fabs(phi) > kHalfPi)
+        return false;  // beyond a pole
     out.lambda = static_cast<float>((static_cast<double>(point.x) - cx_) / f);
     out.phi = static_cast<float>(phi);
     return true;
@@ -262,8 +286,8 @@ bool SphericalImage::ToSphere(ImagePoint point, SphereDirection& out) const {
 
 // -------------------------------------------------------------- KestrixFisheye
 
-KestrixFisheye::KestrixFisheye(std::shared_ptr<const SourceRaster> raster, float fx, float fy, float k1, float k2,
-                               float cx, float cy)
+KestrixFisheye::KestrixFisheye(std::shared_ptr<const SourceRaster> raster, float fx, float fy,
+                               float k1, float k2, float cx, float cy)
     : PhotoToSphere(std::move(raster)),
       fMean_(std::sqrt(fx * fy)),
       fx_(fx),
@@ -277,7 +301,8 @@ ImagePoint KestrixFisheye::ToImagePoint(float lambda, float phi) const {
     const float A = fMean_ * std::tan(lambda);
     const float B = fMean_ * std::tan(phi) / std::cos(lambda);
     const float rho = std::sqrt(A * A + B * B);
-    if (rho == 0.0f) return {cx_, cy_};  // the axis: A / rho and B / rho tend to 0 with theta_d
+    if (rho == 0.0f)
+        return {cx_, cy_};  // the axis: A / rho and B / rho tend to 0 with theta_d
     const float theta = std::atan2(rho, fMean_);
     const float theta2 = theta * theta;
     const float thetaD = theta + k1_ * theta2 * theta + k2_ * theta2 * theta2 * theta;
@@ -297,7 +322,8 @@ void KestrixFisheye::ToTexture(float lambda, float phi, float& u, float& v) cons
 }
 
 bool KestrixFisheye::ToSphere(ImagePoint point, SphereDirection& out) const {
-    if (!finite(point) || fx_ == 0.0f || fy_ == 0.0f || !(fMean_ > 0.0f)) return false;
+    if (!finite(point) || fx_ == 0.0f || fy_ == 0.0f || !(fMean_ > 0.0f))
+        return false;
     // (u, v) = theta_d (A, B) / rho: its length is theta_d, its direction (A, B)'s.
     const double u = (static_cast<double>(point.x) - cx_) / fx_;
     const double v = (static_cast<double>(point.y) - cy_) / fy_;
@@ -307,7 +333,8 @@ bool KestrixFisheye::ToSphere(ImagePoint point, SphereDirection& out) const {
         return true;
     }
     double theta = 0.0;
-    if (!detail::invertOddPolynomial(thetaD, k1_, k2_, kHalfPi, theta)) return false;
+    if (!detail::invertOddPolynomial(thetaD, k1_, k2_, kHalfPi, theta))
+        return false;
     // The ray (A, B, fMean) with |(A, B)| = fMean tan(theta), i.e. the
     // direction (sin theta * (u, v) / theta_d, cos theta).
     const double s = std::sin(theta) / thetaD;
@@ -317,8 +344,9 @@ bool KestrixFisheye::ToSphere(ImagePoint point, SphereDirection& out) const {
 
 // ---------------------------------------------------------- KestrixPerspective
 
-KestrixPerspective::KestrixPerspective(std::shared_ptr<const SourceRaster> raster, float fx, float fy, float k1,
-                                       float k2, float k3, float p1, float p2, float cx, float cy)
+KestrixPerspective::KestrixPerspective(std::shared_ptr<const SourceRaster> raster, float fx,
+                                       float fy, float k1, float k2, float k3, float p1, float p2,
+                                       float cx, float cy)
     : PhotoToSphere(std::move(raster)),
       fx_(fx),
       fy_(fy),
@@ -356,7 +384,8 @@ void KestrixPerspective::ToTexture(float lambda, float phi, float& u, float& v) 
 }
 
 bool KestrixPerspective::ToSphere(ImagePoint point, SphereDirection& out) const {
-    if (!finite(point) || fx_ == 0.0f || fy_ == 0.0f) return false;
+    if (!finite(point) || fx_ == 0.0f || fy_ == 0.0f)
+        return false;
     const double xd = (static_cast<double>(point.x) + cx_) / fx_;
     const double yd = (static_cast<double>(point.y) + cy_) / fy_;
     const double k1 = k1_, k2 = k2_, k3 = k3_, p1 = p1_, p2 = p2_;
@@ -374,22 +403,27 @@ bool KestrixPerspective::ToSphere(ImagePoint point, SphereDirection& out) const 
         const double tangential = p2 * a + p1 * b;
         const double fx = a * radial + 2.0 * a * tangential + p2 * r2 - xd;
         const double fy = b * radial + 2.0 * b * tangential + p1 * r2 - yd;
-        const double jxa = radial + 2.0 * a * a * dRadial + 2.0 * tangential + 2.0 * a * p2 + 2.0 * p2 * a;
+        const double jxa =
+            radial + 2.0 * a * a * dRadial + 2.0 * tangential + 2.0 * a * p2 + 2.0 * p2 * a;
         const double jxb = 2.0 * a * b * dRadial + 2.0 * a * p1 + 2.0 * p2 * b;
         const double jya = 2.0 * a * b * dRadial + 2.0 * b * p2 + 2.0 * p1 * a;
-        const double jyb = radial + 2.0 * b * b * dRadial + 2.0 * tangential + 2.0 * b * p1 + 2.0 * p1 * b;
+        const double jyb =
+            radial + 2.0 * b * b * dRadial + 2.0 * tangential + 2.0 * b * p1 + 2.0 * p1 * b;
         const double det = jxa * jyb - jxb * jya;
-        if (!(det > 0.0) || !(radial > 0.0)) return false;
+        if (!(det > 0.0) || !(radial > 0.0))
+            return false;
         const double da = (fx * jyb - fy * jxb) / det;
         const double db = (fy * jxa - fx * jya) / det;
         a -= da;
         b -= db;
-        if (!std::isfinite(a) || !std::isfinite(b)) return false;
+        if (!std::isfinite(a) || !std::isfinite(b))
+            return false;
         if (std::fabs(da) + std::fabs(db) <= 1e-13 * (1.0 + std::fabs(a) + std::fabs(b))) {
             const double r2n = a * a + b * b;
             // Radial monotonicity at the solution: d(r radial)/dr > 0.
             const double slope = 1.0 + r2n * (3.0 * k1 + r2n * (5.0 * k2 + 7.0 * k3 * r2n));
-            if (!(slope > 0.0)) return false;
+            if (!(slope > 0.0))
+                return false;
             out = directionOf(a, b, 1.0);
             return true;
         }

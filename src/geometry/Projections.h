@@ -112,8 +112,8 @@ private:
 class KestrixFisheye final : public PhotoToSphere {
 public:
     // fx, fy: focal lengths in pixels; cx, cy: centre offsets in pixels.
-    KestrixFisheye(std::shared_ptr<const SourceRaster> raster, float fx, float fy, float k1, float k2,
-                   float cx, float cy);
+    KestrixFisheye(std::shared_ptr<const SourceRaster> raster, float fx, float fy, float k1,
+                   float k2, float cx, float cy);
 
     std::array<float, 3> SampleColor(float lambda, float phi) const override;
     bool IsVisible(float lambda, float phi) const override;
@@ -140,8 +140,8 @@ private:
 // where the distortion folds back.
 class KestrixPerspective final : public PhotoToSphere {
 public:
-    KestrixPerspective(std::shared_ptr<const SourceRaster> raster, float fx, float fy, float k1, float k2,
-                       float k3, float p1, float p2, float cx, float cy);
+    KestrixPerspective(std::shared_ptr<const SourceRaster> raster, float fx, float fy, float k1,
+                       float k2, float k3, float p1, float p2, float cx, float cy);
 
     std::array<float, 3> SampleColor(float lambda, float phi) const override;
     bool IsVisible(float lambda, float phi) const override;

@@ -20,7 +20,8 @@ std::unique_ptr<Descriptor> withConstraintFile(const Descriptor* params, const f
     std::error_code ec;
     const uintmax_t size = fs::file_size(file, ec);
     if (ec)
-        throw HostError(kExitUsage, file.string() + ": cannot read the constraint file (" + ec.message() + ")");
+        throw HostError(kExitUsage,
+                        file.string() + ": cannot read the constraint file (" + ec.message() + ")");
     if (size == 0)
         throw HostError(kExitUsage, file.string() + ": the constraint file is empty");
     if (size > kMaxBytes)
@@ -50,9 +51,11 @@ std::unique_ptr<Descriptor> applyDescriptor(const CliOptions& options, const Des
                                             const PhotoMetadata& metadata) {
     auto d = params ? std::make_unique<Descriptor>(*params) : std::make_unique<Descriptor>();
     if (options.projection)
-        d->putEnumerated(cvKeyProjectionModel, cvKeyProjectionModel, projectionCode(*options.projection));
+        d->putEnumerated(cvKeyProjectionModel, cvKeyProjectionModel,
+                         projectionCode(*options.projection));
     if (options.regularizer)
-        d->putEnumerated(cvKeyRegularizerModel, cvKeyRegularizerModel, regularizerCode(*options.regularizer));
+        d->putEnumerated(cvKeyRegularizerModel, cvKeyRegularizerModel,
+                         regularizerCode(*options.regularizer));
 
     // The crop factor the photo implies: its 35 mm equivalent over its focal length.
     const double exifCrop = metadata.focalLengthMm > 0 && metadata.focalLength35mm > 0
@@ -65,11 +68,12 @@ std::unique_ptr<Descriptor> applyDescriptor(const CliOptions& options, const Des
         d->putFloat(cvKeyFocalLength, crop * focalMm * longSide / 36.0);
     };
     if (options.focalMm || options.crop) {
-        const double crop = options.crop
-                                ? *options.crop
-                                : d->getFloat(cvKeyCropFactor).value_or(exifCrop > 0 ? exifCrop : 1.0);
-        double focal =
-            options.focalMm ? *options.focalMm : d->getFloat(cvKeyPhysicalFocalLength).value_or(metadata.focalLengthMm);
+        const double crop =
+            options.crop ? *options.crop
+                         : d->getFloat(cvKeyCropFactor).value_or(exifCrop > 0 ? exifCrop : 1.0);
+        double focal = options.focalMm
+                           ? *options.focalMm
+                           : d->getFloat(cvKeyPhysicalFocalLength).value_or(metadata.focalLengthMm);
         if (focal <= 0 && metadata.focalLength35mm > 0)
             focal = metadata.focalLength35mm / crop;
         if (focal > 0)

@@ -186,8 +186,7 @@ int runBatch(const CliOptions& options, Module& module, const Descriptor* params
             std::fprintf(stderr, "curvana: %s\n", e.what());
             code = e.code();
         } catch (const std::bad_alloc&) {
-            std::fprintf(stderr, "curvana: %s: out of memory; nothing written\n",
-                         t.input.c_str());
+            std::fprintf(stderr, "curvana: %s: out of memory; nothing written\n", t.input.c_str());
             code = kExitFailed;
         }
         if (status == kExitOk)

@@ -17,7 +17,8 @@ struct CliOptions {
     std::optional<std::string> projection, regularizer, params, constraints;
     std::optional<double> focalMm, crop;
     uint64_t cacheMiB = 256;
-    std::optional<uint64_t> memoryMiB;  // the memory budget of one image; default: half the machine's
+    std::optional<uint64_t>
+        memoryMiB;  // the memory budget of one image; default: half the machine's
     bool quiet = false;
 };
 

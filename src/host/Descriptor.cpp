@@ -46,6 +46,7 @@ CvError suiteMake(CvDescriptor* out) {
     if (!out)
         return cvErrParam;
     try {
+        // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): owned by a C handle
         auto* d = new Descriptor();
         d->madeByModule = true;
         *out = d->handle();
@@ -60,6 +61,7 @@ CvError suiteRelease(CvDescriptor handle) {
     // The descriptor passed in belongs to the host; only the module's own are released.
     if (!d || !d->madeByModule)
         return cvErrParam;
+    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): owned by a C handle
     delete d;
     return cvNoErr;
 }
@@ -460,8 +462,9 @@ std::unique_ptr<Descriptor> descriptorFromJson(const nlohmann::json& json,
             if (!value->is_number_integer())
                 throw fail(at + ": an integer value must be a whole number");
             // Unsigned beyond 63 bits would wrap as int64_t: compare as unsigned.
-            const bool tooLarge = value->is_number_unsigned() &&
-                                  value->get<uint64_t>() > uint64_t{std::numeric_limits<int32_t>::max()};
+            const bool tooLarge =
+                value->is_number_unsigned() &&
+                value->get<uint64_t>() > uint64_t{std::numeric_limits<int32_t>::max()};
             const int64_t v = tooLarge ? 0 : value->get<int64_t>();
             if (tooLarge || v < std::numeric_limits<int32_t>::min() ||
                 v > std::numeric_limits<int32_t>::max())

@@ -12,11 +12,11 @@ namespace Curvana::Host {
 // Exit codes of the program (also listed by --help).
 enum ExitCode : int {
     kExitOk = 0,
-    kExitFailed = 1,  // the filter failed, was refused, or wrote nothing; out of memory
-    kExitUsage = 2,   // bad command line or --params file
-    kExitInput = 3,   // an input is missing, unsupported, too large or cannot be decoded
-    kExitOutput = 4,  // an output cannot be written (folder, format, disk full, the input)
-    kExitModule = 5,  // the filter module cannot be found or loaded
+    kExitFailed = 1,        // the filter failed, was refused, or wrote nothing; out of memory
+    kExitUsage = 2,         // bad command line or --params file
+    kExitInput = 3,         // an input is missing, unsupported, too large or cannot be decoded
+    kExitOutput = 4,        // an output cannot be written (folder, format, disk full, the input)
+    kExitModule = 5,        // the filter module cannot be found or loaded
     kExitInterrupted = 130  // Ctrl-C, SIGTERM or SIGHUP
 };
 

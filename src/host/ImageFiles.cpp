@@ -19,6 +19,7 @@ namespace {
 struct FileCloser {
     void operator()(std::FILE* f) const {
         if (f)
+            // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): a unique_ptr deleter
             std::fclose(f);
     }
 };
@@ -29,13 +30,14 @@ FileHandle openFile(const std::filesystem::path& path, const char* mode, const s
     if (!f)
         throw HostError(mode[0] == 'r' ? kExitInput : kExitOutput,
                         name + ": cannot " + (mode[0] == 'r' ? "open" : "create") + " (" +
-                        std::strerror(errno) + ")");
+                            std::strerror(errno) + ")");
     return f;
 }
 
 // Closes a written file and reports a failed flush (a full disk) as an error.
 void closeWritten(FileHandle& f, const std::string& name) {
     std::FILE* raw = f.release();
+    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): released to be closed once
     if (std::fclose(raw) != 0)
         throw writeError(name, errno);
 }
@@ -44,8 +46,7 @@ void closeWritten(FileHandle& f, const std::string& name) {
 HostError encodeError(const std::string& name, const char* format, const char* message) {
     if (errno == ENOSPC || errno == EDQUOT)
         return writeError(name, errno);
-    return HostError(kExitOutput,
-                     name + ": cannot write " + format + " (" + message + ")");
+    return HostError(kExitOutput, name + ": cannot write " + format + " (" + message + ")");
 }
 
 uint64_t fileSize(const std::filesystem::path& path) {
@@ -103,8 +104,9 @@ bool pngReadHeader(PngContext* ctx, std::FILE* file, PngHeader* header) {
     // Ancillary chunks the host does not use are skipped unread: libpng
     // allocates a text chunk's claimed length before reading it. (Exiv2
     // reads the metadata.)
-    static const png_byte kSkipped[] = "tEXt\0zTXt\0iTXt\0eXIf\0sPLT\0hIST\0pCAL\0sCAL\0"
-                                       "oFFs\0tIME\0bKGD\0sBIT\0cHRM\0gAMA\0sRGB\0pHYs";
+    static const png_byte kSkipped[] =
+        "tEXt\0zTXt\0iTXt\0eXIf\0sPLT\0hIST\0pCAL\0sCAL\0"
+        "oFFs\0tIME\0bKGD\0sBIT\0cHRM\0gAMA\0sRGB\0pHYs";
     png_set_keep_unknown_chunks(ctx->png, PNG_HANDLE_CHUNK_NEVER, nullptr, 0);
     png_set_keep_unknown_chunks(ctx->png, PNG_HANDLE_CHUNK_NEVER, kSkipped,
                                 static_cast<int>(sizeof kSkipped / 5));
@@ -350,6 +352,8 @@ bool jpegWriteAll(JpegCompress* c, std::FILE* file, const JpegWriteJob* job) {
 }
 
 struct MallocFree {
+    // Frees what a C library allocated.
+    // NOLINTNEXTLINE(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
     void operator()(void* p) const { std::free(p); }
 };
 
@@ -393,8 +397,9 @@ DecodedImage readPng(const std::filesystem::path& path, const SourceOptions& opt
     info.mode = header.channels <= 2 ? Mode::Gray : Mode::RGB;
     info.alpha = header.channels % 2 == 0 ? Alpha::Straight : Alpha::None;
     info.depth = header.bitDepth;
-    checkMemoryBudget(name, "a " + std::to_string(info.width) + " x " +
-                                std::to_string(info.height) + " " + describe(info) + " image",
+    checkMemoryBudget(name,
+                      "a " + std::to_string(info.width) + " x " + std::to_string(info.height) +
+                          " " + describe(info) + " image",
                       info.byteCount(), options.memoryLimit);
     out.raster = Raster::allocate(info);
     if (header.rowBytes != out.raster.rowBytes())
@@ -436,15 +441,16 @@ void writePng(const std::filesystem::path& path, const Raster& raster,
     ctx.info = png_create_info_struct(ctx.png);
     if (!ctx.info)
         throw HostError(kExitFailed, "out of memory");
-    const PngWriteJob job{static_cast<uint32_t>(raster.info.width),
-                          static_cast<uint32_t>(raster.info.height),
-                          raster.info.depth,
-                          (raster.info.mode == Mode::Gray ? PNG_COLOR_TYPE_GRAY : PNG_COLOR_TYPE_RGB) |
-                              (raster.info.alpha == Alpha::None ? 0 : PNG_COLOR_MASK_ALPHA),
-                          data,
-                          raster.rowBytes(),
-                          icc.empty() ? nullptr : icc.data(),
-                          static_cast<uint32_t>(icc.size())};
+    const PngWriteJob job{
+        static_cast<uint32_t>(raster.info.width),
+        static_cast<uint32_t>(raster.info.height),
+        raster.info.depth,
+        (raster.info.mode == Mode::Gray ? PNG_COLOR_TYPE_GRAY : PNG_COLOR_TYPE_RGB) |
+            (raster.info.alpha == Alpha::None ? 0 : PNG_COLOR_MASK_ALPHA),
+        data,
+        raster.rowBytes(),
+        icc.empty() ? nullptr : icc.data(),
+        static_cast<uint32_t>(icc.size())};
     errno = 0;
     if (!pngWriteAll(&ctx, file.get(), &job))
         throw encodeError(name, "PNG", ctx.message);
@@ -470,10 +476,10 @@ DecodedImage readJpeg(const std::filesystem::path& path, const SourceOptions& op
     // component; the component with the fewest blocks bounds the frame.
     // (Arithmetic coding can spend less; there the memory budget decides.)
     if (!c.arith_code) {
-        const uint64_t across = (c.image_width + 8u * c.max_h_samp_factor - 1) /
-                                (8u * c.max_h_samp_factor);
-        const uint64_t down = (c.image_height + 8u * c.max_v_samp_factor - 1) /
-                              (8u * c.max_v_samp_factor);
+        const uint64_t across =
+            (c.image_width + 8u * c.max_h_samp_factor - 1) / (8u * c.max_h_samp_factor);
+        const uint64_t down =
+            (c.image_height + 8u * c.max_v_samp_factor - 1) / (8u * c.max_v_samp_factor);
         checkFileCanHold(name, c.image_width, c.image_height, across * down, fileSize(path), 8.0);
     }
     ImageInfo info;
@@ -483,11 +489,13 @@ DecodedImage readJpeg(const std::filesystem::path& path, const SourceOptions& op
     info.mode = c.out_color_space == JCS_GRAYSCALE ? Mode::Gray
                 : c.out_color_space == JCS_CMYK    ? Mode::CMYK
                                                    : Mode::RGB;
-    checkMemoryBudget(name, "a " + std::to_string(info.width) + " x " +
-                                std::to_string(info.height) + " " + describe(info) + " image",
+    checkMemoryBudget(name,
+                      "a " + std::to_string(info.width) + " x " + std::to_string(info.height) +
+                          " " + describe(info) + " image",
                       info.byteCount(), options.memoryLimit);
     if (!jpegStart(&d))
-        throw HostError(kExitInput, name + ": cannot decode (corrupt JPEG: " + d.error.message + ")");
+        throw HostError(kExitInput,
+                        name + ": cannot decode (corrupt JPEG: " + d.error.message + ")");
     if (c.output_width != c.image_width || c.output_height != c.image_height ||
         c.output_components != info.planes())
         throw HostError(kExitInput, name + ": unsupported JPEG layout");
@@ -496,7 +504,8 @@ DecodedImage readJpeg(const std::filesystem::path& path, const SourceOptions& op
         out.icc.assign(iccRaw, iccRaw + iccLength);
     out.raster = Raster::allocate(info);
     if (!jpegReadRows(&d, out.raster.data.data(), out.raster.rowBytes()))
-        throw HostError(kExitInput, name + ": cannot decode (corrupt JPEG: " + d.error.message + ")");
+        throw HostError(kExitInput,
+                        name + ": cannot decode (corrupt JPEG: " + d.error.message + ")");
     if (info.mode == Mode::CMYK && d.app14)
         for (auto& v : out.raster.data)
             v = static_cast<uint8_t>(255 - v);

@@ -65,8 +65,8 @@ void checkMemoryBudget(const std::string& name, const std::string& what, uint64_
                                         " allowed (raise it with --memory-mb)");
 }
 
-void checkFileCanHold(const std::string& name, int64_t width, int64_t height,
-                      uint64_t decodedBytes, uint64_t fileBytes, double maxRatio) {
+void checkFileCanHold(const std::string& name, int64_t width, int64_t height, uint64_t decodedBytes,
+                      uint64_t fileBytes, double maxRatio) {
     // A little slack for headers and the last partial block.
     if (static_cast<double>(decodedBytes) <= static_cast<double>(fileBytes) * maxRatio + 65536.0)
         return;
@@ -103,22 +103,23 @@ std::optional<FileFormat> formatFromExtension(const std::filesystem::path& path)
 
 void checkFormatHolds(FileFormat format, const ImageInfo& info, const std::filesystem::path& path) {
     const std::string what = describe(info);
-    if (format == FileFormat::Png && ((info.mode != Mode::Gray && info.mode != Mode::RGB) ||
-                                      info.alpha == Alpha::Premultiplied))
-        throw HostError(kExitOutput, path.string() + ": PNG cannot hold a " + what +
-                                         (info.alpha == Alpha::Premultiplied ? " premultiplied" : "") +
-                                         " image (write .tif instead)");
+    if (format == FileFormat::Png &&
+        ((info.mode != Mode::Gray && info.mode != Mode::RGB) || info.alpha == Alpha::Premultiplied))
+        throw HostError(kExitOutput,
+                        path.string() + ": PNG cannot hold a " + what +
+                            (info.alpha == Alpha::Premultiplied ? " premultiplied" : "") +
+                            " image (write .tif instead)");
     if (format == FileFormat::Jpeg &&
         (info.mode == Mode::Lab || info.depth != 8 || info.alpha != Alpha::None))
         throw HostError(kExitOutput, path.string() + ": JPEG cannot hold a " + what +
-                        " image (write .tif instead)");
+                                         " image (write .tif instead)");
 }
 
 HostError writeError(const std::string& name, int error) {
     if (error == ENOSPC || error == EDQUOT)
         return HostError(kExitOutput, name + ": cannot write, the disk is full");
-    return HostError(kExitOutput,
-                     name + ": cannot write (" + (error ? std::strerror(error) : "I/O error") + ")");
+    return HostError(kExitOutput, name + ": cannot write (" +
+                                      (error ? std::strerror(error) : "I/O error") + ")");
 }
 
 }  // namespace Curvana::Host

@@ -59,8 +59,8 @@ void checkMemoryBudget(const std::string& name, const std::string& what, uint64_
 // HostError (kExitInput) when `decodedBytes` of a width x height image
 // cannot come from `fileBytes` at the format's best compression ratio
 // (`maxRatio` decoded bytes per file byte).
-void checkFileCanHold(const std::string& name, int64_t width, int64_t height,
-                      uint64_t decodedBytes, uint64_t fileBytes, double maxRatio);
+void checkFileCanHold(const std::string& name, int64_t width, int64_t height, uint64_t decodedBytes,
+                      uint64_t fileBytes, double maxRatio);
 
 // The format a file name asks for, from its extension (case-insensitive):
 // .tif/.tiff, .png, .jpg/.jpeg. Empty when the extension is none of these.

@@ -78,7 +78,8 @@ PhotoMetadata readMetadata(const std::filesystem::path& path) {
         // The conversion leaves out the lens and the body's serial number,
         // which the filter matches constraint files and lens profiles on.
         copyIfMissing(image->exifData(), "Exif.Photo.LensModel", xmp, "Xmp.aux.Lens");
-        copyIfMissing(image->exifData(), "Exif.Photo.BodySerialNumber", xmp, "Xmp.aux.SerialNumber");
+        copyIfMissing(image->exifData(), "Exif.Photo.BodySerialNumber", xmp,
+                      "Xmp.aux.SerialNumber");
         if (!xmp.empty() && Exiv2::XmpParser::encode(out.moduleXmp, xmp) != 0) {
             out.moduleXmp.clear();
             out.warnings.push_back(path.string() + ": cannot encode its metadata as XMP");

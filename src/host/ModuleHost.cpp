@@ -252,12 +252,16 @@ void* BufferPool::allocate(uint64_t size) {
     std::lock_guard lock(mutex);
     if (allocated + size > limit)
         return nullptr;
+    // C buffers of the interface, freed by the pool
+    // NOLINTNEXTLINE(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
     void* p = std::malloc(static_cast<size_t>(size));
     if (!p)
         return nullptr;
     try {
         live.emplace(p, size);
     } catch (...) {
+        // C buffers of the interface, freed by the pool
+        // NOLINTNEXTLINE(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
         std::free(p);
         return nullptr;
     }
@@ -274,11 +278,15 @@ void BufferPool::release(void* buffer) {
         return;  // not ours: never free a foreign pointer
     allocated -= it->second;
     live.erase(it);
+    // C buffers of the interface, freed by the pool
+    // NOLINTNEXTLINE(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
     std::free(buffer);
 }
 
 BufferPool::~BufferPool() {
     for (auto& [p, size] : live)
+        // C buffers of the interface, freed by the pool
+        // NOLINTNEXTLINE(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
         std::free(p);
 }
 
@@ -316,8 +324,8 @@ std::filesystem::path Module::locate(const std::filesystem::path& explicitPath) 
     std::string list;
     for (const auto& t : tried)
         list += (list.empty() ? "" : ", ") + t;
-    throw HostError(kExitModule, "the filter module libcurvana.so was not found (looked at " + list +
-                    "; use --module PATH or set CURVANA_MODULE)");
+    throw HostError(kExitModule, "the filter module libcurvana.so was not found (looked at " +
+                                     list + "; use --module PATH or set CURVANA_MODULE)");
 }
 
 std::unique_ptr<Module> Module::load(const std::filesystem::path& path, HostFacts facts) {
@@ -332,7 +340,7 @@ std::unique_ptr<Module> Module::load(const std::filesystem::path& path, HostFact
     if (!m->handle_) {
         const char* why = ::dlerror();
         throw HostError(kExitModule, path.string() + ": cannot load the filter module (" +
-                        (why ? why : "unknown error") + ")");
+                                         (why ? why : "unknown error") + ")");
     }
     m->entry_ = reinterpret_cast<CvEntryPoint>(::dlsym(m->handle_, "EntryFI"));
     if (!m->entry_)

@@ -119,7 +119,8 @@ std::unique_ptr<ImageSource> openImage(const std::filesystem::path& path,
         return std::make_unique<MemorySource>(path, FileFormat::Jpeg, std::move(d.raster),
                                               std::move(d.icc));
     }
-    throw HostError(kExitInput, path.string() + ": unsupported image format (TIFF, PNG and JPEG are read)");
+    throw HostError(kExitInput,
+                    path.string() + ": unsupported image format (TIFF, PNG and JPEG are read)");
 }
 
 namespace {
@@ -135,9 +136,10 @@ public:
           options_(options) {
         checkFormatHolds(format_, source.info(), name_);
         const ImageInfo& info = source.info();
-        checkMemoryBudget(name_, std::string("a ") + formatName(format_) + " result of " +
-                                     std::to_string(info.width) + " x " +
-                                     std::to_string(info.height) + " pixels",
+        checkMemoryBudget(name_,
+                          std::string("a ") + formatName(format_) + " result of " +
+                              std::to_string(info.width) + " x " + std::to_string(info.height) +
+                              " pixels",
                           info.byteCount(), options.memoryLimit);
         if (auto* memory = dynamic_cast<MemorySource*>(&source)) {
             raster_ = memory->raster();

@@ -40,7 +40,8 @@ mode_t currentUmask() {
 // A hidden name beside the target that no file has yet.
 std::string hiddenName(const fs::path& folder, const fs::path& target) {
     static std::mt19937 rng(std::random_device{}());
-    return (folder / ("." + target.filename().string() + ".curvana-" + std::to_string(rng()))).string();
+    return (folder / ("." + target.filename().string() + ".curvana-" + std::to_string(rng())))
+        .string();
 }
 
 }  // namespace

@@ -106,9 +106,8 @@ TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& o
         throw HostError(kExitInput, name + ": " + std::to_string(bits) +
                                         "-bit TIFF samples are not supported (8 or 16 bits)");
     if (photometric == PHOTOMETRIC_PALETTE && bits != 8)
-        throw HostError(kExitInput,
-                        name + ": " + std::to_string(bits) +
-                            "-bit palette TIFF is not supported (8-bit palettes are)");
+        throw HostError(kExitInput, name + ": " + std::to_string(bits) +
+                                        "-bit palette TIFF is not supported (8-bit palettes are)");
     if (sampleFormat != SAMPLEFORMAT_UINT && sampleFormat != SAMPLEFORMAT_INT)
         throw HostError(kExitInput, name + ": floating-point TIFF samples are not supported");
     separate_ = planar == PLANARCONFIG_SEPARATE;
@@ -133,7 +132,8 @@ TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& o
             break;
         case PHOTOMETRIC_YCBCR:
             if (compression_ != COMPRESSION_JPEG)
-                throw HostError(kExitInput, name + ": YCbCr TIFF is supported only with JPEG compression");
+                throw HostError(kExitInput,
+                                name + ": YCbCr TIFF is supported only with JPEG compression");
             TIFFSetField(tif, TIFFTAG_JPEGCOLORMODE, JPEGCOLORMODE_RGB);
             mode = Mode::RGB;
             basePlanes = 3;
@@ -141,7 +141,8 @@ TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& o
         case PHOTOMETRIC_SEPARATED:
             TIFFGetFieldDefaulted(tif, TIFFTAG_INKSET, &inkSet);
             if (inkSet != INKSET_CMYK || samplesPerPixel_ < 4)
-                throw HostError(kExitInput, name + ": separated TIFF other than CMYK is not supported");
+                throw HostError(kExitInput,
+                                name + ": separated TIFF other than CMYK is not supported");
             mode = Mode::CMYK;
             basePlanes = 4;
             break;
@@ -171,7 +172,7 @@ TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& o
         }
         default:
             throw HostError(kExitInput, name + ": TIFF photometric " + std::to_string(photometric) +
-                            " is not supported");
+                                            " is not supported");
     }
     if (samplesPerPixel_ < basePlanes)
         throw HostError(kExitInput, name + ": TIFF has too few samples per pixel");
@@ -219,8 +220,8 @@ TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& o
 
     // The header's sizes against the file and the budget, before any block
     // is allocated.
-    const uint64_t blockBytes = static_cast<uint64_t>(tiled_ ? TIFFTileSize64(tif)
-                                                             : TIFFStripSize64(tif));
+    const uint64_t blockBytes =
+        static_cast<uint64_t>(tiled_ ? TIFFTileSize64(tif) : TIFFStripSize64(tif));
     if (blockBytes == 0)
         throw HostError(kExitInput, name + ": " + takeTiffError());
     const uint64_t imageBytes = uint64_t{width} * height * samplesPerPixel_ * (bits / 8);
@@ -229,9 +230,10 @@ TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& o
     if (ratio > 0)
         checkFileCanHold(name, width, height, imageBytes,
                          static_cast<uint64_t>(std::filesystem::file_size(path, ec)), ratio);
-    checkMemoryBudget(name, std::string("a TIFF ") + (tiled_ ? "tile" : "strip") + " of " +
-                                std::to_string(blockWidth_) + " x " +
-                                std::to_string(blockHeight_) + " pixels",
+    checkMemoryBudget(name,
+                      std::string("a TIFF ") + (tiled_ ? "tile" : "strip") + " of " +
+                          std::to_string(blockWidth_) + " x " + std::to_string(blockHeight_) +
+                          " pixels",
                       blockBytes, options.memoryLimit);
 
     uint32_t count = 0;
@@ -272,9 +274,9 @@ const TiffSource::Block& TiffSource::block(uint32_t index, uint32_t expectedRows
     const tmsize_t got = tiled_ ? TIFFReadEncodedTile(tif, index, b.data.data(), size)
                                 : TIFFReadEncodedStrip(tif, index, b.data.data(), size);
     if (got < 0 || static_cast<uint64_t>(got) < needed)
-        throw HostError(kExitInput, path_.string() + ": cannot decode " + (tiled_ ? "tile " : "strip ") +
-                         std::to_string(index) + " (truncated or corrupt file: " + takeTiffError() +
-                         ")");
+        throw HostError(kExitInput, path_.string() + ": cannot decode " +
+                                        (tiled_ ? "tile " : "strip ") + std::to_string(index) +
+                                        " (truncated or corrupt file: " + takeTiffError() + ")");
     ++blocksDecoded_;
     lru_.push_front(index);
     b.lru = lru_.begin();
@@ -397,8 +399,8 @@ TiffTileWriter::TiffTileWriter(const std::filesystem::path& path, const ImageInf
     TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, planes);
     TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
     if (info.alpha != Alpha::None) {
-        const uint16_t extra = info.alpha == Alpha::Premultiplied ? EXTRASAMPLE_ASSOCALPHA
-                                                                   : EXTRASAMPLE_UNASSALPHA;
+        const uint16_t extra =
+            info.alpha == Alpha::Premultiplied ? EXTRASAMPLE_ASSOCALPHA : EXTRASAMPLE_UNASSALPHA;
         TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, 1, &extra);
     }
     TIFFSetField(tif, TIFFTAG_SAMPLEFORMAT, SAMPLEFORMAT_UINT);

@@ -43,7 +43,8 @@ public:
             if (n < 0 && errno == EINTR)
                 continue;
             if (n <= 0)
-                throw HostError(kExitOutput, "temporary tile store in " + folder_.string() + ": read failed");
+                throw HostError(kExitOutput,
+                                "temporary tile store in " + folder_.string() + ": read failed");
             p += n, offset += static_cast<uint64_t>(n), size -= static_cast<size_t>(n);
         }
     }
@@ -60,7 +61,8 @@ private:
                 ::unlink(name.c_str());
         }
         if (fd_ < 0)
-            throw HostError(kExitOutput, "cannot create a temporary tile store in " + folder_.string());
+            throw HostError(kExitOutput,
+                            "cannot create a temporary tile store in " + folder_.string());
     }
     std::filesystem::path folder_;
     int fd_ = -1;

@@ -5,8 +5,8 @@
 #include <string>
 #include <utility>
 
-#include "session/EditorObject.h"
 #include "core/LocalizedString.h"
+#include "session/EditorObject.h"
 #include "session/PFilter.h"
 
 namespace Project {

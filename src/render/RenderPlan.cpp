@@ -45,7 +45,8 @@ MeshExtent ExtentOf(const RenderMesh& mesh, bool photoOnly) {
     const int32_t quads = mesh.QuadsPerSide();
     for (int32_t j = 0; j < quads; ++j) {
         for (int32_t i = 0; i < quads; ++i) {
-            if (!mesh.IsQuadValid(mesh.QuadIndex(i, j)) || (photoOnly && !QuadShowsPhoto(mesh, i, j))) {
+            if (!mesh.IsQuadValid(mesh.QuadIndex(i, j)) ||
+                (photoOnly && !QuadShowsPhoto(mesh, i, j))) {
                 continue;
             }
             const QuadBox b = QuadBounds(mesh, mesh.positions, i, j);

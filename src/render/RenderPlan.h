@@ -83,7 +83,9 @@ struct PictureWindow {
     double width = 0.0;
     double height = 0.0;
 
-    bool Whole() const { return pictureWidth <= 0 || pictureHeight <= 0 || width <= 0.0 || height <= 0.0; }
+    bool Whole() const {
+        return pictureWidth <= 0 || pictureHeight <= 0 || width <= 0.0 || height <= 0.0;
+    }
 };
 
 MeshExtent ComputeMeshExtent(const RenderMesh& mesh);

@@ -80,6 +80,7 @@ CvError Guarded(F&& f) noexcept {
 CvError Make(CvDescriptor* out) {
     if (!out)
         return cvErrParam;
+    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): owned by a C handle
     auto* d = new (std::nothrow) ActionDescriptor;
     if (!d)
         return cvErrMemory;
@@ -88,6 +89,7 @@ CvError Make(CvDescriptor* out) {
 }
 
 CvError Release(CvDescriptor descriptor) {
+    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): owned by a C handle
     delete FromHandle(descriptor);
     return cvNoErr;
 }

@@ -8,8 +8,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "geometry/ProjectionFactory.h"
 #include "core/LocalizedString.h"
+#include "geometry/ProjectionFactory.h"
 #include "session/PreferencesFile.h"
 #include "session/ScriptParameters.h"
 #include "session/SettingsCheck.h"
@@ -117,8 +117,7 @@ PPreferences& PFilter::preferences() {
         // set aside: the defaults are used, and saved over them at the end.
         if (folder && LoadPreferencesFile(*folder / PreferencesFileName(), *prefs)) {
             if (const std::string why = CheckSettings(prefs->settings); !why.empty()) {
-                std::fprintf(stderr, "curvana: the saved settings are not used: %s\n",
-                             why.c_str());
+                std::fprintf(stderr, "curvana: the saved settings are not used: %s\n", why.c_str());
                 prefs->settings = PSettings(imageRect().Width());
             }
         }

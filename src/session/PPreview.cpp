@@ -39,8 +39,8 @@ std::shared_ptr<const MemoryImage> HalfSize(const MemoryImage& image) {
                 const auto at = [&](int32_t xx, int32_t yy) {
                     return static_cast<uint32_t>(in[static_cast<size_t>(yy) * image.Width() + xx]);
                 };
-                out[static_cast<size_t>(y) * w + x] =
-                    static_cast<uint8_t>((at(x0, y0) + at(x1, y0) + at(x0, y1) + at(x1, y1) + 2) / 4);
+                out[static_cast<size_t>(y) * w + x] = static_cast<uint8_t>(
+                    (at(x0, y0) + at(x1, y0) + at(x0, y1) + at(x1, y1) + 2) / 4);
             }
         }
     }
@@ -57,8 +57,7 @@ public:
                     ptrdiff_t rowBytes) override {
         if (rect.left < 0 || rect.top < 0 || rect.right > image_.Width() ||
             rect.bottom > image_.Height() || rect.Empty() ||
-            planes.size() != static_cast<size_t>(image_.Format().planes) ||
-            rowBytes < rect.Width())
+            planes.size() != static_cast<size_t>(image_.Format().planes) || rowBytes < rect.Width())
             return false;
         for (size_t p = 0; p < planes.size(); ++p) {
             const uint8_t* from = image_.PlaneData(static_cast<int32_t>(p));

@@ -12,7 +12,6 @@
 
 #include "constraints/ConstraintSet.h"
 #include "constraints/GeodesicLines.h"
-#include "warp/MeshLocator.h"
 #include "geometry/PhotoToSphere.h"
 #include "render/ImageAccess.h"
 #include "render/RenderMesh.h"
@@ -20,6 +19,7 @@
 #include "render/gpu/GpuDevice.h"
 #include "session/HostRecord.h"
 #include "solver/Solver.h"
+#include "warp/MeshLocator.h"
 
 namespace Project {
 

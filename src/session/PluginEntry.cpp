@@ -17,6 +17,7 @@ CvError Dispatch(int16_t selector, CvFilterRecord* record, intptr_t* data,
         if (filter) {
             if (HostRecord::IsCompatible(record))
                 filter->ReleaseHostResources(record);
+            // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): the host holds it as an integer
             delete filter;
             *data = 0;
         }

@@ -4,8 +4,8 @@
 #include <string_view>
 
 #include "core/ByteIO.h"
-#include "core/FourCC.h"
 #include "core/FileIO.h"
+#include "core/FourCC.h"
 #include "core/LocalizedString.h"
 
 namespace Project {

@@ -35,7 +35,9 @@ std::array<double, 3> ToRgb(int32_t mode, int32_t planes, const double* v) {
     if (mode == cvModeCMYK || planes == 4) {
         // Ink amounts: none is white.
         const double k = v[3];
-        const auto channel = [k](double c) { return 255 - std::min(255.0, c * (255 - k) / 255 + k); };
+        const auto channel = [k](double c) {
+            return 255 - std::min(255.0, c * (255 - k) / 255 + k);
+        };
         return {channel(v[0]), channel(v[1]), channel(v[2])};
     }
     if (planes < 3)
@@ -51,7 +53,8 @@ std::shared_ptr<MemoryImage> ReadPreviewSource(const HostRecord& host, int32_t m
     if (width <= 0 || height <= 0)
         throw HostError("the image to preview is empty", cvErrParam);
     const int32_t longSide = std::max(width, height);
-    const int32_t factor = std::max(1, (longSide + std::max(maxSide, 1) - 1) / std::max(maxSide, 1));
+    const int32_t factor =
+        std::max(1, (longSide + std::max(maxSide, 1) - 1) / std::max(maxSide, 1));
     const int32_t outWidth = (width + factor - 1) / factor;
     const int32_t outHeight = (height + factor - 1) / factor;
     auto out = std::make_shared<MemoryImage>(outWidth, outHeight, PixelFormat{4, 8});
@@ -83,7 +86,8 @@ std::shared_ptr<MemoryImage> ReadPreviewSource(const HostRecord& host, int32_t m
             for (int32_t y = oy * factor - top; y < std::min((oy + 1) * factor - top, rows); ++y) {
                 for (int32_t x = 0; x < width; ++x) {
                     double v[4] = {0, 0, 0, 0};
-                    const size_t at = static_cast<size_t>(y) * rowBytes + static_cast<size_t>(x) * bytes;
+                    const size_t at =
+                        static_cast<size_t>(y) * rowBytes + static_cast<size_t>(x) * bytes;
                     for (int32_t p = 0; p < planes; ++p) {
                         const uint8_t* s = strip[static_cast<size_t>(p)].data() + at;
                         if (wide) {
@@ -106,7 +110,8 @@ std::shared_ptr<MemoryImage> ReadPreviewSource(const HostRecord& host, int32_t m
                 for (int32_t c = 0; c < 3; ++c)
                     out->Set(c, ox, oy,
                              static_cast<uint32_t>(std::lround(std::clamp(
-                                 sums[static_cast<size_t>(ox)][static_cast<size_t>(c)] / n, 0.0, 255.0))));
+                                 sums[static_cast<size_t>(ox)][static_cast<size_t>(c)] / n, 0.0,
+                                 255.0))));
                 out->Set(3, ox, oy, 255);
             }
         }

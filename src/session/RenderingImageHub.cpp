@@ -5,9 +5,9 @@
 #include <optional>
 #include <vector>
 
+#include "core/LocalizedString.h"
 #include "render/PResult.h"
 #include "render/RenderMesh.h"
-#include "core/LocalizedString.h"
 #include "session/PFilter.h"
 
 namespace Project {
@@ -30,16 +30,18 @@ public:
 
     bool ReadWindow(const PixelRect& rect, std::span<void* const> planes,
                     ptrdiff_t rowBytes) override {
-        return Each(rect, planes.size(), rowBytes, [&](const ImageRect& r, int32_t p, int32_t stride) {
-            host_.ReadSourcePlane(r, p, planes[static_cast<size_t>(p)], stride);
-        });
+        return Each(rect, planes.size(), rowBytes,
+                    [&](const ImageRect& r, int32_t p, int32_t stride) {
+                        host_.ReadSourcePlane(r, p, planes[static_cast<size_t>(p)], stride);
+                    });
     }
     bool WriteTile(const PixelRect& rect, std::span<const void* const> planes,
                    ptrdiff_t rowBytes) override {
         written_.push_back(rect);
-        return Each(rect, planes.size(), rowBytes, [&](const ImageRect& r, int32_t p, int32_t stride) {
-            host_.WriteResultPlane(r, p, planes[static_cast<size_t>(p)], stride);
-        });
+        return Each(rect, planes.size(), rowBytes,
+                    [&](const ImageRect& r, int32_t p, int32_t stride) {
+                        host_.WriteResultPlane(r, p, planes[static_cast<size_t>(p)], stride);
+                    });
     }
 
     // Tiles the renderer drew nothing into (no quad reaches them) are still

@@ -28,9 +28,7 @@ public:
     std::string CameraModel() const override { return filter_.cameraMetadata().model; }
     std::string LensModel() const override { return filter_.cameraMetadata().lens; }
 
-    ConstraintFileSettings Settings() const override {
-        return ConstraintFileSettingsOf(settings_);
-    }
+    ConstraintFileSettings Settings() const override { return ConstraintFileSettingsOf(settings_); }
     void SetPhysicalFocal(float mm) override { settings_.physicalFocalLength = mm; }
     void SetCropFactor(float crop) override { settings_.cropFactor = crop; }
     void SetFocalLength(float pixels) override { settings_.focalLength = pixels; }
@@ -109,13 +107,12 @@ RegularizerModel closedFormFor(RegularizerModel model) {
 std::shared_ptr<const PhotoToSphere> sessionProjection(PFilter& filter) {
     const PSettings& s = filter.settings();
     const ImageRect rect = filter.imageRect();
-    std::shared_ptr<const PhotoToSphere> photo = makeProjection(
-        s.projectionModel, s.focalLength, rect.Width(), rect.Height(),
-        filter.cameraMetadata(), filter.lensProfile(), filter.lensFocalScaleRatio());
+    std::shared_ptr<const PhotoToSphere> photo =
+        makeProjection(s.projectionModel, s.focalLength, rect.Width(), rect.Height(),
+                       filter.cameraMetadata(), filter.lensProfile(), filter.lensFocalScaleRatio());
     if (!photo)
-        photo = makeProjection(ProjectionModel::Fisheye, s.focalLength,
-                               rect.Width(), rect.Height(), filter.cameraMetadata(), std::nullopt,
-                               1.0f);
+        photo = makeProjection(ProjectionModel::Fisheye, s.focalLength, rect.Width(), rect.Height(),
+                               filter.cameraMetadata(), std::nullopt, 1.0f);
     return photo;
 }
 

@@ -23,8 +23,8 @@ std::string Number(double v) {
 std::string CheckSetting(const SettingRange& range, double value) {
     if (std::isfinite(value) && value >= range.min && value <= range.max)
         return {};
-    return Localize(kOutOfRange, {range.name, range.key, Number(range.min), Number(range.max),
-                                  Number(value)});
+    return Localize(kOutOfRange,
+                    {range.name, range.key, Number(range.min), Number(range.max), Number(value)});
 }
 
 std::string CheckSettings(const PSettings& s) {

@@ -64,7 +64,8 @@ double FocalSolver::Residual(CalibrationPoint centre, CalibrationPoint first,
     std::array<std::array<double, 3>, 3> r{};
     if (!Rays(centre, {first, second, fitPoint}, f, r))
         return std::numeric_limits<double>::quiet_NaN();
-    return Det({r[0][0], r[0][1], r[0][2]}, {r[1][0], r[1][1], r[1][2]}, {r[2][0], r[2][1], r[2][2]});
+    return Det({r[0][0], r[0][1], r[0][2]}, {r[1][0], r[1][1], r[1][2]},
+               {r[2][0], r[2][1], r[2][2]});
 }
 
 bool FocalSolver::FitPointBetween(CalibrationPoint centre, CalibrationPoint first,

@@ -2,7 +2,6 @@
 
 #include <array>
 
-
 namespace Project {
 
 // A point in source pixels (double).
@@ -45,8 +44,8 @@ public:
 
     virtual ~FocalSolver() = default;
 
-    double Solve(CalibrationPoint centre, CalibrationPoint first, CalibrationPoint second, CalibrationPoint fitPoint, double minimum,
-                 double maximum) const;
+    double Solve(CalibrationPoint centre, CalibrationPoint first, CalibrationPoint second,
+                 CalibrationPoint fitPoint, double minimum, double maximum) const;
 
     // The model's polar angle (radians from the optical axis) of a point at
     // `radius` pixels from the centre under focal length f; false where the

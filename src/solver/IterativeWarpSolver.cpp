@@ -278,11 +278,12 @@ void IterativeWarpSolver::AddTriangleTerm(double weight, MeshVertex p, MeshVerte
     const int32_t kp = CanonicalIndex(p.i, p.j);
     const int32_t kq = CanonicalIndex(q.i, q.j);
     const int32_t kr = CanonicalIndex(r.i, r.j);
-    const std::array<int32_t, 6> unknowns{2 * kp, 2 * kp + 1, 2 * kq, 2 * kq + 1, 2 * kr, 2 * kr + 1};
-    const std::array<double, 6> rowX{weight * (sc - 1.0), weight * -ss, weight, 0.0, weight * -sc,
-                                     weight * ss};
-    const std::array<double, 6> rowY{weight * ss, weight * (sc - 1.0), 0.0, weight, weight * -ss,
-                                     weight * -sc};
+    const std::array<int32_t, 6> unknowns{2 * kp,     2 * kp + 1, 2 * kq,
+                                          2 * kq + 1, 2 * kr,     2 * kr + 1};
+    const std::array<double, 6> rowX{weight * (sc - 1.0), weight * -ss, weight, 0.0,
+                                     weight * -sc,        weight * ss};
+    const std::array<double, 6> rowY{weight * ss, weight * (sc - 1.0), 0.0,
+                                     weight,      weight * -ss,        weight * -sc};
     AddFixedRow(unknowns, rowX, 0.0);
     AddFixedRow(unknowns, rowY, 0.0);
 }
@@ -312,9 +313,10 @@ void IterativeWarpSolver::AddRegulariserTerms() {
                 continue;
             }
             const bool sides = IsVertexValid(i - 1, j) && IsVertexValid(i + 1, j);
-            const bool interior = sides && IsVertexValid(i + 1, j + 1) && IsVertexValid(i - 1, j + 1) &&
-                                  IsVertexValid(i, j + 1) && IsVertexValid(i, j - 1) &&
-                                  IsVertexValid(i + 1, j - 1) && IsVertexValid(i - 1, j - 1);
+            const bool interior = sides && IsVertexValid(i + 1, j + 1) &&
+                                  IsVertexValid(i - 1, j + 1) && IsVertexValid(i, j + 1) &&
+                                  IsVertexValid(i, j - 1) && IsVertexValid(i + 1, j - 1) &&
+                                  IsVertexValid(i - 1, j - 1);
             if (!interior) {
                 add(i, j, regulariserWeight_);
             }
@@ -370,10 +372,13 @@ void IterativeWarpSolver::BuildFixedMatrix() {
     std::vector<int32_t> systemVertexOf(static_cast<size_t>(vertexCount_), -1);
     for (int32_t v = 0; v < vertexCount_; ++v) {
         if (touched[static_cast<size_t>(v)] != 0) {
-            systemVertexOf[static_cast<size_t>(v)] = static_cast<int32_t>(f.systemToFull.size() / 2);
-            f.fullToSystem[static_cast<size_t>(2 * v)] = static_cast<int32_t>(f.systemToFull.size());
+            systemVertexOf[static_cast<size_t>(v)] =
+                static_cast<int32_t>(f.systemToFull.size() / 2);
+            f.fullToSystem[static_cast<size_t>(2 * v)] =
+                static_cast<int32_t>(f.systemToFull.size());
             f.systemToFull.push_back(2 * v);
-            f.fullToSystem[static_cast<size_t>(2 * v + 1)] = static_cast<int32_t>(f.systemToFull.size());
+            f.fullToSystem[static_cast<size_t>(2 * v + 1)] =
+                static_cast<int32_t>(f.systemToFull.size());
             f.systemToFull.push_back(2 * v + 1);
         }
     }
@@ -389,11 +394,14 @@ void IterativeWarpSolver::BuildFixedMatrix() {
             continue;
         }
         auto& row = f.blocks[static_cast<size_t>(v)];
-        if (std::none_of(row.begin(), row.end(), [&](const FixedSystem::Block& b) { return b.column == v; })) {
+        if (std::none_of(row.begin(), row.end(),
+                         [&](const FixedSystem::Block& b) { return b.column == v; })) {
             row.push_back(FixedSystem::Block{v, {0.0, 0.0, 0.0, 0.0}});
         }
         std::sort(row.begin(), row.end(),
-                  [](const FixedSystem::Block& a, const FixedSystem::Block& b) { return a.column < b.column; });
+                  [](const FixedSystem::Block& a, const FixedSystem::Block& b) {
+                      return a.column < b.column;
+                  });
         for (int32_t component = 0; component < 2; ++component) {
             for (const FixedSystem::Block& block : row) {
                 const int32_t column = f.fullToSystem[static_cast<size_t>(2 * block.column)];
@@ -524,10 +532,11 @@ void IterativeWarpSolver::BuildPattern() {
     }
     // The previous solve's pattern serves when its groups coupled the same
     // unknowns (the common case while constraints are only re-solved).
-    const bool same = patternFixed_ == fixed_ && system_.rows() == dimension &&
-                      patternGroups_.size() == groups_.size() && patternDamping_ == dampedUnknowns &&
-                      std::equal(groups_.begin(), groups_.end(), patternGroups_.begin(),
-                                 [](const RowGroup& a, const RowGroup& b) { return a.system == b.system; });
+    const bool same =
+        patternFixed_ == fixed_ && system_.rows() == dimension &&
+        patternGroups_.size() == groups_.size() && patternDamping_ == dampedUnknowns &&
+        std::equal(groups_.begin(), groups_.end(), patternGroups_.begin(),
+                   [](const RowGroup& a, const RowGroup& b) { return a.system == b.system; });
     if (same) {
         for (size_t k = 0; k < groups_.size(); ++k) {
             groups_[k].slots = patternGroups_[k].slots;
@@ -570,8 +579,8 @@ void IterativeWarpSolver::BuildPattern() {
             int32_t f = row < meshSystemSize_ ? fixedOuter[row] : 0;
             const int32_t fEnd = row < meshSystemSize_ ? fixedOuter[row + 1] : 0;
             while (f < fEnd || (p < pairs.size() && pairs[p].first == row)) {
-                const bool takeFixed =
-                    f < fEnd && !(p < pairs.size() && pairs[p].first == row && pairs[p].second < fixedInner[f]);
+                const bool takeFixed = f < fEnd && !(p < pairs.size() && pairs[p].first == row &&
+                                                     pairs[p].second < fixedInner[f]);
                 if (takeFixed) {
                     fixedSlots_[static_cast<size_t>(f)] = static_cast<int32_t>(inner.size());
                     inner.push_back(fixedInner[f]);
@@ -608,7 +617,8 @@ void IterativeWarpSolver::BuildPattern() {
     for (int32_t s : dampedUnknowns) {
         const int32_t* begin = system_.innerIndexPtr() + system_.outerIndexPtr()[s];
         const int32_t* end = system_.innerIndexPtr() + system_.outerIndexPtr()[s + 1];
-        dampingSlots_.push_back(static_cast<int32_t>(std::lower_bound(begin, end, s) - system_.innerIndexPtr()));
+        dampingSlots_.push_back(
+            static_cast<int32_t>(std::lower_bound(begin, end, s) - system_.innerIndexPtr()));
     }
     rhs_.resize(dimension);
 }
@@ -669,8 +679,8 @@ void IterativeWarpSolver::AssembleIteration(int32_t iteration) {
         current[s] = solution_[systemToFull_[static_cast<size_t>(s)]];
     }
     rhs_.setZero();
-    rhs_.head(meshSystemSize_) =
-        fixed_->rhs - fixed_->matrix.selfadjointView<Eigen::Upper>() * current.head(meshSystemSize_);
+    rhs_.head(meshSystemSize_) = fixed_->rhs - fixed_->matrix.selfadjointView<Eigen::Upper>() *
+                                                   current.head(meshSystemSize_);
     AddIterationTerms(iteration);
     timings_.assembly += SecondsSince(start);
 }
@@ -683,12 +693,12 @@ void IterativeWarpSolver::AssembleIteration(int32_t iteration) {
 // (and again when more unknowns are declared changed); each iteration only
 // refills the values from the matrix.
 struct IterativeWarpSolver::Deflation {
-    size_t declared = 0;                 // changed_.size() it was built for
-    std::vector<int32_t> index;          // system indices
-    Eigen::SparseMatrix<double> aw;      // A W, dimension x k
-    std::vector<int32_t> awSource;       // system_ value slot of each entry of aw
-    Eigen::SparseMatrix<double> e;       // W'AW
-    std::vector<int32_t> eSource;        // entry of aw of each entry of e
+    size_t declared = 0;             // changed_.size() it was built for
+    std::vector<int32_t> index;      // system indices
+    Eigen::SparseMatrix<double> aw;  // A W, dimension x k
+    std::vector<int32_t> awSource;   // system_ value slot of each entry of aw
+    Eigen::SparseMatrix<double> e;   // W'AW
+    std::vector<int32_t> eSource;    // entry of aw of each entry of e
     Eigen::SimplicialLLT<Eigen::SparseMatrix<double>> llt;
 
     bool Refill(const double* values) {
@@ -842,7 +852,8 @@ bool IterativeWarpSolver::ConjugateGradients(Eigen::VectorXd& x) {
     return converged;
 }
 
-bool IterativeWarpSolver::SolveUpdate(int32_t iteration, bool constantMatrix, Eigen::VectorXd& update) {
+bool IterativeWarpSolver::SolveUpdate(int32_t iteration, bool constantMatrix,
+                                      Eigen::VectorXd& update) {
     update = Eigen::VectorXd::Zero(rhs_.size());
     if (VerifyEigenCurvana()) {
         // The diagnostic path: the one-shot solve, checked against the sparse LU.

@@ -210,7 +210,8 @@ protected:
     // unknowns (full indices below MeshUnknownCount(); repeated indices allowed:
     // their coefficients add up). The pattern follows the indices, not the
     // values: a zero coefficient still enters the unknown into the system.
-    void AddFixedRow(std::span<const int32_t> unknowns, std::span<const double> coefficients, double rhs);
+    void AddFixedRow(std::span<const int32_t> unknowns, std::span<const double> coefficients,
+                     double rhs);
     // The similarity term of vertices p, q, r (see the implementation).
     void AddTriangleTerm(double weight, MeshVertex p, MeshVertex q, MeshVertex r);
 
@@ -235,7 +236,8 @@ protected:
     // Adds the sum of many rows over one group at once: `normal` is J'J over
     // the group's unknowns (m x m, column-major; only the upper triangle is
     // read) and `gradient` J'r.
-    void AddGroupBlock(int32_t group, std::span<const double> normal, std::span<const double> gradient);
+    void AddGroupBlock(int32_t group, std::span<const double> normal,
+                       std::span<const double> gradient);
 
     void SetExtraUnknownCount(int32_t count);
     int32_t MeshUnknownCount() const { return 2 * n_ * n_; }
@@ -324,10 +326,10 @@ private:
     // The factorisation: its symbolic analysis follows the pattern; its values
     // may be those of an earlier matrix (then it serves as a preconditioner).
     std::unique_ptr<SparseCholesky> cholesky_;
-    bool analysed_ = false;             // cholesky_ holds an analysis...
-    std::vector<int> analysedOrdering_; // ... made with this ordering
-    bool factorUsable_ = false;             // a numeric factor of a matrix over...
-    std::vector<int32_t> factorUnknowns_;   // ... these full unknowns (system order)
+    bool analysed_ = false;                           // cholesky_ holds an analysis...
+    std::vector<int> analysedOrdering_;               // ... made with this ordering
+    bool factorUsable_ = false;                       // a numeric factor of a matrix over...
+    std::vector<int32_t> factorUnknowns_;             // ... these full unknowns (system order)
     std::shared_ptr<const FixedSystem> factorFixed_;  // set when it is of this fixed matrix alone
 
     Eigen::VectorXd solution_;

@@ -42,7 +42,7 @@ LineSolve::LineSolve(std::shared_ptr<const OctaMap> mesh,
     : IterativeWarpSolver(std::move(mesh), std::move(photo), regulariserWeight, iterationCount,
                           pinCentre, regulariserCode, modeValue, boundaryOnly, twoPass,
                           latitudeLimits, longitudeLimits),
-      lines_(std::move(lines)),
+      lines_(lines),
       lineWeight_(lineWeight),
       shapeWeight_(shapeWeight),
       smoothnessWeight_(smoothnessWeight) {
@@ -65,7 +65,8 @@ LineSolve::LineSolve(LineSolve& previous, Continuation how)
       activeEdges_(previous.activeEdges_),
       activePlanes_(previous.activePlanes_),
       extras_(how == Continuation::WarmStart ? previous.extras_ : std::vector<ExtraKey>{}),
-      factorAlphas_(how == Continuation::WarmStart ? previous.factorAlphas_ : std::vector<double>{}),
+      factorAlphas_(how == Continuation::WarmStart ? previous.factorAlphas_
+                                                   : std::vector<double>{}),
       ownLocator_(previous.ownLocator_),
       located_(previous.located_),
       factorTerms_(how == Continuation::WarmStart ? previous.factorTerms_ : nullptr) {}
@@ -124,9 +125,9 @@ bool LineSolve::CornersOf(const QuadLocation& quad, Corners& out) const {
     if (quad.i < 0 || quad.j < 0 || !IsQuadValid(quad.i, quad.j)) {
         return false;
     }
-    const std::array<MeshVertex, 4> corners{MeshVertex{quad.i, quad.j}, MeshVertex{quad.i + 1, quad.j},
-                                            MeshVertex{quad.i, quad.j + 1},
-                                            MeshVertex{quad.i + 1, quad.j + 1}};
+    const std::array<MeshVertex, 4> corners{
+        MeshVertex{quad.i, quad.j}, MeshVertex{quad.i + 1, quad.j}, MeshVertex{quad.i, quad.j + 1},
+        MeshVertex{quad.i + 1, quad.j + 1}};
     for (size_t k = 0; k < 4; ++k) {
         out.vertex[k] = CanonicalIndex(corners[k].i, corners[k].j);
         out.weight[k] = quad.weights[k];
@@ -150,12 +151,14 @@ double LineSolve::SampleAt(const Eigen::VectorXd& v, const LineTerm& term, const
     const LineBlock& block = term.blocks[static_cast<size_t>(s.block)];
     double sum = 0.0;
     for (int32_t k = 0; k < block.count; ++k) {
-        sum += s.weight[static_cast<size_t>(k)] * v[2 * block.vertex[static_cast<size_t>(k)] + component];
+        sum += s.weight[static_cast<size_t>(k)] *
+               v[2 * block.vertex[static_cast<size_t>(k)] + component];
     }
     return sum;
 }
 
-void LineSolve::ClosedFormAt(const LineTerm& term, const LineSample& s, double& x, double& y) const {
+void LineSolve::ClosedFormAt(const LineTerm& term, const LineSample& s, double& x,
+                             double& y) const {
     const LineBlock& block = term.blocks[static_cast<size_t>(s.block)];
     const int32_t n = MeshSize();
     x = y = 0.0;
@@ -209,8 +212,8 @@ void LineSolve::PrepareLine(const GeodesicLine& line, int32_t alpha, int32_t off
             LineBlock block;
             for (size_t k = 0; k < 4; ++k) {
                 // A folded border makes two corners one vertex: their weights add up.
-                if (std::find(block.vertex.begin(), block.vertex.begin() + block.count, c.vertex[k]) ==
-                    block.vertex.begin() + block.count) {
+                if (std::find(block.vertex.begin(), block.vertex.begin() + block.count,
+                              c.vertex[k]) == block.vertex.begin() + block.count) {
                     block.vertex[static_cast<size_t>(block.count++)] = c.vertex[k];
                 }
             }
@@ -220,7 +223,8 @@ void LineSolve::PrepareLine(const GeodesicLine& line, int32_t alpha, int32_t off
         sample.block = b;
         LineBlock& block = term.blocks[static_cast<size_t>(b)];
         for (size_t k = 0; k < 4; ++k) {
-            const auto at = std::find(block.vertex.begin(), block.vertex.begin() + block.count, c.vertex[k]);
+            const auto at =
+                std::find(block.vertex.begin(), block.vertex.begin() + block.count, c.vertex[k]);
             sample.weight[static_cast<size_t>(at - block.vertex.begin())] += c.weight[k];
         }
         for (int32_t a = 0; a < block.count; ++a) {
@@ -302,8 +306,10 @@ void LineSolve::StartLine(LineTerm& term, bool keepAngle) {
     if (term.alpha >= 0 && !keepAngle) {
         double x0, y0, x1, y1;
         if (WarmStart()) {
-            x0 = SampleAt(u, term, term.samples.front(), 0), y0 = SampleAt(u, term, term.samples.front(), 1);
-            x1 = SampleAt(u, term, term.samples.back(), 0), y1 = SampleAt(u, term, term.samples.back(), 1);
+            x0 = SampleAt(u, term, term.samples.front(), 0),
+            y0 = SampleAt(u, term, term.samples.front(), 1);
+            x1 = SampleAt(u, term, term.samples.back(), 0),
+            y1 = SampleAt(u, term, term.samples.back(), 1);
         } else {
             ClosedFormAt(term, term.samples.front(), x0, y0);
             ClosedFormAt(term, term.samples.back(), x1, y1);
@@ -342,8 +348,10 @@ void LineSolve::StartPlane(const PlaneTerm& term) {
         by += row * gy;
     }
     const auto qr = normal.colPivHouseholderQr();
-    const Eigen::Vector3d hx = qr.isInvertible() ? Eigen::Vector3d(qr.solve(bx)) : Eigen::Vector3d(1, 0, 0);
-    const Eigen::Vector3d hy = qr.isInvertible() ? Eigen::Vector3d(qr.solve(by)) : Eigen::Vector3d(0, 1, 0);
+    const Eigen::Vector3d hx =
+        qr.isInvertible() ? Eigen::Vector3d(qr.solve(bx)) : Eigen::Vector3d(1, 0, 0);
+    const Eigen::Vector3d hy =
+        qr.isInvertible() ? Eigen::Vector3d(qr.solve(by)) : Eigen::Vector3d(0, 1, 0);
     for (int32_t k = 0; k < 3; ++k) {
         solution[term.h + k] = hx[k];
         solution[term.h + 3 + k] = hy[k];
@@ -453,8 +461,8 @@ void LineSolve::DeclareChangedUnknowns(std::vector<int32_t>& unknowns) {
 }
 
 // On a warm solve, the lines whose blocks differ from those in the factorised
-// matrix (an endpoint moved, in this edit or an earlier one): their rows now constrain other corners than those in
-// the factorised matrix, across the stiff direction, which no preconditioner
+// matrix (an endpoint moved, in this edit or an earlier one): their rows now constrain other
+// corners than those in the factorised matrix, across the stiff direction, which no preconditioner
 // built before could know. And every line's alpha and d, whose columns move
 // with the warp.
 void LineSolve::DeclareChangedLines() {
@@ -462,10 +470,12 @@ void LineSolve::DeclareChangedLines() {
     const std::vector<LineTerm>& before = factorTerms_ ? *factorTerms_ : kNone;
     auto sameBlocks = [](const LineTerm& a, const LineTerm& b) {
         return a.blocks.size() == b.blocks.size() &&
-               std::equal(a.blocks.begin(), a.blocks.end(), b.blocks.begin(), [](const LineBlock& x, const LineBlock& y) {
-                   return x.count == y.count && x.samples == y.samples && x.vertex == y.vertex &&
-                          x.moments == y.moments && x.sums == y.sums;
-               });
+               std::equal(a.blocks.begin(), a.blocks.end(), b.blocks.begin(),
+                          [](const LineBlock& x, const LineBlock& y) {
+                              return x.count == y.count && x.samples == y.samples &&
+                                     x.vertex == y.vertex && x.moments == y.moments &&
+                                     x.sums == y.sums;
+                          });
     };
     std::vector<int32_t> changed;
     for (LineTerm& term : lineTerms_) {
@@ -476,7 +486,8 @@ void LineSolve::DeclareChangedLines() {
         if (!WarmStart()) {
             continue;
         }
-        const auto old = std::find_if(before.begin(), before.end(), [&](const LineTerm& b) { return b.key == term.key; });
+        const auto old = std::find_if(before.begin(), before.end(),
+                                      [&](const LineTerm& b) { return b.key == term.key; });
         if (old != before.end() && sameBlocks(*old, term)) {
             continue;
         }
@@ -489,7 +500,8 @@ void LineSolve::DeclareChangedLines() {
     DeclareChangedUnknowns(changed);
 }
 
-std::vector<QuadLocation> LineSolve::LocateInThisMesh(const std::vector<const GeodesicLine*>& active) {
+std::vector<QuadLocation> LineSolve::LocateInThisMesh(
+    const std::vector<const GeodesicLine*>& active) {
     if (!ownLocator_) {
         ownLocator_ = std::make_shared<const MeshLocator>(MeshRef());
     }
@@ -510,8 +522,8 @@ std::vector<QuadLocation> LineSolve::LocateInThisMesh(const std::vector<const Ge
         if (located_) {
             for (const LocatedLine& before : *located_) {
                 if (before.key.id == entry.key.id && before.key.edge == entry.key.edge &&
-                    std::equal(before.directions.begin(), before.directions.end(), entry.directions.begin(),
-                               entry.directions.end(), same)) {
+                    std::equal(before.directions.begin(), before.directions.end(),
+                               entry.directions.begin(), entry.directions.end(), same)) {
                     entry.quads = before.quads;
                     break;
                 }
@@ -530,7 +542,8 @@ std::vector<QuadLocation> LineSolve::LocateInThisMesh(const std::vector<const Ge
     for (size_t k : pendingLines) {
         LocatedLine& entry = (*located)[k];
         std::copy(found.begin() + static_cast<std::ptrdiff_t>(offset),
-                  found.begin() + static_cast<std::ptrdiff_t>(offset + entry.quads.size()), entry.quads.begin());
+                  found.begin() + static_cast<std::ptrdiff_t>(offset + entry.quads.size()),
+                  entry.quads.begin());
         offset += entry.quads.size();
     }
     std::vector<QuadLocation> quads;
@@ -630,7 +643,8 @@ void LineSolve::AddIterationTerms(int32_t iteration) {
         std::vector<int32_t> turned;
         for (LineTerm& term : lineTerms_) {
             if (term.alpha >= 0 && !term.changed &&
-                !(std::abs(std::remainder(u[term.alpha] - term.factorAlpha, 2.0 * std::numbers::pi)) <= kMaxTurn)) {
+                !(std::abs(std::remainder(u[term.alpha] - term.factorAlpha,
+                                          2.0 * std::numbers::pi)) <= kMaxTurn)) {
                 term.changed = true;
                 AddChangedUnknowns(term, turned);
             }
@@ -698,7 +712,8 @@ void LineSolve::AddIterationTerms(int32_t iteration) {
                     const size_t row = 2 * k + a;
                     for (size_t l = 0; l < m; ++l) {
                         for (size_t c = 0; c < 2; ++c) {
-                            normal[row + (2 * l + c) * g] = w2 * b.moments[4 * k + l] * nv[a] * nv[c];
+                            normal[row + (2 * l + c) * g] =
+                                w2 * b.moments[4 * k + l] * nv[a] * nv[c];
                         }
                     }
                     normal[row + D * g] = -w2 * nv[a] * b.sums[k];
@@ -731,11 +746,18 @@ void LineSolve::AddIterationTerms(int32_t iteration) {
             const double hx = (h[0] * pu + h[1] * pv + h[2]) / dn;
             const double hy = (h[3] * pu + h[4] * pv + h[5]) / dn;
             const int32_t k = term.vertex[s];
-            const std::array<double, 10> rowX{w,           0.0,         -w * pu / dn,     -w * pv / dn,
-                                              -w / dn,     0.0,         0.0,              0.0,
-                                              w * pu * hx / dn, w * pv * hx / dn};
-            const std::array<double, 10> rowY{0.0,     w,       0.0,          0.0,          0.0,
-                                              -w * pu / dn, -w * pv / dn, -w / dn, w * pu * hy / dn,
+            const std::array<double, 10> rowX{
+                w,   0.0, -w * pu / dn, -w * pv / dn,     -w / dn,
+                0.0, 0.0, 0.0,          w * pu * hx / dn, w * pv * hx / dn};
+            const std::array<double, 10> rowY{0.0,
+                                              w,
+                                              0.0,
+                                              0.0,
+                                              0.0,
+                                              -w * pu / dn,
+                                              -w * pv / dn,
+                                              -w / dn,
+                                              w * pu * hy / dn,
                                               w * pv * hy / dn};
             AddGroupRow(term.groups[s], rowX, w * (u[2 * k] - hx));
             AddGroupRow(term.groups[s], rowY, w * (u[2 * k + 1] - hy));
@@ -772,18 +794,22 @@ float LineSolve::ConvergenceMeasure() const {
         double moved = 0.0, extent = 0.0;
         for (const LineSample& s : term.samples) {
             moved = std::max(moved, std::hypot(SampleAt(du, term, s, 0), SampleAt(du, term, s, 1)));
-            extent = std::max(extent, std::hypot(SampleAt(u, term, s, 0) - x0, SampleAt(u, term, s, 1) - y0));
+            extent = std::max(
+                extent, std::hypot(SampleAt(u, term, s, 0) - x0, SampleAt(u, term, s, 1) - y0));
         }
-        measure = std::max(measure, relative(moved, extent, static_cast<double>(term.blocks.size())));
+        measure =
+            std::max(measure, relative(moved, extent, static_cast<double>(term.blocks.size())));
     }
     for (const PlaneTerm& term : planeTerms_) {
         const int32_t k0 = term.vertex.front();
         double moved = 0.0, extent = 0.0;
         for (int32_t k : term.vertex) {
             moved = std::max(moved, std::hypot(du[2 * k], du[2 * k + 1]));
-            extent = std::max(extent, std::hypot(u[2 * k] - u[2 * k0], u[2 * k + 1] - u[2 * k0 + 1]));
+            extent =
+                std::max(extent, std::hypot(u[2 * k] - u[2 * k0], u[2 * k + 1] - u[2 * k0 + 1]));
         }
-        measure = std::max(measure, relative(moved, extent, std::sqrt(static_cast<double>(term.vertex.size()))));
+        measure = std::max(
+            measure, relative(moved, extent, std::sqrt(static_cast<double>(term.vertex.size()))));
     }
     return static_cast<float>(measure);
 }

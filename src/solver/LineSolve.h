@@ -87,10 +87,9 @@ namespace Project {
 // last update, relative to the size of the mesh cells the constraint lies in
 // (its extent in the output over the cells it spans). Below 0.005 no sample
 // moves by more than a two-hundredth of a cell (about 0.15 pixels near the
-// centre of a 3000-pixel-wide 15 mm fisheye at level 6). Relative to the whole extent, as first written,
-// a last step of a few pixels counted as converged and left a re-solve 0.2
-// pixels from a fresh solve. -1 when no constraint takes part (then every
-// iteration runs).
+// centre of a 3000-pixel-wide 15 mm fisheye at level 6). Relative to the whole extent, as first
+// written, a last step of a few pixels counted as converged and left a re-solve 0.2 pixels from a
+// fresh solve. -1 when no constraint takes part (then every iteration runs).
 class LineSolve : public IterativeWarpSolver {
 public:
     LineSolve(std::shared_ptr<const OctaMap> mesh, std::shared_ptr<const PhotoToSphere> photo,
@@ -140,10 +139,10 @@ private:
     };
     // The samples of one line inside one quad.
     struct LineBlock {
-        std::array<int32_t, 4> vertex{};  // distinct canonical vertices
-        int32_t count = 0;                // how many
-        std::array<double, 16> moments{}; // sum of q q' (count x count, row stride 4)
-        std::array<double, 4> sums{};     // sum of q
+        std::array<int32_t, 4> vertex{};   // distinct canonical vertices
+        int32_t count = 0;                 // how many
+        std::array<double, 16> moments{};  // sum of q q' (count x count, row stride 4)
+        std::array<double, 4> sums{};      // sum of q
         int32_t samples = 0;
         int32_t group = -1;
     };
@@ -159,11 +158,11 @@ private:
         bool operator==(const ExtraKey&) const = default;
     };
     struct LineTerm {
-        int32_t alpha = -1;        // full unknown of a free line, -1 when fixed
-        int32_t offset = -1;       // full unknown of d
-        double fixedNormal = 0.0;  // used when alpha < 0
-        double cx = 0.0, cy = 0.0; // c
-        int32_t index = 0;         // place among the active lines
+        int32_t alpha = -1;         // full unknown of a free line, -1 when fixed
+        int32_t offset = -1;        // full unknown of d
+        double fixedNormal = 0.0;   // used when alpha < 0
+        double cx = 0.0, cy = 0.0;  // c
+        int32_t index = 0;          // place among the active lines
         ExtraKey key;
         double factorAlpha = 0.0;  // alpha in the factorised matrix (NaN: none)
         bool changed = false;      // moved since the factorised matrix (DeclareChangedLines)
@@ -185,13 +184,15 @@ private:
     };
 
     bool CornersOf(const QuadLocation& quad, Corners& out) const;
-    void PrepareLine(const GeodesicLine& line, int32_t alpha, int32_t offset, std::span<const QuadLocation> quads);
+    void PrepareLine(const GeodesicLine& line, int32_t alpha, int32_t offset,
+                     std::span<const QuadLocation> quads);
     void PreparePlane(const GeodesicPlane& plane, int32_t unknown);
     std::vector<uint8_t> LayOutExtras(const GeodesicLines& lines);
     void StartLine(LineTerm& term, bool keepAngle);
     void StartPlane(const PlaneTerm& term);
     double Interpolate(const Eigen::VectorXd& v, const Corners& c, int32_t component) const;
-    double SampleAt(const Eigen::VectorXd& v, const LineTerm& term, const LineSample& s, int32_t component) const;
+    double SampleAt(const Eigen::VectorXd& v, const LineTerm& term, const LineSample& s,
+                    int32_t component) const;
     void ClosedFormAt(const LineTerm& term, const LineSample& s, double& x, double& y) const;
     void DeclareChangedLines();
     void AddChangedUnknowns(const LineTerm& term, std::vector<int32_t>& out) const;
@@ -208,7 +209,7 @@ private:
     int32_t activeLines_ = 0;
     int32_t activeEdges_ = 0;
     int32_t activePlanes_ = 0;
-    std::vector<ExtraKey> extras_;  // per angle, then per plane (the layout of the last Solve)
+    std::vector<ExtraKey> extras_;      // per angle, then per plane (the layout of the last Solve)
     std::vector<double> factorAlphas_;  // per line of extras_: alpha in the factorised matrix
     std::shared_ptr<const MeshLocator> ownLocator_;  // when the lines use another mesh
     std::shared_ptr<const std::vector<LocatedLine>> located_;

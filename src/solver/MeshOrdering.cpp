@@ -82,8 +82,8 @@ std::vector<int32_t> ComputeVertexOrder(int32_t n, std::span<const uint8_t> acti
     METIS_SetDefaultOptions(options);
     options[METIS_OPTION_SEED] = 1;  // the same order on every run
     std::vector<int32_t> order(g.vertexOf.size());
-    if (count > 1 && METIS_NodeND(&count, g.xadj.data(), g.adjncy.data(), nullptr, options, perm.data(),
-                                  iperm.data()) == METIS_OK) {
+    if (count > 1 && METIS_NodeND(&count, g.xadj.data(), g.adjncy.data(), nullptr, options,
+                                  perm.data(), iperm.data()) == METIS_OK) {
         for (size_t k = 0; k < order.size(); ++k) {
             order[k] = g.vertexOf[static_cast<size_t>(perm[k])];
         }
@@ -95,8 +95,8 @@ std::vector<int32_t> ComputeVertexOrder(int32_t n, std::span<const uint8_t> acti
 
 }  // namespace
 
-std::shared_ptr<const std::vector<int32_t>> MeshOrdering::VertexOrder(int32_t n,
-                                                                     std::span<const uint8_t> active) {
+std::shared_ptr<const std::vector<int32_t>> MeshOrdering::VertexOrder(
+    int32_t n, std::span<const uint8_t> active) {
     // The last few masks: a session alternates between very few (one per
     // projection and focal length), while constraints come and go freely.
     struct Entry {
@@ -110,7 +110,8 @@ std::shared_ptr<const std::vector<int32_t>> MeshOrdering::VertexOrder(int32_t n,
     {
         const std::lock_guard<std::mutex> lock(mutex);
         for (const Entry& e : cache) {
-            if (e.n == n && std::equal(e.active.begin(), e.active.end(), active.begin(), active.end())) {
+            if (e.n == n &&
+                std::equal(e.active.begin(), e.active.end(), active.begin(), active.end())) {
                 return e.order;
             }
         }

@@ -38,7 +38,8 @@ public:
     // The nested-dissection order of the canonical (unfolded) vertices of an
     // N x N mesh with active[i + j * N] set: order[k] = the vertex index
     // placed k-th. Duplicate border vertices and inactive ones are not listed.
-    static std::shared_ptr<const std::vector<int32_t>> VertexOrder(int32_t n, std::span<const uint8_t> active);
+    static std::shared_ptr<const std::vector<int32_t>> VertexOrder(int32_t n,
+                                                                   std::span<const uint8_t> active);
 
     // The permutation (new to old) of a system whose unknowns are, in this
     // order: two per vertex of `systemVertexOf` (system vertex s owns unknowns

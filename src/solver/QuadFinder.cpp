@@ -6,7 +6,8 @@
 
 namespace Project {
 
-void QuadFinder::Find(std::span<const SphereDirection> directions, std::span<QuadLocation> out) const {
+void QuadFinder::Find(std::span<const SphereDirection> directions,
+                      std::span<QuadLocation> out) const {
     tbb::parallel_for(
         tbb::blocked_range<size_t>(0, directions.size()),
         [&](const tbb::blocked_range<size_t>& range) {

@@ -89,15 +89,20 @@ bool SolveSparse(const SymmetricUpperMatrix& matrix, Eigen::VectorXd& x, const E
     }
 
     std::ostringstream stream;
-    stream << FormatNumpyColumn("solution_pardiso", x) << FormatNumpyColumn("solution_eigen", scratch);
+    stream << FormatNumpyColumn("solution_pardiso", x)
+           << FormatNumpyColumn("solution_eigen", scratch);
     if (sink) {
         sink(stream.view());
     }
     return productionOk && luOk;
 }
 
-void SetVerifyEigenCurvana(bool on) { g_verify.store(on, std::memory_order_relaxed); }
-bool VerifyEigenCurvana() { return g_verify.load(std::memory_order_relaxed); }
+void SetVerifyEigenCurvana(bool on) {
+    g_verify.store(on, std::memory_order_relaxed);
+}
+bool VerifyEigenCurvana() {
+    return g_verify.load(std::memory_order_relaxed);
+}
 
 std::string FormatNumpyColumn(std::string_view name, const Eigen::VectorXd& values) {
     std::ostringstream out;

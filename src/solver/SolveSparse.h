@@ -46,9 +46,8 @@ void SetVerificationSink(VerificationSink sink);
 namespace detail {
 // The verifying solver, replaceable for tests: true when it solved the full
 // symmetric system `full` for b into x.
-using VerifyingSolver =
-    std::function<bool(const Eigen::SparseMatrix<double>& full, const Eigen::VectorXd& b,
-                       Eigen::VectorXd& x)>;
+using VerifyingSolver = std::function<bool(const Eigen::SparseMatrix<double>& full,
+                                           const Eigen::VectorXd& b, Eigen::VectorXd& x)>;
 // Installs a replacement; an empty function restores Eigen's sparse LU.
 void SetVerifyingSolverForTesting(VerifyingSolver solver);
 }  // namespace detail

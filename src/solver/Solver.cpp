@@ -7,7 +7,10 @@ namespace Project {
 
 Solver::Solver(std::shared_ptr<const OctaMap> mesh, std::shared_ptr<const PhotoToSphere> photo,
                std::shared_ptr<GeodesicLines> lines, const SolverSettings& settings)
-    : mesh_(std::move(mesh)), photo_(std::move(photo)), lines_(std::move(lines)), settings_(settings) {
+    : mesh_(std::move(mesh)),
+      photo_(std::move(photo)),
+      lines_(std::move(lines)),
+      settings_(settings) {
     if (!mesh_ || mesh_->Level() != settings_.meshLevel ||
         mesh_->LayoutFlag() != settings_.meshLayoutFlag) {
         mesh_ = std::make_shared<const OctaMap>(settings_.meshLevel, settings_.meshLayoutFlag);
@@ -29,8 +32,8 @@ std::shared_ptr<LineSolve> Solver::BuildOnce(const std::shared_ptr<LineSolve>& p
     }
     return std::make_shared<LineSolve>(
         mesh_, photo_, lines_, settings_.regulariserWeight, settings_.iterationCount,
-        settings_.pinCentre, regulariserCode_, settings_.modeValue, settings_.boundaryOnly, twoPass_,
-        latitudeRange_, longitudeRange_, settings_.lineWeight, settings_.shapeWeight,
+        settings_.pinCentre, regulariserCode_, settings_.modeValue, settings_.boundaryOnly,
+        twoPass_, latitudeRange_, longitudeRange_, settings_.lineWeight, settings_.shapeWeight,
         settings_.smoothnessWeight);
 }
 

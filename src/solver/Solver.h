@@ -12,13 +12,13 @@ namespace Project {
 // The solver settings, as plain values (the session's settings record maps
 // onto them).
 struct SolverSettings {
-    int32_t meshLevel = 6;          // N = 2^(L+1) + 1
-    bool meshLayoutFlag = false;    // OctaMap sign pattern
+    int32_t meshLevel = 6;        // N = 2^(L+1) + 1
+    bool meshLayoutFlag = false;  // OctaMap sign pattern
     float regulariserWeight = 0.001f;
     int32_t iterationCount = 8;
     bool pinCentre = false;
-    bool boundaryOnly = true;       // regulariser only where the valid area ends
-    int32_t modeValue = 1;          // passed through to the warp
+    bool boundaryOnly = true;  // regulariser only where the valid area ends
+    int32_t modeValue = 1;     // passed through to the warp
     double lineWeight = 10.0;
     double shapeWeight = 1.0;
     double smoothnessWeight = 3.0;
@@ -72,11 +72,11 @@ struct SolverSettings {
 // afresh, a draft on a coarser mesh first.)
 class Solver {
 public:
-    static constexpr float kWideField = 2.0943952f;         // 120 degrees
-    static constexpr float kTwoPassField = 5.235988f;       // 300 degrees
-    static constexpr float kFullTurnField = 6.1435595f;     // 352 degrees
-    static constexpr float kFixedLatitude = 1.2915437f;     // 74 degrees
-    static constexpr float kFixedLongitude = 3.0717797f;    // 176 degrees
+    static constexpr float kWideField = 2.0943952f;       // 120 degrees
+    static constexpr float kTwoPassField = 5.235988f;     // 300 degrees
+    static constexpr float kFullTurnField = 6.1435595f;   // 352 degrees
+    static constexpr float kFixedLatitude = 1.2915437f;   // 74 degrees
+    static constexpr float kFixedLongitude = 3.0717797f;  // 176 degrees
     // The mesh level of the re-solves while a constraint is dragged.
     static constexpr int32_t kDragMeshLevel = 5;
 
@@ -104,7 +104,8 @@ public:
     AngleRange LatitudeRange() const { return latitudeRange_; }
     AngleRange LongitudeRange() const { return longitudeRange_; }
 
-    static constexpr const char* kSolveFailedMessage = "$$$/Curvana/Warning/SolveFailed=Solve failed";
+    static constexpr const char* kSolveFailedMessage =
+        "$$$/Curvana/Warning/SolveFailed=Solve failed";
 
 private:
     struct FieldCheck {

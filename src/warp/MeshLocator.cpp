@@ -18,7 +18,8 @@ constexpr double kEdgeTolerance = 1e-4;
 // P(s, t) = A + s (B - A) + t (C - A) + s t (A - B - C + D) = q by Newton's
 // method (the map is close to affine on a mesh quad, so a few steps do).
 // True when a true preimage lies in [0, 1]^2 up to kEdgeTolerance.
-bool InvertBilinear(const double px[4], const double py[4], double qx, double qy, double& s, double& t) {
+bool InvertBilinear(const double px[4], const double py[4], double qx, double qy, double& s,
+                    double& t) {
     const double bx = px[1] - px[0], by = py[1] - py[0];
     const double cx = px[2] - px[0], cy = py[2] - py[0];
     const double dx = px[0] - px[1] - px[2] + px[3], dy = py[0] - py[1] - py[2] + py[3];
@@ -30,21 +31,26 @@ bool InvertBilinear(const double px[4], const double py[4], double qx, double qy
         const double j11 = bx + t * dx, j12 = cx + s * dx;
         const double j21 = by + t * dy, j22 = cy + s * dy;
         const double det = j11 * j22 - j12 * j21;
-        if (!(std::fabs(det) > 1e-300)) return false;
+        if (!(std::fabs(det) > 1e-300))
+            return false;
         const double ds = (fx * j22 - fy * j12) / det;
         const double dt = (fy * j11 - fx * j21) / det;
         s -= ds;
         t -= dt;
-        if (!std::isfinite(s) || !std::isfinite(t)) return false;
-        if (std::fabs(ds) < 1e-13 && std::fabs(dt) < 1e-13) break;
+        if (!std::isfinite(s) || !std::isfinite(t))
+            return false;
+        if (std::fabs(ds) < 1e-13 && std::fabs(dt) < 1e-13)
+            break;
     }
     // Newton may wander off for a point outside the quad: only a true
     // preimage counts.
     const double fx = px[0] + s * bx + t * cx + s * t * dx - qx;
     const double fy = py[0] + s * by + t * cy + s * t * dy - qy;
     const double extent = std::fabs(bx) + std::fabs(by) + std::fabs(cx) + std::fabs(cy);
-    if (!(std::fabs(fx) + std::fabs(fy) <= 1e-7 * extent)) return false;
-    return s >= -kEdgeTolerance && s <= 1.0 + kEdgeTolerance && t >= -kEdgeTolerance && t <= 1.0 + kEdgeTolerance;
+    if (!(std::fabs(fx) + std::fabs(fy) <= 1e-7 * extent))
+        return false;
+    return s >= -kEdgeTolerance && s <= 1.0 + kEdgeTolerance && t >= -kEdgeTolerance &&
+           t <= 1.0 + kEdgeTolerance;
 }
 
 QuadLocation MakeLocation(int32_t i, int32_t j, double s, double t) {
@@ -86,13 +92,15 @@ MeshLocator::MeshLocator(std::shared_ptr<const OctaMap> mesh) : mesh_(std::move(
                                       ToDouble(mesh_->StoredDirection(i + 1, j + 1))};
             Vec3d c{0.0, 0.0, 0.0};
             for (const Vec3d& v : corners)
-                for (int k = 0; k < 3; ++k) c[k] += v[k];
+                for (int k = 0; k < 3; ++k)
+                    c[k] += v[k];
             double len = Norm(c);
             if (len < 1e-12) {
                 c = corners[0];
                 len = 1.0;
             }
-            for (double& v : c) v /= len;
+            for (double& v : c)
+                v /= len;
             // A tangent basis at the centre: start from the axis least aligned
             // with it.
             Vec3d axis{0.0, 0.0, 0.0};
@@ -100,7 +108,8 @@ MeshLocator::MeshLocator(std::shared_ptr<const OctaMap> mesh) : mesh_(std::move(
             axis[(ax <= ay && ax <= az) ? 0 : (ay <= az ? 1 : 2)] = 1.0;
             Vec3d e1 = Cross(axis, c);
             const double l1 = Norm(e1);
-            for (double& v : e1) v /= l1;
+            for (double& v : e1)
+                v /= l1;
             const Vec3d e2 = Cross(c, e1);
             QuadFrame& f = frames_[q];
             for (int k = 0; k < 3; ++k) {
@@ -123,12 +132,14 @@ MeshLocator::MeshLocator(std::shared_ptr<const OctaMap> mesh) : mesh_(std::move(
             for (int32_t z = box[4]; z <= box[5]; ++z)
                 for (int32_t y = box[2]; y <= box[3]; ++y)
                     for (int32_t x = box[0]; x <= box[1]; ++x)
-                        ++counts[static_cast<size_t>(x) + static_cast<size_t>(grid_) * (y + static_cast<size_t>(grid_) * z)];
+                        ++counts[static_cast<size_t>(x) +
+                                 static_cast<size_t>(grid_) * (y + static_cast<size_t>(grid_) * z)];
         }
     }
 
     cellStart_.assign(cellCount + 1, 0);
-    for (size_t k = 0; k < cellCount; ++k) cellStart_[k + 1] = cellStart_[k] + counts[k];
+    for (size_t k = 0; k < cellCount; ++k)
+        cellStart_[k + 1] = cellStart_[k] + counts[k];
     cellQuads_.resize(cellStart_[cellCount]);
     std::vector<uint32_t> fill(cellStart_.begin(), cellStart_.end() - 1);
     for (size_t q = 0; q < boxes.size(); ++q) {
@@ -137,7 +148,8 @@ MeshLocator::MeshLocator(std::shared_ptr<const OctaMap> mesh) : mesh_(std::move(
             for (int32_t y = box[2]; y <= box[3]; ++y)
                 for (int32_t x = box[0]; x <= box[1]; ++x) {
                     const size_t cell =
-                        static_cast<size_t>(x) + static_cast<size_t>(grid_) * (y + static_cast<size_t>(grid_) * z);
+                        static_cast<size_t>(x) +
+                        static_cast<size_t>(grid_) * (y + static_cast<size_t>(grid_) * z);
                     cellQuads_[fill[cell]++] = static_cast<uint32_t>(q);
                 }
     }
@@ -157,19 +169,22 @@ bool MeshLocator::TryQuad(int32_t quad, const Vec3d& q, double& s, double& t) co
     const Vec3d e1{f.e1[0], f.e1[1], f.e1[2]};
     const Vec3d e2{f.e2[0], f.e2[1], f.e2[2]};
     const double qc = Dot(q, c);
-    if (qc <= 1e-6) return false;
+    if (qc <= 1e-6)
+        return false;
 
     const int32_t quads = n_ - 1;
     const int32_t i = quad % quads;
     const int32_t j = quad / quads;
     // Gnomonic coordinates about the quad's centre.
     double px[4], py[4];
-    const MeshVector* corners[4] = {&mesh_->StoredDirection(i, j), &mesh_->StoredDirection(i + 1, j),
-                                    &mesh_->StoredDirection(i, j + 1), &mesh_->StoredDirection(i + 1, j + 1)};
+    const MeshVector* corners[4] = {
+        &mesh_->StoredDirection(i, j), &mesh_->StoredDirection(i + 1, j),
+        &mesh_->StoredDirection(i, j + 1), &mesh_->StoredDirection(i + 1, j + 1)};
     for (int k = 0; k < 4; ++k) {
         const Vec3d v = ToDouble(*corners[k]);
         const double vc = Dot(v, c);
-        if (vc <= 1e-9) return false;
+        if (vc <= 1e-9)
+            return false;
         px[k] = Dot(v, e1) / vc;
         py[k] = Dot(v, e2) / vc;
     }
@@ -180,7 +195,8 @@ bool MeshLocator::TryQuad(int32_t quad, const Vec3d& q, double& s, double& t) co
 }
 
 std::optional<QuadLocation> MeshLocator::Locate(SphereDirection direction) const {
-    if (!std::isfinite(direction.lambda) || !std::isfinite(direction.phi) || n_ < 2) return std::nullopt;
+    if (!std::isfinite(direction.lambda) || !std::isfinite(direction.phi) || n_ < 2)
+        return std::nullopt;
     const Vec3d q = MeshFrameVector(direction);
     const int32_t cell = CellOf(q[0], q[1], q[2]);
     const uint32_t begin = cellStart_[static_cast<size_t>(cell)];
@@ -191,7 +207,8 @@ std::optional<QuadLocation> MeshLocator::Locate(SphereDirection direction) const
     for (uint32_t k = begin; k < end; ++k) {
         const auto quad = static_cast<int32_t>(cellQuads_[k]);
         double s, t;
-        if (!TryQuad(quad, q, s, t)) continue;
+        if (!TryQuad(quad, q, s, t))
+            continue;
         const double margin = std::min(std::min(s, 1.0 - s), std::min(t, 1.0 - t));
         if (margin > bestMargin) {
             bestMargin = margin;
@@ -200,7 +217,8 @@ std::optional<QuadLocation> MeshLocator::Locate(SphereDirection direction) const
             bestT = t;
         }
     }
-    if (best < 0) return std::nullopt;
+    if (best < 0)
+        return std::nullopt;
     return MakeLocation(best % (n_ - 1), best / (n_ - 1), bestS, bestT);
 }
 
@@ -208,7 +226,8 @@ OutputLocator::OutputLocator(const SphereWarp& warp) {
     const int32_t quads = warp.MeshSize() - 1;
     for (int32_t j = 0; j < quads; ++j) {
         for (int32_t i = 0; i < quads; ++i) {
-            if (!warp.IsQuadValid(i, j)) continue;
+            if (!warp.IsQuadValid(i, j))
+                continue;
             Quad q;
             q.i = i;
             q.j = j;
@@ -217,11 +236,14 @@ OutputLocator::OutputLocator(const SphereWarp& warp) {
             warp.GetVertexPosition(i, j + 1, q.x[2], q.y[2]);
             warp.GetVertexPosition(i + 1, j + 1, q.x[3], q.y[3]);
             bool finite = true;
-            for (int k = 0; k < 4; ++k) finite = finite && std::isfinite(q.x[k]) && std::isfinite(q.y[k]);
-            if (finite) quads_.push_back(q);
+            for (int k = 0; k < 4; ++k)
+                finite = finite && std::isfinite(q.x[k]) && std::isfinite(q.y[k]);
+            if (finite)
+                quads_.push_back(q);
         }
     }
-    if (quads_.empty()) return;
+    if (quads_.empty())
+        return;
     minX_ = maxX_ = quads_[0].x[0];
     minY_ = maxY_ = quads_[0].y[0];
     for (const Quad& q : quads_) {
@@ -233,7 +255,8 @@ OutputLocator::OutputLocator(const SphereWarp& warp) {
         }
     }
     // About one valid quad per cell.
-    grid_ = std::clamp(static_cast<int32_t>(std::sqrt(static_cast<double>(quads_.size()))), 1, 1024);
+    grid_ =
+        std::clamp(static_cast<int32_t>(std::sqrt(static_cast<double>(quads_.size()))), 1, 1024);
     const double w = std::max(maxX_ - minX_, 1e-30), h = std::max(maxY_ - minY_, 1e-30);
     scaleX_ = grid_ / w;
     scaleY_ = grid_ / h;
@@ -248,15 +271,19 @@ OutputLocator::OutputLocator(const SphereWarp& warp) {
         }
         const int32_t x0 = CellX(lx), x1 = CellX(hx), y0 = CellY(ly), y1 = CellY(hy);
         for (int32_t y = y0; y <= y1; ++y)
-            for (int32_t x = x0; x <= x1; ++x) fn(static_cast<size_t>(x) + static_cast<size_t>(y) * grid_);
+            for (int32_t x = x0; x <= x1; ++x)
+                fn(static_cast<size_t>(x) + static_cast<size_t>(y) * grid_);
     };
-    for (const Quad& q : quads_) forCells(q, [&](size_t cell) { ++counts[cell]; });
+    for (const Quad& q : quads_)
+        forCells(q, [&](size_t cell) { ++counts[cell]; });
     cellStart_.assign(cellCount + 1, 0);
-    for (size_t k = 0; k < cellCount; ++k) cellStart_[k + 1] = cellStart_[k] + counts[k];
+    for (size_t k = 0; k < cellCount; ++k)
+        cellStart_[k + 1] = cellStart_[k] + counts[k];
     cellQuads_.resize(cellStart_[cellCount]);
     std::vector<uint32_t> fill(cellStart_.begin(), cellStart_.end() - 1);
     for (size_t k = 0; k < quads_.size(); ++k)
-        forCells(quads_[k], [&](size_t cell) { cellQuads_[fill[cell]++] = static_cast<uint32_t>(k); });
+        forCells(quads_[k],
+                 [&](size_t cell) { cellQuads_[fill[cell]++] = static_cast<uint32_t>(k); });
 }
 
 int32_t OutputLocator::CellX(double x) const {
@@ -268,8 +295,10 @@ int32_t OutputLocator::CellY(double y) const {
 }
 
 std::optional<QuadLocation> OutputLocator::Locate(float x, float y) const {
-    if (quads_.empty() || !std::isfinite(x) || !std::isfinite(y)) return std::nullopt;
-    if (x < minX_ || x > maxX_ || y < minY_ || y > maxY_) return std::nullopt;
+    if (quads_.empty() || !std::isfinite(x) || !std::isfinite(y))
+        return std::nullopt;
+    if (x < minX_ || x > maxX_ || y < minY_ || y > maxY_)
+        return std::nullopt;
     const size_t cell = static_cast<size_t>(CellX(x)) + static_cast<size_t>(CellY(y)) * grid_;
     const Quad* best = nullptr;
     double bestMargin = -1e300, bestS = 0.0, bestT = 0.0;
@@ -278,7 +307,8 @@ std::optional<QuadLocation> OutputLocator::Locate(float x, float y) const {
         const double px[4] = {q.x[0], q.x[1], q.x[2], q.x[3]};
         const double py[4] = {q.y[0], q.y[1], q.y[2], q.y[3]};
         double s, t;
-        if (!InvertBilinear(px, py, x, y, s, t)) continue;
+        if (!InvertBilinear(px, py, x, y, s, t))
+            continue;
         const double margin = std::min(std::min(s, 1.0 - s), std::min(t, 1.0 - t));
         if (margin > bestMargin) {
             bestMargin = margin;
@@ -287,7 +317,8 @@ std::optional<QuadLocation> OutputLocator::Locate(float x, float y) const {
             bestT = t;
         }
     }
-    if (best == nullptr) return std::nullopt;
+    if (best == nullptr)
+        return std::nullopt;
     return MakeLocation(best->i, best->j, bestS, bestT);
 }
 

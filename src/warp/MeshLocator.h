@@ -59,10 +59,10 @@ private:
 
     std::shared_ptr<const OctaMap> mesh_;
     int32_t n_ = 0;
-    int32_t grid_ = 0;                  // cells per axis
-    std::vector<QuadFrame> frames_;     // per quad i + j * (N - 1)
-    std::vector<uint32_t> cellStart_;   // grid^3 + 1 offsets into cellQuads_
-    std::vector<uint32_t> cellQuads_;   // quad indices, cell by cell
+    int32_t grid_ = 0;                 // cells per axis
+    std::vector<QuadFrame> frames_;    // per quad i + j * (N - 1)
+    std::vector<uint32_t> cellStart_;  // grid^3 + 1 offsets into cellQuads_
+    std::vector<uint32_t> cellQuads_;  // quad indices, cell by cell
 };
 
 // Finds the quad of a warp under a point of the output plane: the inverse of

@@ -22,12 +22,16 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 namespace msg = constraint_message;
 
-std::string Key(std::string_view key) { return std::string(key); }
+std::string Key(std::string_view key) {
+    return std::string(key);
+}
 
 // A constraint class of its own: counted but never written.
 class OtherConstraint final : public Constraint {
 public:
-    std::unique_ptr<Constraint> Clone() const override { return std::make_unique<OtherConstraint>(); }
+    std::unique_ptr<Constraint> Clone() const override {
+        return std::make_unique<OtherConstraint>();
+    }
     void Draw(ConstraintPainter&) const override {}
     uint32_t PayloadSize() const override { return 0; }
     int32_t Refresh(const GeodesicLines&) override { return 0; }
@@ -56,11 +60,18 @@ struct Builder {
         return w.String(s, constraint_file::kUtf8Encoding), *this;
     }
     // The standard header for MakeContext() with the given settings.
-    Builder& Header(float physical, float crop, float focal, uint32_t proj, uint32_t reg, int32_t scale, float ox,
-                    float oy, uint32_t word, uint32_t count) {
+    Builder& Header(float physical, float crop, float focal, uint32_t proj, uint32_t reg,
+                    int32_t scale, float ox, float oy, uint32_t word, uint32_t count) {
         U32(constraint_file::kMagic).U32(constraint_file::kVersionTag).U16(4).U16(4000).U16(3000);
         Str("Kestrix").Str("K1").Str("Lens 15mm");
-        F32(physical).F32(crop).F32(focal).U32(proj).U32(reg).U32(static_cast<uint32_t>(scale)).F32(ox).F32(oy);
+        F32(physical)
+            .F32(crop)
+            .F32(focal)
+            .U32(proj)
+            .U32(reg)
+            .U32(static_cast<uint32_t>(scale))
+            .F32(ox)
+            .F32(oy);
         return U32(word).U32(count);
     }
 };
@@ -76,18 +87,21 @@ TEST(ConstraintFileWrite, ByteLayoutOfHeaderAndRecords) {
     set.Add(std::make_unique<LineConstraint>(1.0f, 2.0f, 3.0f, 4.0f, Orientation::Vertical, 5.0f));
     const Bytes bytes = writeConstraintData(set, ctx);
     const Bytes expected = {
-        0x46, 0x43, 0x56, 0x43, 0x73, 0x72, 0x65, 0x56, 0x04, 0x00,  // "CVCF", "Vers" reversed; version 4
+        0x46, 0x43, 0x56, 0x43, 0x73, 0x72, 0x65, 0x56, 0x04, 0x00,  // "CVCF", "Vers" reversed;
+                                                                     // version 4
         0xA0, 0x0F, 0xB8, 0x0B,                                      // 4000 x 3000
-        0x07, 0x00, 0x00, 0x00, 0x00, 0x01, 0x00, 0x08, 'K', 'e', 's', 't', 'r', 'i', 'x',
-        0x00, 0x00, 0x00, 0x00,  // the empty model: its count alone
+        0x07, 0x00, 0x00, 0x00, 0x00, 0x01, 0x00, 0x08, 'K', 'e', 's', 't', 'r', 'i', 'x', 0x00,
+        0x00, 0x00, 0x00,  // the empty model: its count alone
         0x09, 0x00, 0x00, 0x00, 0x00, 0x01, 0x00, 0x08, 'L', 'e', 'n', 's', ' ', '1', '5', 'm', 'm',
         0x00, 0x00, 0x70, 0x41, 0x00, 0x00, 0x80, 0x3F, 0x55, 0x55, 0xD0, 0x44,  // 15, 1, 1666.6666
-        0x01, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00,                          // Perspective, Panini
-        0x78, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x3F, 0x00, 0x00, 0x00, 0x3F,  // scale 120, offsets 0.5
-        0x00, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00,                          // set word, one record
-        0x65, 0x6E, 0x69, 0x4C,                                                  // "Line" reversed
-        0x00, 0x00, 0x80, 0x3F, 0x00, 0x00, 0x00, 0x40, 0x00, 0x00, 0x40, 0x40, 0x00, 0x00, 0x80, 0x40,
-        0x03, 0x00, 0x00, 0x00, 0x00, 0x00, 0xA0, 0x40, 0x01, 0x00, 0x00, 0x00,  // Vertical, angle 5, id 1
+        0x01, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00,  // Perspective, Panini
+        0x78, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x3F, 0x00, 0x00, 0x00, 0x3F,  // scale 120,
+                                                                                 // offsets 0.5
+        0x00, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00,  // set word, one record
+        0x65, 0x6E, 0x69, 0x4C,                          // "Line" reversed
+        0x00, 0x00, 0x80, 0x3F, 0x00, 0x00, 0x00, 0x40, 0x00, 0x00, 0x40, 0x40, 0x00, 0x00, 0x80,
+        0x40, 0x03, 0x00, 0x00, 0x00, 0x00, 0x00, 0xA0, 0x40, 0x01, 0x00, 0x00,
+        0x00,  // Vertical, angle 5, id 1
     };
     EXPECT_EQ(bytes, expected);
     EXPECT_EQ(constraintDataBytes(set, ctx), bytes.size());
@@ -151,23 +165,31 @@ TEST(ConstraintFileRead, RoundTripIsByteIdentical) {
 TEST(ConstraintFileRead, HandWrittenFile) {
     // Not produced by our writer: bytes straight from the layout.
     const Bytes file = {
-        0x46, 0x43, 0x56, 0x43, 0x73, 0x72, 0x65, 0x56, 0x09, 0x00,  // magic, tag, version 9 (not checked)
+        0x46, 0x43, 0x56, 0x43, 0x73, 0x72, 0x65, 0x56, 0x09, 0x00,  // magic, tag, version 9 (not
+                                                                     // checked)
         0xA0, 0x0F, 0xB8, 0x0B,                                      // 4000 x 3000
-        0x07, 0x00, 0x00, 0x00, 0x44, 0x33, 0x22, 0x11, 'K', 'e', 's', 't', 'r', 'i', 'x',  // any encoding word
-        0x02, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 'K', '1',
-        0x09, 0x00, 0x00, 0x00, 0x00, 0x01, 0x00, 0x08, 'L', 'e', 'n', 's', ' ', '1', '5', 'm', 'm',
-        0x00, 0x00, 0xC0, 0x41, 0x00, 0x00, 0xC0, 0x3F, 0x00, 0x00, 0xFA, 0x44,  // 24 mm, crop 1.5, 2000 px
-        0x01, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00,                          // Perspective, Panini
-        0x64, 0x00, 0x00, 0x00, 0x00, 0x00, 0x80, 0x3E, 0x00, 0x00, 0x40, 0x3F,  // scale 100, 0.25, 0.75
-        0xEF, 0xBE, 0xAD, 0xDE, 0x03, 0x00, 0x00, 0x00,                          // set word, three records
-        0x65, 0x6E, 0x69, 0x4C,                                                  // Line
-        0x00, 0x00, 0x20, 0x41, 0x00, 0x00, 0xA0, 0x41, 0x00, 0x00, 0xF0, 0x41, 0x00, 0x00, 0x20, 0x42,
-        0x07, 0x00, 0x00, 0x00, 0x00, 0x00, 0x34, 0x42, 0x05, 0x00, 0x00, 0x00,  // orientation 7 (reads 1), 45, id 5
-        'k', 'n', 'u', 'J',                                                      // unknown tag: nothing created
-        0x6E, 0x61, 0x6C, 0x50, 0x09, 0x00, 0x00, 0x00, 0x03, 0x00, 0x00, 0x00,  // Plan, id 9, 3 vertices
-        0x00, 0x00, 0x80, 0x3F, 0x00, 0x00, 0x00, 0x40, 0x00, 0x00, 0x00, 0x00,  // (1, 2), code 0 -> 1
-        0x00, 0x00, 0x40, 0x40, 0x00, 0x00, 0x80, 0x40, 0x02, 0x00, 0x00, 0x00,  // (3, 4), code 2
-        0x00, 0x00, 0xA0, 0x40, 0x00, 0x00, 0xC0, 0x40, 0x03, 0x00, 0x00, 0x00,  // (5, 6), code 3
+        0x07, 0x00, 0x00, 0x00, 0x44, 0x33, 0x22, 0x11, 'K', 'e', 's', 't', 'r', 'i',
+        'x',  // any encoding word
+        0x02, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 'K', '1', 0x09, 0x00, 0x00, 0x00, 0x00,
+        0x01, 0x00, 0x08, 'L', 'e', 'n', 's', ' ', '1', '5', 'm', 'm', 0x00, 0x00, 0xC0, 0x41, 0x00,
+        0x00, 0xC0, 0x3F, 0x00, 0x00, 0xFA, 0x44,        // 24 mm, crop 1.5, 2000 px
+        0x01, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00,  // Perspective, Panini
+        0x64, 0x00, 0x00, 0x00, 0x00, 0x00, 0x80, 0x3E, 0x00, 0x00, 0x40,
+        0x3F,                                            // scale 100, 0.25, 0.75
+        0xEF, 0xBE, 0xAD, 0xDE, 0x03, 0x00, 0x00, 0x00,  // set word, three records
+        0x65, 0x6E, 0x69, 0x4C,                          // Line
+        0x00, 0x00, 0x20, 0x41, 0x00, 0x00, 0xA0, 0x41, 0x00, 0x00, 0xF0, 0x41, 0x00, 0x00, 0x20,
+        0x42, 0x07, 0x00, 0x00, 0x00, 0x00, 0x00, 0x34, 0x42, 0x05, 0x00, 0x00,
+        0x00,                // orientation 7 (reads 1), 45, id 5
+        'k', 'n', 'u', 'J',  // unknown tag: nothing created
+        0x6E, 0x61, 0x6C, 0x50, 0x09, 0x00, 0x00, 0x00, 0x03, 0x00, 0x00,
+        0x00,  // Plan, id 9, 3 vertices
+        0x00, 0x00, 0x80, 0x3F, 0x00, 0x00, 0x00, 0x40, 0x00, 0x00, 0x00,
+        0x00,  // (1, 2), code 0 -> 1
+        0x00, 0x00, 0x40, 0x40, 0x00, 0x00, 0x80, 0x40, 0x02, 0x00, 0x00,
+        0x00,  // (3, 4), code 2
+        0x00, 0x00, 0xA0, 0x40, 0x00, 0x00, 0xC0, 0x40, 0x03, 0x00, 0x00,
+        0x00,  // (5, 6), code 3
     };
     SimpleConstraintFileContext ctx = testing::MakeContext();
     ConstraintSet set;
@@ -203,14 +225,22 @@ TEST(ConstraintFileRead, HandWrittenFile) {
     EXPECT_EQ(plane.Vertex(2).edgeCode, 3);
     EXPECT_EQ(plane.Vertex(2).x, 5.0f);
     EXPECT_EQ(plane.Vertex(2).y, 6.0f);
-    for (const PlaneVertex& v : plane.Vertices()) EXPECT_TRUE(v.present);
+    for (const PlaneVertex& v : plane.Vertices())
+        EXPECT_TRUE(v.present);
 }
 
 TEST(ConstraintFileRead, RepeatedOrMissingIdentifiersAreMadeUnique) {
     Builder b;
     b.Header(15.0f, 1.0f, 1666.6666f, 0, 3, 120, 0.5f, 0.5f, 0, 3);
     for (int32_t id : {7, 7, -1}) {
-        b.U32(constraint_file::kLineTag).F32(1).F32(2).F32(3).F32(4).U32(1).F32(0).U32(static_cast<uint32_t>(id));
+        b.U32(constraint_file::kLineTag)
+            .F32(1)
+            .F32(2)
+            .F32(3)
+            .F32(4)
+            .U32(1)
+            .F32(0)
+            .U32(static_cast<uint32_t>(id));
     }
     SimpleConstraintFileContext ctx = testing::MakeContext();
     ConstraintSet set;
@@ -261,8 +291,8 @@ TEST(ConstraintFileRead, ImageSizeMismatchIncludingA70000PixelWidth) {
     target.Add(std::make_unique<LineConstraint>());
     const ConstraintFileSettings before = wide.settings;
     EXPECT_FALSE(readConstraintData(target, wide, bytes));
-    ExpectFailure(target, Key(msg::kUnmatchedImageWidth) + "\n" + Key(msg::kUnmatchedValueInFile) + "4464x3000\n" +
-                              Key(msg::kUnmatchedValueInDoc) + "70000x3000");
+    ExpectFailure(target, Key(msg::kUnmatchedImageWidth) + "\n" + Key(msg::kUnmatchedValueInFile) +
+                              "4464x3000\n" + Key(msg::kUnmatchedValueInDoc) + "70000x3000");
     EXPECT_EQ(target.Size(), 1u);
     EXPECT_EQ(wide.settings.focalLength, before.focalLength);
 
@@ -271,8 +301,8 @@ TEST(ConstraintFileRead, ImageSizeMismatchIncludingA70000PixelWidth) {
     other.height = 2999;
     Fixture f;
     EXPECT_FALSE(readConstraintData(target, other, f.Write()));
-    ExpectFailure(target, Key(msg::kUnmatchedImageWidth) + "\n" + Key(msg::kUnmatchedValueInFile) + "4000x3000\n" +
-                              Key(msg::kUnmatchedValueInDoc) + "4000x2999");
+    ExpectFailure(target, Key(msg::kUnmatchedImageWidth) + "\n" + Key(msg::kUnmatchedValueInFile) +
+                              "4000x3000\n" + Key(msg::kUnmatchedValueInDoc) + "4000x2999");
 }
 
 TEST(ConstraintFileRead, CameraMismatchesInOrder) {
@@ -284,7 +314,8 @@ TEST(ConstraintFileRead, CameraMismatchesInOrder) {
         ctx.model = "K2";  // would differ too, but the make comes first
         ConstraintSet target;
         EXPECT_FALSE(readConstraintData(target, ctx, bytes));
-        ExpectFailure(target, Key(msg::kUnmatchedCameraMake) + "\n" + Key(msg::kUnmatchedValueInFile) + "Kestrix\n" +
+        ExpectFailure(target, Key(msg::kUnmatchedCameraMake) + "\n" +
+                                  Key(msg::kUnmatchedValueInFile) + "Kestrix\n" +
                                   Key(msg::kUnmatchedValueInDoc) + "Other");
     }
     {
@@ -295,7 +326,8 @@ TEST(ConstraintFileRead, CameraMismatchesInOrder) {
         ctx.lens = "Another lens";
         ConstraintSet target;
         EXPECT_FALSE(readConstraintData(target, ctx, bytes));
-        ExpectFailure(target, Key(msg::kUnmatchedCameraModel) + "\n" + Key(msg::kUnmatchedValueInFile) + "K1\n" +
+        ExpectFailure(target, Key(msg::kUnmatchedCameraModel) + "\n" +
+                                  Key(msg::kUnmatchedValueInFile) + "K1\n" +
                                   Key(msg::kUnmatchedValueInDoc) + "K2");
         EXPECT_EQ(ctx.settings.physicalFocal, 15.0f);
     }
@@ -304,7 +336,8 @@ TEST(ConstraintFileRead, CameraMismatchesInOrder) {
         ctx.lens.clear();
         ConstraintSet target;
         EXPECT_FALSE(readConstraintData(target, ctx, bytes));
-        ExpectFailure(target, Key(msg::kUnmatchedLensModel) + "\n" + Key(msg::kUnmatchedValueInFile) + "Lens 15mm\n" +
+        ExpectFailure(target, Key(msg::kUnmatchedLensModel) + "\n" +
+                                  Key(msg::kUnmatchedValueInFile) + "Lens 15mm\n" +
                                   Key(msg::kUnmatchedValueInDoc));
     }
 }
@@ -436,13 +469,18 @@ TEST(ConstraintFileRead, AbsurdCountsAreRefused) {
     for (uint32_t vertices : {0x7FFFFFFFu, 0x80000000u, 2u}) {
         Builder b;
         b.Header(15.0f, 1.0f, 1666.6666f, 0, 3, 120, 0.5f, 0.5f, 0, 1);
-        b.U32(constraint_file::kPlaneTag).U32(1).U32(vertices).F32(0).F32(0).U32(1);  // one vertex present
+        b.U32(constraint_file::kPlaneTag).U32(1).U32(vertices).F32(0).F32(0).U32(1);  // one vertex
+                                                                                      // present
         EXPECT_FALSE(readConstraintData(set, ctx, b.b)) << vertices;
         ExpectFailure(set, Key(msg::kInvalidFileContent) + "\n");
     }
 
     Builder longString;
-    longString.U32(constraint_file::kMagic).U32(constraint_file::kVersionTag).U16(4).U16(4000).U16(3000);
+    longString.U32(constraint_file::kMagic)
+        .U32(constraint_file::kVersionTag)
+        .U16(4)
+        .U16(4000)
+        .U16(3000);
     longString.U32(0xFFFFFFF0u).U32(constraint_file::kUtf8Encoding).U32(0);
     EXPECT_FALSE(readConstraintData(set, ctx, longString.b));
     ExpectFailure(set, Key(msg::kInvalidFileContent) + "\n");
@@ -458,7 +496,8 @@ TEST(ConstraintFileDisk, SaveThenLoadFitsAndResetsTheMarker) {
     EXPECT_EQ(f.set.SavedMarker(), 12);
     // Only the target is left in the folder.
     size_t files = 0;
-    for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator(dir.Path())) ++files;
+    for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator(dir.Path()))
+        ++files;
     EXPECT_EQ(files, 1u);
     std::ifstream in(dir.Path() / "Constraints.cvc", std::ios::binary);
     const Bytes onDisk((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
@@ -468,8 +507,8 @@ TEST(ConstraintFileDisk, SaveThenLoadFitsAndResetsTheMarker) {
     f.set.Remove(f.set.At(0)->GetId());
     ASSERT_TRUE(saveConstraintFile(f.set, f.ctx, dir.Path(), "Constraints.cvc"));
 
-    auto photo = std::make_shared<PerspectiveImage>(std::make_shared<SourceRaster>(4000, 3000), 2500.0f, 2000.0f,
-                                                    1500.0f);
+    auto photo = std::make_shared<PerspectiveImage>(std::make_shared<SourceRaster>(4000, 3000),
+                                                    2500.0f, 2000.0f, 1500.0f);
     GeodesicLines lines(photo, std::make_shared<const OctaMap>(5, false));
     SimpleConstraintFileContext ctx = testing::MakeContext();
     ctx.lines = &lines;
@@ -511,8 +550,8 @@ TEST(ConstraintFileDisk, EmptyMissingAndUnfittableFiles) {
     plane->AddVertex({3990.0f, 2990.0f});
     source.Add(std::move(plane));
     ASSERT_TRUE(saveConstraintFile(source, ctx, dir.Path(), "fish.cvc"));
-    auto photo = std::make_shared<FisheyeImage>(std::make_shared<SourceRaster>(4000, 3000), 1000.0f, 2000.0f,
-                                                1500.0f);
+    auto photo = std::make_shared<FisheyeImage>(std::make_shared<SourceRaster>(4000, 3000), 1000.0f,
+                                                2000.0f, 1500.0f);
     GeodesicLines lines(photo, std::make_shared<const OctaMap>(4, false));
     ctx.lines = &lines;
     loadConstraintFile(set, ctx, dir.Path() / "fish.cvc");
@@ -552,28 +591,33 @@ TEST(ConstraintData, IsTheFileBytesAndEmptyForAnEmptySet) {
 }
 
 TEST(ConstraintMessage, LocalizesEachKeyAndKeepsValues) {
-    const std::string raw = Key(msg::kUnmatchedImageWidth) + "\n" + Key(msg::kUnmatchedValueInFile) + "4464x3000\n" +
+    const std::string raw = Key(msg::kUnmatchedImageWidth) + "\n" +
+                            Key(msg::kUnmatchedValueInFile) + "4464x3000\n" +
                             Key(msg::kUnmatchedValueInDoc) + "70000x3000";
     const std::string text = localizeConstraintMessage(raw, [](std::string_view key) {
         const size_t eq = key.find('=');
         return "<" + std::string(key.substr(eq + 1)) + ">";
     });
     EXPECT_EQ(text,
-              "<Image size doesn't match.>\n<Value in the loaded file: >4464x3000\n<Value of the current image: "
+              "<Image size doesn't match.>\n<Value in the loaded file: >4464x3000\n<Value of the "
+              "current image: "
               ">70000x3000");
-    EXPECT_EQ(localizeConstraintMessage(Key(msg::kEmptyFile) + "\n", [](std::string_view) { return "E"; }), "E\n");
+    EXPECT_EQ(localizeConstraintMessage(Key(msg::kEmptyFile) + "\n",
+                                        [](std::string_view) { return "E"; }),
+              "E\n");
     EXPECT_EQ(localizeConstraintMessage("plain", [](std::string_view) { return "X"; }), "plain");
 }
 
 // --- The fuzz corpus: every seed is a valid file for the fuzz target's context.
 
 TEST(ConstraintFuzzCorpus, SeedsAreValidFiles) {
-    const std::filesystem::path dir = std::filesystem::path(CURVANA_TEST_DATA_DIR) / ".." / ".." / "fuzz" / "corpus" /
-                                      "constraints";
+    const std::filesystem::path dir = std::filesystem::path(CURVANA_TEST_DATA_DIR) / ".." / ".." /
+                                      "fuzz" / "corpus" / "constraints";
     ASSERT_TRUE(std::filesystem::is_directory(dir)) << dir;
     size_t seeds = 0;
     for (const auto& e : std::filesystem::directory_iterator(dir)) {
-        if (!e.is_regular_file()) continue;
+        if (!e.is_regular_file())
+            continue;
         std::ifstream in(e.path(), std::ios::binary);
         const Bytes bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
         SimpleConstraintFileContext ctx = testing::MakeContext();

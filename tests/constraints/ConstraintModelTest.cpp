@@ -25,8 +25,8 @@ std::unique_ptr<PlaneConstraint> Square(float x0, float y0, float size) {
 // display polyline follows the drawn segment.
 struct PerspectiveScene {
     std::shared_ptr<const OctaMap> mesh = std::make_shared<OctaMap>(5, false);
-    std::shared_ptr<PhotoToSphere> photo =
-        std::make_shared<PerspectiveImage>(std::make_shared<SourceRaster>(4000, 3000), 2000.0f, 2000.0f, 1500.0f);
+    std::shared_ptr<PhotoToSphere> photo = std::make_shared<PerspectiveImage>(
+        std::make_shared<SourceRaster>(4000, 3000), 2000.0f, 2000.0f, 1500.0f);
     GeodesicLines lines{photo, mesh};
 };
 

@@ -34,10 +34,14 @@ inline SimpleConstraintFileContext MakeContext() {
 // Lines of every orientation and polygons with every edge code, added to the
 // set (identifiers assigned by it).
 inline void FillSample(ConstraintSet& set) {
-    set.Add(std::make_unique<LineConstraint>(100.0f, 200.0f, 1500.0f, 250.0f, Orientation::Unfixed, 0.0f));
-    set.Add(std::make_unique<LineConstraint>(300.0f, 2800.0f, 3700.0f, 2700.0f, Orientation::Horizontal, 0.0f));
-    set.Add(std::make_unique<LineConstraint>(3900.0f, 100.0f, 3800.0f, 2900.0f, Orientation::Vertical, 12.5f));
-    set.Add(std::make_unique<LineConstraint>(1000.0f, 1000.0f, 2000.0f, 1400.0f, Orientation::Arbitrary, -33.25f));
+    set.Add(std::make_unique<LineConstraint>(100.0f, 200.0f, 1500.0f, 250.0f, Orientation::Unfixed,
+                                             0.0f));
+    set.Add(std::make_unique<LineConstraint>(300.0f, 2800.0f, 3700.0f, 2700.0f,
+                                             Orientation::Horizontal, 0.0f));
+    set.Add(std::make_unique<LineConstraint>(3900.0f, 100.0f, 3800.0f, 2900.0f,
+                                             Orientation::Vertical, 12.5f));
+    set.Add(std::make_unique<LineConstraint>(1000.0f, 1000.0f, 2000.0f, 1400.0f,
+                                             Orientation::Arbitrary, -33.25f));
     auto plane = std::make_unique<PlaneConstraint>();
     plane->AddVertex({1200.0f, 900.0f}, 1);
     plane->AddVertex({2600.0f, 950.0f}, 2);

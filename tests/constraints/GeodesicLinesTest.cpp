@@ -23,7 +23,9 @@ double AngleBetween(SphereDirection a, SphereDirection b) {
     return std::atan2(Norm(Cross(u, v)), Dot(u, v));
 }
 
-std::shared_ptr<const SourceRaster> Raster(int32_t w, int32_t h) { return std::make_shared<const SourceRaster>(w, h); }
+std::shared_ptr<const SourceRaster> Raster(int32_t w, int32_t h) {
+    return std::make_shared<const SourceRaster>(w, h);
+}
 
 struct ModelCase {
     std::string name;
@@ -33,31 +35,48 @@ struct ModelCase {
 
 std::vector<ModelCase> Models() {
     return {
-        {"Fisheye", [] { return std::make_shared<FisheyeImage>(Raster(6000, 4000), 1800.0f, 3000.0f, 2000.0f); },
-         {900.0f, 1000.0f}, {5200.0f, 1300.0f}},
+        {"Fisheye",
+         [] {
+             return std::make_shared<FisheyeImage>(Raster(6000, 4000), 1800.0f, 3000.0f, 2000.0f);
+         },
+         {900.0f, 1000.0f},
+         {5200.0f, 1300.0f}},
         {"Perspective",
-         [] { return std::make_shared<PerspectiveImage>(Raster(6000, 4000), 3500.0f, 3100.0f, 1950.0f); },
-         {200.0f, 3800.0f}, {5900.0f, 300.0f}},
+         [] {
+             return std::make_shared<PerspectiveImage>(Raster(6000, 4000), 3500.0f, 3100.0f,
+                                                       1950.0f);
+         },
+         {200.0f, 3800.0f},
+         {5900.0f, 300.0f}},
         {"Cylindrical",
-         [] { return std::make_shared<CylindricalImage>(Raster(12000, 3000), 1900.0f, 6000.0f, 1400.0f); },
-         {500.0f, 600.0f}, {11000.0f, 900.0f}},
+         [] {
+             return std::make_shared<CylindricalImage>(Raster(12000, 3000), 1900.0f, 6000.0f,
+                                                       1400.0f);
+         },
+         {500.0f, 600.0f},
+         {11000.0f, 900.0f}},
         {"Spherical",
          [] {
-             return std::make_shared<SphericalImage>(Raster(8000, 4000), 4000.0f / 3.1415927f, 4000.0f, 2000.0f);
+             return std::make_shared<SphericalImage>(Raster(8000, 4000), 4000.0f / 3.1415927f,
+                                                     4000.0f, 2000.0f);
          },
-         {300.0f, 1500.0f}, {7700.0f, 1200.0f}},
+         {300.0f, 1500.0f},
+         {7700.0f, 1200.0f}},
         {"KestrixFisheye",
          [] {
-             return std::make_shared<KestrixFisheye>(Raster(6000, 4000), 1750.0f, 1760.0f, -0.03f, 0.002f, 12.0f,
-                                                     -8.0f);
+             return std::make_shared<KestrixFisheye>(Raster(6000, 4000), 1750.0f, 1760.0f, -0.03f,
+                                                     0.002f, 12.0f, -8.0f);
          },
-         {1100.0f, 900.0f}, {4800.0f, 3200.0f}},
+         {1100.0f, 900.0f},
+         {4800.0f, 3200.0f}},
         {"KestrixPerspective",
          [] {
-             return std::make_shared<KestrixPerspective>(Raster(6000, 4000), 4200.0f, 4190.0f, -0.08f, 0.02f, 0.0f,
-                                                         0.0005f, -0.0003f, 15.0f, 6.0f);
+             return std::make_shared<KestrixPerspective>(Raster(6000, 4000), 4200.0f, 4190.0f,
+                                                         -0.08f, 0.02f, 0.0f, 0.0005f, -0.0003f,
+                                                         15.0f, 6.0f);
          },
-         {400.0f, 500.0f}, {5600.0f, 3500.0f}},
+         {400.0f, 500.0f},
+         {5600.0f, 3500.0f}},
     };
 }
 
@@ -123,12 +142,14 @@ TEST(GeodesicLines, FisheyeSceneLineFitsTheCurvedImage) {
     GeodesicLines lines(photo, std::make_shared<const OctaMap>(6, false));
     auto pixelOf = [&](Vec3d v) {
         const double n = std::sqrt(Dot(v, v));
-        const SphereDirection d{static_cast<float>(std::atan2(v[0], v[2])), static_cast<float>(std::asin(v[1] / n))};
+        const SphereDirection d{static_cast<float>(std::atan2(v[0], v[2])),
+                                static_cast<float>(std::asin(v[1] / n))};
         return lines.ToSourcePixel(photo->ToImagePoint(d.lambda, d.phi));
     };
     const Vec3d p0{-3.0, -1.0, 2.0}, p1{2.5, 0.5, 1.0};
     const PointF a = pixelOf(p0), b = pixelOf(p1);
-    const PointF mid = pixelOf({0.5 * (p0[0] + p1[0]), 0.5 * (p0[1] + p1[1]), 0.5 * (p0[2] + p1[2])});
+    const PointF mid =
+        pixelOf({0.5 * (p0[0] + p1[0]), 0.5 * (p0[1] + p1[1]), 0.5 * (p0[2] + p1[2])});
     const GeodesicLine arc = lines.FitArc(a, b);
     ASSERT_TRUE(arc.fitted);
     SphereDirection dm;
@@ -139,7 +160,8 @@ TEST(GeodesicLines, FisheyeSceneLineFitsTheCurvedImage) {
 TEST(GeodesicLines, PanoramaLineLongerThanHalfATurnTakesTheDrawnSide) {
     // On an equirectangular photo, a line drawn across 220 degrees of longitude
     // through the front must not take the short way round through the back.
-    auto photo = std::make_shared<SphericalImage>(Raster(8000, 4000), 4000.0f / 3.1415927f, 4000.0f, 2000.0f);
+    auto photo = std::make_shared<SphericalImage>(Raster(8000, 4000), 4000.0f / 3.1415927f, 4000.0f,
+                                                  2000.0f);
     GeodesicLines lines(photo, std::make_shared<const OctaMap>(5, false));
     const float perRadian = 4000.0f / 3.1415927f;
     const PointF a{4000.0f - 1.92f * perRadian, 2000.0f - 0.2f * perRadian};
@@ -234,7 +256,8 @@ TEST(GeodesicLines, PlaneSamplesAreTheMeshVerticesInside) {
     // quadrilateral, and its (u, v) are the gnomonic coordinates about the
     // mean direction.
     std::vector<PointF> outline;
-    for (const PlaneVertex& v : plane.Vertices()) outline.push_back({v.x, v.y});
+    for (const PlaneVertex& v : plane.Vertices())
+        outline.push_back({v.x, v.y});
     for (const PlaneSample& s : p->samples) {
         const SphereDirection d = mesh->UnrotatedAngles(s.i, s.j);
         const PointF px = lines.ToSourcePixel(photo->ToImagePoint(d.lambda, d.phi));
@@ -250,9 +273,11 @@ TEST(GeodesicLines, PlaneSamplesAreTheMeshVerticesInside) {
     for (int32_t j = 0; j < mesh->Size(); ++j)
         for (int32_t i = 0; i < mesh->Size(); ++i) {
             const SphereDirection d = mesh->UnrotatedAngles(i, j);
-            if (std::fabs(d.lambda) > 1.5f) continue;
+            if (std::fabs(d.lambda) > 1.5f)
+                continue;
             const PointF px = lines.ToSourcePixel(photo->ToImagePoint(d.lambda, d.phi));
-            if (detail::PointInPolygon(px, outline) > 0) ++inside;
+            if (detail::PointInPolygon(px, outline) > 0)
+                ++inside;
         }
     EXPECT_NEAR(static_cast<double>(p->samples.size()), static_cast<double>(inside), 2.0);
 }
@@ -298,12 +323,14 @@ TEST(GeodesicLines, DisplayThroughAClosedFormWarp) {
     auto stereo = [&](SphereDirection d) {
         // The closed form on the mesh's angles (OctaMap frame = photo angles).
         const double k = 2.0 / (1.0 + std::cos(d.phi) * std::cos(d.lambda));
-        return PointF{static_cast<float>(3000.0 + 1000.0 * k * std::cos(d.phi) * std::sin(d.lambda)),
-                      static_cast<float>(2000.0 - 1000.0 * k * std::sin(d.phi))};
+        return PointF{
+            static_cast<float>(3000.0 + 1000.0 * k * std::cos(d.phi) * std::sin(d.lambda)),
+            static_cast<float>(2000.0 - 1000.0 * k * std::sin(d.phi))};
     };
 
     ConstraintSet set;
-    set.Add(std::make_unique<LineConstraint>(1200.0f, 1500.0f, 4700.0f, 2600.0f, Orientation::Horizontal));
+    set.Add(std::make_unique<LineConstraint>(1200.0f, 1500.0f, 4700.0f, 2600.0f,
+                                             Orientation::Horizontal));
     auto& line = static_cast<LineConstraint&>(*set.At(0));
     ASSERT_TRUE(lines.FitLine(line));
     line.UpdateDisplay(lines, space);
@@ -377,7 +404,8 @@ TEST(GeodesicLines, PolygonDisplayEdgesFollowTheArcs) {
     for (int32_t k = 0; k < 3; ++k) {
         const auto& edge = plane.DisplayEdges()[static_cast<size_t>(k)];
         ASSERT_GE(edge.size(), 2u);
-        const PointF start = plane.DisplayVertices()[static_cast<size_t>(PlaneConstraint::EdgeStart(k, 3))];
+        const PointF start =
+            plane.DisplayVertices()[static_cast<size_t>(PlaneConstraint::EdgeStart(k, 3))];
         const PointF end = plane.DisplayVertices()[static_cast<size_t>(k)];
         EXPECT_NEAR(edge.front().x, start.x, 1e-3f);
         EXPECT_NEAR(edge.front().y, start.y, 1e-3f);
@@ -386,7 +414,8 @@ TEST(GeodesicLines, PolygonDisplayEdgesFollowTheArcs) {
     }
     // The centroid of the display triangle is inside it in display space.
     PointF c{0.0f, 0.0f};
-    for (const PointF& p : plane.DisplayVertices()) c.x += p.x / 3.0f, c.y += p.y / 3.0f;
+    for (const PointF& p : plane.DisplayVertices())
+        c.x += p.x / 3.0f, c.y += p.y / 3.0f;
     EXPECT_TRUE(plane.HitTest(c, 0.001f, true));
     EXPECT_EQ(plane.Refresh(lines), 1);
 }
@@ -416,10 +445,11 @@ TEST(GeodesicLines, DisplayBackToSource) {
     EXPECT_FALSE(lines.IsInValidArea({NAN, 5.0f}, space));
 
     // Unwarped: the transform's inverse alone.
-    ASSERT_TRUE(lines.DisplayToSource({30.0f, 50.0f}, DisplaySpace{false, Affine2D::ScaleOffset(2.0, 2.0, 10.0, 0.0)},
-                                      out));
+    ASSERT_TRUE(lines.DisplayToSource(
+        {30.0f, 50.0f}, DisplaySpace{false, Affine2D::ScaleOffset(2.0, 2.0, 10.0, 0.0)}, out));
     EXPECT_EQ(out, (PointF{10.0f, 25.0f}));
-    EXPECT_FALSE(lines.IsInValidArea({1.0f, 1.0f}, DisplaySpace{false, Affine2D::ScaleOffset(0.0, 1.0, 0.0, 0.0)}));
+    EXPECT_FALSE(lines.IsInValidArea(
+        {1.0f, 1.0f}, DisplaySpace{false, Affine2D::ScaleOffset(0.0, 1.0, 0.0, 0.0)}));
 }
 
 }  // namespace

@@ -118,8 +118,12 @@ protected:
         Q_EMIT menu->aboutToHide();
         return label;
     }
-    static void Undo(QWidget& dialog) { Command(dialog, kEditMenu, "$$$/Velmo/Tasks/Undo")->trigger(); }
-    static void Redo(QWidget& dialog) { Command(dialog, kEditMenu, "$$$/Velmo/Tasks/Redo")->trigger(); }
+    static void Undo(QWidget& dialog) {
+        Command(dialog, kEditMenu, "$$$/Velmo/Tasks/Undo")->trigger();
+    }
+    static void Redo(QWidget& dialog) {
+        Command(dialog, kEditMenu, "$$$/Velmo/Tasks/Redo")->trigger();
+    }
 
     int Drawn() const {
         pane->repaint();
@@ -289,14 +293,14 @@ TEST_F(Tools, RotationSnapsToFifteenDegreesAndWrapsPast180) {
         float start;
         double shifted;  // the angle with Shift held, no turn
     };
-    const Case cases[] = {{7.4f, 0.0},  {7.5f, 15.0},    {22.4f, 15.0}, {22.5f, 30.0},
+    const Case cases[] = {{7.4f, 0.0},      {7.5f, 15.0}, {22.4f, 15.0},  {22.5f, 30.0},
                           {-176.0f, 180.0}, {-3.0f, 0.0}, {170.0f, 165.0}};
     edit([&](QWidget& dialog) {
         std::vector<std::unique_ptr<LineConstraint>> lines;
         for (size_t k = 0; k < std::size(cases); ++k) {
             const float y = 300.0f + 220.0f * static_cast<float>(k);
-            lines.push_back(std::make_unique<LineConstraint>(700.0f, y, 1300.0f, y,
-                                                             Orientation::Arbitrary, cases[k].start));
+            lines.push_back(std::make_unique<LineConstraint>(
+                700.0f, y, 1300.0f, y, Orientation::Arbitrary, cases[k].start));
         }
         LoadLines(dialog, std::move(lines));
         PreviewOff(dialog);
@@ -349,7 +353,8 @@ TEST_F(Tools, RotationSnapsToFifteenDegreesAndWrapsPast180) {
         Undo(dialog);
         EXPECT_EQ(Project::AsLine(*Saved(dialog)->At(std::size(cases) - 1))->Angle(), 165.0f);
         Redo(dialog);
-        EXPECT_NEAR(Project::AsLine(*Saved(dialog)->At(std::size(cases) - 1))->Angle(), -165.0, 0.06);
+        EXPECT_NEAR(Project::AsLine(*Saved(dialog)->At(std::size(cases) - 1))->Angle(), -165.0,
+                    0.06);
     });
 }
 
@@ -365,11 +370,11 @@ TEST_F(Tools, PolygonPointsCloseAndIgnoreRulesAndAltClickHandsOver) {
         const QPointF a(pane->width() / 2.0 - 100, pane->height() / 2.0 - 60);
         const QPointF clicks[] = {
             a,
-            a + QPointF(10, 10),   // within 15 of a: ignored
-            a + QPointF(16, 0),    // 16 away: appended
-            a,                     // two points: not closed, and within 15: ignored
-            a + QPointF(16, 60),   // appended
-            a + QPointF(0, 60),    // appended
+            a + QPointF(10, 10),  // within 15 of a: ignored
+            a + QPointF(16, 0),   // 16 away: appended
+            a,                    // two points: not closed, and within 15: ignored
+            a + QPointF(16, 60),  // appended
+            a + QPointF(0, 60),   // appended
         };
         for (const QPointF& at : clicks)
             Click(*pane, at);
@@ -383,7 +388,9 @@ TEST_F(Tools, PolygonPointsCloseAndIgnoreRulesAndAltClickHandsOver) {
         const PlaneConstraint* plane = Project::AsPlane(*saved->At(0));
         ASSERT_NE(plane, nullptr);
         ASSERT_EQ(plane->VertexCount(), 4);
-        for (const auto& [k, at] : {std::pair{0, a}, {1, a + QPointF(16, 0)}, {2, a + QPointF(16, 60)},
+        for (const auto& [k, at] : {std::pair{0, a},
+                                    {1, a + QPointF(16, 0)},
+                                    {2, a + QPointF(16, 60)},
                                     {3, a + QPointF(0, 60)}}) {
             const QPointF expected = pane->PaneToImage(at);
             EXPECT_NEAR(plane->Vertex(k).x, expected.x(), 0.01) << k;
@@ -501,7 +508,8 @@ TEST_F(Tools, TheMiddleHandleCalibratesTheFocalLength) {
         const auto seen = [&](SampleGen::Point p) {
             return std::hypot(p.x - 1500, p.y - 1000) < truth * 1.3;
         };
-        const SampleGen::Point p = e.points.front(), q = e.points.back(), r = e.points[e.points.size() / 2];
+        const SampleGen::Point p = e.points.front(), q = e.points.back(),
+                               r = e.points[e.points.size() / 2];
         const double bow = std::abs((q.x - p.x) * (r.y - p.y) - (q.y - p.y) * (r.x - p.x)) /
                            std::hypot(q.x - p.x, q.y - p.y);
         if (seen(p) && seen(q) && bow > best)
@@ -567,7 +575,6 @@ TEST_F(Tools, ALineDrawnOnTheCorrectedPreviewIsSolvedAndUndone) {
         EXPECT_LT(MeanDifference(before, GrabPreview(dialog)), 0.5);
     });
 }
-
 
 // ------------------------------------------------------------------ end to end
 
@@ -647,7 +654,8 @@ TEST_F(Tools, EdgesDrawnWithTheToolsComeOutStraightAndUpright) {
             }
             QTest::keyRelease(pane, Qt::Key_Space);
             ASSERT_EQ(Drawn(), static_cast<int>(edges.size()));
-            QTest::mouseClick(ViewAs<QPushButton>(dialog, "Project/Dialog/OKButton"), Qt::LeftButton);
+            QTest::mouseClick(ViewAs<QPushButton>(dialog, "Project/Dialog/OKButton"),
+                              Qt::LeftButton);
         });
     ASSERT_EQ(code, kExitOk);
     const Raster picture = readWhole(output);
@@ -690,8 +698,9 @@ TEST_F(Tools, EdgesDrawnWithTheToolsComeOutStraightAndUpright) {
         ASSERT_GT(centres.size(), 300u);
         // The ends meet floor and ceiling: left out.
         const size_t trim = centres.size() / 20;
-        const std::vector<std::pair<double, double>> middle(centres.begin() + static_cast<ptrdiff_t>(trim),
-                                                            centres.end() - static_cast<ptrdiff_t>(trim));
+        const std::vector<std::pair<double, double>> middle(
+            centres.begin() + static_cast<ptrdiff_t>(trim),
+            centres.end() - static_cast<ptrdiff_t>(trim));
         const StripFit fit = FitStrip(middle);
         EXPECT_LE(fit.maxResidual, 1.5);
         EXPECT_LE(fit.degreesFromAxis, 0.2);
@@ -706,7 +715,8 @@ TEST_F(Tools, EdgesDrawnWithTheToolsComeOutStraightAndUpright) {
     for (const bool floor : {true, false}) {
         SCOPED_TRACE(floor ? "floor edge" : "ceiling edge");
         std::vector<std::pair<double, double>> centres;
-        for (auto x = static_cast<int32_t>(cornerX[0]) + 40; x < static_cast<int32_t>(cornerX[1]) - 40; ++x) {
+        for (auto x = static_cast<int32_t>(cornerX[0]) + 40;
+             x < static_cast<int32_t>(cornerX[1]) - 40; ++x) {
             double sum = 0;
             int n = 0;
             for (int32_t y = floor ? h / 2 : 0; y < (floor ? h : h / 2); ++y)

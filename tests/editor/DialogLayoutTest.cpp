@@ -131,7 +131,8 @@ TEST(DialogLayout, TheCompiledInLayoutBuildsTheDialogsViews) {
     std::set<Velmo::CViewId> codes;
     int named = 0;
     for (const QWidget* w : dialog.findChildren<QWidget*>()) {
-        if (w->objectName().isEmpty() || w->objectName().startsWith("qt_")) continue;
+        if (w->objectName().isEmpty() || w->objectName().startsWith("qt_"))
+            continue;
         ++named;
         codes.insert(Velmo::ViewIdOf(w->objectName().toStdString()));
     }

@@ -50,7 +50,8 @@ std::vector<uint8_t> bytesOf(const fs::path& file) {
 
 void writeBytes(const fs::path& file, const std::vector<uint8_t>& bytes) {
     std::ofstream(file, std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+        .write(reinterpret_cast<const char*>(bytes.data()),
+               static_cast<std::streamsize>(bytes.size()));
 }
 
 class Dialog : public ::testing::Test {
@@ -62,9 +63,9 @@ protected:
     }
 
     int edit(const fs::path& output, const std::function<void(QWidget&)>& script) {
-        return RunCurvana({"edit", kPhoto.string(), "-o", output.string(), "--module",
-                           kModule.string(), "-q"},
-                          script);
+        return RunCurvana(
+            {"edit", kPhoto.string(), "-o", output.string(), "--module", kModule.string(), "-q"},
+            script);
     }
 
     // The label the Edit menu's Undo entry shows now.
@@ -117,22 +118,38 @@ protected:
 TEST_F(Dialog, OpensOnTheSamplePhotographWithEveryViewAndItsRanges) {
     bool checked = false;
     const int code = edit(dir / "out.jpg", [&](QWidget& dialog) {
-        for (const char* id :
-             {"Project/Dialog/Toolbar", "Project/Tool/ManageConstraint", "Project/Tool/PlaneTool",
-              "Project/Tool/MoveImage", "Project/Tool/Hand", "Project/Tool/Zoom",
-              "Project/Dialog/Tooltip", "Project/Dialog/PreviewScroller", "Project/Dialog/ZoomCombo",
-              "Project/Dialog/PreviewPane", "Project/Dialog/CameraEXIFInfo",
-              "Project/Dialog/LensEXIFInfo", "Project/Dialog/PreviewResultCheck",
-              "Project/Dialog/ShowConstraintsCheck", "Project/Dialog/ShowMeshCheck",
-              "Project/Dialog/OKButton", "Project/Dialog/CancelButton",
-              "Project/Dialog/CorrectionOptionPane", "Project/Dialog/ProjectionModelPopup",
-              "Project/Dialog/CorrectionFlyout", "Project/Dialog/ImageScaleSlider",
-              "Project/Dialog/ImageScaleUnitText", "Project/Dialog/FocalLengthPane",
-              "Project/Dialog/FocalLengthSlider", "Project/Dialog/CropFactorPane",
-              "Project/Dialog/CropFactorSlider", "Project/Dialog/AsShotCheck",
-              "Project/Dialog/LoupePane", "Project/Dialog/DetailedPreviewPane",
-              "Project/Dialog/SolverInfoPane", "Project/Dialog/SolverFailureIcon",
-              "Project/Dialog/SolverInfoText"})
+        for (const char* id : {"Project/Dialog/Toolbar",
+                               "Project/Tool/ManageConstraint",
+                               "Project/Tool/PlaneTool",
+                               "Project/Tool/MoveImage",
+                               "Project/Tool/Hand",
+                               "Project/Tool/Zoom",
+                               "Project/Dialog/Tooltip",
+                               "Project/Dialog/PreviewScroller",
+                               "Project/Dialog/ZoomCombo",
+                               "Project/Dialog/PreviewPane",
+                               "Project/Dialog/CameraEXIFInfo",
+                               "Project/Dialog/LensEXIFInfo",
+                               "Project/Dialog/PreviewResultCheck",
+                               "Project/Dialog/ShowConstraintsCheck",
+                               "Project/Dialog/ShowMeshCheck",
+                               "Project/Dialog/OKButton",
+                               "Project/Dialog/CancelButton",
+                               "Project/Dialog/CorrectionOptionPane",
+                               "Project/Dialog/ProjectionModelPopup",
+                               "Project/Dialog/CorrectionFlyout",
+                               "Project/Dialog/ImageScaleSlider",
+                               "Project/Dialog/ImageScaleUnitText",
+                               "Project/Dialog/FocalLengthPane",
+                               "Project/Dialog/FocalLengthSlider",
+                               "Project/Dialog/CropFactorPane",
+                               "Project/Dialog/CropFactorSlider",
+                               "Project/Dialog/AsShotCheck",
+                               "Project/Dialog/LoupePane",
+                               "Project/Dialog/DetailedPreviewPane",
+                               "Project/Dialog/SolverInfoPane",
+                               "Project/Dialog/SolverFailureIcon",
+                               "Project/Dialog/SolverInfoText"})
             EXPECT_NE(View(dialog, id), nullptr) << id;
 
         // Scale and crop factor as laid out; the focal length around the
@@ -212,7 +229,8 @@ TEST_F(Dialog, EachControlPushesOneUndoableStepAndChangesThePreview) {
                              Qt::Key_Down);
          },
          true},
-        {"preview", [](QWidget& d) { ViewAs<QCheckBox>(d, "Project/Dialog/PreviewResultCheck")->click(); },
+        {"preview",
+         [](QWidget& d) { ViewAs<QCheckBox>(d, "Project/Dialog/PreviewResultCheck")->click(); },
          false},
         {"mesh", [](QWidget& d) { ViewAs<QCheckBox>(d, "Project/Dialog/ShowMeshCheck")->click(); },
          false},
@@ -244,11 +262,11 @@ TEST_F(Dialog, EachControlPushesOneUndoableStepAndChangesThePreview) {
         EXPECT_FALSE(asShot->isChecked());
         asShot->click();
         EXPECT_TRUE(asShot->isChecked());
-        EXPECT_NEAR(ViewAs<Velmo::CSlider>(dialog, "Project/Dialog/FocalLengthSlider")->Value(), 15.0,
-                    1e-6);
+        EXPECT_NEAR(ViewAs<Velmo::CSlider>(dialog, "Project/Dialog/FocalLengthSlider")->Value(),
+                    15.0, 1e-6);
         undo(dialog);
-        EXPECT_NEAR(ViewAs<Velmo::CSlider>(dialog, "Project/Dialog/FocalLengthSlider")->Value(), 24.0,
-                    1e-6);
+        EXPECT_NEAR(ViewAs<Velmo::CSlider>(dialog, "Project/Dialog/FocalLengthSlider")->Value(),
+                    24.0, 1e-6);
 
         // Alt-click on Cancel resets to the opening state, as one step.
         auto* cancel = ViewAs<QPushButton>(dialog, "Project/Dialog/CancelButton");
@@ -257,8 +275,8 @@ TEST_F(Dialog, EachControlPushesOneUndoableStepAndChangesThePreview) {
         QTest::mouseClick(cancel, Qt::LeftButton, Qt::AltModifier);
         QTest::keyRelease(&dialog, Qt::Key_Alt);
         EXPECT_TRUE(dialog.isVisible());
-        EXPECT_NEAR(ViewAs<Velmo::CSlider>(dialog, "Project/Dialog/FocalLengthSlider")->Value(), 15.0,
-                    1e-6);
+        EXPECT_NEAR(ViewAs<Velmo::CSlider>(dialog, "Project/Dialog/FocalLengthSlider")->Value(),
+                    15.0, 1e-6);
         EXPECT_EQ(cancel->text(), "Cancel");
     });
 }
@@ -318,7 +336,8 @@ TEST_F(Dialog, LoadShowsTheFilesLinesOrRefusesAMismatchedFile) {
     wrongSize[10] = static_cast<uint8_t>(2999 & 0xFF);  // width 2999 (u16 at byte 10)
     wrongSize[11] = static_cast<uint8_t>(2999 >> 8);
     writeBytes(dir / "wrong-size.cvc", wrongSize);
-    writeBytes(dir / "not-constraints.cvc", {'h', 'e', 'l', 'l', 'o', ' ', 'w', 'o', 'r', 'l', 'd'});
+    writeBytes(dir / "not-constraints.cvc",
+               {'h', 'e', 'l', 'l', 'o', ' ', 'w', 'o', 'r', 'l', 'd'});
 
     edit(dir / "out.jpg", [&](QWidget& dialog) {
         ASSERT_TRUE(WaitForPreview(dialog));
@@ -396,8 +415,9 @@ TEST_F(Dialog, OkWritesWhatApplyWritesWithTheSameSettingsAndConstraints) {
     ASSERT_EQ(code, kExitOk);
     const fs::path action = dir / "xdg" / "curvana" / "last-action.json";
     ASSERT_TRUE(fs::exists(action));
-    std::vector<std::string> args = {"curvana", "apply", kPhoto.string(), "-o", applied.string(),
-                                     "--params", action.string(), "--module", kModule.string(), "-q"};
+    std::vector<std::string> args = {"curvana",        "apply",    kPhoto.string(), "-o",
+                                     applied.string(), "--params", action.string(), "--module",
+                                     kModule.string(), "-q"};
     std::vector<char*> argv;
     for (std::string& a : args)
         argv.push_back(a.data());
@@ -438,7 +458,10 @@ TEST_F(Dialog, EscapeAsksWhetherToSaveTheChanges) {
 // nothing.
 TEST_F(Dialog, CancelWritesNothing) {
     const std::function<void(QWidget&)> ends[] = {
-        [](QWidget& d) { QTest::mouseClick(ViewAs<QPushButton>(d, "Project/Dialog/CancelButton"), Qt::LeftButton); },
+        [](QWidget& d) {
+            QTest::mouseClick(ViewAs<QPushButton>(d, "Project/Dialog/CancelButton"),
+                              Qt::LeftButton);
+        },
         [](QWidget& d) {
             ModalAnswers answers;
             answers.Answer("DontSave");
@@ -470,8 +493,7 @@ TEST_F(Dialog, PreferencesAreOneUndoableStepAndSavedAtOnce) {
             static_cast<QDialog&>(prefs).accept();
             return true;
         });
-        Command(dialog, "Project/Dialog/CorrectionFlyout",
-                "$$$/Curvana/CorrectionMenu/Preferences")
+        Command(dialog, "Project/Dialog/CorrectionFlyout", "$$$/Curvana/CorrectionMenu/Preferences")
             ->trigger();
         EXPECT_EQ(answers.Pending(), 0u);
     };
@@ -479,7 +501,8 @@ TEST_F(Dialog, PreferencesAreOneUndoableStepAndSavedAtOnce) {
     edit(dir / "out.jpg", [&](QWidget& dialog) {
         preferences(dialog, [](QWidget& prefs) {
             prefs.findChild<QSpinBox*>("Project/Preferences/LoupeSize")->setValue(250);
-            prefs.findChild<QCheckBox*>("Project/Preferences/LoupeWhileDragging")->setChecked(false);
+            prefs.findChild<QCheckBox*>("Project/Preferences/LoupeWhileDragging")
+                ->setChecked(false);
         });
         EXPECT_EQ(undoLabel(dialog), "Undo UI Setting");
         Project::PPreferences saved;

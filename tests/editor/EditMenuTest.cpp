@@ -7,10 +7,10 @@
 #include "../framework/QtTestApp.h"
 #include "FakeWorkspace.h"
 #include "constraints/ConstraintFile.h"
+#include "core/LocalizedString.h"
 #include "editor/PConstraintClipboard.h"
 #include "editor/PEditMenu.h"
 #include "editor/PTasks.h"
-#include "core/LocalizedString.h"
 
 namespace Project {
 namespace {

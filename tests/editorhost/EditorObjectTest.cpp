@@ -85,8 +85,8 @@ TEST_F(EditorObject, OkWritesWhatApplyWritesWithTheSameSettings) {
 
     // The recorded action replayed by apply gives the same pixels.
     const RunResult again = curvana(
-        {"apply", input.string(), "-o", applied.string(), "--params", lastAction().string()},
-        kBare, "cancel");
+        {"apply", input.string(), "-o", applied.string(), "--params", lastAction().string()}, kBare,
+        "cancel");
     ASSERT_EQ(again.exitCode, kExitOk) << again.err;
     const Raster a = readWhole(edited), b = readWhole(applied);
     ASSERT_EQ(a.info.width, 360);
@@ -116,8 +116,8 @@ TEST_F(EditorObject, SaysWhyTheEditorCannotOpen) {
     };
     for (const Case& c : cases) {
         const fs::path out = dir / "out.png";
-        const RunResult r = curvana({"edit", input.string(), "-o", out.string()}, c.folder, "ok",
-                                    c.unset);
+        const RunResult r =
+            curvana({"edit", input.string(), "-o", out.string()}, c.folder, "ok", c.unset);
         EXPECT_EQ(r.exitCode, kExitFailed) << r.err;
         EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
         EXPECT_NE(r.err.find("see its message above"), std::string::npos) << r.err;
@@ -139,9 +139,14 @@ std::vector<char*> argvOf(std::vector<std::string>& args) {
 TEST_F(EditorObject, ASilentApplyMapsNoQt) {
     if (qtMapped())
         GTEST_SKIP() << "Qt was loaded by an earlier test of this process";
-    std::vector<std::string> args = {"curvana", "apply", input.string(), "-o",
-                                     (dir / "a.png").string(), "--module",
-                                     (kStage / "libcurvana.so").string(), "-q"};
+    std::vector<std::string> args = {"curvana",
+                                     "apply",
+                                     input.string(),
+                                     "-o",
+                                     (dir / "a.png").string(),
+                                     "--module",
+                                     (kStage / "libcurvana.so").string(),
+                                     "-q"};
     ASSERT_EQ(runCli(static_cast<int>(args.size()), argvOf(args).data()), kExitOk);
     EXPECT_TRUE(fs::exists(dir / "a.png"));
     EXPECT_FALSE(qtMapped());

@@ -10,8 +10,8 @@
 #include <fstream>
 #include <string>
 
-#include "editorhost/DialogFactory.h"
 #include "core/LocalizedString.h"
+#include "editorhost/DialogFactory.h"
 #include "session/PFilter.h"
 
 namespace Project {

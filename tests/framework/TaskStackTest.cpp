@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "framework/CTask.h"
 #include "core/LocalizedString.h"
+#include "framework/CTask.h"
 
 namespace Velmo {
 namespace {

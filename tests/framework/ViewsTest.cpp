@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "QtTestApp.h"
+#include "core/LocalizedString.h"
 #include "framework/CCursors.h"
 #include "framework/Views.h"
-#include "core/LocalizedString.h"
 
 namespace Velmo {
 namespace {

@@ -21,10 +21,12 @@ using Bytes = std::vector<uint8_t>;
 
 void readSeeds(const std::filesystem::path& dir, std::vector<Bytes>& seeds) {
     std::error_code ec;
-    if (!std::filesystem::is_directory(dir, ec)) return;
+    if (!std::filesystem::is_directory(dir, ec))
+        return;
     std::vector<std::filesystem::path> files;
     for (const auto& entry : std::filesystem::directory_iterator(dir))
-        if (entry.is_regular_file()) files.push_back(entry.path());
+        if (entry.is_regular_file())
+            files.push_back(entry.path());
     std::sort(files.begin(), files.end());
     for (const auto& f : files) {
         std::ifstream in(f, std::ios::binary);
@@ -39,14 +41,17 @@ Bytes mutate(const Bytes& seed, std::mt19937& rng) {
     for (int r = 0; r < rounds; ++r) {
         switch (op(rng)) {
             case 0:  // flip a bit
-                if (!out.empty()) out[rng() % out.size()] ^= static_cast<uint8_t>(1u << (rng() % 8));
+                if (!out.empty())
+                    out[rng() % out.size()] ^= static_cast<uint8_t>(1u << (rng() % 8));
                 break;
             case 1:  // truncate
-                if (!out.empty()) out.resize(rng() % out.size());
+                if (!out.empty())
+                    out.resize(rng() % out.size());
                 break;
             case 2:  // overwrite a byte with an interesting value
                 if (!out.empty()) {
-                    static const uint8_t interesting[] = {0, 1, 0x7f, 0x80, 0xff, 0xfe, '<', '>', '/'};
+                    static const uint8_t interesting[] = {0,    1,   0x7f, 0x80, 0xff,
+                                                          0xfe, '<', '>',  '/'};
                     out[rng() % out.size()] = interesting[rng() % sizeof interesting];
                 }
                 break;
@@ -54,7 +59,8 @@ Bytes mutate(const Bytes& seed, std::mt19937& rng) {
                 const size_t at = out.empty() ? 0 : rng() % (out.size() + 1);
                 const size_t n = 1 + rng() % 16;
                 Bytes ins(n);
-                for (auto& b : ins) b = static_cast<uint8_t>(rng());
+                for (auto& b : ins)
+                    b = static_cast<uint8_t>(rng());
                 out.insert(out.begin() + static_cast<std::ptrdiff_t>(at), ins.begin(), ins.end());
                 break;
             }
@@ -73,7 +79,8 @@ Bytes mutate(const Bytes& seed, std::mt19937& rng) {
                     const size_t at = rng() % (out.size() - 3);
                     const uint32_t values[] = {0u, 0xffffffffu, 0x7fffffffu, 0x80000000u, 65536u};
                     const uint32_t v = values[rng() % 5];
-                    for (int k = 0; k < 4; ++k) out[at + k] = static_cast<uint8_t>(v >> (8 * k));
+                    for (int k = 0; k < 4; ++k)
+                        out[at + k] = static_cast<uint8_t>(v >> (8 * k));
                 }
                 break;
         }
@@ -90,8 +97,10 @@ int main(int argc, char** argv) {
     }
     const long iterations = std::strtol(argv[1], nullptr, 10);
     std::vector<Bytes> seeds;
-    for (int i = 2; i < argc; ++i) readSeeds(argv[i], seeds);
-    if (seeds.empty()) seeds.push_back({});
+    for (int i = 2; i < argc; ++i)
+        readSeeds(argv[i], seeds);
+    if (seeds.empty())
+        seeds.push_back({});
 
     long ran = 0;
     for (const auto& s : seeds) {

@@ -18,7 +18,8 @@ std::string expandNamespaces(std::string text) {
     for (const char* prefix : {"tiff", "exif", "aux"}) {
         const std::string token = std::string("{ns:") + prefix + "}";
         const std::string uri = Exiv2::XmpProperties::ns(prefix);
-        for (size_t at = text.find(token); at != std::string::npos; at = text.find(token, at + uri.size()))
+        for (size_t at = text.find(token); at != std::string::npos;
+             at = text.find(token, at + uri.size()))
             text.replace(at, token.size(), uri);
     }
     return text;
@@ -34,7 +35,8 @@ std::string readSample(const std::string& name) {
 // A packet with one rdf:Description holding the given attributes.
 std::string packetWith(const std::string& attributes) {
     return expandNamespaces(
-        "<rdf:RDF xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\"><rdf:Description rdf:about=\"\" "
+        "<rdf:RDF xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\"><rdf:Description "
+        "rdf:about=\"\" "
         "xmlns:tiff=\"{ns:tiff}\" xmlns:exif=\"{ns:exif}\" "
         "xmlns:cvpano=\"http://ns.curvana.org/panorama/1.0/\" " +
         attributes + "/></rdf:RDF>");
@@ -115,16 +117,18 @@ TEST(ReadCameraMetadata, PacketConvertedFromExifRoundTrips) {
 }
 
 TEST(ReadCameraMetadata, PanoramaProfile) {
-    const CameraMetadata m = readCameraMetadata(readSample("panorama_cylindrical.xmp"), 12000, 3000);
+    const CameraMetadata m =
+        readCameraMetadata(readSample("panorama_cylindrical.xmp"), 12000, 3000);
     EXPECT_TRUE(m.isPanorama);
     EXPECT_EQ(m.transformation, PanoramaTransformation::Cylindrical);
     EXPECT_FLOAT_EQ(m.virtualFocalLength, 1800.0f);  // 0.15 x max(12000, 3000)
     EXPECT_FLOAT_EQ(m.virtualCenterX, 6000.0f);
-    EXPECT_FLOAT_EQ(m.virtualCenterY, 1500.0f);      // the rational 1/8
+    EXPECT_FLOAT_EQ(m.virtualCenterY, 1500.0f);  // the rational 1/8
     EXPECT_EQ(m.serialNumber, "0820512345");
     EXPECT_FLOAT_EQ(m.cropFactor(), 1.0f) << "camera table";
 
-    const std::string centres = "cvpano:VirtualImageXCenter=\"0.5\" cvpano:VirtualImageYCenter=\"0.4\" ";
+    const std::string centres =
+        "cvpano:VirtualImageXCenter=\"0.5\" cvpano:VirtualImageYCenter=\"0.4\" ";
     struct Case {
         std::string attributes;
         bool panorama;
@@ -159,8 +163,10 @@ TEST(ReadCameraMetadata, PanoramaProfile) {
     }
     // Another prefix for the same namespace reads the same.
     const std::string otherPrefix =
-        "<rdf:RDF xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\"><rdf:Description rdf:about=\"\" "
-        "xmlns:stitch=\"http://ns.curvana.org/panorama/1.0/\" stitch:Transformation=\"Perspective\" "
+        "<rdf:RDF xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\"><rdf:Description "
+        "rdf:about=\"\" "
+        "xmlns:stitch=\"http://ns.curvana.org/panorama/1.0/\" "
+        "stitch:Transformation=\"Perspective\" "
         "stitch:VirtualFocalLength=\"1/2\" stitch:VirtualImageXCenter=\"0.5\" "
         "stitch:VirtualImageYCenter=\"0.5\"/></rdf:RDF>";
     const CameraMetadata q = readCameraMetadata(otherPrefix, 3000, 2000);
@@ -198,9 +204,9 @@ TEST(XmpNumbers, RationalFirstThenWholeNumber) {
         float value;
     };
     const Case cases[] = {
-        {"28/10", true, 2.8f},  {"5/0", true, 5.0f},    {"0/0", true, 0.0f},  {"7", true, 7.0f},
-        {"2.8", true, 2.0f},    {" 12/4", true, 3.0f},  {"abc", false, 0.0f}, {"", false, 0.0f},
-        {"/5", false, 0.0f},    {"1/3", true, 1.0f / 3.0f},
+        {"28/10", true, 2.8f}, {"5/0", true, 5.0f},        {"0/0", true, 0.0f},  {"7", true, 7.0f},
+        {"2.8", true, 2.0f},   {" 12/4", true, 3.0f},      {"abc", false, 0.0f}, {"", false, 0.0f},
+        {"/5", false, 0.0f},   {"1/3", true, 1.0f / 3.0f},
     };
     for (const Case& c : cases) {
         float v = -1.0f;
@@ -217,8 +223,8 @@ TEST(XmpNumbers, RationalFirstThenWholeNumber) {
     EXPECT_FALSE(detail::parseXmpReal("nan", v));
 
     // A zero focal length from 0/0 counts as unknown.
-    const CameraMetadata m =
-        readCameraMetadata(packetWith("exif:FocalLength=\"0/0\" exif:FocalLengthIn35mmFilm=\"24\""), 10, 10);
+    const CameraMetadata m = readCameraMetadata(
+        packetWith("exif:FocalLength=\"0/0\" exif:FocalLengthIn35mmFilm=\"24\""), 10, 10);
     EXPECT_EQ(m.focalLength, 0.0f);
     EXPECT_EQ(m.cropFactor(), 0.0f);
     EXPECT_EQ(m.equivalentFocalLength(), 24.0f);
@@ -240,9 +246,9 @@ TEST(CropFactor, RulesInOrder) {
         {"Canon", "Canon EOS 40D", 10.5f, 15.0f, 0, 0, 15.0f / 10.5f},
         {"Nikon", "", 20.0f, 25.0f, 0, 0, 1.5f},
         {"NIKON", "", 20.0f, 21.0f, 0, 0, 1.0f},
-        {"NIKON", "", 20.0f, 15.0f, 0, 0, 1.0f},         // 0.75 is still within 0.25 of 1
-        {"NIKON", "", 10.0f, 17.4f, 0, 0, 1.5f},         // 1.74 within 0.25 of 1.5
-        {"NIKON", "", 10.0f, 17.6f, 0, 0, 1.76f},        // 1.76 is not
+        {"NIKON", "", 20.0f, 15.0f, 0, 0, 1.0f},   // 0.75 is still within 0.25 of 1
+        {"NIKON", "", 10.0f, 17.4f, 0, 0, 1.5f},   // 1.74 within 0.25 of 1.5
+        {"NIKON", "", 10.0f, 17.6f, 0, 0, 1.76f},  // 1.76 is not
         {"NIKON", "COOLPIX P6000", 6.0f, 28.0f, 0, 0, 28.0f / 6.0f},  // far from both: kept
         {"Sony", "", 20.0f, 25.0f, 0, 0, 1.25f},
         // Sensor size.

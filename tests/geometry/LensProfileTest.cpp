@@ -36,22 +36,27 @@ struct LensCase {
     double tolerance;
 };
 
-void PrintTo(const LensCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const LensCase& c, std::ostream* os) {
+    *os << c.name;
+}
 
 std::vector<LensCase> lensCases() {
     return {
-        {"EquisolidFisheyePtlens", "NIKON CORPORATION", "NIKON D90", "Nikon AF DX Fisheye-Nikkor 10.5mm f/2.8G ED",
-         10.5f, 15.0f, LensCameraModel::Fisheye, 12.0},
-        {"CircularFisheyeOnFullFrame", "Canon", "Canon EOS 5D Mark II", "Canon EF 8-15mm f/4L Fisheye USM", 8.0f, 0.0f,
-         LensCameraModel::Fisheye, 12.0},
-        {"FisheyeStoredAsRectilinear", "Canon", "Canon EOS 5D Mark II", "Canon EF 15mm f/2.8 Fisheye", 15.0f, 0.0f,
-         LensCameraModel::Fisheye, 12.0},
-        {"RectilinearPtlens", "NIKON CORPORATION", "NIKON D90", "Nikon AF-S DX Zoom-Nikkor 18-105mm f/3.5-5.6G ED VR",
-         18.0f, 27.0f, LensCameraModel::RadialDistortion, 0.5},
-        {"EquisolidFisheyePoly3", "OLYMPUS IMAGING CORP.", "E-M1MarkII",
-         "Olympus M.Zuiko Digital ED 8mm f/1.8 Fisheye Pro", 8.0f, 16.0f, LensCameraModel::Fisheye, 0.5},
-        {"RectilinearPoly3", "SONY", "DSLR-A700", "Sony AF DT 55-200mm f/4-5.6 SAM (SAL55200-2)", 55.0f, 0.0f,
+        {"EquisolidFisheyePtlens", "NIKON CORPORATION", "NIKON D90",
+         "Nikon AF DX Fisheye-Nikkor 10.5mm f/2.8G ED", 10.5f, 15.0f, LensCameraModel::Fisheye,
+         12.0},
+        {"CircularFisheyeOnFullFrame", "Canon", "Canon EOS 5D Mark II",
+         "Canon EF 8-15mm f/4L Fisheye USM", 8.0f, 0.0f, LensCameraModel::Fisheye, 12.0},
+        {"FisheyeStoredAsRectilinear", "Canon", "Canon EOS 5D Mark II",
+         "Canon EF 15mm f/2.8 Fisheye", 15.0f, 0.0f, LensCameraModel::Fisheye, 12.0},
+        {"RectilinearPtlens", "NIKON CORPORATION", "NIKON D90",
+         "Nikon AF-S DX Zoom-Nikkor 18-105mm f/3.5-5.6G ED VR", 18.0f, 27.0f,
          LensCameraModel::RadialDistortion, 0.5},
+        {"EquisolidFisheyePoly3", "OLYMPUS IMAGING CORP.", "E-M1MarkII",
+         "Olympus M.Zuiko Digital ED 8mm f/1.8 Fisheye Pro", 8.0f, 16.0f, LensCameraModel::Fisheye,
+         0.5},
+        {"RectilinearPoly3", "SONY", "DSLR-A700", "Sony AF DT 55-200mm f/4-5.6 SAM (SAL55200-2)",
+         55.0f, 0.0f, LensCameraModel::RadialDistortion, 0.5},
     };
 }
 
@@ -73,10 +78,11 @@ struct LfDb {
 };
 
 const lfLens* findLens(const lfDatabase& db, const std::string& model) {
-    std::unique_ptr<const lfLens*[], void (*)(void*)> lenses(db.FindLenses(nullptr, nullptr, model.c_str()),
-                                                             lf_free);
+    std::unique_ptr<const lfLens*[], void (*)(void*)> lenses(
+        db.FindLenses(nullptr, nullptr, model.c_str()), lf_free);
     for (int i = 0; lenses && lenses[i] != nullptr; ++i)
-        if (model == lenses[i]->Model) return lenses[i];  // the database's own name
+        if (model == lenses[i]->Model)
+            return lenses[i];  // the database's own name
     return nullptr;
 }
 
@@ -120,13 +126,16 @@ TEST_P(LensfunProfileTest, ProfileReproducesLensfun) {
     ASSERT_TRUE(frame.has_value());
 
     lfModifier modifier(&lens, crop, static_cast<int>(kWidth), static_cast<int>(kHeight));
-    const int applied = modifier.Initialize(&lens, LF_PF_F32, c.focal, 0.0f, 0.0f, 1.0f, LF_EQUIRECTANGULAR,
-                                            LF_MODIFY_DISTORTION | LF_MODIFY_GEOMETRY, false);
+    const int applied =
+        modifier.Initialize(&lens, LF_PF_F32, c.focal, 0.0f, 0.0f, 1.0f, LF_EQUIRECTANGULAR,
+                            LF_MODIFY_DISTORTION | LF_MODIFY_GEOMETRY, false);
     ASSERT_EQ(applied, LF_MODIFY_DISTORTION | LF_MODIFY_GEOMETRY);
 
     // The near-axis scale is the focal length in pixels of the photo.
-    const double fx = projection->ToImagePoint(1e-3f, 0.0f).x - projection->ToImagePoint(0.0f, 0.0f).x;
-    const double nominal = c.focal * crop * std::hypot(double(kWidth), double(kHeight)) / std::hypot(36.0, 24.0);
+    const double fx =
+        projection->ToImagePoint(1e-3f, 0.0f).x - projection->ToImagePoint(0.0f, 0.0f).x;
+    const double nominal =
+        c.focal * crop * std::hypot(double(kWidth), double(kHeight)) / std::hypot(36.0, 24.0);
     EXPECT_NEAR(fx / 1e-3 / nominal, 1.0, 0.05);
 
     const double halfW = kWidth / 2;
@@ -145,8 +154,10 @@ TEST_P(LensfunProfileTest, ProfileReproducesLensfun) {
     for (double previous = -1.0; field < 1.5; field += 0.001) {
         float out[2];
         ASSERT_TRUE(lensfunAt(field, 0.0, out));
-        const double r = std::hypot(out[0] - halfW - frame->centreX, out[1] - halfH - frame->centreY);
-        if (r >= corner || r <= previous) break;
+        const double r =
+            std::hypot(out[0] - halfW - frame->centreX, out[1] - halfH - frame->centreY);
+        if (r >= corner || r <= previous)
+            break;
         previous = r;
     }
     double worst = 0.0;
@@ -154,11 +165,14 @@ TEST_P(LensfunProfileTest, ProfileReproducesLensfun) {
     const double step = field / 60.0;
     for (double lambda = -field; lambda <= field; lambda += step) {
         for (double phi = -field; phi <= field; phi += step) {
-            if (std::acos(std::cos(lambda) * std::cos(phi)) > field) continue;
+            if (std::acos(std::cos(lambda) * std::cos(phi)) > field)
+                continue;
             float out[2];
             ASSERT_TRUE(lensfunAt(lambda, phi, out));
             // Only where lensfun lands on the photo.
-            if (!(out[0] >= 0.0f && out[0] <= kWidth - 1.0f && out[1] >= 0.0f && out[1] <= kHeight - 1.0f)) continue;
+            if (!(out[0] >= 0.0f && out[0] <= kWidth - 1.0f && out[1] >= 0.0f &&
+                  out[1] <= kHeight - 1.0f))
+                continue;
             const float l = static_cast<float>(lambda);
             const float p = static_cast<float>(phi);
             ASSERT_TRUE(projection->IsVisible(l, p));
@@ -169,12 +183,16 @@ TEST_P(LensfunProfileTest, ProfileReproducesLensfun) {
         }
     }
     EXPECT_GT(compared, 1000);
-    EXPECT_LT(worst, c.tolerance) << "largest distance in pixels over " << compared << " directions";
-    std::printf("%s: largest distance %.3f pixels over %d directions\n", c.name.c_str(), worst, compared);
+    EXPECT_LT(worst, c.tolerance) << "largest distance in pixels over " << compared
+                                  << " directions";
+    std::printf("%s: largest distance %.3f pixels over %d directions\n", c.name.c_str(), worst,
+                compared);
 }
 
 INSTANTIATE_TEST_SUITE_P(DatabaseLenses, LensfunProfileTest, ::testing::ValuesIn(lensCases()),
-                         [](const ::testing::TestParamInfo<LensCase>& tpi) { return tpi.param.name; });
+                         [](const ::testing::TestParamInfo<LensCase>& tpi) {
+                             return tpi.param.name;
+                         });
 
 TEST(LensfunLookup, MatchingAndTheNoMatchKey) {
     CameraMetadata m;
@@ -184,7 +202,8 @@ TEST(LensfunLookup, MatchingAndTheNoMatchKey) {
     m.focalLength = 24.0f;
     const LensProfileLookupResult r = lensfunProfileLookup()->Find(m, kWidth, kHeight);
     EXPECT_FALSE(r.profile.has_value());
-    EXPECT_EQ(r.messageKey, "$$$/Curvana/LensProfileWarning/NoMatchedProfile=No matching lens profile found.");
+    EXPECT_EQ(r.messageKey,
+              "$$$/Curvana/LensProfileWarning/NoMatchedProfile=No matching lens profile found.");
     // A known lens without a focal length has nothing to interpolate at.
     m.make = "NIKON CORPORATION";
     m.model = "NIKON D90";
@@ -197,7 +216,8 @@ TEST(LensfunLookup, MatchingAndTheNoMatchKey) {
     m.lens = "Nikkor 18-105mm VR";
     const auto loose = lensfunProfileLookup()->Find(m, kWidth, kHeight);
     ASSERT_TRUE(loose.profile.has_value());
-    EXPECT_NE(loose.profile->description.find("18-105mm"), std::string::npos) << loose.profile->description;
+    EXPECT_NE(loose.profile->description.find("18-105mm"), std::string::npos)
+        << loose.profile->description;
     // A camera with a fixed lens needs no lens name.
     m.make = "Canon";
     m.model = "Canon PowerShot G12";

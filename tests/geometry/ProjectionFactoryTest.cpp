@@ -89,7 +89,8 @@ TEST(MakeProjection, PanoramaByTransformation) {
     auto persp = makeProjection(ProjectionModel::Auto, 999.0f, 8000, 2000,
                                 panorama(PanoramaTransformation::Perspective),
                                 profile(LensCameraModel::Fisheye), 1.0f);
-    ASSERT_TRUE(dynamic_cast<PerspectiveImage*>(persp.get())) << "panorama metadata wins over a profile";
+    ASSERT_TRUE(dynamic_cast<PerspectiveImage*>(persp.get()))
+        << "panorama metadata wins over a profile";
     EXPECT_NEAR(persp->ToImagePoint(0.25f, 0.0f).x, 1100.0f + 1500.0f * std::tan(0.25f), 1e-2f);
 
     CameraMetadata notPano = panorama(PanoramaTransformation::Spherical);
@@ -140,7 +141,7 @@ TEST(ProjectionDecision, FullSphericalNeedsTwoToOne) {
     EXPECT_TRUE(isFullSphericalAspect(4000, 2001));   // 0.0005
     EXPECT_FALSE(isFullSphericalAspect(4000, 2010));  // 0.005
     EXPECT_FALSE(isFullSphericalAspect(4000, 1990));
-    EXPECT_TRUE(isFullSphericalAspect(4000, 1998));   // exactly 0.001 is not above it
+    EXPECT_TRUE(isFullSphericalAspect(4000, 1998));  // exactly 0.001 is not above it
     EXPECT_FALSE(isFullSphericalAspect(0, 0));
     EXPECT_FALSE(isFullSphericalAspect(3000, 2000));
 }

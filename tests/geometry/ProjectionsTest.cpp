@@ -15,7 +15,9 @@ namespace {
 
 constexpr float kPiF = 3.14159265f;
 
-std::shared_ptr<const SourceRaster> raster(int32_t w, int32_t h) { return std::make_shared<const SourceRaster>(w, h); }
+std::shared_ptr<const SourceRaster> raster(int32_t w, int32_t h) {
+    return std::make_shared<const SourceRaster>(w, h);
+}
 
 // One model under test: how to build it and where its directions are
 // visible (the sweep draws from a box and keeps what IsVisible accepts).
@@ -28,33 +30,48 @@ struct ModelCase {
 
 std::vector<ModelCase> modelCases() {
     return {
-        {"Fisheye", [] { return std::make_shared<FisheyeImage>(raster(6000, 4000), 1800.0f, 3000.0f, 2000.0f); },
+        {"Fisheye",
+         [] {
+             return std::make_shared<FisheyeImage>(raster(6000, 4000), 1800.0f, 3000.0f, 2000.0f);
+         },
          1.55f, 1.45f},
         {"Perspective",
-         [] { return std::make_shared<PerspectiveImage>(raster(6000, 4000), 3500.0f, 3100.0f, 1950.0f); }, 1.56f,
-         1.45f},
+         [] {
+             return std::make_shared<PerspectiveImage>(raster(6000, 4000), 3500.0f, 3100.0f,
+                                                       1950.0f);
+         },
+         1.56f, 1.45f},
         {"Cylindrical",
-         [] { return std::make_shared<CylindricalImage>(raster(12000, 3000), 1900.0f, 6000.0f, 1400.0f); }, 3.2f,
-         1.4f},
+         [] {
+             return std::make_shared<CylindricalImage>(raster(12000, 3000), 1900.0f, 6000.0f,
+                                                       1400.0f);
+         },
+         3.2f, 1.4f},
         {"Spherical",
-         [] { return std::make_shared<SphericalImage>(raster(8000, 4000), 4000.0f / kPiF, 4000.0f, 2000.0f); },
+         [] {
+             return std::make_shared<SphericalImage>(raster(8000, 4000), 4000.0f / kPiF, 4000.0f,
+                                                     2000.0f);
+         },
          3.14f, 1.55f},
         {"KestrixFisheye",
          [] {
-             return std::make_shared<KestrixFisheye>(raster(6000, 4000), 1650.0f, 1660.0f, -0.045f, 0.002f, 12.0f,
-                                                     -7.0f);
+             return std::make_shared<KestrixFisheye>(raster(6000, 4000), 1650.0f, 1660.0f, -0.045f,
+                                                     0.002f, 12.0f, -7.0f);
          },
          1.5f, 1.45f},
         {"KestrixPerspective",
          [] {
-             return std::make_shared<KestrixPerspective>(raster(6000, 4000), 3000.0f, 3010.0f, -0.08f, 0.01f, -0.0005f,
-                                                         0.0005f, -0.0003f, 20.0f, -15.0f);
+             return std::make_shared<KestrixPerspective>(raster(6000, 4000), 3000.0f, 3010.0f,
+                                                         -0.08f, 0.01f, -0.0005f, 0.0005f, -0.0003f,
+                                                         20.0f, -15.0f);
          },
          1.0f, 0.8f},
     };
 }
 
-void PrintTo(const ModelCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const ModelCase& c, std::ostream* os) {
+    *os << c.name;
+}
 
 class ProjectionModelTest : public ::testing::TestWithParam<ModelCase> {};
 
@@ -67,7 +84,8 @@ TEST_P(ProjectionModelTest, ForwardThenInverseReturnsTheDirection) {
     for (int i = 0; i < 20000; ++i) {
         const float lambda = lambdaDist(rng);
         const float phi = phiDist(rng);
-        if (!p->IsVisible(lambda, phi)) continue;
+        if (!p->IsVisible(lambda, phi))
+            continue;
         const ImagePoint q = p->ToImagePoint(lambda, phi);
         SphereDirection back;
         ASSERT_TRUE(p->ToSphere(q, back)) << lambda << ", " << phi;
@@ -100,7 +118,9 @@ TEST_P(ProjectionModelTest, TextureCoordinateIsTheNormalisedForwardPoint) {
 }
 
 INSTANTIATE_TEST_SUITE_P(AllModels, ProjectionModelTest, ::testing::ValuesIn(modelCases()),
-                         [](const ::testing::TestParamInfo<ModelCase>& tpi) { return tpi.param.name; });
+                         [](const ::testing::TestParamInfo<ModelCase>& tpi) {
+                             return tpi.param.name;
+                         });
 
 TEST(FisheyeImage, DirectionsAtNinetyDegreesAreNotVisible) {
     const float halfPi = static_cast<float>(std::numbers::pi / 2.0);
@@ -157,7 +177,8 @@ TEST(ProfileModels, VisibilityBoundsBothAngles) {
     const KestrixFisheye fish(raster(600, 400), 200.0f, 200.0f, 0.0f, 0.0f, 0.0f, 0.0f);
     const KestrixPerspective persp(raster(600, 400), 200.0f, 200.0f, 0, 0, 0, 0, 0, 0, 0);
     const float in = std::nextafter(1.57f, 0.0f);
-    for (const PhotoToSphere* p : {static_cast<const PhotoToSphere*>(&fish), static_cast<const PhotoToSphere*>(&persp)}) {
+    for (const PhotoToSphere* p :
+         {static_cast<const PhotoToSphere*>(&fish), static_cast<const PhotoToSphere*>(&persp)}) {
         EXPECT_TRUE(p->IsVisible(in, -in));
         EXPECT_FALSE(p->IsVisible(1.57f, 0.0f));
         EXPECT_FALSE(p->IsVisible(0.0f, -1.57f));
@@ -168,7 +189,8 @@ TEST(ProfileModels, VisibilityBoundsBothAngles) {
     EXPECT_TRUE(persp.QueryFlag6());
     // Offsets: the fisheye adds its centre, the perspective model subtracts it.
     const KestrixFisheye fishShifted(raster(600, 400), 200.0f, 200.0f, 0.0f, 0.0f, 5.0f, -3.0f);
-    const KestrixPerspective perspShifted(raster(600, 400), 200.0f, 200.0f, 0, 0, 0, 0, 0, 5.0f, -3.0f);
+    const KestrixPerspective perspShifted(raster(600, 400), 200.0f, 200.0f, 0, 0, 0, 0, 0, 5.0f,
+                                          -3.0f);
     EXPECT_FLOAT_EQ(fishShifted.ToImagePoint(0.0f, 0.0f).x, 5.0f);
     EXPECT_FLOAT_EQ(fishShifted.ToImagePoint(0.0f, 0.0f).y, -3.0f);
     EXPECT_FLOAT_EQ(perspShifted.ToImagePoint(0.0f, 0.0f).x, -5.0f);

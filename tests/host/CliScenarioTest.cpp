@@ -9,8 +9,8 @@
 #include <csignal>
 
 #include "HostTestUtil.h"
-#include "host/HostError.h"
 #include "host/Descriptor.h"
+#include "host/HostError.h"
 #include "samplegen/SampleFiles.h"
 
 namespace Curvana::Host::Test {
@@ -125,15 +125,14 @@ TEST_P(CliRoundTrip, KeepsModeDepthPixelsAndMetadata) {
     roundTrip(c.in, c.out, c.mode, c.depth, c.tolerance);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Formats, CliRoundTrip,
-    ::testing::Values(RoundTripCase{"in.jpg", "out.jpg", Mode::RGB, 8, 48},
-                      RoundTripCase{"in.tif", "out.tif", Mode::RGB, 16, 0},
-                      RoundTripCase{"in.tif", "out.tif", Mode::CMYK, 8, 0},
-                      RoundTripCase{"in.tif", "out.tif", Mode::Lab, 16, 0},
-                      RoundTripCase{"in.png", "out.png", Mode::Gray, 8, 0},
-                      RoundTripCase{"in.png", "out.png", Mode::Gray, 16, 0},
-                      RoundTripCase{"in.jpg", "out.tif", Mode::RGB, 8, 0}));
+INSTANTIATE_TEST_SUITE_P(Formats, CliRoundTrip,
+                         ::testing::Values(RoundTripCase{"in.jpg", "out.jpg", Mode::RGB, 8, 48},
+                                           RoundTripCase{"in.tif", "out.tif", Mode::RGB, 16, 0},
+                                           RoundTripCase{"in.tif", "out.tif", Mode::CMYK, 8, 0},
+                                           RoundTripCase{"in.tif", "out.tif", Mode::Lab, 16, 0},
+                                           RoundTripCase{"in.png", "out.png", Mode::Gray, 8, 0},
+                                           RoundTripCase{"in.png", "out.png", Mode::Gray, 16, 0},
+                                           RoundTripCase{"in.jpg", "out.tif", Mode::RGB, 8, 0}));
 
 TEST_F(CliScenario, HandsTheOptionsToTheModuleAndRecordsTheResult) {
     const fs::path input = sample("in.png", Mode::RGB, 8);
@@ -315,9 +314,9 @@ TEST_P(CliSignal, LeavesNoPartialFile) {
     const auto [signal, code] = GetParam();
     fs::create_directory(dir / "out");
     const fs::path a = sample("a.tif", Mode::RGB, 8), b = sample("b.tif", Mode::RGB, 8);
-    const RunResult r = curvana({"apply", a.string(), b.string(), "-o", (dir / "out").string()},
-                                {{"CURVANA_FAKE", "signal"},
-                                 {"CURVANA_FAKE_SIGNAL", std::to_string(signal)}});
+    const RunResult r =
+        curvana({"apply", a.string(), b.string(), "-o", (dir / "out").string()},
+                {{"CURVANA_FAKE", "signal"}, {"CURVANA_FAKE_SIGNAL", std::to_string(signal)}});
     EXPECT_EQ(r.exitCode, code) << r.err;
     EXPECT_TRUE(fs::is_empty(dir / "out"));
 }
@@ -342,8 +341,8 @@ TEST_P(CliHostileFile, IsRefusedBeforeAnyLargeAllocation) {
     expectRefusal(r, kExitInput, reason);
     EXPECT_LT(r.peakRssKiB, 400 * 1024) << "peak memory of the refused run";
     std::ifstream a(photo, std::ios::binary), b(regressionFile(name), std::ios::binary);
-    EXPECT_TRUE(std::equal(std::istreambuf_iterator<char>(a), {},
-                           std::istreambuf_iterator<char>(b), {}));
+    EXPECT_TRUE(
+        std::equal(std::istreambuf_iterator<char>(a), {}, std::istreambuf_iterator<char>(b), {}));
     EXPECT_TRUE(strayFiles({photo.filename().string()}).empty());
 }
 
@@ -361,9 +360,9 @@ TEST_F(CliScenario, SaysWhatToFix) {
     const std::string out = (dir / "out.png").string();
     expectRefusal(curvana({"apply", input.string(), "-o", out, "--params", dir.path().string()}),
                   kExitUsage, "is a folder");
-    expectRefusal(curvana({"apply", input.string(), "-o", out, "--module",
-                           (dir / "nope.so").string()}),
-                  kExitModule, "no such module");
+    expectRefusal(
+        curvana({"apply", input.string(), "-o", out, "--module", (dir / "nope.so").string()}),
+        kExitModule, "no such module");
     expectRefusal(curvana({"apply", input.string(), "-o", out},
                           {{"VK_ICD_FILENAMES", (dir / "none.json").string()},
                            {"VK_DRIVER_FILES", (dir / "none.json").string()}}),
@@ -380,7 +379,6 @@ TEST_F(CliScenario, SaysWhatToFix) {
     EXPECT_EQ(r.exitCode, 0) << r.err;
     EXPECT_NE(r.err.find("cannot create the folder"), std::string::npos) << r.err;
 }
-
 
 }  // namespace
 }  // namespace Curvana::Host::Test

@@ -69,22 +69,21 @@ TEST_P(TiffRoundTrip, ResultAndReaderAgreeExactly) {
     ScratchDir dir;
     const ImageInfo info{300, 170, GetParam().mode, GetParam().depth, GetParam().alpha};
     const Raster original = randomRaster(info, 7);
-    const Raster back =
-        writeThroughResult(dir.path(), original, original, false, info.width, 64 << 20,
-                           makeIcc(info.mode));
+    const Raster back = writeThroughResult(dir.path(), original, original, false, info.width,
+                                           64 << 20, makeIcc(info.mode));
     EXPECT_EQ(back.info.mode, info.mode);
     EXPECT_EQ(back.info.alpha, info.alpha);
     EXPECT_EQ(openImage(dir / "out.tif")->iccProfile(), makeIcc(info.mode));
     EXPECT_EQ(back.data, original.data);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    EveryModeAndDepth, TiffRoundTrip,
-    ::testing::Values(Layout{Mode::Gray, 8}, Layout{Mode::Gray, 16}, Layout{Mode::RGB, 8},
-                      Layout{Mode::RGB, 16}, Layout{Mode::CMYK, 8}, Layout{Mode::CMYK, 16},
-                      Layout{Mode::Lab, 8}, Layout{Mode::Lab, 16},
-                      Layout{Mode::RGB, 8, Alpha::Straight},
-                      Layout{Mode::Lab, 16, Alpha::Premultiplied}));
+INSTANTIATE_TEST_SUITE_P(EveryModeAndDepth, TiffRoundTrip,
+                         ::testing::Values(Layout{Mode::Gray, 8}, Layout{Mode::Gray, 16},
+                                           Layout{Mode::RGB, 8}, Layout{Mode::RGB, 16},
+                                           Layout{Mode::CMYK, 8}, Layout{Mode::CMYK, 16},
+                                           Layout{Mode::Lab, 8}, Layout{Mode::Lab, 16},
+                                           Layout{Mode::RGB, 8, Alpha::Straight},
+                                           Layout{Mode::Lab, 16, Alpha::Premultiplied}));
 
 // Writes a TIFF with libtiff itself: strips or tiles, contiguous or separate planes.
 struct RawTiff {
@@ -230,14 +229,18 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         TiffCase{"StripsRgb16", RawTiff{}, Mode::RGB, asHost},
         TiffCase{"SeparateCmyk8",
-                 RawTiff{.samples = 4, .bits = 8, .photometric = PHOTOMETRIC_SEPARATED,
+                 RawTiff{.samples = 4,
+                         .bits = 8,
+                         .photometric = PHOTOMETRIC_SEPARATED,
                          .planar = PLANARCONFIG_SEPARATE},
                  Mode::CMYK, asHost},
         TiffCase{"TiledSeparateDeflate",
                  RawTiff{.planar = PLANARCONFIG_SEPARATE, .compression = kTiffDeflate, .tile = 32},
                  Mode::RGB, asHost},
         TiffCase{"MinIsWhite",
-                 RawTiff{.samples = 1, .bits = 8, .photometric = PHOTOMETRIC_MINISWHITE,
+                 RawTiff{.samples = 1,
+                         .bits = 8,
+                         .photometric = PHOTOMETRIC_MINISWHITE,
                          .compression = COMPRESSION_NONE},
                  Mode::Gray, inverted},
         TiffCase{"CieLab", RawTiff{.photometric = PHOTOMETRIC_CIELAB}, Mode::Lab, signedChroma},
@@ -292,7 +295,7 @@ TEST(TiffCache, ReportsATruncatedFileAsAnInputError) {
 }
 
 TEST(BigTiff, ChosenOnlyWhenTheFileCouldPassFourGiB) {
-    EXPECT_TRUE(needsBigTiff(ImageInfo{40000, 25000, Mode::RGB, 8}, 256, true));  // LZW: 4.5 GB
+    EXPECT_TRUE(needsBigTiff(ImageInfo{40000, 25000, Mode::RGB, 8}, 256, true));    // LZW: 4.5 GB
     EXPECT_FALSE(needsBigTiff(ImageInfo{36000, 36000, Mode::RGB, 8}, 256, false));  // 3.9 GB
 }
 

@@ -8,19 +8,19 @@
 #include <limits>
 
 #include "HostTestUtil.h"
-#include "host/ImageFiles.h"
 #include "RenderTestSupport.h"
 #include "constraints/ConstraintFile.h"
 #include "curvana/CurvanaScripting.h"
 #include "geometry/ProjectionFactory.h"
+#include "host/ApplyDescriptor.h"
 #include "host/Cli.h"
+#include "host/ImageFiles.h"
 #include "render/RenderMesh.h"
 #include "render/RenderPlan.h"
-#include "host/ApplyDescriptor.h"
 #include "samplegen/SampleFiles.h"
 #include "samplegen/SampleScene.h"
-#include "solver/Solver.h"
 #include "session/PreferencesFile.h"
+#include "solver/Solver.h"
 
 namespace Curvana::Host::Test {
 namespace {
@@ -78,7 +78,8 @@ protected:
             auto line = std::make_unique<Project::LineConstraint>();
             line->SetEndpoints({static_cast<float>(a.x), static_cast<float>(a.y)},
                                {static_cast<float>(b.x), static_cast<float>(b.y)});
-            const bool vertical = std::abs(e.a[0] - e.b[0]) < 1e-9 && std::abs(e.a[2] - e.b[2]) < 1e-9;
+            const bool vertical =
+                std::abs(e.a[0] - e.b[0]) < 1e-9 && std::abs(e.a[2] - e.b[2]) < 1e-9;
             line->SetOrientation(vertical ? Project::Orientation::Vertical
                                           : Project::Orientation::Unfixed);
             set.Add(std::move(line));
@@ -101,7 +102,8 @@ TEST_F(RealModuleScenario, AMatchingConstraintFileIsAppliedAndRecorded) {
     ASSERT_EQ(r.exitCode, 0) << r.err;
 
     const fs::path cvc = constraintFile("room.cvc", kWidth, kHeight);
-    r = curvana({"apply", input.string(), "-o", constrained.string(), "--constraints", cvc.string()});
+    r = curvana(
+        {"apply", input.string(), "-o", constrained.string(), "--constraints", cvc.string()});
     ASSERT_EQ(r.exitCode, 0) << r.err;
 
     // The constraints change the correction.
@@ -179,8 +181,8 @@ TEST_F(RealModuleScenario, AFisheyeCorrectionMatchesAReferenceRenderOfTheSameWar
     settings.storedRegulariserChoice = Project::RegularizerModel::Stereographic;
     Project::Solver solver(mesh, photo, lines, settings);
     ASSERT_TRUE(solver.Run());
-    auto renderMesh = std::make_shared<const Project::RenderMesh>(Project::BuildRenderMesh(
-        *solver.Warp(), Project::MeshTextureCoordinates(*mesh, *photo)));
+    auto renderMesh = std::make_shared<const Project::RenderMesh>(
+        Project::BuildRenderMesh(*solver.Warp(), Project::MeshTextureCoordinates(*mesh, *photo)));
     const Project::RenderPlan plan(renderMesh, kWidth, kHeight, kWidth, kHeight,
                                    Project::ViewFraming{});
     const Project::Testing::ReferenceImage reference =
@@ -219,9 +221,9 @@ TEST_F(RealModuleScenario, CarriesAlphaAndLeavesTheUncoveredAreaTransparent) {
     writePng(dir / "alpha.png", rgba, {});
     std::ofstream(dir / "small.json")
         << R"({"curvanaAction": 1, "descriptor": [{"key": "imgS", "type": "integer", "value": 50}]})";
-    const RunResult r = curvana({"apply", (dir / "alpha.png").string(), "-o",
-                                 (dir / "out.png").string(), "--params",
-                                 (dir / "small.json").string()});
+    const RunResult r =
+        curvana({"apply", (dir / "alpha.png").string(), "-o", (dir / "out.png").string(),
+                 "--params", (dir / "small.json").string()});
     ASSERT_EQ(r.exitCode, 0) << r.err;
     const Raster out = readWhole(dir / "out.png");
     ASSERT_EQ(out.info.alpha, Alpha::Straight);
@@ -234,7 +236,7 @@ TEST_F(RealModuleScenario, CarriesAlphaAndLeavesTheUncoveredAreaTransparent) {
     EXPECT_GT(transparent, size_t{kWidth} * kHeight / 10);
     EXPECT_GT(opaque, size_t{kWidth} * kHeight / 10);
     EXPECT_LT(size_t{kWidth} * kHeight - transparent - opaque, size_t{kWidth} * kHeight / 50);
-    EXPECT_EQ(out.data[3], 0);  // a corner
+    EXPECT_EQ(out.data[3], 0);                                                      // a corner
     EXPECT_EQ(out.data[4 * (size_t{kWidth} * kHeight / 2 + kWidth / 2) + 3], 255);  // the middle
 }
 
@@ -310,10 +312,11 @@ INSTANTIATE_TEST_SUITE_P(
     EveryEntryPath, RealModuleBadSetting,
     ::testing::Values(BadSetting{"params", "imgS", 0}, BadSetting{"params", "imgX", 1e30},
                       BadSetting{"params", "focL", 1e300}, BadSetting{"params", "imgY", -0.5},
-                      BadSetting{"constraints", "imgS", -5}, BadSetting{"constraints", "imgY", 1e30},
-                      BadSetting{"constraints", "CrpF", kNaN},
-                      BadSetting{"prefs", "iterations", 0}, BadSetting{"prefs", "iterations", 65535},
-                      BadSetting{"prefs", "focL", kInf}, BadSetting{"prefs", "CrpF", kNaN}));
+                      BadSetting{"constraints", "imgS", -5},
+                      BadSetting{"constraints", "imgY", 1e30},
+                      BadSetting{"constraints", "CrpF", kNaN}, BadSetting{"prefs", "iterations", 0},
+                      BadSetting{"prefs", "iterations", 65535}, BadSetting{"prefs", "focL", kInf},
+                      BadSetting{"prefs", "CrpF", kNaN}));
 
 }  // namespace
 }  // namespace Curvana::Host::Test

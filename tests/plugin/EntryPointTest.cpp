@@ -7,8 +7,8 @@
 #include "FakeHost.h"
 #include "LoadedModule.h"
 #include "constraints/ConstraintFile.h"
-#include "core/FourCC.h"
 #include "core/FileIO.h"
+#include "core/FourCC.h"
 #include "session/PreferencesFile.h"
 #include "session/ScriptParameters.h"
 
@@ -214,7 +214,8 @@ TEST_F(EntryPoint, ScriptedApplyRendersAndHandsTheParametersBack) {
     back.width = host.width;
     back.height = host.height;
     ConstraintSet set;
-    ASSERT_TRUE(readConstraintData(set, back, std::span<const uint8_t>(data->data(), data->size())));
+    ASSERT_TRUE(
+        readConstraintData(set, back, std::span<const uint8_t>(data->data(), data->size())));
     ASSERT_EQ(set.Size(), 1u);
     const auto* line = dynamic_cast<const LineConstraint*>(set.At(0));
     ASSERT_NE(line, nullptr);

@@ -42,8 +42,8 @@ public:
     // --- What the host offers.
     std::optional<int32_t> version = 27 << 16;  // empty: the query fails
     std::optional<int32_t> gpuFlags = 0x80;     // empty: the query fails
-    bool refuseBuffers = false;     // the buffer suite returns null
-    bool failResultWrites = false;  // writeResultPlane reports an error
+    bool refuseBuffers = false;                 // the buffer suite returns null
+    bool failResultWrites = false;              // writeResultPlane reports an error
     uint64_t maxSpace = 1ull << 30;
     uint64_t freeMemory = 8ull << 30;
     std::filesystem::path preferencesBase;  // empty: the host names none

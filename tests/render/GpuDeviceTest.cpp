@@ -201,8 +201,10 @@ TEST(GpuResampler, DrawsAndReadsBackInTheExpectedOrientation) {
         const std::vector<Gpu::GpuVertex> quad = {
             // Texture coordinates at the 2 x 2 texture's texel centres: the
             // corners show whole texels, clear of the empty border.
-            {-1, -1, 0, 1, 0.25f, 0.25f}, {1, -1, 0, 1, 0.75f, 0.25f},
-            {-1, 1, 0, 1, 0.25f, 0.75f},  {1, 1, 0, 1, 0.75f, 0.75f}};
+            {-1, -1, 0, 1, 0.25f, 0.25f},
+            {1, -1, 0, 1, 0.75f, 0.25f},
+            {-1, 1, 0, 1, 0.25f, 0.75f},
+            {1, 1, 0, 1, 0.75f, 0.75f}};
         const std::vector<uint32_t> indices = {0, 2, 3, 0, 1, 3};
         ASSERT_TRUE(r.UploadVertices(quad));
         ASSERT_TRUE(r.UploadIndices(indices));

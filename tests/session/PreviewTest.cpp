@@ -81,7 +81,8 @@ protected:
     std::shared_ptr<const PreviewScene> Scene(bool constrained, float focalScale = 1.0f) const {
         auto scene = std::make_shared<PreviewScene>();
         scene->photo = makeProjection(
-            ProjectionModel::Fisheye, static_cast<float>(Curvana::SampleGen::focalPixels(options_)) * focalScale, kWidth,
+            ProjectionModel::Fisheye,
+            static_cast<float>(Curvana::SampleGen::focalPixels(options_)) * focalScale, kWidth,
             kHeight, CameraMetadata{}, std::nullopt, 1.0f);
         scene->locator = locator;
         auto set = std::make_shared<ConstraintSet>();
@@ -91,9 +92,11 @@ protected:
                     continue;
                 auto line = std::make_unique<LineConstraint>();
                 line->SetEndpoints(
-                    {static_cast<float>(e.points.front().x), static_cast<float>(e.points.front().y)},
+                    {static_cast<float>(e.points.front().x),
+                     static_cast<float>(e.points.front().y)},
                     {static_cast<float>(e.points.back().x), static_cast<float>(e.points.back().y)});
-                const bool vertical = std::abs(e.a[0] - e.b[0]) < 1e-9 && std::abs(e.a[2] - e.b[2]) < 1e-9;
+                const bool vertical =
+                    std::abs(e.a[0] - e.b[0]) < 1e-9 && std::abs(e.a[2] - e.b[2]) < 1e-9;
                 line->SetOrientation(vertical ? Orientation::Vertical : Orientation::Unfixed);
                 set->Add(std::move(line));
             }
@@ -194,8 +197,7 @@ INSTANTIATE_TEST_SUITE_P(
     Views, PreviewImage,
     ::testing::Values(ViewCase{"Fit", View(360, 240, 0.75)},
                       ViewCase{"ZoomedAndScrolled", View(200, 150, 2.0, 130.5, 70.25)},
-                      ViewCase{"ScaledAndOffset",
-                               Framed(View(264, 176, 0.55), 90, 0.3f, 0.7f)},
+                      ViewCase{"ScaledAndOffset", Framed(View(264, 176, 0.55), 90, 0.3f, 0.7f)},
                       ViewCase{"SourceZoomed", Source(View(300, 200, 1.5, 40, 20))}),
     [](const auto& named) { return std::string(named.param.name); });
 

@@ -49,13 +49,15 @@ TEST_P(FisheyeCalibration, RecoversTheFocalLengthFromEveryBowedEdge) {
         const double bow = std::abs((b.x - a.x) * (m.y - a.y) - (b.y - a.y) * (m.x - a.x)) / chord;
         if (bow < 8.0)
             continue;
-        const double f = solver.Solve(centre, {a.x, a.y}, {b.x, b.y}, {m.x, m.y}, truth / 8, truth * 8);
+        const double f =
+            solver.Solve(centre, {a.x, a.y}, {b.x, b.y}, {m.x, m.y}, truth / 8, truth * 8);
         EXPECT_NEAR(f, truth, 0.02 * truth) << "edge from (" << a.x << ", " << a.y << ")";
         ++calibrated;
 
         // The fit point on the chord itself: no focal length fits.
         const CalibrationPoint onChord{(a.x + b.x) / 2, (a.y + b.y) / 2};
-        EXPECT_EQ(solver.Solve(centre, {a.x, a.y}, {b.x, b.y}, onChord, truth / 8, truth * 8), -1.0);
+        EXPECT_EQ(solver.Solve(centre, {a.x, a.y}, {b.x, b.y}, onChord, truth / 8, truth * 8),
+                  -1.0);
     }
     EXPECT_GE(calibrated, 4);
 }
@@ -79,9 +81,11 @@ TEST(PerspectiveCalibration, ReportsFailureForTheEdgesOfARectilinearPhotograph) 
             continue;
         const gen::Point a = edge.points.front(), b = edge.points.back();
         const gen::Point m = edge.points[edge.points.size() / 3];
-        EXPECT_EQ(solver.Solve(centre, {a.x, a.y}, {b.x, b.y}, {m.x, m.y}, truth / 8, truth * 8), -1.0);
+        EXPECT_EQ(solver.Solve(centre, {a.x, a.y}, {b.x, b.y}, {m.x, m.y}, truth / 8, truth * 8),
+                  -1.0);
         // A point off the edge does not make a focal length either.
-        EXPECT_EQ(solver.Solve(centre, {a.x, a.y}, {b.x, b.y}, {m.x + 40, m.y - 40}, truth / 8, truth * 8),
+        EXPECT_EQ(solver.Solve(centre, {a.x, a.y}, {b.x, b.y}, {m.x + 40, m.y - 40}, truth / 8,
+                               truth * 8),
                   -1.0);
         ++tried;
     }

@@ -28,8 +28,9 @@ std::shared_ptr<LineSolve> Solve(const std::shared_ptr<const PhotoToSphere>& pho
 }
 
 // Output positions of dense points along a segment of the camera frame.
-std::vector<Eigen::Vector2d> MapSegment(const LineSolve& warp, const MeshLocator& locator, const Eigen::Vector3d& a,
-                                        const Eigen::Vector3d& b, int count = 200) {
+std::vector<Eigen::Vector2d> MapSegment(const LineSolve& warp, const MeshLocator& locator,
+                                        const Eigen::Vector3d& a, const Eigen::Vector3d& b,
+                                        int count = 200) {
     std::vector<Eigen::Vector2d> out;
     for (int k = 0; k <= count; ++k) {
         const Eigen::Vector3d p = a + (b - a) * (double(k) / count);
@@ -55,16 +56,19 @@ TEST(LineSolveConstraintTest, AVerticalLineThroughAFisheyeComesOutVerticalAndStr
 
     // Without the constraint the warp bends it (a coarse mesh shows that).
     {
-        auto coarse = std::make_shared<GeodesicLines>(photo, std::make_shared<const OctaMap>(4, false));
+        auto coarse =
+            std::make_shared<GeodesicLines>(photo, std::make_shared<const OctaMap>(4, false));
         auto unconstrained = Solve(photo, coarse);
         const auto bent = MapSegment(*unconstrained, coarse->Locator(), top, bottom);
-        EXPECT_GT(FitLine(bent).maxDeviation * NominalScale(*unconstrained, coarse->Locator(), *photo, 3000, 2000),
+        EXPECT_GT(FitLine(bent).maxDeviation *
+                      NominalScale(*unconstrained, coarse->Locator(), *photo, 3000, 2000),
                   10.0);
     }
 
     auto solver = Solve(photo, lines);
     ASSERT_TRUE(solver->IsSolved());
-    EXPECT_LT(solver->Timings().iterations, 8);  // a fixed normal makes the problem linear: stops early
+    EXPECT_LT(solver->Timings().iterations,
+              8);  // a fixed normal makes the problem linear: stops early
     const auto straight = MapSegment(*solver, lines->Locator(), top, bottom);
     ASSERT_GT(straight.size(), 150u);
     const double scale = NominalScale(*solver, lines->Locator(), *photo, 3000, 2000);
@@ -100,7 +104,8 @@ TEST(LineSolveConstraintTest, AFreeLineComesOutStraightAtAnAngleOfItsOwn) {
     EXPECT_LT(degrees, 80.0);
     // The angle unknown holds the normal of the line as it came out.
     const double alpha = solver->Solution()[solver->LineUnknown(0)];
-    EXPECT_LT(std::abs(std::cos(alpha) * fit.direction.x() + std::sin(alpha) * fit.direction.y()), 1e-3);
+    EXPECT_LT(std::abs(std::cos(alpha) * fit.direction.x() + std::sin(alpha) * fit.direction.y()),
+              1e-3);
 }
 
 TEST(LineSolveConstraintTest, AnArbitraryLineComesOutAtItsFixedAngle) {
@@ -119,7 +124,8 @@ TEST(LineSolveConstraintTest, AnArbitraryLineComesOutAtItsFixedAngle) {
     const test::LineFit fit = FitLine(MapSegment(*solver, lines->Locator(), a, b));
     EXPECT_LT(fit.maxDeviation * NominalScale(*solver, lines->Locator(), *photo, 3000, 2000), 1.5);
     // Perpendicular to the stored normal: -20 degrees from the x axis, either way along the line.
-    const double degrees = std::atan2(fit.direction.y(), fit.direction.x()) * 180.0 / 3.14159265358979;
+    const double degrees =
+        std::atan2(fit.direction.y(), fit.direction.x()) * 180.0 / 3.14159265358979;
     EXPECT_NEAR(std::remainder(degrees + 20.0, 180.0), 0.0, 0.2);
 }
 
@@ -136,7 +142,8 @@ TEST(LineSolveConstraintTest, APolygonComesOutProjective) {
         return Eigen::Vector3d(0.4 + 1.2 * s, -0.6 + 1.2 * t, 1.6 - 1.2 * s);
     };
     PlaneConstraint plane;
-    for (const auto& [s, t] : {std::pair{0.0, 0.0}, std::pair{1.0, 0.0}, std::pair{1.0, 1.0}, std::pair{0.0, 1.0}}) {
+    for (const auto& [s, t] :
+         {std::pair{0.0, 0.0}, std::pair{1.0, 0.0}, std::pair{1.0, 1.0}, std::pair{0.0, 1.0}}) {
         plane.AddVertex(SourcePixelOf(*photo, wall(s, t)));
     }
     plane.SetId(11);

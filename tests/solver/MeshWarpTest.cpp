@@ -20,8 +20,9 @@ std::shared_ptr<LineSolve> MakeLineSolve(
     std::shared_ptr<const GeodesicLines> lines,
     RegularizerModel regulariser = RegularizerModel::Stereographic) {
     auto mesh = lines ? lines->Locator().MeshRef() : std::make_shared<const OctaMap>(level, false);
-    return std::make_shared<LineSolve>(mesh, std::move(photo), std::move(lines), 0.001f, 8, false, regulariser,
-                                       1, true, false, kAnyLatitude, kAnyLongitude, 10.0, 1.0, 3.0);
+    return std::make_shared<LineSolve>(mesh, std::move(photo), std::move(lines), 0.001f, 8, false,
+                                       regulariser, 1, true, false, kAnyLatitude, kAnyLongitude,
+                                       10.0, 1.0, 3.0);
 }
 
 TEST(IterativeWarpSolverTest, RegulariserEverywhereGivesTheClosedFormAndRunsEveryIteration) {
@@ -124,7 +125,8 @@ TEST(LineSolveTest, WithoutConstraintsTheWarpKeepsTheConformalClosedForm) {
                 const MeshFrame f = mesh.LocalFrame(i, j);
                 auto tangent = [&](int32_t qi, int32_t qj) {
                     const MeshVector a = mesh.Direction(i, j), b = mesh.Direction(qi, qj);
-                    const double d[3] = {double(b[0]) - a[0], double(b[1]) - a[1], double(b[2]) - a[2]};
+                    const double d[3] = {double(b[0]) - a[0], double(b[1]) - a[1],
+                                         double(b[2]) - a[2]};
                     return C(d[0] * f.east[0] + d[1] * f.east[1] + d[2] * f.east[2],
                              d[0] * f.north[0] + d[1] * f.north[1] + d[2] * f.north[2]);
                 };
@@ -153,7 +155,7 @@ TEST(LineSolveTest, WithoutConstraintsTheWarpKeepsTheConformalClosedForm) {
         den += std::norm(closed[k] - meanClosed);
     }
     const C a = num / den;
-    EXPECT_GT(std::abs(a), 0.5);              // shrunk a little at most
+    EXPECT_GT(std::abs(a), 0.5);             // shrunk a little at most
     EXPECT_LT(std::abs(std::arg(a)), 1e-6);  // not turned
     double worst = 0.0, worstBoundary = 0.0;
     for (size_t k = 0; k < out.size(); ++k) {
@@ -164,7 +166,7 @@ TEST(LineSolveTest, WithoutConstraintsTheWarpKeepsTheConformalClosedForm) {
         }
     }
     EXPECT_GT(worstBoundary, 0.0);
-    EXPECT_LT(worst, 0.05);  // radians of the closed form's plane; the disc has radius 2
+    EXPECT_LT(worst, 0.05);      // radians of the closed form's plane; the disc has radius 2
     EXPECT_LT(worstShape, 0.1);  // every quad similar to its sphere shape (rim quads are the worst)
 }
 

@@ -69,7 +69,8 @@ std::vector<Segment> RoomSegments() {
 }
 
 bool InImage(const PointF& p, float margin) {
-    return p.x >= margin && p.y >= margin && p.x <= kWidth - 1 - margin && p.y <= kHeight - 1 - margin;
+    return p.x >= margin && p.y >= margin && p.x <= kWidth - 1 - margin &&
+           p.y <= kHeight - 1 - margin;
 }
 
 // The room's edges fitted as line constraints on the default mesh.
@@ -82,7 +83,8 @@ protected:
 
     void SetUp() override {
         photo_ = test::Fisheye(kWidth, kHeight, 1250.0f);  // 15 mm on a full frame, 3000 px wide
-        mesh_ = std::make_shared<const OctaMap>(settings_.meshLevel, false);  // the defaults: level 6, stereographic
+        mesh_ = std::make_shared<const OctaMap>(settings_.meshLevel,
+                                                false);  // the defaults: level 6, stereographic
         lines_ = std::make_shared<GeodesicLines>(photo_, mesh_);
         for (const Segment& s : RoomSegments()) {
             // The part of the edge inside the picture, a little inside its frame.
@@ -97,7 +99,8 @@ protected:
                 continue;
             }
             const Segment visible{s.a + (s.b - s.a) * t0, s.a + (s.b - s.a) * t1};
-            const PointF p0 = SourcePixelOf(*photo_, visible.a), p1 = SourcePixelOf(*photo_, visible.b);
+            const PointF p0 = SourcePixelOf(*photo_, visible.a),
+                         p1 = SourcePixelOf(*photo_, visible.b);
             if (std::hypot(p1.x - p0.x, p1.y - p0.y) < 150.0f) {
                 continue;  // too short to tell
             }
@@ -121,8 +124,9 @@ protected:
 
     // The first constraint of an orientation.
     size_t FirstOf(Orientation orientation) const {
-        const auto at = std::find_if(constrained_.begin(), constrained_.end(),
-                                     [&](const Constrained& c) { return c.orientation == orientation; });
+        const auto at =
+            std::find_if(constrained_.begin(), constrained_.end(),
+                         [&](const Constrained& c) { return c.orientation == orientation; });
         return static_cast<size_t>(at - constrained_.begin());
     }
 
@@ -162,8 +166,9 @@ protected:
 };
 
 TEST_F(RoomSceneTest, ConstrainedEdgesComeOutStraightAndVerticalOnesVertical) {
-    const auto verticals = std::count_if(constrained_.begin(), constrained_.end(),
-                                         [](const Constrained& c) { return c.orientation == Orientation::Vertical; });
+    const auto verticals =
+        std::count_if(constrained_.begin(), constrained_.end(),
+                      [](const Constrained& c) { return c.orientation == Orientation::Vertical; });
     ASSERT_GE(verticals, 3);
 
     Solver solver(mesh_, photo_, lines_, settings_);
@@ -195,7 +200,8 @@ TEST_F(RoomSceneTest, ConstrainedEdgesComeOutStraightAndVerticalOnesVertical) {
 // After a drag of one endpoint the editor re-solves from the last warp; that
 // must land where a fresh solve of the edited constraints lands. A vertical
 // line keeps its normal; a receding one turns with the drag.
-class RoomSceneReSolveTest : public RoomSceneTest, public ::testing::WithParamInterface<Orientation> {};
+class RoomSceneReSolveTest : public RoomSceneTest,
+                             public ::testing::WithParamInterface<Orientation> {};
 
 TEST_P(RoomSceneReSolveTest, ReSolveAfterADragMatchesAFreshSolve) {
     Solver editing(mesh_, photo_, lines_, settings_);

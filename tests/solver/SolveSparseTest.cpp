@@ -2,8 +2,8 @@
 
 #include "SparseTestMatrices.h"
 
-#include <Eigen/Dense>
 #include <gtest/gtest.h>
+#include <Eigen/Dense>
 
 #include <string>
 
@@ -98,12 +98,12 @@ TEST_F(SolveSparseTest, VerificationAgreesOnALargerSystem) {
     const int n = static_cast<int>(a.rows());
     const Eigen::VectorXd b = RandomVector(n, 4);
     Eigen::VectorXd eigenSolution;
-    detail::SetVerifyingSolverForTesting(
-        [&](const Eigen::SparseMatrix<double>& full, const Eigen::VectorXd& rhs, Eigen::VectorXd& out) {
-            out = Eigen::VectorXd(Eigen::MatrixXd(full).ldlt().solve(rhs));
-            eigenSolution = out;
-            return true;
-        });
+    detail::SetVerifyingSolverForTesting([&](const Eigen::SparseMatrix<double>& full,
+                                             const Eigen::VectorXd& rhs, Eigen::VectorXd& out) {
+        out = Eigen::VectorXd(Eigen::MatrixXd(full).ldlt().solve(rhs));
+        eigenSolution = out;
+        return true;
+    });
     Eigen::VectorXd x = Eigen::VectorXd::Zero(n);
     ASSERT_TRUE(SolveSparse(a, x, b));
     EXPECT_LT((x - eigenSolution).norm(), 1e-10 * x.norm());
@@ -119,10 +119,9 @@ TEST_F(SolveSparseTest, VerificationAgreesOnALargerSystem) {
 
 TEST_F(SolveSparseTest, VerificationFailsWhenOnlyTheSparseLURejects) {
     SetVerifyEigenCurvana(true);
-    detail::SetVerifyingSolverForTesting(
-        [](const Eigen::SparseMatrix<double>&, const Eigen::VectorXd&, Eigen::VectorXd&) {
-            return false;
-        });
+    detail::SetVerifyingSolverForTesting([](const Eigen::SparseMatrix<double>&,
+                                            const Eigen::VectorXd&,
+                                            Eigen::VectorXd&) { return false; });
     Eigen::VectorXd x = Eigen::VectorXd::Zero(3);
     EXPECT_FALSE(SolveSparse(Diagonal({2.0, 4.0, 8.0}), x, Eigen::VectorXd::Ones(3)));
     EXPECT_DOUBLE_EQ(x[1], 0.25);  // the production solution is there all the same

@@ -15,13 +15,17 @@ using test::Fisheye;
 class WindowPhoto final : public PhotoToSphere {
 public:
     WindowPhoto(float halfLambda, float halfPhi)
-        : PhotoToSphere(std::make_shared<SourceRaster>(100, 100)), halfLambda_(halfLambda), halfPhi_(halfPhi) {}
+        : PhotoToSphere(std::make_shared<SourceRaster>(100, 100)),
+          halfLambda_(halfLambda),
+          halfPhi_(halfPhi) {}
     std::array<float, 3> SampleColor(float, float) const override { return {0, 0, 0}; }
     bool IsVisible(float lambda, float phi) const override {
         return std::abs(lambda) <= halfLambda_ && std::abs(phi) <= halfPhi_;
     }
     bool QueryFlag3() const override { return true; }
-    ImagePoint ToImagePoint(float lambda, float phi) const override { return {100 * lambda, 100 * phi}; }
+    ImagePoint ToImagePoint(float lambda, float phi) const override {
+        return {100 * lambda, 100 * phi};
+    }
     bool ToSphere(ImagePoint p, SphereDirection& out) const override {
         out = {p.x / 100, p.y / 100};
         return true;

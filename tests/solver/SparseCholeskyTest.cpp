@@ -59,11 +59,12 @@ TEST_P(SparseCholeskyOrderingTest, SolvesAndRefactorisesWithTheSameAnalysis) {
 
 INSTANTIATE_TEST_SUITE_P(
     AllOrderings, SparseCholeskyOrderingTest,
-    ::testing::Values(OrderingCase{"LibraryDefault", SparseCholesky::Ordering::LibraryDefault, false},
-                      OrderingCase{"Amd", SparseCholesky::Ordering::Amd, false},
-                      OrderingCase{"NestedDissection", SparseCholesky::Ordering::NestedDissection, false},
-                      OrderingCase{"Natural", SparseCholesky::Ordering::Natural, false},
-                      OrderingCase{"Given", SparseCholesky::Ordering::LibraryDefault, true}),
+    ::testing::Values(
+        OrderingCase{"LibraryDefault", SparseCholesky::Ordering::LibraryDefault, false},
+        OrderingCase{"Amd", SparseCholesky::Ordering::Amd, false},
+        OrderingCase{"NestedDissection", SparseCholesky::Ordering::NestedDissection, false},
+        OrderingCase{"Natural", SparseCholesky::Ordering::Natural, false},
+        OrderingCase{"Given", SparseCholesky::Ordering::LibraryDefault, true}),
     [](const ::testing::TestParamInfo<OrderingCase>& caseInfo) { return caseInfo.param.name; });
 
 TEST(SparseCholeskyTest, NotPositiveDefiniteFailsAndTheNextFactorisationRecovers) {

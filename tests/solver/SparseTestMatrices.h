@@ -50,7 +50,8 @@ inline SymmetricUpperMatrix RandomSpdGrid(int side, unsigned seed) {
 }
 
 // The product of the full symmetric matrix held by `upper` with x.
-inline Eigen::VectorXd SymmetricProduct(const SymmetricUpperMatrix& upper, const Eigen::VectorXd& x) {
+inline Eigen::VectorXd SymmetricProduct(const SymmetricUpperMatrix& upper,
+                                        const Eigen::VectorXd& x) {
     return upper.selfadjointView<Eigen::Upper>() * x;
 }
 

@@ -23,19 +23,21 @@ inline std::shared_ptr<const PhotoToSphere> Fisheye(int32_t width, int32_t heigh
 
 // The photo direction of a point of the camera frame (x right, y down, z forward).
 inline SphereDirection DirectionOf(const Eigen::Vector3d& p) {
-    return {static_cast<float>(std::atan2(p.x(), p.z())), static_cast<float>(std::asin(p.y() / p.norm()))};
+    return {static_cast<float>(std::atan2(p.x(), p.z())),
+            static_cast<float>(std::asin(p.y() / p.norm()))};
 }
 
 // The source pixel (from the top-left corner) where a camera-frame point lands.
 inline PointF SourcePixelOf(const PhotoToSphere& photo, const Eigen::Vector3d& p) {
     const SphereDirection d = DirectionOf(p);
     const ImagePoint ip = photo.ToImagePoint(d.lambda, d.phi);
-    return {ip.x + static_cast<float>(photo.Raster().halfWidth), ip.y + static_cast<float>(photo.Raster().halfHeight)};
+    return {ip.x + static_cast<float>(photo.Raster().halfWidth),
+            ip.y + static_cast<float>(photo.Raster().halfHeight)};
 }
 
 // The output position of a sphere direction under the solved warp.
 inline std::optional<Eigen::Vector2d> OutputOf(const LineSolve& warp, const MeshLocator& locator,
-                                                SphereDirection d) {
+                                               SphereDirection d) {
     const auto quad = locator.Locate(d);
     double x, y;
     if (!quad || !warp.SamplePosition(*quad, x, y)) {
@@ -45,8 +47,10 @@ inline std::optional<Eigen::Vector2d> OutputOf(const LineSolve& warp, const Mesh
 }
 
 // Output position of a source pixel.
-inline std::optional<Eigen::Vector2d> OutputOfPixel(const LineSolve& warp, const MeshLocator& locator,
-                                                     const PhotoToSphere& photo, double px, double py) {
+inline std::optional<Eigen::Vector2d> OutputOfPixel(const LineSolve& warp,
+                                                    const MeshLocator& locator,
+                                                    const PhotoToSphere& photo, double px,
+                                                    double py) {
     SphereDirection d;
     const ImagePoint ip{static_cast<float>(px - photo.Raster().halfWidth),
                         static_cast<float>(py - photo.Raster().halfHeight)};
@@ -58,14 +62,15 @@ inline std::optional<Eigen::Vector2d> OutputOfPixel(const LineSolve& warp, const
 
 // Pixels per output unit when the photo's frame, taken through the warp, is
 // fitted into a nominal width x height output.
-inline double NominalScale(const LineSolve& warp, const MeshLocator& locator, const PhotoToSphere& photo,
-                           double width, double height) {
+inline double NominalScale(const LineSolve& warp, const MeshLocator& locator,
+                           const PhotoToSphere& photo, double width, double height) {
     Eigen::Vector2d lo(1e300, 1e300), hi(-1e300, -1e300);
     const int32_t w = photo.Raster().width, h = photo.Raster().height;
     for (int k = 0; k <= 100; ++k) {
         const double t = k / 100.0;
-        for (const auto& [px, py] : {std::pair{t * (w - 1), 0.0}, std::pair{t * (w - 1), h - 1.0},
-                                     std::pair{0.0, t * (h - 1)}, std::pair{w - 1.0, t * (h - 1)}}) {
+        for (const auto& [px, py] :
+             {std::pair{t * (w - 1), 0.0}, std::pair{t * (w - 1), h - 1.0},
+              std::pair{0.0, t * (h - 1)}, std::pair{w - 1.0, t * (h - 1)}}) {
             if (const auto o = OutputOfPixel(warp, locator, photo, px, py)) {
                 lo = lo.cwiseMin(*o);
                 hi = hi.cwiseMax(*o);

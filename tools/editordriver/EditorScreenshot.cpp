@@ -54,7 +54,8 @@ int main(int argc, char** argv) {
         else if (a == "--out")
             out = v;
         else if (a == "--size") {
-            if (std::sscanf(v.c_str(), "%dx%d", &width, &height) != 2 || width < 400 || height < 300)
+            if (std::sscanf(v.c_str(), "%dx%d", &width, &height) != 2 || width < 400 ||
+                height < 300)
                 return Usage("--size wants WxH, at least 400x300");
         } else {
             return Usage(("unknown option " + a).c_str());

@@ -10,7 +10,9 @@ namespace Curvana::SampleGen {
 
 namespace {
 
-bool same(double a, double b) { return std::abs(a - b) < 1e-9; }
+bool same(double a, double b) {
+    return std::abs(a - b) < 1e-9;
+}
 
 }  // namespace
 
@@ -37,8 +39,9 @@ void writeSampleConstraints(const std::filesystem::path& file, const SceneOption
         const bool upright = same(e.a[0], e.b[0]) && same(e.a[2], e.b[2]);
         const bool level = same(e.a[1], e.b[1]) && same(e.a[2], e.b[2]);
         auto line = std::make_unique<Project::LineConstraint>();
-        line->SetEndpoints({static_cast<float>(e.points.front().x), static_cast<float>(e.points.front().y)},
-                           {static_cast<float>(e.points.back().x), static_cast<float>(e.points.back().y)});
+        line->SetEndpoints(
+            {static_cast<float>(e.points.front().x), static_cast<float>(e.points.front().y)},
+            {static_cast<float>(e.points.back().x), static_cast<float>(e.points.back().y)});
         line->SetOrientation(upright ? Project::Orientation::Vertical
                              : level ? Project::Orientation::Horizontal
                                      : Project::Orientation::Unfixed);

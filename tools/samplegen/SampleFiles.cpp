@@ -62,8 +62,7 @@ std::shared_ptr<const Exiv2::ExifData> cameraExif(const SceneOptions& scene) {
         Exiv2::Rational(static_cast<int32_t>(std::lround(scene.focalMm * 100)), 100);
     (*exif)["Exif.Photo.FocalLengthIn35mmFilm"] =
         static_cast<uint16_t>(std::lround(scene.focalMm * scene.cropFactor));
-    (*exif)["Exif.Photo.LensModel"] =
-        sampleLensName(scene.lens);
+    (*exif)["Exif.Photo.LensModel"] = sampleLensName(scene.lens);
     return exif;
 }
 
@@ -93,7 +92,8 @@ Host::Raster convertRgb(const uint8_t* rgb, int32_t width, int32_t height, Host:
 void writeSampleFile(const std::filesystem::path& path, const SampleFileOptions& options) {
     const auto format = Host::formatFromExtension(path);
     if (!format)
-        throw Host::HostError(Host::kExitOutput, path.string() + ": unknown format (use .tif, .png or .jpg)");
+        throw Host::HostError(Host::kExitOutput,
+                              path.string() + ": unknown format (use .tif, .png or .jpg)");
     const SceneOptions& scene = options.scene;
     Host::ImageInfo info{scene.width, scene.height, options.mode, options.depth};
     Host::checkFormatHolds(*format, info, path);

@@ -67,7 +67,8 @@ int main(int argc, char** argv) {
                 throw Host::HostError(Host::kExitUsage, "unknown argument '" + a + "'");
         }
         if (out.empty())
-            throw Host::HostError(Host::kExitUsage, "usage: curvana-samplegen OUT.{jpg,png,tif} [options]");
+            throw Host::HostError(Host::kExitUsage,
+                                  "usage: curvana-samplegen OUT.{jpg,png,tif} [options]");
         if (o.scene.width <= 0 || o.scene.height <= 0 || (o.depth != 8 && o.depth != 16))
             throw Host::HostError(Host::kExitUsage, "bad size or depth");
         SampleGen::writeSampleFile(out, o);
