@@ -122,7 +122,7 @@ IterativeWarpSolver::IterativeWarpSolver(IterativeWarpSolver& previous, Continua
       // keeps them when its terms couple the same unknowns.
       patternGroups_(std::move(previous.patternGroups_)),
       patternDamping_(std::move(previous.patternDamping_)),
-      system_(std::move(previous.system_)),
+      system_(previous.system_),  // Eigen 3.4 sparse matrices copy; they have no move
       fixedSlots_(std::move(previous.fixedSlots_)),
       cholesky_(std::move(previous.cholesky_)),
       analysed_(previous.analysed_),
