@@ -536,8 +536,8 @@ QIcon PManageConstraintTool::Icon() const {
     return QIcon(ToolPicture(false));
 }
 
-std::string PManageConstraintTool::SpringTool(CImagePane& pane, CMouseEvent& event) {
-    if (!(event.modifiers & Velmo::kModShift) || state_ == kAdding || inProgress_)
+std::string PTool::SpringToTypeTool(const CImagePane& pane, const CMouseEvent& event) const {
+    if (!(event.modifiers & Velmo::kModShift))
         return {};
     Constraint* hit = HitConstraint(pane, event.position);
     if (!hit)
@@ -550,6 +550,12 @@ std::string PManageConstraintTool::SpringTool(CImagePane& pane, CMouseEvent& eve
             return {};
     }
     return std::string(kConstraintTypeToolId);
+}
+
+std::string PManageConstraintTool::SpringTool(CImagePane& pane, CMouseEvent& event) {
+    if (state_ == kAdding || inProgress_)
+        return {};
+    return SpringToTypeTool(pane, event);
 }
 
 void PManageConstraintTool::MouseDown(CImagePane& pane, const CMouseEvent& event) {
@@ -855,19 +861,9 @@ int32_t PPlaneTool::PointsInProgress() const {
 }
 
 std::string PPlaneTool::SpringTool(CImagePane& pane, CMouseEvent& event) {
-    if (!(event.modifiers & Velmo::kModShift) || inProgress_)
+    if (inProgress_)
         return {};
-    Constraint* hit = HitConstraint(pane, event.position);
-    if (!hit)
-        return {};
-    if (const LineConstraint* line = AsLine(*hit)) {
-        const LinePart part =
-            line->HitPart(ToPicture(pane, event.position), static_cast<float>(Tolerance(pane)),
-                          Host().PreviewOn());
-        if (part == LinePart::FirstEnd || part == LinePart::SecondEnd)
-            return {};
-    }
-    return std::string(kConstraintTypeToolId);
+    return SpringToTypeTool(pane, event);
 }
 
 void PPlaneTool::MouseDown(CImagePane& pane, const CMouseEvent& event) {

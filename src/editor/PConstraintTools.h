@@ -140,6 +140,10 @@ protected:
     // Hover: the highlight and the hover text for the constraint under the
     // pointer.
     void Hover(const Velmo::CImagePane& pane, QPointF panePoint);
+    // With Shift, over a constraint but not over a line's endpoint, the
+    // orientation tool acts for the drawing tools; otherwise none.
+    std::string SpringToTypeTool(const Velmo::CImagePane& pane,
+                                 const Velmo::CMouseEvent& event) const;
 
 private:
     PToolHost& host_;

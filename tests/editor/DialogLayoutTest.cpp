@@ -43,39 +43,7 @@ TEST(DialogLayout, TheCompiledInLayoutBuildsTheDialogsViews) {
     EXPECT_EQ(dialog.objectName(), "Project/Dialog");
     EXPECT_EQ(dialog.windowTitle(), "Curvana");
     EXPECT_EQ(dialog.property("velmoOffset").toPoint(), QPoint(-50, -33));
-    for (const char* id : {"Project/Dialog/Toolbar",
-                           "Project/Tool/ManageConstraint",
-                           "Project/Tool/PlaneTool",
-                           "Project/Tool/MoveImage",
-                           "Project/Tool/Hand",
-                           "Project/Tool/Zoom",
-                           "Project/Dialog/Tooltip",
-                           "Project/Dialog/PreviewScroller",
-                           "Project/Dialog/ZoomCombo",
-                           "Project/Dialog/PreviewPane",
-                           "Project/Dialog/CameraEXIFInfo",
-                           "Project/Dialog/LensEXIFInfo",
-                           "Project/Dialog/PreviewResultCheck",
-                           "Project/Dialog/ShowConstraintsCheck",
-                           "Project/Dialog/ShowMeshCheck",
-                           "Project/Dialog/OKButton",
-                           "Project/Dialog/CancelButton",
-                           "Project/Dialog/CorrectionOptionPane",
-                           "Project/Dialog/ProjectionModelPopup",
-                           "Project/Dialog/CorrectionFlyout",
-                           "Project/Dialog/ImageScaleSlider",
-                           "Project/Dialog/ImageScaleUnitText",
-                           "Project/Dialog/FocalLengthPane",
-                           "Project/Dialog/FocalLengthSlider",
-                           "Project/Dialog/CropFactorPane",
-                           "Project/Dialog/CropFactorSlider",
-                           "Project/Dialog/AsShotCheck",
-                           "Project/Dialog/LoupePane",
-                           "Project/Dialog/DetailedPreviewPane",
-                           "Project/Dialog/SolverInfoPane",
-                           "Project/Dialog/SolverInfoText"})
-        EXPECT_NE(Velmo::FindView(dialog, std::string_view(id)), nullptr) << id;
-
+    // Every view id of the dialog is checked on the running dialog (DialogTest).
     const auto view = [&](const char* id) { return Velmo::FindView(dialog, std::string_view(id)); };
     EXPECT_EQ(static_cast<QLabel*>(view("Project/Dialog/Tooltip"))->text(),
               "Place mouse over control for help");
@@ -121,9 +89,6 @@ TEST(DialogLayout, TheCompiledInLayoutBuildsTheDialogsViews) {
     auto* preview = dynamic_cast<Velmo::CImagePane*>(view("Project/Dialog/PreviewPane"));
     ASSERT_NE(preview, nullptr);
     EXPECT_EQ(preview->minimumSize(), QSize(320, 320));
-    EXPECT_EQ(preview->MinimumZoom(), 0.001);
-    EXPECT_EQ(preview->MaximumZoom(), 16.0);
-    EXPECT_EQ(preview->Cushion(), 3);
     EXPECT_EQ(view("Project/Dialog/DetailedPreviewPane")->maximumHeight(), 200);
     EXPECT_TRUE(view("Project/Dialog/SolverInfoPane")->isHidden());
     EXPECT_EQ(view("Project/Dialog/CameraEXIFInfo")->maximumWidth(), 300);
