@@ -658,6 +658,11 @@ void PDialog::ChangeSetting(std::string_view viewId, uint32_t fieldCode,
         return;
     const PSettings before = Settings();
     change(Settings());
+    PushSettingsStep(before, viewId, fieldCode);
+}
+
+void PDialog::PushSettingsStep(const PSettings& before, std::string_view viewId,
+                               uint32_t fieldCode) {
     stack_.Push(std::make_unique<PSettingsTask>(*this, before, Velmo::ViewIdOf(viewId), fieldCode));
     if (NeedsSolve(fieldCode))
         sceneDirty_ = true;
@@ -717,11 +722,7 @@ void PDialog::ProjectionChosen(int index) {
         RefreshControls();
         return;
     }
-    stack_.Push(std::make_unique<PSettingsTask>(*this, before, Velmo::ViewIdOf(kProjectionPopup),
-                                                settings_field::kProjectionModel));
-    sceneDirty_ = true;
-    RefreshControls();
-    RequestPreview(true);
+    PushSettingsStep(before, kProjectionPopup, settings_field::kProjectionModel);
 }
 
 void PDialog::DecideProjection(ProjectionModel fallback) {
@@ -896,11 +897,7 @@ void PDialog::RestoreDefaults() {
     filter_.chooseProjection(ProjectionModel::Fisheye, true, false);
     Settings().focalLength = filter_.focalFromMetadata(true);
     deciding_ = false;
-    stack_.Push(std::make_unique<PSettingsTask>(*this, before, Velmo::ViewIdOf(kCancelButton),
-                                                settings_field::kAll));
-    sceneDirty_ = true;
-    RefreshControls();
-    RequestPreview(true);
+    PushSettingsStep(before, kCancelButton, settings_field::kAll);
 }
 
 // ------------------------------------------------------------------ constraint files
@@ -1191,11 +1188,7 @@ void PDialog::SetCalibratedFocal(double pixels) {
     s.physicalFocalLength =
         std::clamp(static_cast<float>(pixels * 36.0 / (std::max(s.cropFactor, 0.1f) * longSide)),
                    kMinPhysicalFocalMm, kMaxPhysicalFocalMm);
-    stack_.Push(std::make_unique<PSettingsTask>(*this, before, Velmo::ViewIdOf(kFocalInPixel),
-                                                settings_field::kFocalLength));
-    sceneDirty_ = true;
-    RefreshControls();
-    RequestPreview(true);
+    PushSettingsStep(before, kFocalInPixel, settings_field::kFocalLength);
 }
 
 void PDialog::PaintOverlay(QPainter& painter) {

@@ -152,6 +152,9 @@ private:
     void PlaceWindow();
 
     // --- Settings.
+    // Pushes one settings step from `before`, then refreshes the controls and
+    // the preview (re-solving when the field shapes the warp).
+    void PushSettingsStep(const PSettings& before, std::string_view viewId, uint32_t fieldCode);
     void ChangeSetting(std::string_view viewId, uint32_t fieldCode,
                        const std::function<void(PSettings&)>& change);
     void ProjectionChosen(int index);
