@@ -258,30 +258,102 @@ private:
 
 // ---- Solving -------------------------------------------------------------------------
 
-std::shared_ptr<const PreviewWarp> SolvePreviewScene(std::shared_ptr<const PreviewScene> scene,
-                                                     std::shared_ptr<const MeshLocator> draftMesh) {
+namespace {
+
+// The texture coordinates of a mesh under a projection, per vertex, kept
+// while both stay (an inverse lens model costs a Newton solve per vertex).
+struct TextureCoordinates {
+    std::shared_ptr<const MeshLocator> locator;
+    std::shared_ptr<const PhotoToSphere> photo;
+    std::vector<float> uv;  // u, v of vertex (i, j) at 2 (j n + i)
+
+    void Update(const std::shared_ptr<const MeshLocator>& mesh,
+                const std::shared_ptr<const PhotoToSphere>& projection) {
+        if (locator == mesh && photo == projection)
+            return;
+        locator = mesh;
+        photo = projection;
+        const int32_t n = mesh->Mesh().Size();
+        uv.assign(2 * static_cast<size_t>(n) * static_cast<size_t>(n), 0.0f);
+        const TexCoordFunction texCoord = MeshTextureCoordinates(mesh->Mesh(), *projection);
+        for (int32_t j = 0; j < n; ++j)
+            for (int32_t i = 0; i < n; ++i) {
+                const size_t at =
+                    2 * (static_cast<size_t>(j) * static_cast<size_t>(n) + static_cast<size_t>(i));
+                texCoord(i, j, uv[at], uv[at + 1]);
+            }
+    }
+    TexCoordFunction Function() const {
+        const int32_t n = locator->Mesh().Size();
+        return [this, n](int32_t i, int32_t j, float& u, float& v) {
+            const size_t at =
+                2 * (static_cast<size_t>(j) * static_cast<size_t>(n) + static_cast<size_t>(i));
+            u = uv[at];
+            v = uv[at + 1];
+        };
+    }
+};
+
+// A solver kept between the solves of one mesh level: a scene that differs
+// from the last one only in its constraints goes on from the last warp
+// (Solver::Resolve), tens of milliseconds where a fresh solve takes hundreds.
+struct PreviewSolver {
+    std::shared_ptr<const PreviewScene> scene;  // the last one solved
+    std::unique_ptr<Solver> solver;
+    TextureCoordinates coordinates;
+};
+
+std::shared_ptr<const PreviewWarp> SolveScene(const std::shared_ptr<const PreviewScene>& scene,
+                                              const std::shared_ptr<const MeshLocator>& locator,
+                                              bool draft, PreviewSolver& kept) {
     const Clock::time_point start = Clock::now();
     auto out = std::make_shared<PreviewWarp>();
     out->scene = scene;
-    out->draft = draftMesh != nullptr;
-    const std::shared_ptr<const MeshLocator>& locator = draftMesh ? draftMesh : scene->locator;
+    out->draft = draft;
     SolverSettings settings = scene->solver;
     settings.meshLevel = locator->Mesh().Level();
     auto lines = std::make_shared<GeodesicLines>(scene->photo, locator);
     lines->FitAll(*scene->constraints);
-    Solver solver(locator->MeshRef(), scene->photo, lines, settings);
-    out->solved = solver.Run();
+    // Only the constraints changed: the projection, mesh and settings are
+    // the very ones the kept solver works on.
+    const bool continues =
+        kept.solver && kept.scene && kept.scene->photo == scene->photo && kept.solver->Warp() &&
+        &kept.solver->Warp()->Mesh() == &locator->Mesh() && kept.scene->solver == scene->solver;
+    if (continues) {
+        out->continued = true;
+        out->solved = kept.solver->Resolve(lines);
+    } else {
+        kept.solver = std::make_unique<Solver>(locator->MeshRef(), scene->photo, lines, settings);
+        out->solved = kept.solver->Run();
+    }
+    kept.scene = scene;
+    const Solver& solver = *kept.solver;
     out->regulariserChoice = solver.StoredRegulariserChoice();
     if (out->solved && solver.Warp() && solver.Warp()->IsSolved()) {
         out->warp = solver.Warp();
+        kept.coordinates.Update(locator, scene->photo);
         out->mesh = std::make_shared<const RenderMesh>(
-            BuildRenderMesh(*out->warp, MeshTextureCoordinates(locator->Mesh(), *scene->photo)));
+            BuildRenderMesh(*out->warp, kept.coordinates.Function()));
     } else {
         out->solved = false;
+        // A failed solve is no start for the next one.
+        kept.solver.reset();
+        kept.scene.reset();
     }
     out->lines = std::move(lines);
     out->solveSeconds = SecondsSince(start);
     return out;
+}
+
+}  // namespace
+
+std::shared_ptr<const PreviewWarp> SolvePreviewScene(std::shared_ptr<const PreviewScene> scene,
+                                                     std::shared_ptr<const MeshLocator> draftMesh) {
+    PreviewSolver fresh;
+    const bool draft = draftMesh != nullptr;
+    const std::shared_ptr<const MeshLocator> locator =
+        draft ? std::move(draftMesh) : scene->locator;
+    return SolveScene(scene, locator, draft, fresh);
 }
 
 // ---- The engine ------------------------------------------------------------------------
@@ -369,12 +441,17 @@ void PPreview::SolveLoop() {
     // The draft meshes with their quad finders, by level (kept: building
     // one costs about as much as a draft solve).
     std::map<int32_t, std::shared_ptr<const MeshLocator>> draftMeshes;
+    // One kept solver for the drafts and one for the exact warps.
+    PreviewSolver draftSolver;
+    PreviewSolver exactSolver;
     const auto solve = [](const std::shared_ptr<const PreviewScene>& scene,
-                          std::shared_ptr<const MeshLocator> draftMesh) {
+                          const std::shared_ptr<const MeshLocator>& locator, bool draft,
+                          PreviewSolver& kept) {
         try {
-            return SolvePreviewScene(scene, std::move(draftMesh));
+            return SolveScene(scene, locator, draft, kept);
         } catch (const std::exception&) {
             // Out of memory inside the solver: shown like a failed solve.
+            kept = PreviewSolver{};
             auto failed = std::make_shared<PreviewWarp>();
             failed->scene = scene;
             return std::shared_ptr<const PreviewWarp>(std::move(failed));
@@ -396,7 +473,7 @@ void PPreview::SolveLoop() {
             if (!draftMesh)
                 draftMesh = std::make_shared<const MeshLocator>(std::make_shared<const OctaMap>(
                     draftLevel, scene->locator->Mesh().LayoutFlag()));
-            std::shared_ptr<const PreviewWarp> draft = solve(scene, draftMesh);
+            std::shared_ptr<const PreviewWarp> draft = solve(scene, draftMesh, true, draftSolver);
             lock.lock();
             Publish(std::move(draft));
             // A newer scene waits: this one is stale, its exact solve not needed.
@@ -408,7 +485,7 @@ void PPreview::SolveLoop() {
             }
             lock.unlock();
         }
-        std::shared_ptr<const PreviewWarp> warp = solve(scene, nullptr);
+        std::shared_ptr<const PreviewWarp> warp = solve(scene, scene->locator, false, exactSolver);
         lock.lock();
         solving_.reset();
         Publish(std::move(warp));

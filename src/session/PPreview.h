@@ -53,6 +53,9 @@ struct PreviewWarp {
     // The regulariser the session should keep (a wide field falls back to
     // stereographic; see Solver).
     RegularizerModel regulariserChoice = RegularizerModel::Auto;
+    // Went on from the last warp of the same level (only the constraints
+    // changed since): a warm re-solve, not a fresh one.
+    bool continued = false;
     double solveSeconds = 0.0;
 };
 
@@ -126,6 +129,12 @@ struct PreviewResult {
 // coarser (tens of milliseconds) and that draft drawn (current false), then
 // solved at its own level unless a newer scene is waiting -- while a slider
 // is dragged the preview follows with drafts and settles on the exact warp.
+//
+// Edits. A scene whose projection object, mesh and solver settings are those
+// of the last one solved at the same level differs only in its constraints
+// (a line drawn, moved or deleted): it goes on from that warp
+// (Solver::Resolve), which costs a fraction of a fresh solve. Scenes
+// captured by the session share their projection while it stays the same.
 class PPreview {
 public:
     using Callback = std::function<void(PreviewResult)>;

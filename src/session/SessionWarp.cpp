@@ -187,7 +187,12 @@ std::shared_ptr<const PreviewScene> MeshWarpPipeline::CapturePreviewScene(PFilte
     const PSettings& s = filter.settings();
     EnsureMesh(s);
     auto scene = std::make_shared<PreviewScene>();
-    scene->photo = sessionProjection(filter);
+    if (!scenePhoto_.photo || scenePhoto_.model != s.projectionModel ||
+        scenePhoto_.focalLength != s.focalLength ||
+        scenePhoto_.focalScaleRatio != filter.lensFocalScaleRatio())
+        scenePhoto_ = {sessionProjection(filter), s.projectionModel, s.focalLength,
+                       filter.lensFocalScaleRatio()};
+    scene->photo = scenePhoto_.photo;
     scene->locator = locator_;
     auto copy = std::make_shared<ConstraintSet>();
     for (const auto& constraint : set_->Constraints())

@@ -68,6 +68,16 @@ private:
     std::shared_ptr<GeodesicLines> lines_;
     std::unique_ptr<Solver> solver_;
     bool solved_ = false;
+    // The projection of the last captured scene, with what it was made from:
+    // scenes that differ only in their constraints share it, which lets the
+    // preview go on from its last warp instead of solving afresh.
+    struct ScenePhoto {
+        std::shared_ptr<const PhotoToSphere> photo;
+        ProjectionModel model = ProjectionModel::Fisheye;
+        float focalLength = 0.0f;
+        float focalScaleRatio = 0.0f;
+    };
+    ScenePhoto scenePhoto_;
 };
 
 // The solver's settings from the session's record.

@@ -187,6 +187,11 @@ bool IterativeWarpSolver::InSystem(int32_t unknown) const {
 void IterativeWarpSolver::SetExtraUnknownCount(int32_t count) {
     extraCount_ = std::max(count, 0);
     const Eigen::Index total = MeshUnknownCount() + extraCount_;
+    // A re-solve may lay out more constraints than the last solve: the new
+    // ones have no system row yet.
+    if (!fullToSystem_.empty()) {
+        fullToSystem_.resize(static_cast<size_t>(total), -1);
+    }
     if (solution_.size() == total) {
         return;
     }

@@ -56,8 +56,12 @@ LineSolve::LineSolve(std::shared_ptr<const OctaMap> mesh,
 }
 
 LineSolve::LineSolve(LineSolve& previous, Continuation how)
+    : LineSolve(previous, how, previous.lines_.lock()) {}
+
+LineSolve::LineSolve(LineSolve& previous, Continuation how,
+                     std::shared_ptr<const GeodesicLines> lines)
     : IterativeWarpSolver(previous, how),
-      lines_(previous.lines_),
+      lines_(lines),
       lineWeight_(previous.lineWeight_),
       shapeWeight_(previous.shapeWeight_),
       smoothnessWeight_(previous.smoothnessWeight_),

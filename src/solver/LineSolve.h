@@ -101,6 +101,11 @@ public:
     // A warp with the settings and constraints of `previous` that goes on
     // from it (see Continuation): for a re-solve after the constraints changed.
     LineSolve(LineSolve& previous, Continuation how);
+    // The same, on another set of constraints: a re-solve that must leave the
+    // previous warp's constraints as they were (another thread draws them).
+    // What carries over is matched by constraint id and content, never by
+    // object.
+    LineSolve(LineSolve& previous, Continuation how, std::shared_ptr<const GeodesicLines> lines);
 
     double Energy() const override;
     // Energy of one line with its own samples located in this mesh (the

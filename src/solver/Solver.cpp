@@ -145,4 +145,16 @@ bool Solver::Resolve() {
     return HandOver();
 }
 
+bool Solver::Resolve(std::shared_ptr<GeodesicLines> lines) {
+    const bool warm = warp_ && warp_->IsSolved() && warp_->LinesRef() == lines_;
+    lines_ = std::move(lines);
+    if (!warm) {
+        return Run();
+    }
+    warp_ =
+        std::make_shared<LineSolve>(*warp_, IterativeWarpSolver::Continuation::WarmStart, lines_);
+    warp_->Solve();
+    return HandOver();
+}
+
 }  // namespace Project

@@ -34,6 +34,8 @@ struct SolverSettings {
     // The host state forbids the fallback (e.g. a replay that must keep its
     // recorded regulariser): no field counts as wide.
     bool suppressWideFieldFallback = false;
+
+    bool operator==(const SolverSettings&) const = default;
 };
 
 // Builds the mesh warp for the session and checks its field of view.
@@ -67,9 +69,9 @@ struct SolverSettings {
 // a second Solver at min(level, kDragMeshLevel), on constraints fitted on
 // that coarser mesh (its own GeodesicLines, so that they are drawn through
 // the warp they were solved with), re-solves while the mouse is down, and the
-// full-level one on release; the renderer reads either warp alike. (The
-// preview engine, PPreview, does not use Resolve yet: it solves every request
-// afresh, a draft on a coarser mesh first.)
+// full-level one on release; the renderer reads either warp alike. The
+// preview engine, PPreview, keeps one Solver per mesh level and re-solves
+// with new constraints each time (Resolve(lines)).
 class Solver {
 public:
     static constexpr float kWideField = 2.0943952f;       // 120 degrees
@@ -91,6 +93,11 @@ public:
     // Solve again after the constraints changed, going on from the last warp
     // when there is a solved one; otherwise Run(). True when it succeeded.
     bool Resolve();
+    // The same on a new set of constraints, fitted for this solver's mesh and
+    // photo: the last warp and its constraints stay as they were, so a
+    // reader on another thread may go on using them. The solver keeps
+    // `lines` from now on.
+    bool Resolve(std::shared_ptr<GeodesicLines> lines);
 
     const std::shared_ptr<LineSolve>& Warp() const { return warp_; }
     const SolverSettings& Settings() const { return settings_; }

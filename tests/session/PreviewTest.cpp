@@ -281,6 +281,55 @@ TEST_F(Preview, ViewChangesReuseTheSolvedWarp) {
     EXPECT_TRUE(results.back().current);
 }
 
+// ---- Edits ---------------------------------------------------------------------------------
+
+// A scene that differs from the last only in its constraints (one endpoint
+// dragged) goes on from the last warp, at both levels, and lands where a
+// fresh solve of it lands; a new projection solves afresh.
+TEST_F(Preview, AnEditGoesOnFromTheLastWarp) {
+    const auto first = Scene(true);
+    preview->Request(first, View(240, 160, 0.5));
+    ASSERT_TRUE(Settle().current);
+
+    auto moved = std::make_shared<PreviewScene>(*first);
+    auto set = std::make_shared<ConstraintSet>();
+    for (const auto& c : first->constraints->Constraints())
+        set->Add(c->Clone());
+    auto* line = dynamic_cast<LineConstraint*>(set->Constraints().front().get());
+    ASSERT_NE(line, nullptr);
+    line->SetFirst({line->First().x + 6.0f, line->First().y + 4.0f});
+    moved->constraints = std::move(set);
+    preview->Request(moved, View(240, 160, 0.5));
+    preview->WaitIdle();
+    const auto results = delivered.Take();
+    ASSERT_EQ(results.size(), 2u);
+    for (const PreviewResult& r : results) {
+        ASSERT_TRUE(r.warp && r.warp->solved);
+        EXPECT_TRUE(r.warp->continued) << (r.warp->draft ? "draft" : "exact");
+    }
+    const auto fresh = SolvePreviewScene(moved);
+    ASSERT_TRUE(fresh->solved);
+    EXPECT_FALSE(fresh->continued);
+    const SphereWarp& warm = *results.back().warp->warp;
+    const int32_t n = locator->Mesh().Size();
+    double worst = 0.0;
+    for (int32_t j = 0; j < n; ++j)
+        for (int32_t i = 0; i < n; ++i) {
+            if (!warm.IsVertexValid(i, j))
+                continue;
+            float ax = 0, ay = 0, bx = 0, by = 0;
+            warm.GetVertexPosition(i, j, ax, ay);
+            fresh->warp->GetVertexPosition(i, j, bx, by);
+            worst = std::max(worst, static_cast<double>(std::hypot(ax - bx, ay - by)));
+        }
+    EXPECT_LT(worst, 0.25) << "pixels from a fresh solve";
+
+    preview->Request(Scene(true, 1.05f), View(240, 160, 0.5));
+    const PreviewResult refocused = Settle();
+    ASSERT_TRUE(refocused.warp);
+    EXPECT_FALSE(refocused.warp->continued);
+}
+
 // ---- The display source ----------------------------------------------------------------
 
 TEST(PreviewSource, ReadsTheHostImageInDisplayForm) {

@@ -220,12 +220,23 @@ TEST_P(RoomSceneReSolveTest, ReSolveAfterADragMatchesAFreshSolve) {
 INSTANTIATE_TEST_SUITE_P(MovedLine, RoomSceneReSolveTest,
                          ::testing::Values(Orientation::Vertical, Orientation::Unfixed));
 
-// Deleting a constraint moves the unknowns of the ones after it: the re-solve
-// carries each constraint's values over by identity and factorises afresh.
-TEST_F(RoomSceneTest, ReSolveAfterADeletionMatchesAFreshSolve) {
+// Deleting or adding a constraint moves the unknowns of the ones after it:
+// the re-solve carries each constraint's values over by identity and
+// factorises afresh.
+class RoomSceneCountChangeTest : public RoomSceneTest,
+                                 public ::testing::WithParamInterface<bool> {};
+
+TEST_P(RoomSceneCountChangeTest, ReSolveAfterTheCountChangedMatchesAFreshSolve) {
+    const bool added = GetParam();
+    const Constraint& changed = *constraints_[FirstOf(Orientation::Unfixed)];
+    if (added)
+        lines_->Remove(changed.GetId());
     Solver editing(mesh_, photo_, lines_, settings_);
     ASSERT_TRUE(editing.Run());
-    lines_->Remove(constraints_[FirstOf(Orientation::Unfixed)]->GetId());
+    if (added)
+        ASSERT_TRUE(lines_->Fit(changed));
+    else
+        lines_->Remove(changed.GetId());
     ASSERT_TRUE(editing.Resolve());
     EXPECT_EQ(editing.Warp()->Timings().factorizations, 1);
 
@@ -233,6 +244,9 @@ TEST_F(RoomSceneTest, ReSolveAfterADeletionMatchesAFreshSolve) {
     ASSERT_TRUE(fresh.Run());
     EXPECT_LT(MaxDifference(*editing.Warp(), *fresh.Warp()), 0.05);
 }
+
+INSTANTIATE_TEST_SUITE_P(DeletedOrAdded, RoomSceneCountChangeTest, ::testing::Bool(),
+                         [](const auto& named) { return named.param ? "Added" : "Deleted"; });
 
 // When the iterative solve of a re-solve stalls (here: it may take no step
 // at all), the iteration is factorised afresh and still ends where a fresh
