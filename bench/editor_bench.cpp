@@ -162,24 +162,10 @@ void SendMouse(QWidget& pane, QEvent::Type type, QPointF at, bool held) {
     QApplication::sendEvent(&pane, &event);
 }
 
-// Where the pane shows a line's end near `guess`: the point at which the
-// Constraint tool offers the move cursor, searched outwards pixel by pixel.
+// Where the pane shows a line's end near `guess`: where the Constraint
+// tool offers the move cursor.
 std::optional<QPointF> FindEnd(QWidget& pane, QPointF guess) {
-    const QImage move = Velmo::CCursors::Picture(Velmo::CCursorKind::Move)
-                            .toImage()
-                            .convertToFormat(QImage::Format_ARGB32_Premultiplied);
-    for (int r = 0; r <= 12; ++r)
-        for (int dy = -r; dy <= r; ++dy)
-            for (int dx = -r; dx <= r; ++dx) {
-                if (std::max(std::abs(dx), std::abs(dy)) != r)
-                    continue;
-                const QPointF at = guess + QPointF(dx, dy);
-                SendMouse(pane, QEvent::MouseMove, at, false);
-                if (pane.cursor().pixmap().toImage().convertToFormat(
-                        QImage::Format_ARGB32_Premultiplied) == move)
-                    return at;
-            }
-    return std::nullopt;
+    return FindCursor(pane, guess, Velmo::CCursors::Picture(Velmo::CCursorKind::Move));
 }
 
 void EndpointDrag(benchmark::State& state) {

@@ -148,6 +148,12 @@ public:
     // Whether the last Refresh or UpdateDisplay found a usable entry for this
     // identifier in the solver's line list (the line takes part in the solve).
     bool HasValidEntry() const { return entryValid_; }
+    // Drawn as unusable until the next Refresh or UpdateDisplay: an end was
+    // refused where the warp shows nothing.
+    void MarkInvalid() {
+        entryValid_ = false;
+        displaySamples_.clear();
+    }
 
     // Whether the editor shows the middle handle (used for focal calibration);
     // off by default. The handle sits at MiddleHandle().

@@ -42,6 +42,7 @@ PConstraintDrawing::PConstraintDrawing(QPainter& painter, const ConstraintSet& s
 
 void PConstraintDrawing::DrawAll() {
     drawn_ = 0;
+    invalid_ = 0;
     painter_.save();
     painter_.setRenderHint(QPainter::Antialiasing);
     for (const auto& constraint : set_.Constraints())
@@ -91,6 +92,7 @@ void PConstraintDrawing::PaintLine(const LineConstraint& line) {
         path << toWidget_(line.First()) << toWidget_(line.Second());
     }
     const bool valid = !display_ || line.HasValidEntry() || line.DisplaySamples().size() > 1;
+    invalid_ += valid ? 0 : 1;
     const QColor color = DisplayColor(
         colors_, valid ? ColorForCode(line.OrientationCode()) : PDisplayColor::Invalid);
     const bool heavy = set_.IsSelected(line.GetId()) || set_.Highlight() == line.GetId();
@@ -124,6 +126,7 @@ void PConstraintDrawing::PaintPlane(const PlaneConstraint& plane) {
     if (n == 0)
         return;
     const bool valid = plane.Flag() != PlaneConstraint::kFlagInvalid;
+    invalid_ += valid ? 0 : 1;
     const bool heavy = set_.IsSelected(plane.GetId()) || set_.Highlight() == plane.GetId();
     // The outline, edge by edge (edge k ends at vertex k).
     std::vector<QPolygonF> edges(static_cast<size_t>(n));

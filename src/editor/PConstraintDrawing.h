@@ -36,6 +36,8 @@ public:
     void DrawAll();
     // Number of constraints that had something to draw in the last DrawAll.
     int Drawn() const { return drawn_; }
+    // Of those, the number drawn in the colour of unusable constraints.
+    int DrawnInvalid() const { return invalid_; }
 
     void PaintLine(const LineConstraint& line) override;
     void PaintPlane(const PlaneConstraint& plane) override;
@@ -50,6 +52,7 @@ private:
     bool display_;
     ToWidget toWidget_;
     int drawn_ = 0;
+    int invalid_ = 0;
 };
 
 }  // namespace Project

@@ -342,28 +342,45 @@ protected:
         tool_.Constraints().Select(line_.GetId());
         tool_.Host().RepaintPanes();
     }
-    void Track(const CMouseEvent& event) override { Step(event.position); }
+    void Track(const CMouseEvent& event) override {
+        if (Step(event.position) == Refused::Cancel)
+            Pane()->CancelTracking();  // ends this tracker: nothing after it
+    }
     void Finish(const CMouseEvent& release) override {
-        Step(release.position);
+        if (Step(release.position) == Refused::Cancel) {
+            tool_.Cancel();
+            return;
+        }
         tool_.EndAdjust(moved_);
     }
 
 private:
+    enum class Refused { No, Cancel };
+
     // The end jumps to the pointer only once the pointer is more than the
     // drag threshold from where the end is drawn, so a press without a real
-    // drag leaves it where it was.
-    void Step(QPointF at) {
+    // drag leaves it where it was. A point where the warp shows nothing is
+    // refused: a line just drawn is put back as it was drawn (the whole drag
+    // cancelled); another keeps its last accepted end and is shown unusable.
+    Refused Step(QPointF at) {
         const bool display = tool_.Host().PreviewOn();
         const PointF end = display ? (first_ ? line_.DisplayFirst() : line_.DisplaySecond())
                                    : (first_ ? line_.First() : line_.Second());
         const QPointF drawn = Pane()->ImageToPane(ToQ(end));
         if (std::abs(at.x() - drawn.x()) <= kDragThreshold &&
             std::abs(at.y() - drawn.y()) <= kDragThreshold)
-            return;
+            return Refused::No;
         PointF source;
-        // Outside the valid area the end keeps its last accepted point.
-        if (!Pane()->ImageRect().contains(at) || !tool_.Host().PictureToSource(Picture(at), source))
-            return;
+        if (!Pane()->ImageRect().contains(at) ||
+            !tool_.Host().PictureToSource(Picture(at), source)) {
+            if (!display)
+                return Refused::No;
+            if (tool_.JustAdded(line_))
+                return Refused::Cancel;
+            line_.MarkInvalid();
+            tool_.Host().RepaintPanes();
+            return Refused::No;
+        }
         if (first_)
             line_.SetFirst(source);
         else
@@ -378,6 +395,7 @@ private:
         }
         moved_ = true;
         tool_.Host().RepaintPanes();
+        return Refused::No;
     }
 
     PManageConstraintTool& tool_;
@@ -658,6 +676,7 @@ void PManageConstraintTool::CommitLine(Orientation orientation) {
     Host().Tasks().Push(std::make_unique<PAddConstraintTask>(workspace, *added));
     drawOrientation_ = Orientation::Unfixed;
     edit_ = AsLine(*added);
+    justAdded_ = id;
     state_ = kIdle;
     if (Host().UpdateDrawing(*added))
         workspace.RequestResolve();
@@ -666,6 +685,8 @@ void PManageConstraintTool::CommitLine(Orientation orientation) {
 }
 
 void PManageConstraintTool::EndAdjust(bool moved) {
+    if (moved)
+        justAdded_ = -1;
     if (edit_ && backup_ && moved) {
         Host().Tasks().Push(
             std::make_unique<PAdjustConstraintTask>(Host().Workspace(), *edit_, *backup_));
@@ -775,6 +796,7 @@ void PManageConstraintTool::Activate() {
 void PManageConstraintTool::Deactivate() {
     if (state_ != kIdle)
         Cancel();
+    justAdded_ = -1;
     Constraints().SetHighlight(-1);
     Constraints().ClearSelection();
     Host().SetHoverText({});
@@ -811,6 +833,8 @@ void PManageConstraintTool::Cancel() {
 }
 
 void PManageConstraintTool::Forget(int32_t id) {
+    if (justAdded_ == id)
+        justAdded_ = -1;
     if (edit_ && edit_ != inProgress_.get() && edit_->GetId() == id) {
         if (state_ != kAdding && state_ != kIdle)
             Cancel();

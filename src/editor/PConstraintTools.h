@@ -190,12 +190,17 @@ private:
     // re-solve whatever the line's orientation (an unfixed line is held
     // straight by the solve too).
     void EndAdjust(bool moved);
+    // The line under edit was added by this tool and not changed since.
+    bool JustAdded(const LineConstraint& line) const {
+        return justAdded_ >= 0 && line.GetId() == justAdded_;
+    }
     void Calibrate();
     // Ends a rotation: kept as one undoable step, or back to the angle the
     // drag found.
     void EndRotation(bool keep);
 
     LineConstraint* edit_ = nullptr;            // the line under edit (not owned)
+    int32_t justAdded_ = -1;                    // see JustAdded
     std::unique_ptr<LineConstraint> backup_;    // the line as the drag found it
     std::unique_ptr<FocalSolver> calibrator_;   // the Fisheye model's
     std::unique_ptr<FocalSolver> perspective_;  // the Perspective model's

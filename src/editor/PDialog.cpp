@@ -1193,6 +1193,7 @@ void PDialog::SetCalibratedFocal(double pixels) {
 
 void PDialog::PaintOverlay(QPainter& painter) {
     int drawn = 0;
+    int invalid = 0;
     // The selected line shows its middle handle.
     for (const auto& c : set_->Constraints())
         if (LineConstraint* line = AsLine(*c))
@@ -1204,8 +1205,10 @@ void PDialog::PaintOverlay(QPainter& painter) {
             [&pane](PointF p) { return pane.ImageToPane(QPointF(p.x, p.y)); });
         drawing.DrawAll();
         drawn = drawing.Drawn();
+        invalid = drawing.DrawnInvalid();
     }
     ui_->pane->setProperty("constraintsDrawn", drawn);
+    ui_->pane->setProperty("constraintsDrawnInvalid", invalid);
     if (const auto* tool = dynamic_cast<const PTool*>(tools_.Current()))
         tool->PaintFeedback(painter, *ui_->pane);
 }

@@ -347,12 +347,12 @@ std::shared_ptr<const PreviewWarp> SolveScene(const std::shared_ptr<const Previe
 
 }  // namespace
 
-std::shared_ptr<const PreviewWarp> SolvePreviewScene(std::shared_ptr<const PreviewScene> scene,
-                                                     std::shared_ptr<const MeshLocator> draftMesh) {
+std::shared_ptr<const PreviewWarp> SolvePreviewScene(
+    std::shared_ptr<const PreviewScene> scene,
+    const std::shared_ptr<const MeshLocator>& draftMesh) {
     PreviewSolver fresh;
     const bool draft = draftMesh != nullptr;
-    const std::shared_ptr<const MeshLocator> locator =
-        draft ? std::move(draftMesh) : scene->locator;
+    const std::shared_ptr<const MeshLocator>& locator = draft ? draftMesh : scene->locator;
     return SolveScene(scene, locator, draft, fresh);
 }
 

@@ -231,7 +231,7 @@ private:
 // coarser mesh (its locator), the draft of the scene.
 std::shared_ptr<const PreviewWarp> SolvePreviewScene(
     std::shared_ptr<const PreviewScene> scene,
-    std::shared_ptr<const MeshLocator> draftMesh = nullptr);
+    const std::shared_ptr<const MeshLocator>& draftMesh = nullptr);
 
 // The host's source image in display form for PPreview: four planes R, G, B
 // and A (255) at 8 bits, reduced by the smallest whole factor that brings

@@ -24,6 +24,7 @@
 #include "constraints/ConstraintFile.h"
 #include "constraints/ConstraintSet.h"
 #include "editordriver/EditorDriver.h"
+#include "framework/CCursors.h"
 #include "framework/CImagePane.h"
 #include "framework/Widgets.h"
 #include "host/Cli.h"
@@ -570,7 +571,52 @@ TEST_F(Tools, ALineDrawnOnTheCorrectedPreviewIsSolvedAndUndone) {
         const auto saved = Saved(dialog);
         ASSERT_EQ(saved->Size(), 1u);
         EXPECT_EQ(Project::AsLine(*saved->At(0))->GetOrientation(), Orientation::Vertical);
-        Undo(dialog);
+
+        // An end dragged where the warp shows nothing: the line just drawn
+        // goes back as it was drawn and the drag ends there.
+        const auto end = [&] { return Project::AsLine(*Saved(dialog)->At(0))->Second(); };
+        const PointF drawnEnd = end();
+        // The solve stood the line upright about the pane's centre.
+        const std::optional<QPointF> found = FindCursor(
+            *pane, c + QPointF(0, 125), Velmo::CCursors::Picture(Velmo::CCursorKind::Move), 20);
+        ASSERT_TRUE(found) << "the end is not shown upright below the centre";
+        const QPointF endAt = *found;
+        const QPointF outside = pane->ImageToPane(QPointF(-60, -60));
+        const QPointF inside = endAt + QPointF(-30, -20);
+        Press(*pane, endAt);
+        Move(*pane, inside);
+        Move(*pane, outside);
+        Move(*pane, inside + QPointF(-20, 0));
+        Release(*pane, inside + QPointF(-20, 0));
+        EXPECT_EQ(UndoLabel(dialog), "Undo Add Constraint");
+        EXPECT_LT(std::hypot(end().x - drawnEnd.x, end().y - drawnEnd.y), 0.01);
+        ASSERT_TRUE(WaitForPreview(dialog));
+
+        // Once adjusted, a refused end keeps its last accepted point and the
+        // line shows as unusable until the drag ends.
+        Drag(*pane, endAt, inside);
+        EXPECT_EQ(UndoLabel(dialog), "Undo Adjust Constraint");
+        ASSERT_TRUE(WaitForPreview(dialog));
+        const std::optional<QPointF> adjusted =
+            FindCursor(*pane, inside, Velmo::CCursors::Picture(Velmo::CCursorKind::Move), 20);
+        ASSERT_TRUE(adjusted);
+        const PointF before2 = end();
+        Press(*pane, *adjusted);
+        Move(*pane, *adjusted + QPointF(-25, 10));
+        Move(*pane, outside);
+        pane->repaint();
+        EXPECT_EQ(pane->property("constraintsDrawnInvalid").toInt(), 1);
+        Release(*pane, outside);
+        EXPECT_EQ(UndoLabel(dialog), "Undo Adjust Constraint");
+        const PointF accepted = end();
+        EXPECT_GT(std::hypot(accepted.x - before2.x, accepted.y - before2.y), 5.0);
+        EXPECT_TRUE(accepted.x > 0 && accepted.y > 0);
+        ASSERT_TRUE(WaitForPreview(dialog));
+        EXPECT_EQ(Drawn(), 1);
+        EXPECT_EQ(pane->property("constraintsDrawnInvalid").toInt(), 0);
+
+        for (int step = 0; step < 3; ++step)
+            Undo(dialog);
         ASSERT_TRUE(WaitForPreview(dialog));
         EXPECT_LT(MeanDifference(before, GrabPreview(dialog)), 0.5);
     });

@@ -10,6 +10,7 @@
 #include <QMenu>
 #include <QMenuBar>
 #include <QMessageBox>
+#include <QMouseEvent>
 #include <QPointer>
 #include <QTimer>
 #include <QToolButton>
@@ -120,6 +121,24 @@ bool WaitForPreview(QWidget& dialog, int timeoutMs) {
 QImage GrabPreview(QWidget& dialog) {
     QWidget* pane = View(dialog, kPreviewPaneName);
     return pane ? pane->grab().toImage().convertToFormat(QImage::Format_RGB32) : QImage();
+}
+
+std::optional<QPointF> FindCursor(QWidget& pane, QPointF guess, const QPixmap& cursor, int radius) {
+    const QImage wanted = cursor.toImage().convertToFormat(QImage::Format_ARGB32_Premultiplied);
+    for (int r = 0; r <= radius; ++r)
+        for (int dy = -r; dy <= r; ++dy)
+            for (int dx = -r; dx <= r; ++dx) {
+                if (std::max(std::abs(dx), std::abs(dy)) != r)
+                    continue;
+                const QPointF at = guess + QPointF(dx, dy);
+                QMouseEvent move(QEvent::MouseMove, at, pane.mapToGlobal(at), Qt::NoButton,
+                                 Qt::NoButton, {});
+                QApplication::sendEvent(&pane, &move);
+                if (pane.cursor().pixmap().toImage().convertToFormat(
+                        QImage::Format_ARGB32_Premultiplied) == wanted)
+                    return at;
+            }
+    return std::nullopt;
 }
 
 double MeanDifference(const QImage& a, const QImage& b) {

@@ -6,11 +6,14 @@
 #pragma once
 
 #include <QImage>
+#include <QPixmap>
+#include <QPointF>
 #include <QString>
 #include <QWidget>
 #include <deque>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -48,6 +51,11 @@ QImage GrabPreview(QWidget& dialog);
 // Mean absolute difference of two images of the same size per channel value
 // (0 ... 255); 255 for different sizes.
 double MeanDifference(const QImage& a, const QImage& b);
+// Where the pane offers `cursor` when the pointer hovers near `guess`
+// (searched outwards pixel by pixel, up to `radius` away): for example where
+// a drawn line's end is, by the cursor that offers to move it.
+std::optional<QPointF> FindCursor(QWidget& pane, QPointF guess, const QPixmap& cursor,
+                                  int radius = 12);
 
 // The modal windows a step will open, answered in order as they appear:
 // queue the answers, then take the step (which returns once they closed).
