@@ -1,5 +1,6 @@
 #include "render/PResult.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -111,11 +112,17 @@ RenderStatus PResultScaled::Render(RenderSource& source, MemoryImage& output,
         output.Format().planes != config_.format.planes ||
         output.Format().depth != config_.format.depth) {
         output = MemoryImage(config_.outputWidth, config_.outputHeight, config_.format);
-    } else {
-        for (int32_t p = 0; p < config_.format.planes; ++p) {
-            std::memset(
-                output.PlaneData(p), 0,
-                static_cast<size_t>(output.RowBytes()) * static_cast<size_t>(output.Height()));
+    }
+    // Tiles without a quad are not drawn: they keep the border from here.
+    for (int32_t p = 0; p < config_.format.planes; ++p) {
+        const uint16_t border = config_.options.border[static_cast<size_t>(p)];
+        const size_t count =
+            static_cast<size_t>(output.Width()) * static_cast<size_t>(output.Height());
+        if (config_.format.depth > 8) {
+            auto* values = reinterpret_cast<uint16_t*>(output.PlaneData(p));
+            std::fill(values, values + count, border);
+        } else {
+            std::memset(output.PlaneData(p), std::min<uint16_t>(border, 255), count);
         }
     }
     // RenderAll reads the source afresh on every call.

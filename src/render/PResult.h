@@ -103,8 +103,8 @@ public:
     const std::shared_ptr<const RenderPlan>& Plan() const { return renderer_->Plan(); }
 
     // Renders into `output` (outputWidth x outputHeight, the configured
-    // format), which is first cleared to zero, so every pixel that no quad
-    // covers is 0.
+    // format), which is first filled with the options' border, so every pixel
+    // that no quad covers holds it.
     RenderStatus Render(RenderSource& source, MemoryImage& output,
                         const RenderControl& control = {});
     const RenderStatistics& Statistics() const { return renderer_->Statistics(); }

@@ -12,8 +12,10 @@ int32_t RenderMesh::ValidQuadCount() const {
     return static_cast<int32_t>(std::count(quadValid.begin(), quadValid.end(), uint8_t{1}));
 }
 
-RenderMesh BuildRenderMesh(const SphereWarp& warp, const TexCoordFunction& texCoord) {
+RenderMesh BuildRenderMesh(const SphereWarp& warp, const TexCoordFunction& texCoord,
+                           const TextureBox& content) {
     RenderMesh mesh;
+    mesh.content = content;
     const int32_t n = warp.MeshSize();
     if (n < 2) {
         return mesh;
@@ -54,9 +56,8 @@ RenderMesh BuildRenderMesh(const SphereWarp& warp, const TexCoordFunction& texCo
             texCoord(i, j, mesh.texcoords[2 * k], mesh.texcoords[2 * k + 1]);
         }
     }
-    // A quad whose texture coordinates lie wholly beside the photograph would
-    // only sample the sampler's empty border: it is not drawn at all, and the
-    // output stays empty (zero) there.
+    // A quad whose texture coordinates lie wholly beside the content shows
+    // none of it: it is not drawn at all.
     for (int32_t j = 0; j < quads; ++j) {
         for (int32_t i = 0; i < quads; ++i) {
             auto& valid = mesh.quadValid[static_cast<size_t>(mesh.QuadIndex(i, j))];
@@ -64,7 +65,8 @@ RenderMesh BuildRenderMesh(const SphereWarp& warp, const TexCoordFunction& texCo
                 continue;
             }
             const QuadBox t = QuadBounds(mesh, mesh.texcoords, i, j);
-            if (t.maxX < 0.0 || t.minX > 1.0 || t.maxY < 0.0 || t.minY > 1.0) {
+            if (t.maxX < content.u0 || t.minX > content.u1 || t.maxY < content.v0 ||
+                t.minY > content.v1) {
                 valid = 0;
             }
         }
@@ -86,12 +88,28 @@ QuadBox QuadBounds(const RenderMesh& mesh, const std::vector<float>& pairs, int3
     return box;
 }
 
+void PhotoTexture(const PhotoToSphere& photo, float lambda, float phi, float& u, float& v) {
+    // ToTexture puts image point (0, 0), the centre of pixel
+    // (floor(W / 2), floor(H / 2)), at (0.5, 0.5): for an even side that is
+    // the corner between two texels, where the GPU's sampler (texel k centred
+    // at (k + 0.5) / W) would blend the two. Half a texel more lands on the
+    // pixel's centre, as the sampling of the projections does.
+    const SourceRaster& raster = photo.Raster();
+    u = 0.0f;
+    v = 0.0f;
+    photo.ToTexture(lambda, phi, u, v);
+    if (raster.width > 0 && raster.width % 2 == 0) {
+        u += 0.5f / static_cast<float>(raster.width);
+    }
+    if (raster.height > 0 && raster.height % 2 == 0) {
+        v += 0.5f / static_cast<float>(raster.height);
+    }
+}
+
 TexCoordFunction MeshTextureCoordinates(const OctaMap& mesh, const PhotoToSphere& photo) {
     return [&mesh, &photo](int32_t i, int32_t j, float& u, float& v) {
         const SphereDirection angles = mesh.UnrotatedAngles(i, j);
-        u = 0.0f;
-        v = 0.0f;
-        photo.ToTexture(angles.lambda, angles.phi, u, v);
+        PhotoTexture(photo, angles.lambda, angles.phi, u, v);
     };
 }
 

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -21,10 +22,9 @@ namespace Project {
 // frame always has the aspect W : H, so one pixel is extent.width / W =
 // extent.height / H plane units wide and high.
 //
-// The frame follows from the *mesh extent* (the bounding box of the positions
-// of every corner of every valid quad that shows the photograph, i.e. has a
-// corner whose texture coordinate lies in the source; of every valid quad
-// when none does) and the settings' scale and offsets
+// The frame follows from the *mesh extent* (the bounding box of everything
+// drawn: the triangles of the valid quads clipped to the mesh's content box,
+// so exactly the photograph's own area) and the settings' scale and offsets
 // (scripting keys "imgS", "imgX", "imgY"):
 //  - Scale 100 % is the fit: the smallest W : H frame that holds the whole
 //    mesh extent. The extent then touches the frame on one axis and is
@@ -41,11 +41,16 @@ namespace Project {
 //    edge, 1 the right and bottom edges. (When the frame is larger than the
 //    extent along an axis, the same formula moves the picture within the
 //    frame the opposite way.) Values outside 0 ... 1 are taken as given.
+//  - Crop to content replaces the scale: the frame is the largest W : H
+//    rectangle that holds no empty pixel (every point of it shows content),
+//    placed as near as it can go to where the offsets put a frame of that
+//    size (CropToContent).
 
 struct ViewFraming {
     int32_t scalePercent = 120;  // "imgS"
     float offsetX = 0.5f;        // "imgX"
     float offsetY = 0.5f;        // "imgY"
+    bool cropToContent = false;
 };
 
 // The bounding box of the valid quads' corners in plane units.
@@ -88,12 +93,43 @@ struct PictureWindow {
     }
 };
 
+// One corner of a drawn triangle: its plane position and texture coordinate.
+struct PlanVertex {
+    float x = 0.0f;
+    float y = 0.0f;
+    float u = 0.0f;
+    float v = 0.0f;
+};
+
+// The triangles that quad (i, j) of a mesh draws, three corners each,
+// appended to `out`: the two triangles of TriangulateQuad when the quad's
+// texture coordinates lie in the content box; otherwise those two clipped to
+// the box (exact: inside a triangle the texture coordinate is an affine
+// function of the plane position) and fanned into triangles again, possibly
+// none. Returns true when the quad needed no clipping.
+bool QuadTriangles(const RenderMesh& mesh, int32_t i, int32_t j, std::vector<PlanVertex>& out);
+
 MeshExtent ComputeMeshExtent(const RenderMesh& mesh);
 // The frame for an output of width x height pixels (rules above). An empty or
 // degenerate extent gets a frame of at least 1e-6 plane units. With a window,
 // the part of the picture's frame that the window shows.
 ViewFrame FitViewFrame(const MeshExtent& extent, int32_t width, int32_t height,
                        const ViewFraming& framing, const PictureWindow& window = {});
+// The crop-to-content frame for an output of width x height pixels: the
+// largest frame of that aspect inside the union of the mesh's drawn
+// triangles, found on a grid of about `cells` cells along the extent's longer
+// side (a cell counts as content only when the triangles cover all of it, so
+// the frame never takes in an empty pixel; it may fall short of the true
+// largest by about a cell). Among the positions of the largest size, the one
+// nearest to where the offsets place a frame of that size. Nullopt when the
+// mesh draws nothing.
+std::optional<ViewFrame> CropToContent(const RenderMesh& mesh, int32_t width, int32_t height,
+                                       const ViewFraming& framing, int32_t cells = 1024);
+// The frame of a whole picture of width x height pixels by the rules above:
+// the crop to content when the framing asks for it and the mesh draws
+// anything, otherwise the fit (FitViewFrame of the mesh's extent).
+ViewFrame PictureFrame(const RenderMesh& mesh, int32_t width, int32_t height,
+                       const ViewFraming& framing);
 
 // ---- Triangulation -----------------------------------------------------------------------
 
@@ -179,12 +215,15 @@ public:
         return static_cast<uint32_t>((j - vertexRect_.r0) * vertexRect_.Columns() +
                                      (i - vertexRect_.c0));
     }
-    // The six GPU indices of a quad (TriangulateQuad).
-    std::array<uint32_t, 6> QuadIndices(int32_t quad) const;
-    // The vertex buffer of the rectangle: positions and texture coordinates
-    // as in the mesh.
+    // The triangles a quad draws (QuadTriangles), appended to `out`.
+    void AppendQuadTriangles(int32_t quad, std::vector<PlanVertex>& out) const;
+    // The vertex buffer: the rectangle's vertices (positions and texture
+    // coordinates as in the mesh), then the corners of the clipped quads'
+    // triangles, three per triangle.
     std::vector<Gpu::GpuVertex> RectangleVertices() const;
-    // The index list of a tile: six per bucket quad, in bucket order.
+    // The index list of a tile, in bucket order: six per quad that needs no
+    // clipping (TriangulateQuad on the rectangle), three per triangle of a
+    // clipped one (into the clipped corners after the rectangle's).
     std::vector<uint32_t> TileIndices(int32_t column, int32_t row) const;
 
     // The matrix of tile (column, row), row-major, for column vectors
@@ -208,8 +247,12 @@ private:
     };
     PixelFraming Framing() const;
 
+    void BuildPieces();
     void BuildBuckets();
     void BuildSourceTiles();
+    // The bounding box of what a valid quad draws, in plane units (positions)
+    // or texture units; empty (false) when it draws nothing.
+    bool QuadBox(int32_t quad, bool texture, double box[4]) const;
 
     std::shared_ptr<const RenderMesh> mesh_;
     int32_t outputWidth_;
@@ -228,6 +271,11 @@ private:
     std::vector<int32_t> bucketQuads_;
     std::vector<int32_t> sourceTileOffsets_;
     std::vector<SourceTile> sourceTiles_;
+    // The clipped quads' triangles: quad q owns pieces_[pieceOffsets_[q] ...
+    // pieceOffsets_[q + 1]) when clipped_[q] is set.
+    std::vector<uint8_t> clipped_;
+    std::vector<int32_t> pieceOffsets_;
+    std::vector<PlanVertex> pieces_;
 };
 
 }  // namespace Project

@@ -155,7 +155,17 @@ Gpu::Result<std::unique_ptr<WarpRenderer>> WarpRenderer::Create(
 
 WarpRenderer::WarpRenderer(std::unique_ptr<Gpu::GpuResampler> resampler, PixelFormat format,
                            const RenderOptions& options)
-    : resampler_(std::move(resampler)), format_(format), options_(options) {}
+    : resampler_(std::move(resampler)), format_(format), options_(options) {
+    // The border through the same conversions as the photo's own values, so
+    // it reads back exactly.
+    std::array<float, 4> clear{};
+    for (size_t p = 0; p < clear.size(); ++p) {
+        const uint16_t v = options_.border[p];
+        clear[p] = format_.depth > 8 ? static_cast<float>(HostToGpu16(v)) / 65535.0f
+                                     : static_cast<float>(std::min<uint16_t>(v, 255)) / 255.0f;
+    }
+    resampler_->SetClearColor(clear);
+}
 
 void WarpRenderer::SetPlan(std::shared_ptr<const RenderPlan> plan) {
     const bool sameSource = plan_ && plan && plan_->SourceWidth() == plan->SourceWidth() &&
@@ -269,10 +279,17 @@ RenderStatus WarpRenderer::UploadWindow(RenderSource& source, const PixelRect& w
     if (auto made = resampler_->EnsureSourceTexture(tw, th); !made) {
         return GpuFailure(made.error());
     }
+    // A window that ends where the photo ends, in a larger texture, gets one
+    // more column or row repeating the photo's last: the filter's footprint
+    // of the last half texel then reads the photo's edge, as the sampler's
+    // clamp gives it in a texture of the photo's own size, not the texels
+    // another window left there.
+    const uint32_t uw = w + (window.right == plan_->SourceWidth() && tw > w ? 1u : 0u);
+    const uint32_t uh = h + (window.bottom == plan_->SourceHeight() && th > h ? 1u : 0u);
     const size_t bpv = static_cast<size_t>(format_.BytesPerValue());
     bool readFailed = false;
-    auto fill = [&](uint32_t y0, uint32_t rows, void* dst, size_t pitch) {
-        const size_t planeBytes = static_cast<size_t>(w) * rows * bpv;
+    auto read = [&](int32_t top, uint32_t rows) {
+        const size_t planeBytes = static_cast<size_t>(uw) * rows * bpv;
         planeScratch_.resize(static_cast<size_t>(format_.planes));
         std::vector<void*> pointers;
         for (auto& plane : planeScratch_) {
@@ -281,20 +298,48 @@ RenderStatus WarpRenderer::UploadWindow(RenderSource& source, const PixelRect& w
             }
             pointers.push_back(plane.data());
         }
-        const PixelRect rect{window.left, window.top + static_cast<int32_t>(y0), window.right,
-                             window.top + static_cast<int32_t>(y0 + rows)};
-        if (!source.ReadWindow(rect, pointers, static_cast<ptrdiff_t>(w * bpv))) {
+        const PixelRect rect{window.left, top, window.right, top + static_cast<int32_t>(rows)};
+        if (!source.ReadWindow(rect, pointers, static_cast<ptrdiff_t>(uw * bpv))) {
             readFailed = true;
             return false;
         }
-        if (format_.depth > 8) {
-            Interleave<uint16_t>(format_.planes, planeScratch_, w, rows, dst, pitch);
-        } else {
-            Interleave<uint8_t>(format_.planes, planeScratch_, w, rows, dst, pitch);
+        if (uw > w) {
+            for (auto& plane : planeScratch_) {
+                for (uint32_t r = 0; r < rows; ++r) {
+                    uint8_t* row = plane.data() + static_cast<size_t>(r) * uw * bpv;
+                    std::memcpy(row + w * bpv, row + (w - 1) * bpv, bpv);
+                }
+            }
         }
         return true;
     };
-    if (Gpu::Status s = resampler_->UploadSource(w, h, fill); !s) {
+    auto fill = [&](uint32_t y0, uint32_t rows, void* dst, size_t pitch) {
+        // Rows of the window, then the repeated last row when it is asked for.
+        const uint32_t own = y0 >= h ? 0 : std::min(rows, h - y0);
+        if (own > 0) {
+            if (!read(window.top + static_cast<int32_t>(y0), own)) {
+                return false;
+            }
+            if (format_.depth > 8) {
+                Interleave<uint16_t>(format_.planes, planeScratch_, uw, own, dst, pitch);
+            } else {
+                Interleave<uint8_t>(format_.planes, planeScratch_, uw, own, dst, pitch);
+            }
+        }
+        if (own < rows) {
+            if (!read(window.bottom - 1, 1)) {
+                return false;
+            }
+            void* last = static_cast<uint8_t*>(dst) + own * pitch;
+            if (format_.depth > 8) {
+                Interleave<uint16_t>(format_.planes, planeScratch_, uw, 1, last, pitch);
+            } else {
+                Interleave<uint8_t>(format_.planes, planeScratch_, uw, 1, last, pitch);
+            }
+        }
+        return true;
+    };
+    if (Gpu::Status s = resampler_->UploadSource(uw, uh, fill); !s) {
         if (readFailed) {
             return {RenderCode::SourceFailed,
                     "reading the source window (" + std::to_string(window.left) + ", " +
@@ -365,8 +410,6 @@ PixelRect WarpRenderer::Footprint(const TriangleVertex* corners, int32_t count) 
 
 RenderStatus WarpRenderer::BuildGroups(int32_t column, int32_t row, std::vector<Group>& groups) {
     groups.clear();
-    const RenderMesh& mesh = plan_->Mesh();
-    const int32_t n = mesh.QuadsPerSide();
     const auto limit = static_cast<int32_t>(windowLimit_);
     auto fits = [limit](const PixelRect& r) { return r.Width() <= limit && r.Height() <= limit; };
     bool open = false;
@@ -418,15 +461,8 @@ RenderStatus WarpRenderer::BuildGroups(int32_t column, int32_t row, std::vector<
     };
 
     const PixelRect whole{0, 0, plan_->SourceWidth(), plan_->SourceHeight()};
+    std::vector<TriangleVertex> triangles;
     for (int32_t quad : plan_->Bucket(column, row)) {
-        const int32_t i = quad % n;
-        const int32_t j = quad / n;
-        TriangleVertex corners[4];
-        for (int32_t c = 0; c < 4; ++c) {
-            const auto k = static_cast<size_t>(mesh.VertexIndex(i + (c & 1), j + (c >> 1)));
-            corners[c] = {mesh.positions[2 * k], mesh.positions[2 * k + 1], mesh.texcoords[2 * k],
-                          mesh.texcoords[2 * k + 1]};
-        }
         // The quad's source tiles bound its window (two texels of slack for
         // the filter at tile borders).
         PixelRect clip = whole;
@@ -445,17 +481,12 @@ RenderStatus WarpRenderer::BuildGroups(int32_t column, int32_t row, std::vector<
             clip = Intersect(whole, {tx0 * kTile - 2, ty0 * kTile - 2, (tx1 + 1) * kTile + 2,
                                      (ty1 + 1) * kTile + 2});
         }
-        // Local corner numbers 0 (i, j), 1 (i + 1, j), 2 (i, j + 1), 3 (i + 1, j + 1)
-        // are GPU indices with k = 0 and m = 2.
-        const float p00[2] = {corners[0].x, corners[0].y};
-        const float p10[2] = {corners[1].x, corners[1].y};
-        const float p01[2] = {corners[2].x, corners[2].y};
-        const float p11[2] = {corners[3].x, corners[3].y};
-        const auto six = TriangulateQuad(0, 2, p00, p10, p01, p11);
-        for (int32_t t = 0; t < 2; ++t) {
-            const TriangleVertex tri[3] = {corners[six[3 * t]], corners[six[3 * t + 1]],
-                                           corners[six[3 * t + 2]]};
-            add(add, tri, clip, 0);
+        // The same triangles as the whole render draws, clipped to the
+        // content: none reaches beyond the photo.
+        triangles.clear();
+        plan_->AppendQuadTriangles(quad, triangles);
+        for (size_t t = 0; t + 2 < triangles.size(); t += 3) {
+            add(add, &triangles[t], clip, 0);
         }
         if (!failure.ok()) {
             return failure;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -20,6 +21,10 @@ struct RenderOptions {
     // device's largest texture side is uploaded whole, once per render pass;
     // any other is rendered through source windows.
     uint64_t sourceTextureBudget = uint64_t{512} << 20;
+    // The value of each plane where the picture shows nothing, on the host
+    // scale (0 ... 255, or 0 ... 32768 at 16 bits); the session chooses it
+    // for the image mode (one visible colour in every mode).
+    std::array<uint16_t, 4> border{};
 };
 
 // How the source reaches the GPU.
@@ -48,9 +53,9 @@ struct RenderStatistics {
 // Rendering one output tile: an empty bucket draws and writes
 // nothing. Otherwise the tile's matrix is set, the bucket's quads are drawn
 // (six indices each, in bucket order) onto the cleared 1024 x 1024 target, the
-// part of the target inside the output is read back (uncovered pixels are 0
-// in every channel) and copied into the sink's planes (16 bits: v > 65534 ->
-// 32768, else v / 2).
+// part of the target inside the output is read back (uncovered pixels hold
+// the options' border) and copied into the sink's planes (16 bits:
+// v > 65534 -> 32768, else v / 2).
 //
 // Source windows (SourceMode::Windows): the bucket's triangles are gathered
 // greedily, in bucket order, into groups whose source window (the texels
@@ -97,10 +102,8 @@ private:
     WarpRenderer(std::unique_ptr<Gpu::GpuResampler> resampler, PixelFormat format,
                  const RenderOptions& options);
 
-    struct TriangleVertex {
-        float x, y;  // plane position
-        float u, v;  // texture coordinate in the whole source
-    };
+    // Plane position and texture coordinate in the whole source.
+    using TriangleVertex = PlanVertex;
     struct Group {
         PixelRect window;
         std::vector<TriangleVertex> vertices;  // three per triangle

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <memory>
 #include <vector>
 
@@ -199,6 +201,60 @@ TEST(PResultWindows, SmallTextureLimitEqualsWholeRender) {
         testing::Test::RecordProperty("differing_" + std::to_string(limit),
                                       std::to_string(difference.differing));
     }
+}
+
+// The photo's own edge inside the picture (a fisheye through the
+// stereographic form at scale 100 shows all four sides): windows too small
+// for a tile draw every quad that shows any of the photo, so the edge is where
+// the photo ends, as in the whole render, not a row of missing triangles.
+TEST(PResultWindows, ThePhotosEdgeIsDrawnLikeTheWholeRender) {
+    auto whole = MakeTestDevice();
+    ASSERT_TRUE(whole);
+    auto small = MakeTestDevice(256);
+    ASSERT_TRUE(small);
+    FisheyeScene scene(1500, 1000);
+    MemoryImage source = SyntheticImage(1500, 1000, {3, 8}, 41);
+    const Rendered reference = RenderWithPResult(whole, source, scene.Mesh(), {100, 0.5f, 0.5f});
+    const Rendered windowed = RenderWithPResult(small, source, scene.Mesh(), {100, 0.5f, 0.5f});
+    ASSERT_EQ(reference.mode, SourceMode::Whole);
+    ASSERT_EQ(windowed.mode, SourceMode::Windows);
+    // Per column, the last covered row of the picture's bottom edge and the
+    // first of its top edge: the same in both renders, and a smooth curve.
+    auto covered = [](const MemoryImage& m, int32_t x, int32_t y) {
+        return m.At(0, x, y) + m.At(1, x, y) + m.At(2, x, y) > 0;
+    };
+    int32_t worstStep = 0, worstMismatch = 0, columns = 0;
+    int32_t previousBottom = -1;
+    for (int32_t x = 0; x < 1500; ++x) {
+        int32_t top = -1, bottom = -1, wTop = -1, wBottom = -1;
+        for (int32_t y = 0; y < 1000; ++y) {
+            if (covered(reference.image, x, y)) {
+                top = top < 0 ? y : top;
+                bottom = y;
+            }
+            if (covered(windowed.image, x, y)) {
+                wTop = wTop < 0 ? y : wTop;
+                wBottom = y;
+            }
+        }
+        if (top < 0) {
+            previousBottom = -1;
+            continue;
+        }
+        ++columns;
+        worstMismatch = std::max({worstMismatch, std::abs(top - wTop), std::abs(bottom - wBottom)});
+        // The middle half, away from the corners where the edge turns.
+        if (previousBottom >= 0 && x > 375 && x < 1125) {
+            worstStep = std::max(worstStep, std::abs(wBottom - previousBottom));
+        }
+        previousBottom = wBottom;
+    }
+    EXPECT_GT(columns, 1000);
+    EXPECT_LE(worstMismatch, 1);
+    EXPECT_LE(worstStep, 3);
+    const auto difference = CompareImages(reference.image, windowed.image);
+    EXPECT_LE(difference.differing, 0.001 * 3 * 1500 * 1000)
+        << "largest difference " << difference.maxDifference;
 }
 
 // A memory budget smaller than the whole source also selects windows.

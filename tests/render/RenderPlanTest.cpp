@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <memory>
+#include <vector>
 
 #include "RenderTestSupport.h"
 #include "render/RenderMesh.h"
@@ -232,6 +233,88 @@ TEST(RenderPlan, VertexRectangleHoldsEveryValidQuad) {
         EXPECT_LT(index, 30u);
     }
     EXPECT_EQ(plan.TileIndices(0, 0).size(), 6u * 20u);
+}
+
+// A flat 2 : 1 grid whose texture coordinates run 0 ... 1 across it, shown
+// only within a content box: the plane region u in [0.1, 0.9], v in
+// [0.25, 0.75] is x in [0.2, 1.8], y in [-0.75, -0.25] (the plane's y up).
+std::shared_ptr<const RenderMesh> BoxedGrid(TextureBox content) {
+    auto mesh = std::make_shared<RenderMesh>();
+    const int32_t n = 11;
+    mesh->n = n;
+    for (int32_t j = 0; j < n; ++j) {
+        for (int32_t i = 0; i < n; ++i) {
+            mesh->positions.insert(mesh->positions.end(), {0.2f * i, -0.1f * j});
+            mesh->texcoords.insert(mesh->texcoords.end(), {0.1f * i, 0.1f * j});
+        }
+    }
+    mesh->quadValid.assign(static_cast<size_t>((n - 1) * (n - 1)), 1);
+    mesh->content = content;
+    return mesh;
+}
+
+TEST(RenderPlan, TrianglesAreClippedToTheContentExactly) {
+    const auto mesh = BoxedGrid({0.1f, 0.25f, 0.9f, 0.75f});
+    const MeshExtent extent = ComputeMeshExtent(*mesh);
+    EXPECT_NEAR(extent.minX, 0.2f, 1e-6f);
+    EXPECT_NEAR(extent.maxX, 1.8f, 1e-6f);
+    EXPECT_NEAR(extent.minY, -0.75f, 1e-6f);
+    EXPECT_NEAR(extent.maxY, -0.25f, 1e-6f);
+    // Every clipped corner keeps its affine texture coordinate, and the
+    // pieces cover the box's area exactly (1.6 x 0.5).
+    const RenderPlan plan(mesh, 400, 100, 400, 100, Fit());
+    double area = 0.0;
+    for (int32_t quad = 0; quad < 100; ++quad) {
+        std::vector<PlanVertex> t;
+        plan.AppendQuadTriangles(quad, t);
+        for (size_t k = 0; k < t.size(); k += 3) {
+            area += 0.5 * std::abs((t[k + 1].x - t[k].x) * (t[k + 2].y - t[k].y) -
+                                   (t[k + 2].x - t[k].x) * (t[k + 1].y - t[k].y));
+        }
+        for (const PlanVertex& p : t) {
+            EXPECT_NEAR(p.u, p.x / 2.0f, 1e-6f);
+            EXPECT_NEAR(p.v, -p.y, 1e-6f);
+        }
+    }
+    EXPECT_NEAR(area, 0.8, 1e-6);
+    // Quads wholly beside the box draw nothing and are in no bucket.
+    EXPECT_TRUE(plan.Bucket(0, 0).size() < 100u);
+}
+
+struct CropCase {
+    const char* name;
+    float offsetY;
+    float top;  // of the expected 1.6 x 0.4 frame
+};
+
+class CropToContentCases : public ::testing::TestWithParam<CropCase> {};
+
+// A 4 : 1 output over a 1.6 x 0.5 content: the largest 4 : 1 frame is the
+// content's full width, 0.4 high, placed by the offsets within the 0.1 of
+// travel; the scale plays no part.
+TEST_P(CropToContentCases, FramesTheLargestRectangleWithoutEmptyPixels) {
+    const auto mesh = BoxedGrid({0.1f, 0.25f, 0.9f, 0.75f});
+    const RenderPlan plan(mesh, 400, 100, 400, 100, {250, 0.5f, GetParam().offsetY, true});
+    const ViewFrame& f = plan.Frame();
+    constexpr float kCell = 1.6f / 400;
+    EXPECT_NEAR(f.width, 1.6f, 2 * kCell);
+    EXPECT_NEAR(f.height, 0.4f, kCell);
+    EXPECT_GE(f.left, 0.2f);
+    EXPECT_LE(f.left + f.width, 1.8f);
+    EXPECT_LE(f.top, -0.25f);
+    EXPECT_GE(f.top - f.height, -0.75f);
+    EXPECT_NEAR(f.top, GetParam().top, 2 * kCell);
+}
+
+INSTANTIATE_TEST_SUITE_P(Offsets, CropToContentCases,
+                         ::testing::Values(CropCase{"Centred", 0.5f, -0.30f},
+                                           CropCase{"Top", 0.0f, -0.25f},
+                                           CropCase{"Bottom", 1.0f, -0.35f}),
+                         [](const ::testing::TestParamInfo<CropCase>& p) { return p.param.name; });
+
+TEST(RenderPlan, CropToContentOfAnEmptyMeshFallsBackToTheFit) {
+    const auto mesh = BoxedGrid({2.0f, 2.0f, 3.0f, 3.0f});  // beside every quad
+    EXPECT_FALSE(CropToContent(*mesh, 400, 100, {}).has_value());
 }
 
 TEST(RenderMesh, UnsolvedWarpDrawsNothing) {

@@ -130,12 +130,10 @@ double SampleBilinear(const MemoryImage& source, int32_t p, double u, double v) 
     const double fy = std::floor(ty);
     const double a = tx - fx;
     const double b = ty - fy;
-    // Texels beyond the source are the sampler's border: zero.
+    // Beyond the source the sampler repeats its edge texels.
     auto texel = [&](double x, double y) {
-        if (x < 0 || y < 0 || x > w - 1.0 || y > h - 1.0) {
-            return 0.0;
-        }
-        return GpuScaleValue(source, p, static_cast<int32_t>(x), static_cast<int32_t>(y));
+        return GpuScaleValue(source, p, static_cast<int32_t>(std::clamp(x, 0.0, w - 1.0)),
+                             static_cast<int32_t>(std::clamp(y, 0.0, h - 1.0)));
     };
     return (1 - a) * (1 - b) * texel(fx, fy) + a * (1 - b) * texel(fx + 1, fy) +
            (1 - a) * b * texel(fx, fy + 1) + a * b * texel(fx + 1, fy + 1);
@@ -152,29 +150,28 @@ ReferenceImage RenderReference(const RenderPlan& plan, const MemoryImage& source
     out.coverage.assign(static_cast<size_t>(out.width) * out.height, 0);
     const RenderMesh& mesh = plan.Mesh();
     const int32_t n = mesh.QuadsPerSide();
+    std::vector<PlanVertex> triangles;
     for (int32_t quad = 0; quad < n * n; ++quad) {
         if (!mesh.IsQuadValid(quad)) {
             continue;
         }
-        const int32_t i = quad % n;
-        const int32_t j = quad / n;
         struct Corner {
             double px, py, u, v;
-        } corners[4];
-        float p[4][2];
-        for (int32_t c = 0; c < 4; ++c) {
-            const auto k = static_cast<size_t>(mesh.VertexIndex(i + (c & 1), j + (c >> 1)));
-            p[c][0] = mesh.positions[2 * k];
-            p[c][1] = mesh.positions[2 * k + 1];
-            plan.PlaneToPixel(p[c][0], p[c][1], corners[c].px, corners[c].py);
-            corners[c].u = mesh.texcoords[2 * k];
-            corners[c].v = mesh.texcoords[2 * k + 1];
-        }
-        const auto six = TriangulateQuad(0, 2, p[0], p[1], p[2], p[3]);
-        for (int32_t t = 0; t < 2; ++t) {
-            const Corner& A = corners[six[3 * t]];
-            const Corner& B = corners[six[3 * t + 1]];
-            const Corner& C = corners[six[3 * t + 2]];
+        };
+        // The quad's triangles as the plan draws them, clipped to the content.
+        triangles.clear();
+        plan.AppendQuadTriangles(quad, triangles);
+        for (size_t t = 0; t + 2 < triangles.size(); t += 3) {
+            Corner c[3];
+            for (int32_t k = 0; k < 3; ++k) {
+                const PlanVertex& q = triangles[t + static_cast<size_t>(k)];
+                plan.PlaneToPixel(q.x, q.y, c[k].px, c[k].py);
+                c[k].u = q.u;
+                c[k].v = q.v;
+            }
+            const Corner& A = c[0];
+            const Corner& B = c[1];
+            const Corner& C = c[2];
             const double area = (B.px - A.px) * (C.py - A.py) - (C.px - A.px) * (B.py - A.py);
             if (std::abs(area) < 1e-12) {
                 continue;

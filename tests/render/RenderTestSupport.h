@@ -85,7 +85,7 @@ MemoryImage SyntheticImage(int32_t width, int32_t height, PixelFormat format, ui
 // located in the triangles of the plan (quads ascending, each quad's two
 // triangles in order; a later triangle wins), its texture coordinate is the
 // barycentric interpolation of the corners', and the source is sampled
-// bilinearly (texel centres at (k + 0.5) / size, zero beyond the edge), in double.
+// bilinearly (texel centres at (k + 0.5) / size, the edge texel beyond it), in double.
 struct ReferenceImage {
     int32_t width = 0;
     int32_t height = 0;

@@ -57,6 +57,7 @@ struct GpuResampler::Impl {
     uint64_t sourceCreations = 0;
     bool targetInitialized = false;
     bool sourceReady = false;
+    std::array<float, 4> clearColor{};
 
     VkDevice vk() const { return gpu->vk(); }
 
@@ -278,14 +279,14 @@ Status GpuResampler::Impl::CreateBindingLayout() {
     samplerInfo.magFilter = VK_FILTER_LINEAR;
     samplerInfo.minFilter = VK_FILTER_LINEAR;
     samplerInfo.mipmapMode = VK_SAMPLER_MIPMAP_MODE_NEAREST;
-    // Beyond the photograph the output is empty (zero), with a smooth edge,
-    // not the photo's edge texels smeared outwards. Source windows carry a
-    // texel of margin beyond every bilinear footprint, so the border is only
-    // ever reached at the photo's own edge.
-    samplerInfo.addressModeU = VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_BORDER;
-    samplerInfo.addressModeV = VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_BORDER;
-    samplerInfo.addressModeW = VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_BORDER;
-    samplerInfo.borderColor = VK_BORDER_COLOR_FLOAT_TRANSPARENT_BLACK;
+    // The renderer clips its triangles to the photograph, so texture
+    // coordinates stay inside it; only the bilinear footprint of the last
+    // half texel reaches beyond, and there the edge texel is the right value
+    // (a border colour would tint the edge, and no single one suits every
+    // image mode). The empty area is the target's clear colour.
+    samplerInfo.addressModeU = VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_EDGE;
+    samplerInfo.addressModeV = VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_EDGE;
+    samplerInfo.addressModeW = VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_EDGE;
     samplerInfo.maxLod = 0.0f;
     if (Status s = detail::Assign(
             sampler,
@@ -728,7 +729,7 @@ Status GpuResampler::Draw(uint32_t indexCount, bool clear, std::optional<TargetR
     }
     VkCommandBuffer commands = begun.value();
     VkClearValue clearValue{};
-    clearValue.color = {{0.0f, 0.0f, 0.0f, 0.0f}};
+    clearValue.color = {{m.clearColor[0], m.clearColor[1], m.clearColor[2], m.clearColor[3]}};
     auto passInfo = detail::Info<VkRenderPassBeginInfo>(VK_STRUCTURE_TYPE_RENDER_PASS_BEGIN_INFO);
     passInfo.renderPass = clearNow ? m.clearPass.get() : m.loadPass.get();
     passInfo.framebuffer = m.framebuffer.get();
@@ -776,6 +777,10 @@ Status GpuResampler::Draw(uint32_t indexCount, bool clear, std::optional<TargetR
         return m.gpu->Invalidate(m.readback);
     }
     return {};
+}
+
+void GpuResampler::SetClearColor(const std::array<float, 4>& color) {
+    impl_->clearColor = color;
 }
 
 const void* GpuResampler::ReadbackData() const {

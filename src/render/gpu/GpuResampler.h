@@ -89,8 +89,11 @@ public:
     // applied to column vectors: clip = M * (x, y, 0, 1).
     Status SetMatrix(const std::array<float, 16>& rowMajor);
 
+    // The value every channel of the target is cleared to, 0 ... 1 of the
+    // channel's range (zero until set).
+    void SetClearColor(const std::array<float, 4>& color);
     // Draws the first indexCount uploaded indices as a triangle list. clear:
-    // the target is first cleared to zero in every channel (always so on the
+    // the target is first cleared to the clear colour (always so on the
     // first draw); otherwise the draw adds to what the target holds. readback:
     // a region of the target copied afterwards into host memory (ReadbackData).
     Status Draw(uint32_t indexCount, bool clear, std::optional<TargetRegion> readback);
