@@ -26,7 +26,10 @@ enum {
     cvKeyCropFactor = CV_FOURCC('C', 'r', 'p', 'F'),          /* float */
     cvKeyScale = CV_FOURCC('i', 'm', 'g', 'S'),               /* integer, percent */
     cvKeyOffsetX = CV_FOURCC('i', 'm', 'g', 'X'),             /* float */
-    cvKeyOffsetY = CV_FOURCC('i', 'm', 'g', 'Y')              /* float */
+    cvKeyOffsetY = CV_FOURCC('i', 'm', 'g', 'Y'),             /* float */
+    /* boolean: frame the picture on the largest rectangle of the output's
+     * aspect that holds no empty pixel (replaces the scale) */
+    cvKeyCropToContent = CV_FOURCC('i', 'm', 'g', 'C')
 };
 
 /* Enumerators of cvKeyProjectionModel. Panorama is read as Fisheye and never

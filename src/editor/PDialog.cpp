@@ -1005,7 +1005,7 @@ PreviewView PDialog::CurrentView() const {
     view.zoom = pane.Zoom();
     view.left = -pane.Origin().x() / pane.Zoom();
     view.top = -pane.Origin().y() / pane.Zoom();
-    view.framing = ViewFraming{s.scale, s.offsetX, s.offsetY};
+    view.framing = ViewFraming{s.scale, s.offsetX, s.offsetY, s.s1 != 0};
     view.corrected = previewOn();
     view.meshStep = ui_->showMesh->isChecked() ? kMeshStep : 0;
     return view;
@@ -1050,12 +1050,13 @@ void PDialog::UpdateDisplayCopies(const PreviewResult& result) {
     const ViewFraming& framing = result.view.framing;
     if (displayReady_ && result.warp == displayWarp_ &&
         framing.scalePercent == displayFraming_.scalePercent &&
-        framing.offsetX == displayFraming_.offsetX && framing.offsetY == displayFraming_.offsetY)
+        framing.offsetX == displayFraming_.offsetX && framing.offsetY == displayFraming_.offsetY &&
+        framing.cropToContent == displayFraming_.cropToContent)
         return;
     const ImageRect rect = filter_.imageRect();
     const double w = rect.Width(), h = rect.Height();
     extent_ = ComputeMeshExtent(*warp.mesh);
-    const ViewFrame frame = FitViewFrame(*extent_, rect.Width(), rect.Height(), framing);
+    const ViewFrame frame = PictureFrame(*warp.mesh, rect.Width(), rect.Height(), framing);
     // The warp's output plane -> picture pixels, as the renderer frames it:
     // the render plane is the warp's with y turned upwards (RenderMesh.h), so
     // render y = -y and row = (frame.top - render y) * h / frame.height.

@@ -38,6 +38,8 @@ constexpr std::array<std::string_view, 4> kRegularizerItems = {
     "$$$/Curvana/TypeRegularizerModel/Panini=Panini",
     "$$$/Curvana/TypeRegularizerModel/Auto=Auto",
 };
+constexpr std::string_view kCropToContent =
+    "$$$/Curvana/Prefs/Dialog/CropToContent=Crop to content (no empty border)";
 constexpr std::string_view kLoupeGroup = "$$$/Curvana/Prefs/Dialog/Loupe=Detail";
 constexpr std::string_view kLoupeSize = "$$$/Curvana/Prefs/Dialog/LoupeSize=Magnification:";
 constexpr std::string_view kLoupeWhileDragging =
@@ -61,6 +63,7 @@ PEditorPreferences PEditorPreferences::From(const PSettings& s) {
     PEditorPreferences p;
     p.colors = s.colors;
     p.regularizer = s.regularizerModel;
+    p.cropToContent = s.s1 != 0;
     p.loupeSize = std::clamp(s.loupeSize, kMinLoupeSize, kMaxLoupeSize);
     p.showLoupeWhenDragging = s.showLoupeWhenDragging != 0;
     return p;
@@ -69,6 +72,7 @@ PEditorPreferences PEditorPreferences::From(const PSettings& s) {
 void PEditorPreferences::ApplyTo(PSettings& s) const {
     s.colors = colors;
     s.regularizerModel = regularizer;
+    s.s1 = cropToContent ? 1 : 0;
     s.loupeSize = loupeSize;
     s.showLoupeWhenDragging = showLoupeWhenDragging ? 1 : 0;
 }
@@ -110,6 +114,9 @@ PPreferencesDialog::PPreferencesDialog(const PEditorPreferences& values, QWidget
     for (const std::string_view item : kRegularizerItems)
         regularizer_->addItem(Text(item));
     correctionForm->addRow(Text(kRegularizer), regularizer_);
+    cropToContent_ = new QCheckBox(Text(kCropToContent), correction);
+    cropToContent_->setObjectName(QStringLiteral("Project/Preferences/CropToContent"));
+    correctionForm->addRow(cropToContent_);
     layout->addWidget(correction);
 
     auto* loupe = new QGroupBox(Text(kLoupeGroup), this);
@@ -147,6 +154,7 @@ void PPreferencesDialog::SetValues(const PEditorPreferences& values) {
         ShowColor(k);
     const auto model = static_cast<uint32_t>(values.regularizer);
     regularizer_->setCurrentIndex(model >= 1 && model <= 4 ? static_cast<int>(model) - 1 : 3);
+    cropToContent_->setChecked(values.cropToContent);
     loupeSize_->setValue(values.loupeSize);
     loupeWhenDragging_->setChecked(values.showLoupeWhenDragging);
 }
@@ -155,6 +163,7 @@ PEditorPreferences PPreferencesDialog::Values() const {
     PEditorPreferences p;
     p.colors = colors_;
     p.regularizer = static_cast<RegularizerModel>(regularizer_->currentIndex() + 1);
+    p.cropToContent = cropToContent_->isChecked();
     p.loupeSize = loupeSize_->value();
     p.showLoupeWhenDragging = loupeWhenDragging_->isChecked();
     return p;

@@ -15,11 +15,13 @@ namespace Project {
 
 // The preferences the editor keeps in the settings record and the
 // preferences file: the six display colours, the regulariser the mesh is
-// drawn towards, the loupe's magnification and whether the loupe follows
-// the pointer during a drag.
+// drawn towards, whether the picture is cropped to its content (no empty
+// border; the settings' stored byte S1), the loupe's magnification and
+// whether the loupe follows the pointer during a drag.
 struct PEditorPreferences {
     std::array<uint32_t, 6> colors{};
     RegularizerModel regularizer = RegularizerModel::Auto;
+    bool cropToContent = false;
     int32_t loupeSize = 140;  // percent: 100 shows the photograph's pixels one to one
     bool showLoupeWhenDragging = true;
 
@@ -52,6 +54,7 @@ private:
     std::array<uint32_t, 6> colors_{};
     std::array<QPushButton*, 6> colorButtons_{};
     QComboBox* regularizer_ = nullptr;
+    QCheckBox* cropToContent_ = nullptr;
     QSpinBox* loupeSize_ = nullptr;
     QCheckBox* loupeWhenDragging_ = nullptr;
 };

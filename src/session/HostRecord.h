@@ -74,6 +74,8 @@ public:
     int32_t Depth() const { return record_ ? record_->depth : 0; }
     // Planes of the image (from the mode when the record gives none).
     int32_t Planes() const;
+    // The image mode (cvModeGray, cvModeRGB, cvModeCMYK, cvModeLab).
+    int32_t Mode() const { return record_ ? record_->mode : 0; }
     int32_t ImageWidth() const { return record_ ? record_->imageWidth : 0; }
     int32_t ImageHeight() const { return record_ ? record_->imageHeight : 0; }
 

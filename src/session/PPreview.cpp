@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "render/PResult.h"
+#include "session/SessionWarp.h"
 
 namespace Project {
 
@@ -333,7 +334,8 @@ std::shared_ptr<const PreviewWarp> SolveScene(const std::shared_ptr<const Previe
         out->warp = solver.Warp();
         kept.coordinates.Update(locator, scene->photo);
         out->mesh = std::make_shared<const RenderMesh>(
-            BuildRenderMesh(*out->warp, kept.coordinates.Function()));
+            BuildRenderMesh(*out->warp, kept.coordinates.Function(),
+                            ContentBoxOf(*out->warp, *scene->photo)));
     } else {
         out->solved = false;
         // A failed solve is no start for the next one.

@@ -69,7 +69,7 @@ struct PreviewView {
     double zoom = 1.0;  // pane pixels per picture pixel
     double left = 0.0;
     double top = 0.0;
-    ViewFraming framing;    // the settings' scale and offsets ("imgS", "imgX", "imgY")
+    ViewFraming framing;    // the settings' scale, offsets ("imgS", "imgX", "imgY") and crop
     bool corrected = true;  // false: the source as it is (Preview off)
     // Show Mesh: when > 0, the warped grid of every meshStep-th mesh line.
     int32_t meshStep = 0;
@@ -79,7 +79,8 @@ struct PreviewView {
                a.left == b.left && a.top == b.top &&
                a.framing.scalePercent == b.framing.scalePercent &&
                a.framing.offsetX == b.framing.offsetX && a.framing.offsetY == b.framing.offsetY &&
-               a.corrected == b.corrected && a.meshStep == b.meshStep;
+               a.framing.cropToContent == b.framing.cropToContent && a.corrected == b.corrected &&
+               a.meshStep == b.meshStep;
     }
 };
 

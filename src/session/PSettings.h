@@ -21,7 +21,7 @@ struct PSettings {
     explicit PSettings(int32_t imageWidth = 0);
 
     uint32_t settingsVersion = 0;  // version of the stored block it was loaded from
-    uint8_t s1 = 0;
+    uint8_t s1 = 0;  // the preferences dialog's crop to content: the frame holds no empty pixel
     uint16_t s2 = 64;
     uint8_t s3 = 0, s4 = 0, s5 = 0;
     uint32_t s6 = 0, s7 = 0;

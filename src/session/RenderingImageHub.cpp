@@ -9,6 +9,7 @@
 #include "render/PResult.h"
 #include "render/RenderMesh.h"
 #include "session/PFilter.h"
+#include "session/SessionWarp.h"
 
 namespace Project {
 
@@ -45,11 +46,12 @@ public:
     }
 
     // Tiles the renderer drew nothing into (no quad reaches them) are still
-    // part of the result: they are written empty (zero), like the uncovered
+    // part of the result: they are written as border, like the uncovered
     // pixels of a drawn tile.
-    void ClearUnwrittenTiles(int32_t planes, int32_t bytesPerValue) {
+    void ClearUnwrittenTiles(int32_t planes, int32_t bytesPerValue,
+                             const std::array<uint16_t, 4>& border) {
         const int32_t tile = RenderPlan::kTileSize;
-        std::vector<uint8_t> zeros;
+        std::vector<std::vector<uint8_t>> fills(static_cast<size_t>(planes));
         for (int32_t top = 0; top < area_.Height(); top += tile) {
             for (int32_t left = 0; left < area_.Width(); left += tile) {
                 const PixelRect r{left, top, std::min(left + tile, area_.Width()),
@@ -57,8 +59,20 @@ public:
                 if (std::find(written_.begin(), written_.end(), r) != written_.end())
                     continue;
                 const ptrdiff_t rowBytes = static_cast<ptrdiff_t>(r.Width()) * bytesPerValue;
-                zeros.assign(static_cast<size_t>(rowBytes) * static_cast<size_t>(r.Height()), 0);
-                std::vector<const void*> pointers(static_cast<size_t>(planes), zeros.data());
+                const size_t values =
+                    static_cast<size_t>(r.Width()) * static_cast<size_t>(r.Height());
+                std::vector<const void*> pointers;
+                for (size_t p = 0; p < fills.size(); ++p) {
+                    auto& fill = fills[p];
+                    fill.resize(values * static_cast<size_t>(bytesPerValue));
+                    if (bytesPerValue == 2) {
+                        auto* v = reinterpret_cast<uint16_t*>(fill.data());
+                        std::fill(v, v + values, border[p]);
+                    } else {
+                        std::fill(fill.begin(), fill.end(), static_cast<uint8_t>(border[p]));
+                    }
+                    pointers.push_back(fill.data());
+                }
                 Each(r, pointers.size(), rowBytes,
                      [&](const ImageRect& hr, int32_t p, int32_t stride) {
                          host_.WriteResultPlane(hr, p, pointers[static_cast<size_t>(p)], stride);
@@ -85,6 +99,22 @@ private:
 };
 
 }  // namespace
+
+std::array<uint16_t, 4> BorderValues(int32_t mode, int32_t depth) {
+    const uint16_t full = depth > 8 ? 32768 : 255;
+    const uint16_t neutral = depth > 8 ? 16384 : 128;
+    switch (mode) {
+        case cvModeCMYK:
+            // Zero is no ink: black is the black ink alone.
+            return {0, 0, 0, full};
+        case cvModeLab:
+            return {0, neutral, neutral, 0};
+        default:
+            // Grey and RGB: black is zero; a following alpha plane is
+            // transparent.
+            return {0, 0, 0, 0};
+    }
+}
 
 RenderingImageHub::RenderingImageHub(Gpu::GpuOptions options) : options_(std::move(options)) {}
 
@@ -118,7 +148,8 @@ bool RenderingImageHub::RenderFinal(PFilter& filter) {
     config.width = area.Width();
     config.height = area.Height();
     config.format = PixelFormat{host.Planes(), host.Depth() > 8 ? 16 : 8};
-    config.options.framing = ViewFraming{s.scale, s.offsetX, s.offsetY};
+    config.options.framing = ViewFraming{s.scale, s.offsetX, s.offsetY, s.s1 != 0};
+    config.options.border = BorderValues(host.Mode(), config.format.depth);
     // One source texture may take at most the pixel-cache budget; a larger
     // source is drawn through windows.
     config.options.sourceTextureBudget =
@@ -130,7 +161,8 @@ bool RenderingImageHub::RenderFinal(PFilter& filter) {
         return false;
     }
     PResult& result = *made.value();
-    result.SetWarp(*warp, MeshTextureCoordinates(*mesh, *photo));
+    result.SetMesh(std::make_shared<const RenderMesh>(BuildRenderMesh(
+        *warp, MeshTextureCoordinates(*mesh, *photo), ContentBoxOf(*warp, *photo))));
 
     HostPixels pixels(host, area);
     RenderControl control;
@@ -139,7 +171,8 @@ bool RenderingImageHub::RenderFinal(PFilter& filter) {
     const RenderStatus status = result.Render(pixels, pixels, control);
     switch (status.code) {
         case RenderCode::Ok:
-            pixels.ClearUnwrittenTiles(config.format.planes, config.format.BytesPerValue());
+            pixels.ClearUnwrittenTiles(config.format.planes, config.format.BytesPerValue(),
+                                       config.options.border);
             return true;
         case RenderCode::Cancelled:
             return false;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -7,6 +9,13 @@
 #include "session/PFilterComponents.h"
 
 namespace Project {
+
+// What the picture shows where it shows nothing of the photograph: black in
+// every image mode (grey and RGB 0; CMYK no colour ink and full black ink;
+// Lab L = 0 with neutral a and b), and transparent (0) in an alpha plane that
+// follows the mode's planes. Values on the host scale for the depth (8 or 16
+// bits; full scale 255 or 32768).
+std::array<uint16_t, 4> BorderValues(int32_t mode, int32_t depth);
 
 // The image hub of the module: the host's image behind the renderer's source
 // and sink interfaces, and the final full-resolution pass through the GPU.

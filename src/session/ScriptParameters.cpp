@@ -121,6 +121,12 @@ void ReadScriptDescriptor(const CvDescriptorSuite5& suite, CvDescriptor d, PSett
             case cvKeyOffsetY:
                 ReadFloat(suite, d, key, settings.offsetY);
                 break;
+            case cvKeyCropToContent: {
+                uint8_t v = 0;
+                if (suite.getBoolean(d, key, &v) == cvNoErr)
+                    settings.s1 = v != 0 ? 1 : 0;
+                break;
+            }
             case cvKeyActionVersion: {
                 int32_t ignored = 0;
                 (void)suite.getInteger(d, key, &ignored);
@@ -173,6 +179,7 @@ bool WriteScriptDescriptor(const CvDescriptorSuite5& suite, CvDescriptor d,
     ok &= suite.putInteger(d, cvKeyScale, settings.scale) == cvNoErr;
     ok &= suite.putFloat(d, cvKeyOffsetX, settings.offsetX) == cvNoErr;
     ok &= suite.putFloat(d, cvKeyOffsetY, settings.offsetY) == cvNoErr;
+    ok &= suite.putBoolean(d, cvKeyCropToContent, settings.s1 != 0 ? 1 : 0) == cvNoErr;
     return ok;
 }
 

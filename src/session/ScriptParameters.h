@@ -60,7 +60,7 @@ void ReadScriptDescriptor(const CvDescriptorSuite5& suite, CvDescriptor descript
 
 // Puts the settings into an empty descriptor in this key order: "actV" 0,
 // "cnsD" (only when the set serialises to some bytes that can be allocated),
-// "prjM", "regM", "focL", "PhyF", "CrpF", "imgS", "imgX", "imgY". False when
+// "prjM", "regM", "focL", "PhyF", "CrpF", "imgS", "imgX", "imgY", "imgC". False when
 // the suite reports an error.
 bool WriteScriptDescriptor(const CvDescriptorSuite5& suite, CvDescriptor descriptor,
                            const PSettings& settings, const PConstraintData* constraints);

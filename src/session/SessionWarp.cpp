@@ -85,17 +85,21 @@ private:
 };
 
 // The closed form the solver pulls towards for the user's choice.
+//
+// Auto builds the stereographic form, as the closed-form construction does
+// for every code that names no form. Auto used to start from Panini and rely
+// on the wide-field fallback, but a fisheye or rectilinear photo is valid over
+// its whole front hemisphere, so the field check always sees 180 degrees and
+// the fallback always fired: Auto ended stereographic anyway, after a wasted
+// first build. Stereographic is conformal and finite over that hemisphere,
+// which is why it is the safe automatic choice; Mercator and Panini are the
+// user's to name.
 RegularizerModel closedFormFor(RegularizerModel model) {
     switch (model) {
         case RegularizerModel::Mercator:
         case RegularizerModel::Panini:
         case RegularizerModel::Equirectangular:
             return model;
-        case RegularizerModel::Auto:
-            // Panini keeps verticals and a natural look over moderate fields;
-            // the solver's wide-field check falls back to stereographic
-            // (leaving the choice at Auto) beyond 120 degrees.
-            return RegularizerModel::Panini;
         default:
             return RegularizerModel::Stereographic;
     }
@@ -160,7 +164,33 @@ SolverSettings solverSettingsFrom(const PSettings& s) {
     out.projectionModel = s.projectionModel;
     out.regulariserCode = closedFormFor(s.regularizerModel);
     out.storedRegulariserChoice = s.regularizerModel;
+    // A named closed form in the settings was named by someone: the user in
+    // the editor or its preferences, a descriptor's "regM" or a constraint
+    // file (the factory value is Auto, and the solver no longer rewrites the
+    // choice). So it is honoured whatever the field; only Auto falls back to
+    // stereographic for a wide field.
+    out.explicitRegulariserChoice = s.regularizerModel != RegularizerModel::Auto;
     return out;
+}
+
+TextureBox ContentBoxOf(const SphereWarp& warp, const PhotoToSphere& photo) {
+    const auto* solver = dynamic_cast<const IterativeWarpSolver*>(&warp);
+    // QueryFlag6 is false exactly for the cylindrical and spherical models.
+    if (!solver || !solver->TwoPass() || photo.QueryFlag6())
+        return {};
+    const AngleRange lat = solver->LatitudeRange();
+    const AngleRange lon = solver->LongitudeRange();
+    float u0 = 0.0f, u1 = 1.0f, v0 = 0.0f, v1 = 1.0f, ignored = 0.0f;
+    PhotoTexture(photo, lon.first, 0.0f, u0, ignored);
+    PhotoTexture(photo, lon.second, 0.0f, u1, ignored);
+    PhotoTexture(photo, 0.0f, lat.first, ignored, v0);
+    PhotoTexture(photo, 0.0f, lat.second, ignored, v1);
+    TextureBox box;
+    box.u0 = std::clamp(std::min(u0, u1), 0.0f, 1.0f);
+    box.u1 = std::clamp(std::max(u0, u1), 0.0f, 1.0f);
+    box.v0 = std::clamp(std::min(v0, v1), 0.0f, 1.0f);
+    box.v1 = std::clamp(std::max(v0, v1), 0.0f, 1.0f);
+    return box;
 }
 
 MeshWarpPipeline::MeshWarpPipeline(std::shared_ptr<ConstraintSet> set) : set_(std::move(set)) {}

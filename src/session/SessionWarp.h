@@ -7,6 +7,7 @@
 #include "constraints/ConstraintFile.h"
 #include "constraints/ConstraintSet.h"
 #include "constraints/GeodesicLines.h"
+#include "render/RenderMesh.h"
 #include "session/PFilterComponents.h"
 #include "solver/Solver.h"
 #include "warp/MeshLocator.h"
@@ -82,5 +83,11 @@ private:
 
 // The solver's settings from the session's record.
 SolverSettings solverSettingsFrom(const PSettings& settings);
+
+// The part of the source that a warp's picture shows (RenderMesh::content):
+// the whole photograph, except for a two-pass mesh warp on a cylindrical or
+// spherical photo (a full spherical one), whose latitude and longitude ranges
+// are rows and columns of the source: then the rectangle they bound.
+TextureBox ContentBoxOf(const SphereWarp& warp, const PhotoToSphere& photo);
 
 }  // namespace Project

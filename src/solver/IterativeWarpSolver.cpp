@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <numbers>
 #include <numeric>
 #include <stdexcept>
 
@@ -55,6 +56,14 @@ struct IterativeWarpSolver::FixedSystem {
     std::vector<int> ordering;
 };
 
+namespace {
+
+// Just short of the back seam (longitude +-pi) and of the poles.
+constexpr float kSeamLongitude = 3.1405927f;
+constexpr float kPoleLatitude = 1.5697963f;
+
+}  // namespace
+
 IterativeWarpSolver::IterativeWarpSolver(std::shared_ptr<const OctaMap> mesh,
                                          std::shared_ptr<const PhotoToSphere> photo,
                                          float regulariserWeight, int32_t iterationCount,
@@ -81,14 +90,45 @@ IterativeWarpSolver::IterativeWarpSolver(std::shared_ptr<const OctaMap> mesh,
     n_ = mesh_->Size();
     vertexCount_ = n_ * n_;
     regulariser_ = MakeClosedForm(regulariserCode, mesh_, photo_);
-    // Validity is asked of every term many times: ask the photo once.
+    // Validity is asked of every term many times: ask the photo once. With
+    // two passes, a vertex outside the ranges stays valid next to one inside
+    // them: the quads across a range's edge are kept whole, so the renderer
+    // can clip the picture at the range itself (a smooth edge) instead of at
+    // the mesh's steps.
+    std::vector<uint8_t> inRanges(static_cast<size_t>(vertexCount_), 0);
+    for (int32_t j = 0; j < n_; ++j) {
+        for (int32_t i = 0; i < n_; ++i) {
+            inRanges[static_cast<size_t>(i + j * n_)] = IsVertexInRanges(i, j) ? 1 : 0;
+        }
+    }
+    // The ring stops short of the back seam and the poles, where a quad's
+    // corners would lie on opposite sides of the photo.
+    auto nearRanges = [&](int32_t i, int32_t j) {
+        if (inRanges[static_cast<size_t>(i + j * n_)] != 0) {
+            return true;
+        }
+        const SphereDirection angles = mesh_->UnrotatedAngles(i, j);
+        if (std::abs(angles.lambda) >= kSeamLongitude || std::abs(angles.phi) >= kPoleLatitude) {
+            return false;
+        }
+        for (int32_t dj = -1; dj <= 1; ++dj) {
+            for (int32_t di = -1; di <= 1; ++di) {
+                const int32_t a = i + di, b = j + dj;
+                if (a >= 0 && a < n_ && b >= 0 && b < n_ &&
+                    inRanges[static_cast<size_t>(a + b * n_)] != 0) {
+                    return true;
+                }
+            }
+        }
+        return false;
+    };
     auto valid = std::make_shared<std::vector<uint8_t>>(static_cast<size_t>(vertexCount_), 0);
     for (int32_t j = 0; j < n_; ++j) {
         for (int32_t i = 0; i < n_; ++i) {
             bool visible = false;
             if (photo_) {
                 const SphereDirection a = mesh_->UnrotatedAngles(i, j);
-                visible = photo_->IsVisible(a.lambda, a.phi) && IsVertexInRanges(i, j);
+                visible = photo_->IsVisible(a.lambda, a.phi) && nearRanges(i, j);
             }
             (*valid)[static_cast<size_t>(i + j * n_)] = visible ? 1 : 0;
         }
@@ -276,8 +316,33 @@ void IterativeWarpSolver::AddTriangleTerm(double weight, MeshVertex p, MeshVerte
     if (la == 0.0 || lb == 0.0) {
         return;  // corners folded onto each other: no shape to keep
     }
-    const double s = la / lb;
-    const double theta = std::atan2(ay, ax) - std::atan2(by, bx);
+    double s = la / lb;
+    double theta = std::atan2(ay, ax) - std::atan2(by, bx);
+    // The shape to keep is the closed form's own triangle where it has one:
+    // the sphere's shape is right only for a conformal form with little
+    // change of scale across a triangle, and Mercator's and Panini's are not
+    // (their pictures strayed by pixels from the form with no constraint at
+    // all). Where the form gives no fair triangle (outside its domain, across
+    // its seam, near its singular points) the sphere's shape stands.
+    if (regulariser_->InDomain(p.i, p.j) && regulariser_->InDomain(q.i, q.j) &&
+        regulariser_->InDomain(r.i, r.j)) {
+        float px = 0, py = 0, qx = 0, qy = 0, rx = 0, ry = 0;
+        regulariser_->ProjectVertex(p.i, p.j, px, py);
+        regulariser_->ProjectVertex(q.i, q.j, qx, qy);
+        regulariser_->ProjectVertex(r.i, r.j, rx, ry);
+        const double fax = double(qx) - px, fay = double(qy) - py;
+        const double fbx = double(rx) - px, fby = double(ry) - py;
+        const double fla = std::hypot(fax, fay), flb = std::hypot(fbx, fby);
+        if (std::isfinite(fla) && std::isfinite(flb) && fla > 0.0 && flb > 0.0) {
+            const double fs = fla / flb;
+            const double fTheta = std::atan2(fay, fax) - std::atan2(fby, fbx);
+            const double turn = std::remainder(fTheta - theta, 2.0 * std::numbers::pi);
+            if (fs < 64.0 * s && fs > s / 64.0 && std::abs(turn) < 1.5) {
+                s = fs;
+                theta = fTheta;
+            }
+        }
+    }
     const double sc = s * std::cos(theta);
     const double ss = s * std::sin(theta);
     const int32_t kp = CanonicalIndex(p.i, p.j);

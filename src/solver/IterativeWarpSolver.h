@@ -121,8 +121,11 @@ struct IterativeSolveOptions {
 //
 // Validity. A vertex is valid when the photo sees its unrotated direction;
 // with two-pass on it must in addition lie inside the latitude and longitude
-// ranges (inclusive). That gives a full sphere, which has no edge of its own, a
-// border where the regulariser holds it.
+// ranges (inclusive), or be one of the eight neighbours of a vertex that does
+// and lie off the back seam and the poles.
+// That gives a full sphere, which has no edge of its own, a border where the
+// regulariser holds it; the ring just outside the ranges keeps the quads
+// across their edges whole, for the renderer to clip at the ranges exactly.
 class IterativeWarpSolver : public SphereWarp {
 public:
     static constexpr float kConvergenceThreshold = 0.005f;
@@ -212,7 +215,10 @@ protected:
     // values: a zero coefficient still enters the unknown into the system.
     void AddFixedRow(std::span<const int32_t> unknowns, std::span<const double> coefficients,
                      double rhs);
-    // The similarity term of vertices p, q, r (see the implementation).
+    // The similarity term of vertices p, q, r: the output edges p->q and p->r
+    // keep the ratio and angle of the closed form's own triangle where it
+    // gives a fair one, else of the sphere's edges in p's tangent frame (see
+    // the implementation). So without constraints the warp is the closed form.
     void AddTriangleTerm(double weight, MeshVertex p, MeshVertex q, MeshVertex r);
 
     // --- For the iteration terms.

@@ -55,7 +55,10 @@ struct SolverSettings {
 //   - a wide field falls back to the stereographic regulariser once (see
 //     SolverSettings for when), rebuilding the warp; two-pass rebuilds once
 //     if nothing else did.
-// With two-pass on, the warp treats vertices outside the ranges as invalid.
+// With two-pass on, the warp treats vertices outside the ranges as invalid,
+// except those next to a vertex inside them: the quads across a range's edge
+// stay, and the renderer clips them at the range (ContentBoxOf in the
+// session), so the picture ends smoothly there.
 // Run(): Build(), Solve(), then hands the warp to the constraints' GeodesicLines
 // (which maps samples through it only when it is solved). A warp built again
 // with the regulariser, two-pass flag and ranges of the last one shares that

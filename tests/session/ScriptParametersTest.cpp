@@ -111,6 +111,7 @@ TEST(ScriptParameters, WritesKeysInTheFixedOrderAndReadsThemBack) {
     written.scale = 80;
     written.offsetX = 0.125f;
     written.offsetY = 0.875f;
+    written.s1 = 1;  // crop to content
     RecordingConstraints out;
     out.bytes = {1, 2, 3, 4};
     const ActionDescriptor d = Write(written, &out);
@@ -119,7 +120,7 @@ TEST(ScriptParameters, WritesKeysInTheFixedOrderAndReadsThemBack) {
     for (const auto& e : d.Entries())
         keys.push_back(FourCCText(e.key));
     EXPECT_EQ(keys, (std::vector<std::string>{"actV", "cnsD", "prjM", "regM", "focL", "PhyF",
-                                              "CrpF", "imgS", "imgX", "imgY"}));
+                                              "CrpF", "imgS", "imgX", "imgY", "imgC"}));
     EXPECT_EQ(d.GetInteger(FourCC("actV")), 0);
     EXPECT_EQ(d.GetEnumerated(FourCC("prjM")), (Enumerated{FourCC("prjM"), FourCC("fusP")}));
     EXPECT_EQ(d.GetEnumerated(FourCC("regM")), (Enumerated{FourCC("regM"), FourCC("panR")}));
@@ -136,6 +137,7 @@ TEST(ScriptParameters, WritesKeysInTheFixedOrderAndReadsThemBack) {
     EXPECT_EQ(read.scale, written.scale);
     EXPECT_EQ(read.offsetX, written.offsetX);
     EXPECT_EQ(read.offsetY, written.offsetY);
+    EXPECT_EQ(read.s1, 1);
     ASSERT_EQ(in.parsed.size(), 1u);
     EXPECT_EQ(in.parsed[0], out.bytes);
 
