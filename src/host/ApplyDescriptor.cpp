@@ -56,6 +56,8 @@ std::unique_ptr<Descriptor> applyDescriptor(const CliOptions& options, const Des
     if (options.regularizer)
         d->putEnumerated(cvKeyRegularizerModel, cvKeyRegularizerModel,
                          regularizerCode(*options.regularizer));
+    if (options.cropToContent)
+        d->putBoolean(cvKeyCropToContent, true);
 
     // The crop factor the photo implies: its 35 mm equivalent over its focal length.
     const double exifCrop = metadata.focalLengthMm > 0 && metadata.focalLength35mm > 0

@@ -15,6 +15,7 @@
 namespace Curvana::Host {
 
 // --params (if any), then the options on top ("prjM", "regM" enumerators;
+// "imgC" true for --crop-to-content;
 // "PhyF", "CrpF" and the focal length in pixels "focL" = crop x focal mm x
 // max(width, height) / 36). Without focal options and without "focL" in
 // --params, the photo's EXIF focal length (and the crop factor from its

@@ -54,6 +54,8 @@ void printHelp(const std::string& command) {
                "  --crop C               sensor crop factor, 0.1 to 10 (default: from --params, "
                "the "
                "photo's EXIF, or 1)\n"
+               "  --crop-to-content      frame the picture on the largest rectangle without empty\n"
+               "                         border (instead of the scale)\n"
                "  --params ACTION.json   replay a recorded action (the options above override its "
                "keys)\n"
                "  --constraints FILE.cvc constraints saved from the editor: lines and polygons to\n"

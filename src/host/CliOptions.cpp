@@ -80,7 +80,8 @@ std::optional<CliOptions> parseCommandLine(const std::vector<std::string>& args)
             return args[++i];
         };
         const bool applyOnly = a == "--projection" || a == "--regularizer" || a == "--focal-mm" ||
-                               a == "--crop" || a == "--params" || a == "--constraints";
+                               a == "--crop" || a == "--params" || a == "--constraints" ||
+                               a == "--crop-to-content";
         if (applyOnly && o.command != "apply")
             throw usage(a + ": only 'curvana apply' takes this option");
         if (a == "-h" || a == "--help") {
@@ -107,6 +108,8 @@ std::optional<CliOptions> parseCommandLine(const std::vector<std::string>& args)
             o.focalMm = parseNumber(a, value(), 1, 1000);
         } else if (a == "--crop") {
             o.crop = parseNumber(a, value(), 0.1, 10);
+        } else if (a == "--crop-to-content") {
+            o.cropToContent = true;
         } else if (a == "--params") {
             o.params = value();
         } else if (a == "--constraints") {

@@ -20,6 +20,7 @@ struct CliOptions {
     std::optional<uint64_t>
         memoryMiB;  // the memory budget of one image; default: half the machine's
     bool quiet = false;
+    bool cropToContent = false;
 };
 
 // Parses argv (without the program name). Throws HostError (kExitUsage) for

@@ -292,6 +292,14 @@ void Descriptor::putEnumerated(uint32_t key, uint32_t type, uint32_t value) {
     put(std::move(e));
 }
 
+void Descriptor::putBoolean(uint32_t key, bool v) {
+    DescriptorEntry e;
+    e.key = key;
+    e.type = cvTypeBoolean;
+    e.boolean = v;
+    put(std::move(e));
+}
+
 std::optional<double> Descriptor::getFloat(uint32_t key) const {
     const DescriptorEntry* e = find(key);
     if (e && e->type == cvTypeFloat)

@@ -42,6 +42,7 @@ public:
     void putInteger(uint32_t key, int32_t v);
     void putFloat(uint32_t key, double v);
     void putEnumerated(uint32_t key, uint32_t type, uint32_t value);
+    void putBoolean(uint32_t key, bool v);
     std::optional<double> getFloat(uint32_t key) const;
 
     // A descriptor the module made with the suite's make: the module owns it
