@@ -221,8 +221,8 @@ std::optional<ViewFrame> CropToContent(const RenderMesh& mesh, int32_t width, in
     auto widthFor = [&](int32_t h) { return static_cast<int32_t>(std::ceil(h * aspect - 1e-9)); };
     // The placement the offsets ask for, in cells, for a block of h x w.
     auto wanted = [&](int32_t h, int32_t w, double& c, double& r) {
-        c = framing.offsetX * (columns - w);
-        r = framing.offsetY * (rows - h);
+        c = framing.offsetX * static_cast<double>(columns - w);
+        r = framing.offsetY * static_cast<double>(rows - h);
     };
     struct Place {
         int32_t r = -1, c = -1;
