@@ -60,13 +60,11 @@ void ExpectDescriptor(const ActionDescriptor* d, const Expected& e) {
 }
 
 // What a run with only "regM" = "merR" returns when StoredPrefs were loaded,
-// and when the defaults were in force (a 64-pixel-wide image). The Mercator
-// request comes back stereographic: the mesh of a fisheye or perspective
-// photo spans its whole front hemisphere, wider than the 120 degrees the
-// Mercator and Panini forms are kept for.
-const Expected kFromStored{cvProjectionPerspective, cvRegularizerStereographic, 777.0f, 24.0f,
-                           1.6f};
-const Expected kFromDefaults{cvProjectionFisheye, cvRegularizerStereographic, 64.0f * 15.0f / 36.0f,
+// and when the defaults were in force (a 64-pixel-wide image). A named
+// regulariser is the user's choice and comes back as named, however wide the
+// field.
+const Expected kFromStored{cvProjectionPerspective, cvRegularizerMercator, 777.0f, 24.0f, 1.6f};
+const Expected kFromDefaults{cvProjectionFisheye, cvRegularizerMercator, 64.0f * 15.0f / 36.0f,
                              15.0f, 1.0f};
 
 class EntryPoint : public ::testing::Test {
@@ -204,9 +202,9 @@ TEST_F(EntryPoint, ScriptedApplyRendersAndHandsTheParametersBack) {
     ASSERT_FALSE(host.progressReports.empty());
     EXPECT_EQ(host.progressReports.back().first, host.progressReports.back().second);
     ASSERT_EQ(host.resultDescriptors, 1);
-    // Panini falls back to stereographic over the perspective hemisphere.
-    ExpectDescriptor(host.result.get(), {cvProjectionPerspective, cvRegularizerStereographic,
-                                         1234.5f, 20.0f, 1.5f, 150, 0.25f, 0.75f});
+    // The named Panini form is kept over the perspective hemisphere.
+    ExpectDescriptor(host.result.get(), {cvProjectionPerspective, cvRegularizerPanini, 1234.5f,
+                                         20.0f, 1.5f, 150, 0.25f, 0.75f});
     // The constraints come back; the header carries the settings applied.
     const auto* data = host.result->GetData(cvKeyConstraintData);
     ASSERT_NE(data, nullptr);
