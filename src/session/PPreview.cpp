@@ -333,9 +333,8 @@ std::shared_ptr<const PreviewWarp> SolveScene(const std::shared_ptr<const Previe
     if (out->solved && solver.Warp() && solver.Warp()->IsSolved()) {
         out->warp = solver.Warp();
         kept.coordinates.Update(locator, scene->photo);
-        out->mesh = std::make_shared<const RenderMesh>(
-            BuildRenderMesh(*out->warp, kept.coordinates.Function(),
-                            ContentBoxOf(*out->warp, *scene->photo)));
+        out->mesh = std::make_shared<const RenderMesh>(BuildRenderMesh(
+            *out->warp, kept.coordinates.Function(), ContentBoxOf(*out->warp, *scene->photo)));
     } else {
         out->solved = false;
         // A failed solve is no start for the next one.
