@@ -1,0 +1,86 @@
+#include "ImageMetadata.h"
+
+#include <gexiv2/gexiv2.h>
+#include <exiv2/exiv2.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <mutex>
+
+#include "GLibHandles.h"
+
+namespace Curvana::Gimp {
+namespace {
+
+double rationalValue(const Exiv2::ExifData& exif, const char* key) {
+    const auto it = exif.findKey(Exiv2::ExifKey(key));
+    if (it == exif.end() || it->count() == 0)
+        return 0;
+    const double v = it->toFloat(0);
+    return std::isfinite(v) && v > 0 ? v : 0;
+}
+
+void copyIfMissing(const Exiv2::ExifData& exif, const char* exifKey, Exiv2::XmpData& xmp,
+                   const char* xmpKey) {
+    const auto it = exif.findKey(Exiv2::ExifKey(exifKey));
+    if (it == exif.end() || xmp.findKey(Exiv2::XmpKey(xmpKey)) != xmp.end())
+        return;
+    const std::string value = it->toString();
+    if (!value.empty())
+        xmp[xmpKey] = value;
+}
+
+std::string oneLine(std::string s) {
+    std::replace(s.begin(), s.end(), '\n', ' ');
+    return s;
+}
+
+}  // namespace
+
+ImageMetadata readImageMetadata(gint32 image) {
+    static std::once_flag quiet;
+    std::call_once(quiet, [] { Exiv2::LogMsg::setLevel(Exiv2::LogMsg::mute); });
+
+    ImageMetadata out;
+    // GIMP's image metadata is an Exiv2 store (through gexiv2).
+    const GObjectPtr<GimpMetadata> metadata(gimp_image_get_metadata(image));
+    if (!metadata)
+        return out;
+    auto* store = GEXIV2_METADATA(metadata.get());
+    try {
+        Exiv2::ExifData exif;
+        GErrorHolder error;
+        const GBytesPtr exifBytes(
+            gexiv2_metadata_get_exif_data(store, GEXIV2_BYTE_ORDER_LITTLE, error.out()));
+        if (exifBytes) {
+            gsize size = 0;
+            const auto* data =
+                static_cast<const Exiv2::byte*>(g_bytes_get_data(exifBytes.get(), &size));
+            if (size > 0)
+                Exiv2::ExifParser::decode(exif, data, static_cast<uint32_t>(size));
+        }
+        out.focalLengthMm = rationalValue(exif, "Exif.Photo.FocalLength");
+        out.focalLength35mm = rationalValue(exif, "Exif.Photo.FocalLengthIn35mmFilm");
+
+        Exiv2::XmpData xmp;
+        const std::string packet = takeString(gexiv2_metadata_try_generate_xmp_packet(
+            store, GEXIV2_USE_COMPACT_FORMAT, 0, error.out()));
+        if (!packet.empty() && Exiv2::XmpParser::decode(xmp, packet) != 0)
+            out.warnings.push_back("the image's XMP could not be read; its EXIF is used alone");
+        Exiv2::copyExifToXmp(exif, xmp);
+        // The conversion leaves out the lens and the body's serial number,
+        // which the filter matches constraint files and lens profiles on.
+        copyIfMissing(exif, "Exif.Photo.LensModel", xmp, "Xmp.aux.Lens");
+        copyIfMissing(exif, "Exif.Photo.BodySerialNumber", xmp, "Xmp.aux.SerialNumber");
+        if (!xmp.empty() && Exiv2::XmpParser::encode(out.xmpPacket, xmp) != 0) {
+            out.xmpPacket.clear();
+            out.warnings.push_back("the image's metadata could not be encoded as XMP");
+        }
+    } catch (const std::exception& e) {
+        out.xmpPacket.clear();
+        out.warnings.push_back("the image's metadata was not read (" + oneLine(e.what()) + ")");
+    }
+    return out;
+}
+
+}  // namespace Curvana::Gimp

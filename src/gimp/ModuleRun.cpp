@@ -1,0 +1,328 @@
+#include "ModuleRun.h"
+
+#include <libgimp/gimp.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <thread>
+
+#include "SystemFacts.h"
+
+namespace Curvana::Gimp {
+namespace {
+
+// Everything the callbacks reach through the record's host pointer.
+struct HostContext {
+    const HostFacts* facts = nullptr;
+    const Invocation* invocation = nullptr;
+    InvocationOutcome* outcome = nullptr;
+    CvRect filterRect{};
+    // libgimp talks to GIMP over one pipe and is not thread-safe: only the
+    // thread that runs the procedure calls it. Messages from other threads
+    // wait in `deferred` until the run is over.
+    std::thread::id gimpThread;
+    std::mutex mutex;
+    std::vector<std::string> deferred;
+    int lastPermille = -1;
+};
+
+HostContext* context(void* host) {
+    return static_cast<HostContext*>(host);
+}
+
+bool onGimpThread(const HostContext* ctx) {
+    return std::this_thread::get_id() == ctx->gimpThread;
+}
+
+CvError copyString(const std::string& text, char* buffer, size_t capacity, size_t* length) {
+    if (!length || (capacity > 0 && !buffer))
+        return cvErrParam;
+    if (text.empty())
+        return cvErrUnsupported;
+    *length = text.size();
+    if (capacity > 0) {
+        const size_t n = std::min(capacity - 1, text.size());
+        std::memcpy(buffer, text.data(), n);
+        buffer[n] = '\0';
+    }
+    return cvNoErr;
+}
+
+CvError getProperty(void* host, uint32_t signature, uint32_t key, int32_t* value) {
+    HostContext* ctx = context(host);
+    if (!ctx || !value)
+        return cvErrParam;
+    if (signature != CV_PROPERTY_SIGNATURE)
+        return cvErrUnsupported;
+    if (key == CV_PROPERTY_VERSION) {
+        *value = static_cast<int32_t>(static_cast<uint32_t>(kHostMajorVersion) << 16);
+        return cvNoErr;
+    }
+    if (key == CV_PROPERTY_GPU_FLAGS) {
+        *value = ctx->facts->gpuAvailable ? 0x80 : 0;
+        return cvNoErr;
+    }
+    return cvErrUnsupported;
+}
+
+CvError acquireSuite(void* host, const char* name, int32_t version, const void** suite) {
+    if (!context(host) || !name || !suite)
+        return cvErrParam;
+    if (std::strcmp(name, CV_DESCRIPTOR_SUITE_NAME) == 0 &&
+        version == CV_DESCRIPTOR_SUITE_VERSION) {
+        *suite = descriptorSuite();
+        return cvNoErr;
+    }
+    // No buffer suite (the module's pixel cache then allocates on its own,
+    // within the budget it is told) and no lens-profile suite.
+    *suite = nullptr;
+    return cvErrUnsupported;
+}
+
+CvError releaseSuite(void* host, const char* name, int32_t) {
+    return context(host) && name ? cvNoErr : cvErrParam;
+}
+
+CvError setResultDescriptor(void* host, CvDescriptor result) {
+    HostContext* ctx = context(host);
+    if (!ctx)
+        return cvErrParam;
+    Descriptor* d = Descriptor::fromHandle(result);
+    if (!d || !d->madeByModule)
+        return cvErrParam;
+    d->madeByModule = false;  // ours now
+    ctx->outcome->result.reset(d);
+    return cvNoErr;
+}
+
+bool validPlaneRequest(const HostContext* ctx, const CvRect* rect, int32_t plane,
+                       const void* buffer, int32_t rowBytes) {
+    const DrawableLayout& layout = ctx->invocation->pixels->layout();
+    if (!rect || !buffer || rect->left >= rect->right || rect->top >= rect->bottom)
+        return false;
+    const CvRect& f = ctx->filterRect;
+    if (rect->left < f.left || rect->top < f.top || rect->right > f.right ||
+        rect->bottom > f.bottom)
+        return false;
+    if (plane < 0 || plane >= layout.planes)
+        return false;
+    return rowBytes >= static_cast<int64_t>(rect->right - rect->left) * (layout.depth / 8);
+}
+
+// A plane request: checked, and every exception turned into an error code
+// (nothing may be thrown into the module); the first failure is kept for
+// the message the user sees.
+template <class Transfer>
+CvError planeRequest(void* host, const CvRect* rect, int32_t plane, const void* buffer,
+                     int32_t rowBytes, Transfer&& transfer) {
+    HostContext* ctx = context(host);
+    if (!ctx || !ctx->invocation)
+        return cvErrParam;
+    if (!validPlaneRequest(ctx, rect, plane, buffer, rowBytes))
+        return cvErrParam;
+    auto keep = [ctx](const std::string& why) {
+        const std::lock_guard lock(ctx->mutex);
+        if (ctx->outcome->pixelError.empty())
+            ctx->outcome->pixelError = why;
+    };
+    try {
+        transfer(*ctx->invocation->pixels);
+        return cvNoErr;
+    } catch (const std::bad_alloc&) {
+        keep("out of memory while serving the layer's pixels to the filter");
+        return cvErrMemory;
+    } catch (const std::exception& e) {
+        keep(e.what());
+        return cvErrFilterFailed;
+    }
+}
+
+CvError readSourcePlane(void* host, const CvRect* rect, int32_t plane, void* buffer,
+                        int32_t rowBytes) {
+    return planeRequest(host, rect, plane, buffer, rowBytes, [&](DrawablePixels& pixels) {
+        pixels.readPlane(*rect, plane, buffer, rowBytes);
+    });
+}
+
+CvError writeResultPlane(void* host, const CvRect* rect, int32_t plane, const void* buffer,
+                         int32_t rowBytes) {
+    return planeRequest(host, rect, plane, buffer, rowBytes, [&](DrawablePixels& pixels) {
+        pixels.writePlane(*rect, plane, buffer, rowBytes);
+    });
+}
+
+CvError getXmpPacket(void* host, char* buffer, size_t capacity, size_t* length) {
+    HostContext* ctx = context(host);
+    if (!ctx || !length || (capacity > 0 && !buffer))
+        return cvErrParam;
+    const std::string& xmp = ctx->invocation->xmpPacket;
+    *length = xmp.size();
+    if (capacity > 0)
+        std::memcpy(buffer, xmp.data(), std::min(capacity, xmp.size()));
+    return cvNoErr;
+}
+
+void setProgressText(void* host, const char* /*title*/, const char* message) {
+    HostContext* ctx = context(host);
+    if (!ctx || !onGimpThread(ctx))
+        return;
+    try {
+        const std::string text = displayText(message);
+        const std::lock_guard wire(ctx->invocation->pixels->wire());
+        gimp_progress_init(text.c_str());
+        ctx->lastPermille = -1;
+    } catch (...) {
+    }
+}
+
+void progress(void* host, int64_t done, int64_t total) {
+    HostContext* ctx = context(host);
+    if (!ctx || !onGimpThread(ctx) || total <= 0)
+        return;
+    // Each update is a round trip to GIMP: send a step of a thousandth at most.
+    const double fraction =
+        std::clamp(static_cast<double>(done) / static_cast<double>(total), 0.0, 1.0);
+    const int permille = static_cast<int>(std::lround(fraction * 1000));
+    if (permille == ctx->lastPermille)
+        return;
+    ctx->lastPermille = permille;
+    const std::lock_guard wire(ctx->invocation->pixels->wire());
+    gimp_progress_update(fraction);
+}
+
+// GIMP 2.10 answers Cancel on a plug-in's progress by ending the plug-in's
+// process. The shadow buffer is merged only after a complete render, so the
+// layer is left as it was; there is nothing left here to ask.
+int32_t abortRequested(void*) {
+    return 0;
+}
+
+int32_t alert(void* host, const char* message, const char* title, int32_t buttons) {
+    HostContext* ctx = context(host);
+    try {
+        const std::string t = displayText(title);
+        const std::string m = displayText(message);
+        const std::string line = t.empty() || t == "Curvana" ? m : t + ": " + m;
+        if (ctx) {
+            const bool now = onGimpThread(ctx);
+            {
+                const std::lock_guard lock(ctx->mutex);
+                ctx->outcome->alerts.push_back(line);
+                if (!now)
+                    ctx->deferred.push_back(line);
+            }
+            if (now) {
+                const std::lock_guard wire(ctx->invocation->pixels->wire());
+                gimp_message(line.c_str());
+            }
+        }
+    } catch (...) {
+    }
+    // A GIMP message has no buttons: take the affirmative one.
+    return buttons == cvButtonsYesNoCancel ? cvAnswerYes : cvAnswerOK;
+}
+
+uint64_t maxSpace(void* host) {
+    HostContext* ctx = context(host);
+    return ctx ? ctx->facts->maxSpace : 0;
+}
+
+uint64_t freeMemory(void*) {
+    return availableMemory();
+}
+
+CvError preferencesBase(void* host, char* buffer, size_t capacity, size_t* length) {
+    HostContext* ctx = context(host);
+    return ctx ? copyString(ctx->facts->preferencesBase, buffer, capacity, length) : cvErrParam;
+}
+
+// A plug-in has no view of the keyboard: no modifier is ever held.
+uint32_t modifierKeys(void*) {
+    return 0;
+}
+
+CvError documentName(void* host, char* buffer, size_t capacity, size_t* length) {
+    HostContext* ctx = context(host);
+    return ctx ? copyString(ctx->invocation->documentName, buffer, capacity, length) : cvErrParam;
+}
+
+}  // namespace
+
+std::string displayText(const char* text) {
+    if (!text)
+        return {};
+    std::string s = text;
+    if (s.rfind("$$$/", 0) == 0) {
+        const auto eq = s.find('=');
+        s = eq == std::string::npos ? s : s.substr(eq + 1);
+    }
+    return s;
+}
+
+InvocationOutcome runModule(FilterModule& module, const HostFacts& facts,
+                            const Invocation& invocation) {
+    InvocationOutcome outcome;
+    HostContext ctx;
+    ctx.facts = &facts;
+    ctx.invocation = &invocation;
+    ctx.outcome = &outcome;
+    ctx.gimpThread = std::this_thread::get_id();
+    const DrawableLayout& layout = invocation.pixels->layout();
+    ctx.filterRect = CvRect{0, 0, layout.width, layout.height};
+
+    // The descriptor passed in is the module's to read only: it gets a copy.
+    std::unique_ptr<Descriptor> input;
+    if (invocation.descriptor)
+        input = std::make_unique<Descriptor>(*invocation.descriptor);
+
+    CvFilterRecord record{};
+    record.abiVersion = CURVANA_ABI_VERSION;
+    record.structSize = sizeof(CvFilterRecord);
+    record.host = &ctx;
+    record.getProperty = getProperty;
+    record.acquireSuite = acquireSuite;
+    record.releaseSuite = releaseSuite;
+    record.descriptor = input ? input->handle() : nullptr;
+    record.setResultDescriptor = setResultDescriptor;
+    record.mode = layout.mode;
+    record.depth = layout.depth;
+    record.planes = layout.planes;
+    record.imageWidth = layout.width;
+    record.imageHeight = layout.height;
+    record.filterRect = ctx.filterRect;
+    record.readSourcePlane = readSourcePlane;
+    record.writeResultPlane = writeResultPlane;
+    record.getXmpPacket = getXmpPacket;
+    record.setProgressText = setProgressText;
+    record.progress = progress;
+    record.abortRequested = abortRequested;
+    record.alert = alert;
+    record.maxSpace = maxSpace;
+    record.freeMemory = freeMemory;
+    record.preferencesBase = preferencesBase;
+    record.modifierKeys = modifierKeys;
+    record.documentName = documentName;
+
+    auto call = [&](int16_t selector) {
+        const int16_t result = module.call(selector, record);
+        if (result != 0 && outcome.error == 0) {
+            outcome.error = result;
+            outcome.failedSelector = selector;
+        }
+        return result == 0;
+    };
+    const bool ok = !invocation.parameters || call(cvSelectorParameters);
+    if (ok && call(cvSelectorPrepare)) {
+        if (call(cvSelectorStart))
+            call(cvSelectorContinue);
+        call(cvSelectorFinish);
+    }
+    for (const std::string& line : ctx.deferred)
+        gimp_message(line.c_str());
+    return outcome;
+}
+
+}  // namespace Curvana::Gimp
