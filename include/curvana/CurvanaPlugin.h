@@ -28,7 +28,7 @@ extern "C" {
 
 /* Bumped whenever the layout of CvFilterRecord or a suite changes. The module
  * refuses a record whose abiVersion differs from the one it was built with. */
-#define CURVANA_ABI_VERSION 2
+#define CURVANA_ABI_VERSION 3
 
 #define CV_FOURCC(a, b, c, d)                                                     \
     ((uint32_t)(((uint32_t)(uint8_t)(a) << 24) | ((uint32_t)(uint8_t)(b) << 16) | \
@@ -44,9 +44,13 @@ enum {
     cvErrFilterFailed = -30 /* the filter failed; it has shown or logged why */
 };
 
-/* Selectors. Unload is an addition of this interface: it destroys the
- * instance that the module stored in *data, so the host can close the module
- * without leaking it. */
+/* Selectors. Unload and Registration are additions of this interface.
+ * Unload destroys the instance that the module stored in *data, so the host
+ * can close the module without leaking it. Registration answers without an
+ * instance and without an image (the record needs abiVersion and structSize
+ * only): *data receives the address of the module's CvRegistration, which
+ * stays valid while the module is loaded; pass a slot of your own, not the
+ * instance's. */
 enum {
     cvSelectorAbout = 0,
     cvSelectorParameters = 1,
@@ -54,7 +58,8 @@ enum {
     cvSelectorStart = 3,
     cvSelectorContinue = 4,
     cvSelectorFinish = 5,
-    cvSelectorUnload = 100
+    cvSelectorUnload = 100,
+    cvSelectorRegistration = 101
 };
 
 /* Image modes of the filtered image. */
@@ -86,6 +91,13 @@ typedef struct CvRect {
 #define CV_PROPERTY_SIGNATURE CV_FOURCC('K', 'S', 'T', 'X')
 #define CV_PROPERTY_VERSION CV_FOURCC('v', 'e', 'r', 's')   /* major in the upper 16 bits */
 #define CV_PROPERTY_GPU_FLAGS CV_FOURCC('G', 'P', 'U', 'F') /* bit 7: GPU in use */
+/* Non-zero: a run without the dialog starts from what the editor would open
+ * with (the saved settings, with the projection model and focal length that
+ * the photo's metadata decide) rather than from the saved settings alone;
+ * the keys of the descriptor passed in apply over that. A descriptor that
+ * sets the physical focal length or the crop factor without the focal length
+ * in pixels gets the latter from them. */
+#define CV_PROPERTY_FRESH_DEFAULTS CV_FOURCC('F', 'r', 's', 'h')
 
 /* ---- Suites, acquired by name and version ---------------------------------- */
 
@@ -205,7 +217,41 @@ typedef struct CvFilterRecord {
      * e.g. the file name): copies up to capacity bytes including the NUL,
      * reports the full length without it. The editor shows it in its title. */
     CvError (*documentName)(void* host, char* buffer, size_t capacity, size_t* length);
+
+    /* A message for the user that needs no answer (UTF-8). A run without the
+     * dialog shows nothing modal: what it has to say about its input (a
+     * constraint it skipped, a model it could not use) comes here. */
+    void (*warning)(void* host, const char* message);
 } CvFilterRecord;
+
+/* ---- Registration ------------------------------------------------------------ */
+
+/* One entry of the scripting terminology: a descriptor key with its value
+ * type (CvDescriptorSuite5), or an enumerator with the key of its
+ * enumeration as type. */
+typedef struct CvTerm {
+    uint32_t code;
+    uint32_t type;
+    const char* name; /* English */
+} CvTerm;
+
+/* What the filter declares before it is run: the images it takes and its
+ * scripting terminology (see CurvanaScripting.h). */
+typedef struct CvRegistration {
+    uint32_t abiVersion;       /* CURVANA_ABI_VERSION of the module */
+    const char* name;          /* "Curvana" */
+    const char* version;       /* the module's version, "major.minor.patch" */
+    int32_t hostMajorVersion;  /* the host version ("vers") it runs under */
+    uint32_t modes;            /* (1u << cvMode...) for every mode it takes */
+    uint32_t depths;           /* (1u << bits) for every depth it takes: 8, 16 */
+    int32_t maxWidth, maxHeight;
+    uint32_t event;            /* the class of the actions it records */
+    const char* eventName;
+    const CvTerm* keys; /* descriptor keys in the terminology */
+    uint32_t keyCount;
+    const CvTerm* enumerators;
+    uint32_t enumeratorCount;
+} CvRegistration;
 
 /* The entry point. data is a pointer-sized slot the host keeps for the module
  * across calls (the module stores its instance there); result receives

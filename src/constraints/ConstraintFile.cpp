@@ -165,8 +165,8 @@ std::unique_ptr<PlaneConstraint> ReadPlane(ByteReader& r, std::string& why) {
 // The record count and the records. False when the data ends early or holds
 // an impossible count (the reader's failure also covers the reads before), or
 // more than the solver takes, which `why` then names.
-bool ReadRecords(ByteReader& r, ConstraintSet::List& records, std::string& why) {
-    const uint32_t count = r.U32();
+bool ReadRecords(ByteReader& r, ConstraintSet::List& records, uint32_t& count, std::string& why) {
+    count = r.U32();
     // Every record takes at least its four tag bytes.
     if (!r.Ok() || count > r.Remaining() / 4)
         return false;
@@ -374,18 +374,24 @@ bool readConstraintData(ConstraintSet& set, ConstraintFileContext& context,
     // ends early changes nothing.
     const ParsedSettings settings = ReadSettings(r);
     ConstraintSet::List records;
-    if (std::string why; !ReadRecords(r, records, why)) {
+    uint32_t count = 0;
+    if (std::string why; !ReadRecords(r, records, count, why)) {
         if (why.empty())
             FailInvalid(set);
         else
             Fail(set, std::move(why));
         return false;
     }
+    // Finite values are clamped into their ranges; one that is not a number
+    // at all reaches the check as it is, to be refused with its name.
+    auto clampedOrAsIs = [](float v, float lo, float hi) {
+        return std::isfinite(v) ? clampSetting(v, lo, hi) : v;
+    };
     ConstraintFileSettings candidate = context.Settings();
     candidate.physicalFocal =
-        clampSetting(settings.physicalFocal, kMinPhysicalFocalMm, kMaxPhysicalFocalMm);
+        clampedOrAsIs(settings.physicalFocal, kMinPhysicalFocalMm, kMaxPhysicalFocalMm);
     candidate.cropFactor = settings.cropFactor;
-    candidate.focalLength = clampSetting(settings.focalLength, kMinFocalPixels, kMaxFocalPixels);
+    candidate.focalLength = clampedOrAsIs(settings.focalLength, kMinFocalPixels, kMaxFocalPixels);
     candidate.scale = settings.scale;
     candidate.offsetX = settings.offsetX;
     candidate.offsetY = settings.offsetY;
@@ -393,8 +399,17 @@ bool readConstraintData(ConstraintSet& set, ConstraintFileContext& context,
         Fail(set, std::move(why));
         return false;
     }
+    // A context that checks nothing still gets no value that is not a number.
+    for (const float v : {candidate.physicalFocal, candidate.cropFactor, candidate.focalLength,
+                          candidate.offsetX, candidate.offsetY}) {
+        if (!std::isfinite(v)) {
+            FailInvalid(set);
+            return false;
+        }
+    }
     ApplySettings(settings, set, context);
     set.Replace(std::move(records));
+    set.SetUnreadRecords(count - static_cast<uint32_t>(set.Size()));
     return true;
 }
 

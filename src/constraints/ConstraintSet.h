@@ -88,6 +88,12 @@ public:
     void ClearMessage() { message_.clear(); }
     void SetMessage(std::string text) { message_ = std::move(text); }
 
+    // Records of the last successful read that made no constraint: one of
+    // an unknown kind, and those read wrongly after it (such a record has no
+    // length to be skipped by).
+    uint32_t UnreadRecords() const { return unreadRecords_; }
+    void SetUnreadRecords(uint32_t count) { unreadRecords_ = count; }
+
     // The set word: a 32-bit state word stored in and restored from
     // constraint files verbatim; its meaning belongs to the session (0 by
     // default).
@@ -106,6 +112,7 @@ private:
     PointF fitPoint_{-1.0f, -1.0f};
     bool success_ = true;
     std::string message_;
+    uint32_t unreadRecords_ = 0;
     uint32_t stateWord_ = 0;
     int32_t savedMarker_ = 0;
 };

@@ -336,10 +336,18 @@ bool GeodesicLines::Fit(const Constraint& constraint) {
     return false;
 }
 
-void GeodesicLines::FitAll(const ConstraintSet& set) {
+FitFailures GeodesicLines::FitAll(const ConstraintSet& set) {
     Clear();
-    for (const auto& c : set.Constraints())
-        Fit(*c);
+    FitFailures failed;
+    for (const auto& c : set.Constraints()) {
+        if (Fit(*c))
+            continue;
+        if (AsLine(*c))
+            ++failed.lines;
+        else if (AsPlane(*c))
+            ++failed.planes;
+    }
+    return failed;
 }
 
 void GeodesicLines::Remove(int32_t id) {

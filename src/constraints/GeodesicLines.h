@@ -107,6 +107,13 @@ struct GeodesicPlane {
     std::vector<PlaneSample> samples;
 };
 
+// Constraints of a set that FitAll could not fit: lines whose arc does not
+// fit under the projection, polygons whose plane cannot be set up.
+struct FitFailures {
+    uint32_t lines = 0;
+    uint32_t planes = 0;
+};
+
 // The solver's view of the constraints: the fitted lines keyed by identifier
 // (first list), the fitted edges of polygons (second list) and the polygons'
 // plane set-ups, all under the session's current PhotoToSphere; and, once a
@@ -171,8 +178,9 @@ public:
     bool FitLine(const LineConstraint& line);
     bool SetUpPlane(const PlaneConstraint& plane);
     bool Fit(const Constraint& constraint);
-    // Clears every entry and fits each constraint of the set in list order.
-    void FitAll(const ConstraintSet& set);
+    // Clears every entry and fits each constraint of the set in list order;
+    // returns how many could not be fitted.
+    FitFailures FitAll(const ConstraintSet& set);
     void Remove(int32_t id);
     void Clear();
 

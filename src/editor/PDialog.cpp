@@ -739,7 +739,7 @@ void PDialog::DecideProjection(ProjectionModel fallback) {
         Alert(kInvalidFullSphericalRatioKey);
         return;
     }
-    filter_.chooseProjection(fallback, false, false);
+    filter_.chooseProjection(fallback, ProjectionDecision::Keep, false);
     deciding_ = false;
     if (wanted == ProjectionModel::Auto && s.projectionModel != ProjectionModel::Auto)
         Alert(kNoMatchedProfileKey);
@@ -891,10 +891,11 @@ void PDialog::ResetToOpening() {
 void PDialog::RestoreDefaults() {
     const PSettings before = Settings();
     CopyCorrection(Settings(), PSettings(filter_.imageRect().Width()));
-    // As a fresh start without saved settings: the model from the metadata,
-    // the photo's own focal length.
+    // The factory correction: the model the metadata gives when defaults are
+    // restored (decided on the 35 mm equivalent), the photo's own focal
+    // length.
     deciding_ = true;
-    filter_.chooseProjection(ProjectionModel::Fisheye, true, false);
+    filter_.chooseProjection(ProjectionModel::Fisheye, ProjectionDecision::Reset, false);
     Settings().focalLength = filter_.focalFromMetadata(true);
     deciding_ = false;
     PushSettingsStep(before, kCancelButton, settings_field::kAll);

@@ -71,8 +71,10 @@ class PPreviewPane;
 //  - Holding Alt turns Cancel into Reset: back to the settings and
 //    constraints the dialog opened with, as one undoable step. When nothing
 //    differs from that state it reads Default instead and restores the
-//    factory correction (projection chosen from the metadata, the photo's
-//    focal length, scale 120 %, centred); constraints and preferences stay.
+//    factory correction (the projection as defaults restored decide it: a
+//    lens profile, else the 16 mm rule on the 35 mm-equivalent focal
+//    length; the photo's focal length, scale 120 %, centred); constraints
+//    and preferences stay.
 //  - Escape (and closing the window) with changes asks whether to save
 //    them: Save is OK, Don't Save is Cancel, Cancel returns to the dialog.
 //    Without changes it cancels at once.

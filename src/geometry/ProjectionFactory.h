@@ -52,7 +52,7 @@ std::shared_ptr<PhotoToSphere> makeProjection(ProjectionModel model, float focal
 
 // --- Pure helpers of the projection-model decision.
 // Used by the session's chooseProjection (and through it by the editor's
-// projection popup, "As Shot" and the constraint-file load).
+// projection popup, its Default and the constraint-file load).
 
 // Full Spherical needs a 2:1 picture: false when |width - 2 height| / width
 // exceeds 0.001 (or width is not positive). The caller then falls back to
@@ -68,8 +68,9 @@ inline constexpr std::string_view kInvalidFullSphericalRatioKey =
 // millimetres: |f| < 0.01 gives fallback; f - 16 > 0.01 gives Perspective;
 // f > 0.01 and 16 - f > 0.01 gives Fisheye; f within 0.01 of 16 gives current.
 // The caller picks the value that decides: the session's chooseProjection
-// (which the editor's popup and "As Shot" go through) passes the photo's
-// 35 mm-equivalent focal length, CameraMetadata::equivalentFocalLength().
+// passes the photo's own focal length for a fresh invocation and its 35
+// mm-equivalent focal length (CameraMetadata::equivalentFocalLength()) when
+// the editor restores the defaults.
 ProjectionModel modelForFocalLength(float focalMm, ProjectionModel current,
                                     ProjectionModel fallback);
 

@@ -1,8 +1,8 @@
 #include "ApplyDescriptor.h"
 
-#include <algorithm>
 #include <fstream>
 
+#include "HostError.h"
 #include "SystemInfo.h"
 
 namespace Curvana::Host {
@@ -22,8 +22,8 @@ std::unique_ptr<Descriptor> withConstraintFile(const Descriptor* params, const f
     if (ec)
         throw HostError(kExitUsage,
                         file.string() + ": cannot read the constraint file (" + ec.message() + ")");
-    if (size == 0)
-        throw HostError(kExitUsage, file.string() + ": the constraint file is empty");
+    if (size == 0)  // the filter's own words for it
+        throw HostError(kExitUsage, file.string() + ": The file you selected is an empty file.");
     if (size > kMaxBytes)
         throw HostError(kExitUsage, file.string() + ": too large for a constraint file");
     std::ifstream in(file, std::ios::binary);
@@ -46,9 +46,7 @@ std::unique_ptr<Descriptor> withConstraintFile(const Descriptor* params, const f
     return d;
 }
 
-std::unique_ptr<Descriptor> applyDescriptor(const CliOptions& options, const Descriptor* params,
-                                            int32_t width, int32_t height,
-                                            const PhotoMetadata& metadata) {
+std::unique_ptr<Descriptor> applyDescriptor(const CliOptions& options, const Descriptor* params) {
     auto d = params ? std::make_unique<Descriptor>(*params) : std::make_unique<Descriptor>();
     if (options.projection)
         d->putEnumerated(cvKeyProjectionModel, cvKeyProjectionModel,
@@ -58,37 +56,16 @@ std::unique_ptr<Descriptor> applyDescriptor(const CliOptions& options, const Des
                          regularizerCode(*options.regularizer));
     if (options.cropToContent)
         d->putBoolean(cvKeyCropToContent, true);
-
-    // The crop factor the photo implies: its 35 mm equivalent over its focal length.
-    const double exifCrop = metadata.focalLengthMm > 0 && metadata.focalLength35mm > 0
-                                ? metadata.focalLength35mm / metadata.focalLengthMm
-                                : 0;
-    const double longSide = std::max(width, height);
-    auto put = [&](double focalMm, double crop) {
-        d->putFloat(cvKeyPhysicalFocalLength, focalMm);
-        d->putFloat(cvKeyCropFactor, crop);
-        d->putFloat(cvKeyFocalLength, crop * focalMm * longSide / 36.0);
-    };
-    if (options.focalMm || options.crop) {
-        const double crop =
-            options.crop ? *options.crop
-                         : d->getFloat(cvKeyCropFactor).value_or(exifCrop > 0 ? exifCrop : 1.0);
-        double focal = options.focalMm
-                           ? *options.focalMm
-                           : d->getFloat(cvKeyPhysicalFocalLength).value_or(metadata.focalLengthMm);
-        if (focal <= 0 && metadata.focalLength35mm > 0)
-            focal = metadata.focalLength35mm / crop;
-        if (focal > 0)
-            put(focal, crop);
-        else
-            d->putFloat(cvKeyCropFactor, crop);
-    } else if (!d->find(cvKeyFocalLength) && !d->find(cvKeyConstraintData)) {
-        // (A constraint file carries the focal length it was drawn with.)
-        if (metadata.focalLengthMm > 0)
-            put(metadata.focalLengthMm, exifCrop > 0 ? exifCrop : 1.0);
-        else if (metadata.focalLength35mm > 0)
-            put(metadata.focalLength35mm, 1.0);
-    }
+    // The filter completes what the options leave open (the crop factor of
+    // --focal-mm, the focal length of --crop) from the photo's metadata, and
+    // works out the focal length in pixels, which a replayed one must not
+    // override.
+    if (options.focalMm)
+        d->putFloat(cvKeyPhysicalFocalLength, *options.focalMm);
+    if (options.crop)
+        d->putFloat(cvKeyCropFactor, *options.crop);
+    if (options.focalMm || options.crop)
+        d->erase(cvKeyFocalLength);
     return d;
 }
 

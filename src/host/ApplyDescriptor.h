@@ -9,20 +9,17 @@
 
 #include "CliOptions.h"
 #include "Descriptor.h"
-#include "Metadata.h"
 #include "curvana/CurvanaScripting.h"
 
 namespace Curvana::Host {
 
-// --params (if any), then the options on top ("prjM", "regM" enumerators;
-// "imgC" true for --crop-to-content;
-// "PhyF", "CrpF" and the focal length in pixels "focL" = crop x focal mm x
-// max(width, height) / 36). Without focal options and without "focL" in
-// --params, the photo's EXIF focal length (and the crop factor from its
-// 35 mm equivalent) is used.
-std::unique_ptr<Descriptor> applyDescriptor(const CliOptions& options, const Descriptor* params,
-                                            int32_t width, int32_t height,
-                                            const PhotoMetadata& metadata);
+// --params (if any), then the options on top: "prjM", "regM" enumerators,
+// "imgC" true for --crop-to-content,
+// "PhyF" from --focal-mm and "CrpF" from --crop (either drops a replayed
+// "focL"). Whatever is left out the filter takes from what its editor would
+// open with (the run asks for that, CV_PROPERTY_FRESH_DEFAULTS): the photo's
+// metadata decides the projection, crop factor and focal length.
+std::unique_ptr<Descriptor> applyDescriptor(const CliOptions& options, const Descriptor* params);
 
 // --params (may be null) with a constraint file's bytes as the constraint
 // data, placed first so that every other key overrides the settings the file

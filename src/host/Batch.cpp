@@ -100,7 +100,7 @@ public:
             warn(w);
         std::unique_ptr<Descriptor> descriptor;
         if (options_.command == "apply")
-            descriptor = applyDescriptor(options_, params_, info.width, info.height, metadata);
+            descriptor = applyDescriptor(options_, params_);
         else if (params_)
             descriptor = std::make_unique<Descriptor>(*params_);
 
@@ -124,6 +124,8 @@ public:
         invocation.xmpPacket = metadata.moduleXmp;
         invocation.documentName = t.input.filename().string();
         invocation.descriptor = descriptor.get();
+        invocation.freshDefaults = options_.command == "apply";
+        invocation.resetPreferences = options_.resetPreferences;
         if (options_.command == "edit")
             prepareEditInvocation(invocation);
         invocation.listener = &bar_;

@@ -10,7 +10,9 @@ const char* const kUsage =
     "usage: curvana apply IN... -o OUT [options]   correct photographs silently\n"
     "       curvana repeat IN... -o OUT            again, with the last recorded settings\n"
     "       curvana edit IN -o OUT                 correct in the editor\n"
-    "       curvana COMMAND --help                 help on one command\n";
+    "       curvana COMMAND --help                 help on one command\n"
+    "       curvana --version [--module PATH]      versions, the Vulkan device and what the\n"
+    "                                              filter registers\n";
 
 namespace {
 
@@ -36,6 +38,8 @@ const char* const kCommonOptions =
     "  --memory-mb N          the most one image may take in memory: a decoded PNG or JPEG,\n"
     "                         one TIFF strip or tile (default: half of the machine's memory)\n"
     "  -q, --quiet            no progress display\n"
+    "  --reset-preferences    the filter starts from its defaults instead of its stored\n"
+    "                         preferences, and saves them over those\n"
     "  -h, --help             this help\n";
 
 }  // namespace
@@ -51,9 +55,7 @@ void printHelp(const std::string& command) {
             << "  --projection P         fisheye | perspective | auto | full-spherical\n"
                "  --regularizer R        stereographic | mercator | panini | auto\n"
                "  --focal-mm F           physical focal length in millimetres (1 to 1000)\n"
-               "  --crop C               sensor crop factor, 0.1 to 10 (default: from --params, "
-               "the "
-               "photo's EXIF, or 1)\n"
+               "  --crop C               sensor crop factor, 0.1 to 10\n"
                "  --crop-to-content      frame the picture on the largest rectangle without empty\n"
                "                         border (instead of the scale)\n"
                "  --params ACTION.json   replay a recorded action (the options above override its "
@@ -61,9 +63,12 @@ void printHelp(const std::string& command) {
                "  --constraints FILE.cvc constraints saved from the editor: lines and polygons to\n"
                "                         keep straight, with the settings they were drawn with\n"
                "                         (the options above override those settings)\n\n"
-               "The focal length in pixels handed to the filter is C x F x max(width, height) / "
-               "36.\n"
-               "Without focal options, the photo's EXIF focal length is used when it has one.\n"
+               "Whatever the options and --params leave open, the filter decides as its editor\n"
+               "would open: the projection from the photo's lens profile or focal length, the\n"
+               "focal length and crop factor from its metadata (camera, 35 mm equivalent, sensor\n"
+               "size), else from the last settings. The focal length in pixels is\n"
+               "crop x focal mm x max(width, height) / 36. Warnings about the input (constraints\n"
+               "that could not be used, a projection that does not fit) are printed as such.\n"
                "The settings the filter reports back are recorded in\n"
                "$XDG_CONFIG_HOME/curvana/last-action.json (default ~/.config/curvana).\n\n"
             << kExitCodes;

@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <cstdio>
-#include <iostream>
 
 #include "CliHelp.h"
 #include "HostError.h"
@@ -66,8 +65,13 @@ std::optional<CliOptions> parseCommandLine(const std::vector<std::string>& args)
         return std::nullopt;
     }
     if (first == "--version") {
-        std::cout << "curvana 0.1.0 (filter interface " << CURVANA_ABI_VERSION << ")\n";
-        return std::nullopt;
+        o.command = "version";
+        for (size_t i = 1; i < args.size(); ++i) {
+            if (args[i] != "--module" || i + 1 >= args.size())
+                throw usage("--version takes only --module PATH");
+            o.module = args[++i];
+        }
+        return o;
     }
     if (first != "apply" && first != "repeat" && first != "edit")
         throw usage("unknown command '" + first + "' (apply, repeat or edit; see curvana --help)");
@@ -93,6 +97,8 @@ std::optional<CliOptions> parseCommandLine(const std::vector<std::string>& args)
             o.module = value();
         } else if (a == "-q" || a == "--quiet") {
             o.quiet = true;
+        } else if (a == "--reset-preferences") {
+            o.resetPreferences = true;
         } else if (a == "--cache-mb") {
             o.cacheMiB = static_cast<uint64_t>(parseNumber(a, value(), 16, 1 << 20));
         } else if (a == "--memory-mb") {

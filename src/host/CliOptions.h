@@ -10,7 +10,7 @@
 namespace Curvana::Host {
 
 struct CliOptions {
-    std::string command;  // apply, repeat, edit
+    std::string command;  // apply, repeat, edit, version
     std::vector<std::string> inputs;
     std::string output;
     std::string module;
@@ -21,10 +21,14 @@ struct CliOptions {
         memoryMiB;  // the memory budget of one image; default: half the machine's
     bool quiet = false;
     bool cropToContent = false;
+    // The filter starts from its defaults, not its stored preferences, and
+    // saves them over those.
+    bool resetPreferences = false;
 };
 
 // Parses argv (without the program name). Throws HostError (kExitUsage) for
-// bad usage. Returns nullopt when help or the version was printed.
+// bad usage. Returns nullopt when help was printed. "--version" (with an
+// optional --module PATH) gives the command "version".
 std::optional<CliOptions> parseCommandLine(const std::vector<std::string>& args);
 
 // The "prjM" and "regM" enumerators of --projection and --regularizer names.

@@ -267,6 +267,10 @@ void Descriptor::put(DescriptorEntry entry) {
     entries_.push_back(std::move(entry));
 }
 
+void Descriptor::erase(uint32_t key) {
+    std::erase_if(entries_, [key](const DescriptorEntry& e) { return e.key == key; });
+}
+
 void Descriptor::putInteger(uint32_t key, int32_t v) {
     DescriptorEntry e;
     e.key = key;

@@ -43,6 +43,7 @@ public:
     void putFloat(uint32_t key, double v);
     void putEnumerated(uint32_t key, uint32_t type, uint32_t value);
     void putBoolean(uint32_t key, bool v);
+    void erase(uint32_t key);
     std::optional<double> getFloat(uint32_t key) const;
 
     // A descriptor the module made with the suite's make: the module owns it

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <sstream>
 #include <unordered_map>
 
 #include "SystemInfo.h"
@@ -43,6 +44,10 @@ CvError getProperty(void* host, uint32_t signature, uint32_t key, int32_t* value
     }
     if (key == CV_PROPERTY_GPU_FLAGS) {
         *value = ctx->facts->gpuAvailable ? 0x80 : 0;
+        return cvNoErr;
+    }
+    if (key == CV_PROPERTY_FRESH_DEFAULTS && ctx->invocation) {
+        *value = ctx->invocation->freshDefaults ? 1 : 0;
         return cvNoErr;
     }
     return cvErrUnsupported;
@@ -199,6 +204,24 @@ int32_t alert(void* host, const char* message, const char* title, int32_t button
     return buttons == cvButtonsYesNoCancel ? cvAnswerYes : cvAnswerOK;
 }
 
+void warning(void* host, const char* message) {
+    HostContext* ctx = context(host);
+    try {
+        // One line each, so that every line of a longer message says what it is.
+        std::istringstream lines(displayText(message));
+        std::string all;
+        for (std::string line; std::getline(lines, line);) {
+            if (line.empty())
+                continue;
+            std::fprintf(stderr, "curvana: warning: %s\n", line.c_str());
+            all += (all.empty() ? "" : "\n") + line;
+        }
+        if (ctx && ctx->outcome)
+            ctx->outcome->warnings.push_back(all);
+    } catch (...) {
+    }
+}
+
 uint64_t maxSpace(void* host) {
     HostContext* ctx = context(host);
     return ctx ? ctx->facts->maxSpace : 0;
@@ -224,8 +247,12 @@ CvError preferencesBaseCallback(void* host, char* buffer, size_t capacity, size_
     return cvNoErr;
 }
 
-uint32_t modifierKeys(void*) {
-    return 0;
+uint32_t modifierKeys(void* host) {
+    HostContext* ctx = context(host);
+    // The filter reads the keys when it first needs its preferences.
+    return ctx && ctx->invocation && ctx->invocation->resetPreferences
+               ? uint32_t{cvModifierShift | cvModifierOption | cvModifierControl}
+               : 0;
 }
 
 CvError documentNameCallback(void* host, char* buffer, size_t capacity, size_t* length) {
@@ -360,6 +387,19 @@ Module::~Module() {
         ::dlclose(handle_);
 }
 
+const CvRegistration* Module::registration() {
+    CvFilterRecord record{};
+    record.abiVersion = CURVANA_ABI_VERSION;
+    record.structSize = sizeof(CvFilterRecord);
+    intptr_t answer = 0;  // a slot of its own: data_ holds the instance
+    int16_t result = 0;
+    entry_(cvSelectorRegistration, &record, &answer, &result);
+    const auto* reg = reinterpret_cast<const CvRegistration*>(answer);
+    if (result != 0 || !reg || reg->abiVersion != CURVANA_ABI_VERSION)
+        return nullptr;
+    return reg;
+}
+
 InvocationOutcome Module::run(const Invocation& invocation) {
     InvocationOutcome outcome;
     HostContext ctx;
@@ -402,6 +442,7 @@ InvocationOutcome Module::run(const Invocation& invocation) {
     record.preferencesBase = preferencesBaseCallback;
     record.modifierKeys = modifierKeys;
     record.documentName = documentNameCallback;
+    record.warning = warning;
 
     auto call = [&](int16_t selector) {
         int16_t result = 0;

@@ -45,6 +45,12 @@ struct Invocation {
     std::string xmpPacket;
     const Descriptor* descriptor = nullptr;  // scripting parameters passed in; null for none
     bool parameters = false;                 // send the Parameters selector (the editor)
+    // Ask a run without the editor to start from what the editor would open
+    // with (CV_PROPERTY_FRESH_DEFAULTS): apply's options then only override.
+    bool freshDefaults = false;
+    // Report the three modifier keys that make the filter ignore its stored
+    // preferences (and save its defaults over them).
+    bool resetPreferences = false;
     ProgressListener* listener = nullptr;
 };
 
@@ -56,7 +62,8 @@ struct InvocationOutcome {
     // decoded or written), with its category; the module saw only a code.
     std::optional<HostError> hostError;
     std::unique_ptr<Descriptor> resultDescriptor;
-    std::vector<std::string> alerts;  // "title: message" as shown
+    std::vector<std::string> alerts;    // "title: message" as shown
+    std::vector<std::string> warnings;  // the filter's warnings, as shown
 };
 
 // The buffer suite's memory: malloc within the host's maximum space. Buffers
@@ -82,6 +89,9 @@ public:
 
     InvocationOutcome run(const Invocation& invocation);
     const std::filesystem::path& path() const { return path_; }
+    // What the filter registers (cvSelectorRegistration); null when it
+    // answers with an error or a registration of another interface.
+    const CvRegistration* registration();
 
     // The module file to use: an explicit path (--module) wins; then
     // libcurvana.so beside the executable; then $CURVANA_MODULE. Throws

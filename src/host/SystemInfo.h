@@ -18,6 +18,8 @@ MemoryFigures memoryFigures();
 // can be created (lavapipe counts: the renderer runs on it). Probed in a
 // child process.
 bool vulkanDeviceAvailable();
+// The name of that device; empty when there is none.
+std::optional<std::string> vulkanDeviceName();
 
 // $XDG_CONFIG_HOME, else $HOME/.config; no trailing separator. Empty when neither is set.
 std::string preferencesBase();

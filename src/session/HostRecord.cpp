@@ -49,6 +49,13 @@ int32_t HostRecord::Alert(const std::string& message, const std::string& title,
     return record_->alert(record_->host, message.c_str(), title.c_str(), buttons);
 }
 
+bool HostRecord::Warning(const std::string& message) const {
+    if (!record_ || !record_->warning)
+        return false;
+    record_->warning(record_->host, message.c_str());
+    return true;
+}
+
 uint64_t HostRecord::MaxSpace() const {
     return record_ && record_->maxSpace ? record_->maxSpace(record_->host) : 0;
 }

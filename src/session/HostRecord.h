@@ -56,6 +56,10 @@ public:
     int32_t Alert(const std::string& message, const std::string& title,
                   int32_t buttons = cvButtonsOK) const;
 
+    // A message that needs no answer (texts already localised); false when
+    // the host offers no place for one.
+    bool Warning(const std::string& message) const;
+
     uint64_t MaxSpace() const;
     uint64_t FreeMemory() const;
     std::optional<std::filesystem::path> PreferencesBase() const;

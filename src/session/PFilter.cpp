@@ -11,6 +11,7 @@
 #include "core/LocalizedString.h"
 #include "geometry/ProjectionFactory.h"
 #include "session/PreferencesFile.h"
+#include "session/Registration.h"
 #include "session/ScriptParameters.h"
 #include "session/SettingsCheck.h"
 #include "session/XmpToolkit.h"
@@ -19,7 +20,6 @@ namespace Project {
 
 namespace {
 
-constexpr uint32_t kSupportedMajorVersion = 27;
 constexpr int32_t kGpuInUse = 0x80;
 
 constexpr std::string_view kUnsupportedVersion =
@@ -30,6 +30,26 @@ constexpr std::string_view kGpuUnusedText =
     "Please check the Performance Preferences and verify that 'Use Graphics Processor' is "
     "enabled.";
 constexpr std::string_view kGpuUnusedTitle = "$$$/Curvana/Warning/GPUUnusedTitle=Curvana Error";
+constexpr std::string_view kUnknownConstraintRecord =
+    "$$$/Curvana/Warning/UnknownConstraintRecord=The file you selected holds a record of an "
+    "unknown kind; the constraints after it cannot be read.";
+constexpr std::string_view kSkippedConstraints =
+    "$$$/Curvana/Warning/SkippedConstraints=^0 of ^1 constraints were skipped.";
+constexpr std::string_view kPreferencesUnread =
+    "$$$/Curvana/Warning/PreferencesUnread=The preferences file could not be read; it is kept as "
+    "^0 and the defaults are used.";
+
+// A name beside `file` that no file has yet: the file's name with ".bak",
+// then ".bak2", ".bak3" ...
+std::filesystem::path FreeBackupName(const std::filesystem::path& file) {
+    std::error_code ec;
+    for (int n = 1;; ++n) {
+        std::filesystem::path candidate = file;
+        candidate += n == 1 ? ".bak" : ".bak" + std::to_string(n);
+        if (!std::filesystem::exists(candidate, ec) || n >= 1000)
+            return candidate;
+    }
+}
 
 template <class T>
 std::unique_ptr<T> Required(std::unique_ptr<T> component, const char* what) {
@@ -82,6 +102,13 @@ void PFilter::alert(std::string_view messageKey, std::string_view titleKey) cons
                  cvButtonsOK);
 }
 
+void PFilter::warn(const std::string& message) const {
+    if (dialog_)
+        Host().Alert(message, processName(), cvButtonsOK);
+    else if (!Host().Warning(message))
+        std::fprintf(stderr, "curvana: warning: %s\n", message.c_str());
+}
+
 PImageHub& PFilter::imageHub() {
     if (!imageHub_)
         imageHub_ = Required(components_->CreateImageHub(), "image hub");
@@ -114,11 +141,20 @@ PPreferences& PFilter::preferences() {
             (Host().ModifierKeys() & kIgnorePreferencesKeys) == kIgnorePreferencesKeys;
         const auto folder = ignoreStored ? std::nullopt : preferencesFolder();
         // Stored settings outside their ranges (an old or damaged file) are
-        // set aside: the defaults are used, and saved over them at the end.
-        if (folder && LoadPreferencesFile(*folder / PreferencesFileName(), *prefs)) {
-            if (const std::string why = CheckSettings(prefs->settings); !why.empty()) {
-                std::fprintf(stderr, "curvana: the saved settings are not used: %s\n", why.c_str());
-                prefs->settings = PSettings(imageRect().Width());
+        // set aside: the defaults are used, and saved at the end, with the
+        // file that held them kept beside.
+        if (folder) {
+            const std::filesystem::path file = *folder / PreferencesFileName();
+            std::error_code ec;
+            if (LoadPreferencesFile(file, *prefs)) {
+                if (const std::string why = CheckSettings(prefs->settings); !why.empty()) {
+                    warn(why);
+                    prefs->settings = PSettings(imageRect().Width());
+                    preferencesUnread_ = true;
+                }
+            } else if (std::filesystem::exists(file, ec)) {
+                *prefs = PPreferences(imageRect().Width());
+                preferencesUnread_ = true;
             }
         }
         preferences_ = std::move(prefs);
@@ -146,7 +182,8 @@ bool PFilter::hostChecksPass() const {
     // The major version must be exactly the one this filter was made for:
     // older and newer hosts are both refused.
     const auto version = Host().Property(CV_PROPERTY_VERSION);
-    if (!version || (static_cast<uint32_t>(*version) >> 16) != kSupportedMajorVersion) {
+    const auto supported = static_cast<uint32_t>(FilterRegistration().hostMajorVersion);
+    if (!version || (static_cast<uint32_t>(*version) >> 16) != supported) {
         alert(kUnsupportedVersion);
         return false;
     }
@@ -180,29 +217,42 @@ bool PFilter::runFilter() {
 
     PPreferences& prefs = preferences();
     PSettings& live = settings();
-    PSettings working = prefs.settings;
     imageHub();  // created on first need, attached to this invocation's host
+    keysRead_ = {};
+    unreadRecords_ = 0;
 
-    if (host.Descriptor() && readScriptParameters(working)) {
-        // Replayed from scripting parameters: silent unless the host asks for
-        // the dialog. Constraint data that does not fit this image ends the
-        // invocation with its message, before anything is applied.
-        if (!scriptedInputAccepted()) {
+    const bool silent = !ParametersRequested();
+    if (host.Descriptor()) {
+        // A host may ask a silent run to start where the editor would open;
+        // the descriptor's keys then apply over that.
+        const bool fresh = silent && Host().Property(CV_PROPERTY_FRESH_DEFAULTS).value_or(0) != 0;
+        PSettings working = fresh ? freshSettings() : prefs.settings;
+        if (readScriptParameters(working)) {
+            // Replayed from scripting parameters: silent unless the host asks
+            // for the dialog. Settings or constraint data that do not fit
+            // this image end the invocation with the reason, before anything
+            // is applied.
+            if (!scriptedInputAccepted()) {
+                savePreferences();
+                return true;
+            }
+            live = working;
+            chooseProjection(ProjectionModel::Fisheye, ProjectionDecision::Keep, silent);
+            deriveFocalLength();
+            pipeline_->RebuildSolver(*this);
+            if (ParametersRequested()) {
+                runEditor();
+            } else {
+                reportSkippedConstraints();
+                applyWithoutDialog();
+            }
             savePreferences();
             return true;
         }
-        live = working;
-        chooseProjection(ProjectionModel::Fisheye, false, false);
-        pipeline_->RebuildSolver(*this);
-        if (ParametersRequested())
-            runEditor();
-        else
-            applyWithoutDialog();
-    } else if (ParametersRequested()) {
+    }
+    if (ParametersRequested()) {
         // A fresh invocation from the menu.
-        live = prefs.settings;
-        chooseProjection(ProjectionModel::Fisheye, true, false);
-        live.focalLength = focalFromMetadata(true);
+        live = freshSettings();
         pipeline_->RebuildSolver(*this);
         runEditor();
     } else {
@@ -212,13 +262,50 @@ bool PFilter::runFilter() {
             savePreferences();
             return true;
         }
-        chooseProjection(ProjectionModel::Fisheye, false, false);
+        chooseProjection(ProjectionModel::Fisheye, ProjectionDecision::Keep, true);
+        deriveFocalLength();
         pipeline_->RebuildSolver(*this);
+        reportSkippedConstraints();
         applyWithoutDialog();
     }
 
     savePreferences();
     return true;
+}
+
+PSettings PFilter::freshSettings() {
+    PSettings& live = settings();
+    PSettings kept = std::move(live);
+    live = preferences().settings;
+    chooseProjection(ProjectionModel::Fisheye, ProjectionDecision::Fresh, false);
+    live.focalLength = focalFromMetadata(true);
+    return std::exchange(live, std::move(kept));
+}
+
+void PFilter::deriveFocalLength() {
+    if (keysRead_.focalLength || keysRead_.constraintData)
+        return;
+    PSettings& s = settings();
+    const ImageRect rect = imageRect();
+    const auto longSide = static_cast<float>(std::max(rect.Width(), rect.Height()));
+    s.focalLength = s.cropFactor * s.physicalFocalLength * longSide / 36.0f;
+}
+
+void PFilter::reportSkippedConstraints() {
+    const ConstraintFitReport fit = pipeline_->LastFit();
+    const uint32_t skipped = unreadRecords_ + fit.badLines + fit.badPlanes;
+    if (skipped == 0)
+        return;
+    std::string text;
+    if (fit.badLines > 0)
+        text += Localize(constraint_message::kBadLineConstraintFile) + "\n";
+    if (fit.badPlanes > 0)
+        text += Localize(constraint_message::kBadPlaneConstraintFile) + "\n";
+    if (unreadRecords_ > 0)
+        text += Localize(kUnknownConstraintRecord) + "\n";
+    text += Localize(kSkippedConstraints,
+                     {std::to_string(skipped), std::to_string(fit.constraints + unreadRecords_)});
+    warn(text);
 }
 
 bool PFilter::scriptedInputAccepted() {
@@ -269,26 +356,42 @@ void PFilter::savePreferences() {
     if (const std::string why = CheckSettings(settings()); why.empty())
         prefs.settings = settings();
     else
-        std::fprintf(stderr, "curvana: the settings are not saved: %s\n", why.c_str());
+        warn(why);
     const auto folder = preferencesFolder();
     if (!folder)
         return;
     const std::filesystem::path file = *folder / PreferencesFileName();
+    if (preferencesUnread_) {
+        // Whatever the file held may matter to someone: it is moved aside,
+        // never overwritten.
+        const std::filesystem::path backup = FreeBackupName(file);
+        std::error_code ec;
+        std::filesystem::rename(file, backup, ec);
+        if (ec && std::filesystem::exists(file, ec)) {
+            std::fprintf(stderr, "curvana: the unreadable preferences file %s is left as it is\n",
+                         file.c_str());
+            return;
+        }
+        preferencesUnread_ = false;
+        warn(Localize(kPreferencesUnread, {backup.filename().string()}));
+    }
     if (!SavePreferencesFile(file, prefs))
         std::fprintf(stderr, "curvana: could not save the preferences to %s\n", file.c_str());
 }
 
-void PFilter::chooseProjection(ProjectionModel fallback, bool autoMode, bool warn) {
+void PFilter::chooseProjection(ProjectionModel fallback, ProjectionDecision decision,
+                               bool warnings) {
     PSettings& s = settings();
-    if (autoMode)
+    const bool automatic = decision != ProjectionDecision::Keep;
+    if (automatic)
         s.projectionModel = ProjectionModel::Auto;
 
     if (s.projectionModel == ProjectionModel::FullSpherical) {
         const ImageRect rect = imageRect();
         if (!isFullSphericalAspect(rect.Width(), rect.Height())) {
             s.projectionModel = fallback;
-            if (warn)
-                alert(kInvalidFullSphericalRatioKey);
+            if (warnings)
+                warn(Localize(kInvalidFullSphericalRatioKey));
         }
         return;
     }
@@ -299,41 +402,50 @@ void PFilter::chooseProjection(ProjectionModel fallback, bool autoMode, bool war
         return;
 
     if (s.projectionModel == ProjectionModel::Auto) {
-        if (findLensProfile(warn))
+        if (findLensProfile(warnings))
             return;
         s.projectionModel = fallback;
     }
-    if (autoMode) {
-        // The 35 mm-equivalent focal length decides between fisheye and
-        // perspective (16 mm rule).
+    // The 16 mm rule between fisheye and perspective. A fresh invocation
+    // reads the focal length the photo records; restoring the defaults reads
+    // its 35 mm equivalent. The two differ for a photo without crop
+    // information (no equivalent: the fallback stays) and for a small sensor
+    // (12 mm at crop 1.6 is a fisheye by the first rule, a perspective lens
+    // by the second).
+    if (decision == ProjectionDecision::Fresh)
+        s.projectionModel =
+            modelForFocalLength(cameraMetadata().focalLength, s.projectionModel, fallback);
+    else if (decision == ProjectionDecision::Reset)
         s.projectionModel = modelForFocalLength(cameraMetadata().equivalentFocalLength(),
                                                 s.projectionModel, fallback);
-    }
     if (dialog_)
         dialog_->RefreshProjection();
 }
 
-bool PFilter::findLensProfile(bool warn) {
+bool PFilter::findLensProfile(bool warnings) {
     if (!lensProfileSuite_)
         lensProfileSuite_ = components_->AcquireLensProfileLookup();
     if (!lensProfileSuite_) {
         lensProfile_.reset();
-        if (warn)
-            alert(kNoMatchedProfileKey);
+        if (warnings)
+            warn(Localize(kNoMatchedProfileKey));
         return false;
     }
     LensProfileLookupResult found = lensProfileSuite_->Find(
         cameraMetadata(), static_cast<uint32_t>(std::max(Host().ImageWidth(), 0)),
         static_cast<uint32_t>(std::max(Host().ImageHeight(), 0)));
-    if (found.profile && found.profile->found) {
+    // A profile counts only when one of the two profile projections can be
+    // built from its camera model; otherwise Auto would build nothing.
+    if (found.profile && found.profile->found &&
+        found.profile->cameraModel != LensCameraModel::None) {
         lensFocalScaleRatio_ = focalScaleRatio(cameraMetadata().cropFactor(), *found.profile);
         lensProfile_ = std::move(found.profile);
         return true;
     }
     lensProfile_.reset();
     lensFocalScaleRatio_ = 1.0f;
-    if (warn)
-        alert(found.messageKey.empty() ? kNoMatchedProfileKey : found.messageKey);
+    if (warnings)
+        warn(Localize(found.messageKey.empty() ? kNoMatchedProfileKey : found.messageKey));
     return false;
 }
 
@@ -377,7 +489,8 @@ bool PFilter::readScriptParameters(PSettings& target) {
     if (!suite || !IsCompleteSuite(*suite))
         return false;
     PSettings read = target;
-    ReadScriptDescriptor(*suite, descriptor, read, constraints_.get());
+    keysRead_ = ReadScriptDescriptor(*suite, descriptor, read, constraints_.get());
+    unreadRecords_ = keysRead_.constraintData ? constraints_->TakeUnreadRecords() : 0;
     settingsFailure_ = CheckSettings(read);
     if (settingsFailure_.empty())
         target = read;
@@ -386,7 +499,7 @@ bool PFilter::readScriptParameters(PSettings& target) {
 
 void PFilter::writeScriptParameters(const PSettings& source) {
     if (const std::string why = CheckSettings(source); !why.empty()) {
-        std::fprintf(stderr, "curvana: the settings are not recorded: %s\n", why.c_str());
+        warn(why);
         return;
     }
     const SuiteLease<CvDescriptorSuite5> suite(Host(), CV_DESCRIPTOR_SUITE_NAME,

@@ -14,6 +14,19 @@
 
 namespace Project {
 
+// How chooseProjection decides.
+enum class ProjectionDecision {
+    // The model as it stands: Full Spherical needs a 2:1 picture, Auto a
+    // usable lens profile (or panorama metadata); otherwise the fallback.
+    Keep,
+    // A fresh invocation: Auto when a lens profile fits, else the 16 mm rule
+    // on the photo's own focal length f.
+    Fresh,
+    // Defaults restored in the editor: Auto when a lens profile fits, else
+    // the 16 mm rule on the photo's 35 mm-equivalent focal length E.
+    Reset,
+};
+
 // The filter plug-in object: one per plug-in instance, living across many
 // invocations. The Start selector runs one invocation (runFilter): host
 // checks, camera metadata, preferences, then a silent apply from scripting
@@ -40,8 +53,10 @@ public:
     bool runFilter();
 
     // Decides the projection model of the live settings (the fallback when
-    // neither the requested model nor the automatic choice holds).
-    void chooseProjection(ProjectionModel fallback, bool autoMode, bool warn);
+    // neither the requested model nor the automatic choice holds). With warn
+    // on, why a model was not taken is shown: as an alert while the editor
+    // runs, else as a warning to the host.
+    void chooseProjection(ProjectionModel fallback, ProjectionDecision decision, bool warn);
     // Physical focal length and crop factor from the camera metadata into the
     // live settings; returns the focal length in pixels, which is also stored
     // unless keep is on.
@@ -88,6 +103,10 @@ public:
     // A modal OK alert from localisation keys; the title defaults to the
     // process name.
     void alert(std::string_view messageKey, std::string_view titleKey = {}) const;
+    // Something the user should know that needs no answer (text already
+    // localised): an alert while the editor runs; otherwise the host's
+    // warning (stderr when the host has no place for one).
+    void warn(const std::string& message) const;
 
 protected:
     bool OnStart() override { return runFilter(); }
@@ -96,6 +115,17 @@ private:
     struct InvocationScope;
 
     bool findLensProfile(bool warn);
+    // What the editor would open with: the saved settings, the projection of
+    // a fresh invocation and the focal length from the metadata. Leaves the
+    // live settings as they were.
+    PSettings freshSettings();
+    // Unless the descriptor read in this invocation carried the focal length
+    // in pixels (itself or in constraint data), it follows from the physical
+    // focal length and crop factor for this image's size: a value in pixels
+    // kept from another photo means nothing here.
+    void deriveFocalLength();
+    // Tells the user about constraints the silent path could not use.
+    void reportSkippedConstraints();
     void loadTranslationsOnce();
     bool hostChecksPass() const;
     void runEditor();
@@ -121,6 +151,11 @@ private:
     bool toolkitStarted_ = false;
     bool translationsLoaded_ = false;
     std::string settingsFailure_;  // why the last descriptor's settings were refused
+    ScriptKeysRead keysRead_;      // what the descriptor of this invocation carried
+    uint32_t unreadRecords_ = 0;   // constraint records of that descriptor left unread
+    // The preferences file exists but could not be used: it is kept beside
+    // the new one before the first save overwrites it.
+    bool preferencesUnread_ = false;
     // Counts invocations, so the hub is attached to each invocation's host once.
     uint64_t invocation_ = 0;
     uint64_t hubAttachedTo_ = ~uint64_t{0};

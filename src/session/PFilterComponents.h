@@ -46,6 +46,13 @@ public:
     virtual bool RenderFinal(PFilter& filter) = 0;
 };
 
+// What the last rebuild could do with the constraint set.
+struct ConstraintFitReport {
+    uint32_t constraints = 0;  // in the set
+    uint32_t badLines = 0;     // lines that could not be fitted under the projection
+    uint32_t badPlanes = 0;    // polygons that could not be set up
+};
+
 // The warp: projection, mesh and solver under the live settings.
 class PWarpPipeline {
 public:
@@ -56,6 +63,8 @@ public:
     // Brings the warp up to date. A failed solve is a flag the pipeline keeps,
     // never an exception.
     virtual void Solve(PFilter& filter) = 0;
+    // The constraints the last RebuildSolver left out.
+    virtual ConstraintFitReport LastFit() const { return {}; }
 
     // The solved warp that the final render draws, with the projection whose
     // texture coordinates it samples and the mesh it was built on; null

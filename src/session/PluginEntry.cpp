@@ -5,6 +5,7 @@
 #include <new>
 
 #include "session/PFilter.h"
+#include "session/Registration.h"
 
 namespace Project {
 
@@ -25,6 +26,11 @@ CvError Dispatch(int16_t selector, CvFilterRecord* record, intptr_t* data,
     }
     if (!HostRecord::IsCompatible(record))
         return cvErrParam;
+    if (selector == cvSelectorRegistration) {
+        // Static data: no instance is made for it.
+        *data = reinterpret_cast<intptr_t>(&FilterRegistration());
+        return cvNoErr;
+    }
     if (!filter) {
         auto created = std::make_unique<PFilter>(factory());
         filter = created.release();

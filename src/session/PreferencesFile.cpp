@@ -1,7 +1,9 @@
 #include "session/PreferencesFile.h"
 
+#include <algorithm>
 #include <array>
 #include <string_view>
+#include <type_traits>
 
 #include "core/ByteIO.h"
 #include "core/FileIO.h"
@@ -111,31 +113,36 @@ void WriteSettings(ByteWriter& w, const PSettings& s) {
     w.I32(s.loupeSize);
 }
 
-bool ReadSettings(ByteReader& r, PSettings& s) {
-    s.s1 = r.U8();
-    s.s2 = r.U16();
-    s.s3 = r.U8();
-    s.s4 = r.U8();
-    s.s5 = r.U8();
-    s.s6 = r.U32();
-    s.s7 = r.U32();
+// Reads the fields that the block holds, in order; a block that ends early
+// leaves the fields after its end as they were.
+void ReadSettings(ByteReader& r, PSettings& s) {
+    auto take = [&r](auto& field, auto value) {
+        if (r.Ok())
+            field = static_cast<std::remove_reference_t<decltype(field)>>(value);
+    };
+    take(s.s1, r.U8());
+    take(s.s2, r.U16());
+    take(s.s3, r.U8());
+    take(s.s4, r.U8());
+    take(s.s5, r.U8());
+    take(s.s6, r.U32());
+    take(s.s7, r.U32());
     for (size_t i : kColorFileOrder)
-        s.colors[i] = r.U32();
-    s.s8 = r.U8();
-    s.s9 = r.U8();
-    s.iterationCount = r.U16();
-    s.focalLength = r.F32();
-    s.physicalFocalLength = r.F32();
-    s.cropFactor = r.F32();
-    s.projectionModel = static_cast<ProjectionModel>(StoredProjection(ProjectionModel{r.U32()}));
-    s.s10 = r.U8();
-    s.s11 = r.U8();
-    s.s12 = r.U8();
-    s.s13 = r.U8();
-    s.path = r.String();
-    s.showLoupeWhenDragging = r.U8();
-    s.loupeSize = r.I32();
-    return r.Ok();
+        take(s.colors[i], r.U32());
+    take(s.s8, r.U8());
+    take(s.s9, r.U8());
+    take(s.iterationCount, r.U16());
+    take(s.focalLength, r.F32());
+    take(s.physicalFocalLength, r.F32());
+    take(s.cropFactor, r.F32());
+    take(s.projectionModel, StoredProjection(ProjectionModel{r.U32()}));
+    take(s.s10, r.U8());
+    take(s.s11, r.U8());
+    take(s.s12, r.U8());
+    take(s.s13, r.U8());
+    take(s.path, r.String());
+    take(s.showLoupeWhenDragging, r.U8());
+    take(s.loupeSize, r.I32());
 }
 
 }  // namespace
@@ -176,17 +183,16 @@ bool ParsePreferences(std::span<const uint8_t> bytes, PPreferences& prefs) {
     (void)header.U32();
     const uint32_t reserved = header.U32();
     const uint32_t payloadLength = header.U32();
-    if (type != kOwner || reserved != 0 || payloadLength < 5 ||
-        payloadLength > bytes.size() - kHeaderSize)
+    if (type != kOwner || reserved != 0 || payloadLength < 5)
         return false;
 
-    const std::span<const uint8_t> payload = bytes.subspan(kHeaderSize, payloadLength);
-    PPreferences loaded = prefs;
+    // The chunks run from the header to the end word or to the end of the
+    // file, whatever the header's length says; a chunk cut short by the end
+    // of the file gives what it holds.
+    const std::span<const uint8_t> payload = bytes.subspan(kHeaderSize);
     size_t pos = 0;
-    for (;;) {
-        if (payload.size() - pos < 4)
-            return false;  // no end word
-        ByteReader chunk(payload.subspan(pos), order);
+    while (payload.size() - pos >= kChunkHeaderSize) {
+        ByteReader chunk(payload.subspan(pos, kChunkHeaderSize), order);
         const uint32_t owner = chunk.U32();
         if (owner == 0)
             break;
@@ -194,26 +200,27 @@ bool ParsePreferences(std::span<const uint8_t> bytes, PPreferences& prefs) {
         (void)chunk.U32();
         const uint32_t version = chunk.U32();
         const uint32_t length = chunk.U32();
-        if (!chunk.Ok() || length > chunk.Remaining())
-            return false;
-        ByteReader body(payload.subspan(pos + kChunkHeaderSize, length), order);
+        const size_t start = pos + kChunkHeaderSize;
+        ByteReader body(payload.subspan(start, std::min<size_t>(length, payload.size() - start)),
+                        order);
         if (owner == kOwner) {
             if (id == kFlagsChunk && version == 0) {
-                loaded.flags = body.U32();
-                if (!body.Ok())
-                    return false;
+                const uint32_t flags = body.U32();
+                if (body.Ok())
+                    prefs.flags = flags;
             } else if (id == kPlacementChunk && version == 0) {
-                if (!ReadPlacement(body, loaded.dialogPlacement))
-                    return false;
+                DialogPlacement placement = prefs.dialogPlacement;
+                if (ReadPlacement(body, placement))
+                    prefs.dialogPlacement = placement;
             } else if (id == kSettingsChunk) {
-                loaded.settings.settingsVersion = version;
-                if (!ReadSettings(body, loaded.settings))
-                    return false;
+                prefs.settings.settingsVersion = version;
+                ReadSettings(body, prefs.settings);
             }
         }
-        pos += kChunkHeaderSize + length;
+        if (length > payload.size() - start)
+            break;
+        pos = start + length;
     }
-    prefs = std::move(loaded);
     return true;
 }
 

@@ -40,11 +40,14 @@ namespace Project {
 std::vector<uint8_t> SerializePreferences(const PPreferences& prefs,
                                           std::endian order = std::endian::native);
 
-// Reads a preferences file's bytes into prefs. Chunks of other owners and
-// unknown ids are skipped. A file that is 20 bytes or shorter, has a foreign
-// mark or type, or is inconsistent anywhere (a chunk or block running past its
-// end, no end word) leaves prefs untouched and returns false: the defaults
-// stay in force.
+// Reads a preferences file's bytes into prefs. A file that is 20 bytes or
+// shorter, or whose header is foreign (mark, type, word 3 not 0, a payload
+// length below 5), leaves prefs untouched and returns false: the defaults
+// stay in force. Otherwise the chunks are read from offset 20 until the end
+// word or the end of the file (the header's payload length is not used to
+// bound them); chunks of other owners and unknown ids are skipped, and a
+// chunk or settings block that ends early gives the fields it holds, the
+// others keeping their values.
 bool ParsePreferences(std::span<const uint8_t> bytes, PPreferences& prefs);
 
 // The preferences folder under the host's preferences base folder: three
@@ -54,7 +57,7 @@ std::filesystem::path PreferencesFolder(const std::filesystem::path& base);
 std::filesystem::path PreferencesFileName();
 
 // Loads the file into prefs; false (prefs untouched) when it is missing,
-// unreadable, larger than any file this writer makes, or not valid.
+// unreadable, larger than any file this writer makes, or foreign.
 bool LoadPreferencesFile(const std::filesystem::path& file, PPreferences& prefs);
 // Writes the file in the native byte order, creating its folder: the bytes go
 // to a temporary file beside it, which is then renamed into place, so a

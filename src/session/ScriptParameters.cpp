@@ -66,34 +66,36 @@ bool IsCompleteSuite(const CvDescriptorSuite5& s) {
 
 namespace {
 
-void ReadFloat(const CvDescriptorSuite5& suite, CvDescriptor d, uint32_t key, float& field) {
+bool ReadFloat(const CvDescriptorSuite5& suite, CvDescriptor d, uint32_t key, float& field) {
     double v = 0.0;
-    if (suite.getFloat(d, key, &v) == cvNoErr)
-        field = static_cast<float>(v);
+    if (suite.getFloat(d, key, &v) != cvNoErr)
+        return false;
+    field = static_cast<float>(v);
+    return true;
 }
 
-void ReadConstraintData(const CvDescriptorSuite5& suite, CvDescriptor d, PSettings& settings,
+bool ReadConstraintData(const CvDescriptorSuite5& suite, CvDescriptor d, PSettings& settings,
                         PConstraintData* constraints) {
     int32_t length = 0;
     if (suite.getDataLength(d, cvKeyConstraintData, &length) != cvNoErr || length <= 0)
-        return;
+        return false;
     const auto size = static_cast<size_t>(length);
     const std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[size]);
     if (!buffer)
-        return;
+        return false;
     if (suite.getData(d, cvKeyConstraintData, buffer.get(), length) != cvNoErr)
-        return;
-    if (constraints)
-        constraints->Parse(buffer.get(), size, settings);
+        return false;
+    return constraints && constraints->Parse(buffer.get(), size, settings);
 }
 
 }  // namespace
 
-void ReadScriptDescriptor(const CvDescriptorSuite5& suite, CvDescriptor d, PSettings& settings,
-                          PConstraintData* constraints) {
+ScriptKeysRead ReadScriptDescriptor(const CvDescriptorSuite5& suite, CvDescriptor d,
+                                    PSettings& settings, PConstraintData* constraints) {
+    ScriptKeysRead read;
     uint32_t count = 0;
     if (suite.count(d, &count) != cvNoErr)
-        return;
+        return read;
     for (uint32_t i = 0; i < count; ++i) {
         uint32_t key = 0;
         uint32_t type = 0;
@@ -107,13 +109,14 @@ void ReadScriptDescriptor(const CvDescriptorSuite5& suite, CvDescriptor d, PSett
                 break;
             }
             case cvKeyCropFactor:
-                ReadFloat(suite, d, key, settings.cropFactor);
+                read.cropFactor |= ReadFloat(suite, d, key, settings.cropFactor);
                 break;
             case cvKeyPhysicalFocalLength:
-                ReadFloat(suite, d, key, settings.physicalFocalLength);
+                read.physicalFocalLength |=
+                    ReadFloat(suite, d, key, settings.physicalFocalLength);
                 break;
             case cvKeyFocalLength:
-                ReadFloat(suite, d, key, settings.focalLength);
+                read.focalLength |= ReadFloat(suite, d, key, settings.focalLength);
                 break;
             case cvKeyOffsetX:
                 ReadFloat(suite, d, key, settings.offsetX);
@@ -133,13 +136,15 @@ void ReadScriptDescriptor(const CvDescriptorSuite5& suite, CvDescriptor d, PSett
                 break;
             }
             case cvKeyConstraintData:
-                ReadConstraintData(suite, d, settings, constraints);
+                read.constraintData |= ReadConstraintData(suite, d, settings, constraints);
                 break;
             case cvKeyProjectionModel: {
                 uint32_t enumType = 0;
                 uint32_t value = 0;
-                if (suite.getEnumerated(d, key, &enumType, &value) == cvNoErr)
+                if (suite.getEnumerated(d, key, &enumType, &value) == cvNoErr) {
                     settings.projectionModel = ProjectionFromEnum(value);
+                    read.projection = true;
+                }
                 break;
             }
             case cvKeyRegularizerModel: {
@@ -153,6 +158,7 @@ void ReadScriptDescriptor(const CvDescriptorSuite5& suite, CvDescriptor d, PSett
                 break;
         }
     }
+    return read;
 }
 
 bool WriteScriptDescriptor(const CvDescriptorSuite5& suite, CvDescriptor d,

@@ -26,6 +26,9 @@ public:
     // Why the last Parse failed, as localisable keys joined with "\n", and
     // forgets it; empty when nothing failed since the last call.
     virtual std::string TakeFailureMessage() { return {}; }
+    // Records of the last successful Parse that made no constraint (a record
+    // of an unknown kind, and the ones misread after it), and forgets them.
+    virtual uint32_t TakeUnreadRecords() { return 0; }
     // Bytes that Serialize writes; 0 when there is nothing to write.
     virtual size_t SerializedSize() const = 0;
     // Writes exactly SerializedSize() bytes.
@@ -50,12 +53,21 @@ uint32_t EnumFromRegularizer(RegularizerModel model);
 // Every function of the suite is present.
 bool IsCompleteSuite(const CvDescriptorSuite5& suite);
 
+// The keys a read took a value from.
+struct ScriptKeysRead {
+    bool projection = false;
+    bool focalLength = false;
+    bool physicalFocalLength = false;
+    bool cropFactor = false;
+    bool constraintData = false;  // parsed and applied
+};
+
 // Reads every key of the descriptor, in the descriptor's order, into the
 // settings; "cnsD" bytes go to constraints (when not null). Absent keys,
 // unknown keys and values of an unexpected type leave fields as they were. A
 // "cnsD" of length zero or less, or one whose buffer cannot be allocated, is
 // skipped.
-void ReadScriptDescriptor(const CvDescriptorSuite5& suite, CvDescriptor descriptor,
+ScriptKeysRead ReadScriptDescriptor(const CvDescriptorSuite5& suite, CvDescriptor descriptor,
                           PSettings& settings, PConstraintData* constraints);
 
 // Puts the settings into an empty descriptor in this key order: "actV" 0,

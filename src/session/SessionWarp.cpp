@@ -105,9 +105,10 @@ RegularizerModel closedFormFor(RegularizerModel model) {
     }
 }
 
-// The projection under the live settings. The projection decision falls back
-// before a model builds nothing; one that still does is drawn as the fisheye
-// it falls back to.
+// The projection under the live settings. The projection decision never
+// leaves a model that builds nothing (Auto without panorama metadata keeps
+// only a profile one of the two profile projections takes); the fisheye
+// below only guards the solver against a null projection.
 std::shared_ptr<const PhotoToSphere> sessionProjection(PFilter& filter) {
     const PSettings& s = filter.settings();
     const ImageRect rect = filter.imageRect();
@@ -131,6 +132,7 @@ bool SessionConstraintData::Parse(const uint8_t* data, size_t size, PSettings& s
     ScriptConstraintContext context(filter_, settings);
     const bool ok = readConstraintData(*set_, context, std::span<const uint8_t>(data, size));
     failure_ = ok ? std::string() : set_->Message();
+    unread_ = ok ? set_->UnreadRecords() : 0;
     return ok;
 }
 
@@ -209,7 +211,8 @@ void MeshWarpPipeline::RebuildSolver(PFilter& filter) {
     EnsureMesh(s);
     photo_ = sessionProjection(filter);
     lines_ = std::make_shared<GeodesicLines>(photo_, locator_);
-    lines_->FitAll(*set_);
+    const FitFailures failed = lines_->FitAll(*set_);
+    lastFit_ = {static_cast<uint32_t>(set_->Size()), failed.lines, failed.planes};
     solver_ = std::make_unique<Solver>(mesh_, photo_, lines_, solverSettingsFrom(s));
 }
 

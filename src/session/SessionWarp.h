@@ -25,6 +25,7 @@ public:
 
     bool Parse(const uint8_t* data, size_t size, PSettings& settings) override;
     std::string TakeFailureMessage() override { return std::exchange(failure_, {}); }
+    uint32_t TakeUnreadRecords() override { return std::exchange(unread_, 0u); }
     size_t SerializedSize() const override;
     void Serialize(uint8_t* out) const override;
     ConstraintSet* LiveSet() override { return set_.get(); }
@@ -33,6 +34,7 @@ private:
     PFilter& filter_;
     std::shared_ptr<ConstraintSet> set_;
     std::string failure_;
+    uint32_t unread_ = 0;
 };
 
 // The warp of a plug-in instance: the projection built from the live
@@ -46,6 +48,7 @@ public:
 
     void RebuildSolver(PFilter& filter) override;
     void Solve(PFilter& filter) override;
+    ConstraintFitReport LastFit() const override { return lastFit_; }
 
     std::shared_ptr<const SphereWarp> SolvedWarp() const override;
     std::shared_ptr<const PhotoToSphere> Photo() const override { return photo_; }
@@ -68,6 +71,7 @@ private:
     std::shared_ptr<const PhotoToSphere> photo_;
     std::shared_ptr<GeodesicLines> lines_;
     std::unique_ptr<Solver> solver_;
+    ConstraintFitReport lastFit_;
     bool solved_ = false;
     // The projection of the last captured scene, with what it was made from:
     // scenes that differ only in their constraints share it, which lets the

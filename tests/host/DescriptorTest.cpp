@@ -145,35 +145,23 @@ TEST(DescriptorSuite, ServesTheModuleAndGuardsItsHandles) {
     EXPECT_EQ(s->count(reinterpret_cast<CvDescriptor>(&garbage), &count), cvErrParam);
 }
 
-TEST(ApplyDescriptor, ComputesTheFocalLengthInPixelsFromTheOptions) {
+// The host passes on what the user said and nothing it worked out itself:
+// the filter completes the rest from the photo.
+TEST(ApplyDescriptor, CarriesTheOptionsOverTheReplayedAction) {
     CliOptions o;
-    o.focalMm = 10.5;
-    o.crop = 1.5;
     o.projection = "perspective";
-    PhotoMetadata none;
-    const auto d = applyDescriptor(o, nullptr, 6000, 4000, none);
-    EXPECT_DOUBLE_EQ(*d->getFloat(kFoc), 1.5 * 10.5 * 6000 / 36);
-    EXPECT_DOUBLE_EQ(*d->getFloat(kPhy), 10.5);
-    EXPECT_DOUBLE_EQ(*d->getFloat(kCrp), 1.5);
-    EXPECT_EQ(d->find(kPrj)->enumValue, CV_FOURCC('p', 'e', 'r', 'P'));
-}
-
-TEST(ApplyDescriptor, TakesTheFocalLengthFromExifWhenNothingElseGivesIt) {
-    CliOptions o;
-    PhotoMetadata exif;
-    exif.focalLengthMm = 8;
-    exif.focalLength35mm = 12;  // crop 1.5
-    const auto d = applyDescriptor(o, nullptr, 3000, 2000, exif);
-    EXPECT_DOUBLE_EQ(*d->getFloat(kFoc), 1.5 * 8 * 3000 / 36);
+    EXPECT_EQ(applyDescriptor(o, nullptr)->entries().size(), 1u);
 
     Descriptor params;
     params.putFloat(kFoc, 777);
     params.putFloat(kCrp, 2.0);
-    EXPECT_DOUBLE_EQ(*applyDescriptor(o, &params, 3000, 2000, exif)->getFloat(kFoc),
-                     777);  // a replay is kept
-    o.focalMm = 10;         // the crop factor of the replayed action stays
-    EXPECT_DOUBLE_EQ(*applyDescriptor(o, &params, 3000, 2000, exif)->getFloat(kFoc),
-                     2.0 * 10 * 3000 / 36);
+    EXPECT_DOUBLE_EQ(*applyDescriptor(o, &params)->getFloat(kFoc), 777);  // a replay is kept
+    o.focalMm = 10.5;
+    const auto d = applyDescriptor(o, &params);
+    EXPECT_EQ(d->find(kFoc), nullptr) << "the filter derives it from the new focal length";
+    EXPECT_DOUBLE_EQ(*d->getFloat(kPhy), 10.5);
+    EXPECT_DOUBLE_EQ(*d->getFloat(kCrp), 2.0);
+    EXPECT_EQ(d->find(kPrj)->enumValue, CV_FOURCC('p', 'e', 'r', 'P'));
 }
 
 TEST(CommandLine, RefusesBadUsageWithAReason) {
@@ -185,6 +173,7 @@ TEST(CommandLine, RefusesBadUsageWithAReason) {
         {{"apply", "a", "-o", "b", "--focal-mm", "x"}, "not a number between 1 and 1000"},
         {{"apply", "a", "-o", "b", "--crop", "20"}, "between 0.1 and 10"},
         {{"repeat", "a", "-o", "b", "--crop", "2"}, "only"},
+        {{"--version", "--quiet"}, "only --module"},
         {{"apply", "a", "-o", "b", "--bogus"}, "unknown option"}};
     for (const auto& [args, reason] : cases) {
         try {

@@ -46,6 +46,7 @@ private:
 struct RunResult {
     int exitCode = -1;  // 128 + the signal when one ended the process
     std::string err;    // standard error
+    std::string out;    // standard output
     long peakRssKiB = 0;
     std::vector<std::string> errLines() const {
         std::vector<std::string> lines;
@@ -64,9 +65,12 @@ inline RunResult runProgram(const fs::path& executable, const std::vector<std::s
                             int timeoutSeconds = 120) {
     std::string errName = (fs::temp_directory_path() / "curvana-test-stderr-XXXXXX").string();
     const int errFd = ::mkstemp(errName.data());
+    std::string outName = (fs::temp_directory_path() / "curvana-test-stdout-XXXXXX").string();
+    const int outFd = ::mkstemp(outName.data());
     const pid_t pid = ::fork();
     if (pid == 0) {
         ::dup2(errFd, STDERR_FILENO);
+        ::dup2(outFd, STDOUT_FILENO);
         for (const auto& [k, v] : env)
             ::setenv(k.c_str(), v.c_str(), 1);
         std::vector<char*> argv;
@@ -84,6 +88,7 @@ inline RunResult runProgram(const fs::path& executable, const std::vector<std::s
     struct rusage usage {};
     ::wait4(pid, &status, 0, &usage);
     ::close(errFd);
+    ::close(outFd);
     RunResult r;
     r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     r.peakRssKiB = usage.ru_maxrss;
@@ -92,6 +97,11 @@ inline RunResult runProgram(const fs::path& executable, const std::vector<std::s
     text << in.rdbuf();
     r.err = text.str();
     ::unlink(errName.c_str());
+    std::ifstream outIn(outName);
+    std::stringstream outText;
+    outText << outIn.rdbuf();
+    r.out = outText.str();
+    ::unlink(outName.c_str());
     return r;
 }
 

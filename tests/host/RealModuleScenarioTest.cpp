@@ -274,6 +274,8 @@ TEST_P(RealModuleBadSetting, IsRefusedAndNeverSaved) {
                                                 s.offsetY = static_cast<float>(value);
                                             if (k == "CrpF")
                                                 s.cropFactor = static_cast<float>(value);
+                                            if (k == "focL")
+                                                s.focalLength = static_cast<float>(value);
                                         });
         args.insert(args.end(), {"--constraints", cvc.string()});
     } else {
@@ -314,7 +316,9 @@ INSTANTIATE_TEST_SUITE_P(
                       BadSetting{"params", "focL", 1e300}, BadSetting{"params", "imgY", -0.5},
                       BadSetting{"constraints", "imgS", -5},
                       BadSetting{"constraints", "imgY", 1e30},
-                      BadSetting{"constraints", "CrpF", kNaN}, BadSetting{"prefs", "iterations", 0},
+                      BadSetting{"constraints", "CrpF", kNaN},
+                      BadSetting{"constraints", "focL", kNaN}, BadSetting{"params", "focL", -100},
+                      BadSetting{"prefs", "iterations", 0},
                       BadSetting{"prefs", "iterations", 65535}, BadSetting{"prefs", "focL", kInf},
                       BadSetting{"prefs", "CrpF", kNaN}));
 

@@ -14,9 +14,10 @@ struct FakeHost::Callbacks {
         FakeHost& h = Self(host);
         if (signature != CV_PROPERTY_SIGNATURE)
             return cvErrUnsupported;
-        const std::optional<int32_t>* p = key == CV_PROPERTY_VERSION     ? &h.version
-                                          : key == CV_PROPERTY_GPU_FLAGS ? &h.gpuFlags
-                                                                         : nullptr;
+        const std::optional<int32_t>* p = key == CV_PROPERTY_VERSION          ? &h.version
+                                          : key == CV_PROPERTY_GPU_FLAGS      ? &h.gpuFlags
+                                          : key == CV_PROPERTY_FRESH_DEFAULTS ? &h.freshDefaults
+                                                                              : nullptr;
         if (!p || !p->has_value())
             return cvErrUnsupported;
         *value = **p;
@@ -174,6 +175,9 @@ struct FakeHost::Callbacks {
     }
 
     static uint32_t ModifierKeys(void* host) { return Self(host).modifierKeys; }
+    static void Warning(void* host, const char* message) {
+        Self(host).warnings.emplace_back(message);
+    }
 };
 
 FakeHost::FakeHost() {
@@ -195,6 +199,7 @@ FakeHost::FakeHost() {
     record_.freeMemory = Callbacks::FreeMemory;
     record_.preferencesBase = Callbacks::PreferencesBase;
     record_.modifierKeys = Callbacks::ModifierKeys;
+    record_.warning = Callbacks::Warning;
 }
 
 FakeHost::~FakeHost() = default;

@@ -42,6 +42,7 @@ public:
     // --- What the host offers.
     std::optional<int32_t> version = 27 << 16;  // empty: the query fails
     std::optional<int32_t> gpuFlags = 0x80;     // empty: the query fails
+    std::optional<int32_t> freshDefaults;       // empty: the query fails
     bool refuseBuffers = false;                 // the buffer suite returns null
     bool failResultWrites = false;              // writeResultPlane reports an error
     uint64_t maxSpace = 1ull << 30;
@@ -60,6 +61,7 @@ public:
 
     // --- What the module did.
     std::vector<AlertCall> alerts;
+    std::vector<std::string> warnings;
     std::unique_ptr<ActionDescriptor> result;  // the result descriptor taken over
     int resultDescriptors = 0;
     std::map<std::string, int> suitesAcquired;

@@ -7,8 +7,10 @@
 
 #include <exiv2/exiv2.hpp>
 
+#include <fstream>
 #include <functional>
 #include <new>
+#include <sstream>
 
 #include "FakeHost.h"
 #include "core/FourCC.h"
@@ -29,6 +31,7 @@ struct Scenario {
     PEditor::Result editorResult = PEditor::Result::Cancel;
     std::function<void(PFilter&)> inEditor;
     bool profileFound = false;
+    LensCameraModel profileModel = LensCameraModel::Fisheye;
     int lookupsAcquired = 0;
     std::weak_ptr<const LensProfileLookup> lookup;
     int focalChanges = 0;
@@ -95,7 +98,7 @@ public:
             return {std::nullopt, std::string(kNoMatchedProfileKey)};
         LensProfile p;
         p.found = true;
-        p.cameraModel = LensCameraModel::Fisheye;
+        p.cameraModel = s_.profileModel;
         return {p, {}};
     }
 
@@ -235,10 +238,10 @@ TEST_F(PFilterTest, FullSphericalNeedsATwoToOneImage) {
         host.alerts.clear();
         InEditor([](PFilter& f) {
             f.settings().projectionModel = ProjectionModel::FullSpherical;
-            f.chooseProjection(ProjectionModel::Perspective, false, false);
+            f.chooseProjection(ProjectionModel::Perspective, ProjectionDecision::Keep, false);
             const ProjectionModel quiet = f.settings().projectionModel;
             f.settings().projectionModel = ProjectionModel::FullSpherical;
-            f.chooseProjection(ProjectionModel::Perspective, false, true);
+            f.chooseProjection(ProjectionModel::Perspective, ProjectionDecision::Keep, true);
             EXPECT_EQ(quiet, f.settings().projectionModel);
         });
         const auto expected =
@@ -264,7 +267,7 @@ TEST_F(PFilterTest, AutoWithoutAProfileFallsBackAndWarnsOnlyWhenAsked) {
     InEditor([](PFilter& f) {
         EXPECT_EQ(f.settings().projectionModel, ProjectionModel::Fisheye);
         f.settings().projectionModel = ProjectionModel::Auto;
-        f.chooseProjection(ProjectionModel::Perspective, false, true);
+        f.chooseProjection(ProjectionModel::Perspective, ProjectionDecision::Keep, true);
         EXPECT_EQ(f.settings().projectionModel, ProjectionModel::Perspective);
     });
     ASSERT_EQ(host.alerts.size(), 1u);
@@ -273,24 +276,108 @@ TEST_F(PFilterTest, AutoWithoutAProfileFallsBackAndWarnsOnlyWhenAsked) {
     EXPECT_GE(scenario.refreshes, 1) << "the running editor refreshes its projection controls";
 }
 
-TEST_F(PFilterTest, SixteenMillimetreRuleOnTheEquivalentFocalLength) {
+// A profile whose camera model neither projection takes builds nothing: Auto
+// falls back to the previous model with the lookup's warning.
+TEST_F(PFilterTest, AutoWithAnUnusableProfileFallsBackWithItsWarning) {
+    scenario.profileFound = true;
+    scenario.profileModel = LensCameraModel::None;
+    InEditor([](PFilter& f) {
+        f.settings().projectionModel = ProjectionModel::Auto;
+        f.chooseProjection(ProjectionModel::Perspective, ProjectionDecision::Keep, true);
+        EXPECT_EQ(f.settings().projectionModel, ProjectionModel::Perspective);
+        EXPECT_FALSE(f.lensProfile().has_value());
+    });
+    ASSERT_EQ(host.alerts.size(), 1u);
+    EXPECT_EQ(host.alerts[0].message, "No matching lens profile found.");
+}
+
+// A fresh invocation decides by the photo's own focal length f; restoring
+// the defaults decides by its 35 mm equivalent E (crop x f when the photo
+// records none, 0 without a crop factor).
+TEST_F(PFilterTest, SixteenMillimetreRulesOfAFreshStartAndOfAReset) {
     struct Case {
-        const char* focal35;
-        ProjectionModel expected;
+        const char* attributes;
+        ProjectionModel fresh, reset;
     };
-    for (const Case c :
-         {Case{"159/10", ProjectionModel::Fisheye}, Case{"24", ProjectionModel::Perspective},
-          Case{nullptr, ProjectionModel::Perspective}}) {
-        host.xmpPacket =
-            c.focal35 ? Packet(std::string("exif:FocalLengthIn35mmFilm=\"") + c.focal35 + "\"")
-                      : Packet("tiff:Make=\"Canon\"");
-        ProjectionModel chosen = ProjectionModel::None;
+    const auto fish = ProjectionModel::Fisheye, persp = ProjectionModel::Perspective;
+    for (const Case c : {
+             Case{"exif:FocalLength=\"24\"", persp, fish},  // no crop: E = 0 keeps the fallback
+             Case{"exif:FocalLength=\"12\" exif:FocalLengthIn35mmFilm=\"19\"", fish, persp},
+             Case{"exif:FocalLengthIn35mmFilm=\"159/10\"", fish, fish},  // f = 0: fallback
+             Case{"exif:FocalLength=\"16005/1000\"", fish, fish},  // within 0.01 of 16: kept
+             Case{"tiff:Make=\"Canon\"", fish, fish},
+         }) {
+        host.xmpPacket = Packet(c.attributes);
+        ProjectionModel fresh = ProjectionModel::None, reset = ProjectionModel::None;
         InEditor([&](PFilter& f) {
-            f.chooseProjection(ProjectionModel::Perspective, true, false);
-            chosen = f.settings().projectionModel;
+            fresh = f.settings().projectionModel;
+            f.chooseProjection(ProjectionModel::Fisheye, ProjectionDecision::Reset, false);
+            reset = f.settings().projectionModel;
         });
-        EXPECT_EQ(chosen, c.expected) << (c.focal35 ? c.focal35 : "none");
+        EXPECT_EQ(fresh, c.fresh) << c.attributes;
+        EXPECT_EQ(reset, c.reset) << c.attributes;
     }
+}
+
+// A silent run asked for the editor's opening settings starts from them; the
+// descriptor's keys override, and a physical focal length without the one in
+// pixels gives the latter for this image.
+TEST_F(PFilterTest, ASilentRunCanStartWhereTheEditorWouldOpen) {
+    host.width = 3600;
+    host.height = 2400;
+    host.xmpPacket = Packet("exif:FocalLength=\"24\" exif:FocalLengthIn35mmFilm=\"36\"");
+    host.freshDefaults = 1;
+    host.input = std::make_unique<ActionDescriptor>();
+    host.input->Put(FourCC("regM"), ActionDescriptor::Enumerated{FourCC("regM"), FourCC("merR")});
+    ASSERT_EQ(Invoke(false), cvNoErr);
+    EXPECT_EQ(filter.settings().projectionModel, ProjectionModel::Perspective);
+    EXPECT_EQ(filter.settings().regularizerModel, RegularizerModel::Mercator);
+    EXPECT_FLOAT_EQ(filter.settings().cropFactor, 1.5f);
+    EXPECT_FLOAT_EQ(filter.settings().focalLength, 1.5f * 24 * 3600 / 36);
+
+    host.input->Put(FourCC("PhyF"), 12.0);
+    host.input->Put(FourCC("prjM"), ActionDescriptor::Enumerated{FourCC("prjM"), FourCC("fisP")});
+    ASSERT_EQ(Invoke(false), cvNoErr);
+    EXPECT_EQ(filter.settings().projectionModel, ProjectionModel::Fisheye);
+    EXPECT_FLOAT_EQ(filter.settings().focalLength, 1.5f * 12 * 3600 / 36);
+
+    // Without the request the saved settings are the start, as they always were.
+    host.freshDefaults.reset();
+    host.input = std::make_unique<ActionDescriptor>();
+    host.input->Put(FourCC("regM"), ActionDescriptor::Enumerated{FourCC("regM"), FourCC("steR")});
+    ASSERT_EQ(Invoke(false), cvNoErr);
+    EXPECT_EQ(filter.settings().projectionModel, ProjectionModel::Fisheye);
+    EXPECT_TRUE(host.warnings.empty());
+}
+
+// The silent path shows no alert: what it has to say goes to the host as a
+// warning; inside the editor it is an alert.
+TEST_F(PFilterTest, SilentRunsWarnWhereTheEditorAlerts) {
+    scenario.rect = ImageRect{0, 0, 300, 200};
+    host.input = std::make_unique<ActionDescriptor>();
+    host.input->Put(FourCC("prjM"), ActionDescriptor::Enumerated{FourCC("prjM"), FourCC("fusP")});
+    ASSERT_EQ(Invoke(false), cvNoErr);
+    EXPECT_EQ(filter.settings().projectionModel, ProjectionModel::Fisheye);
+    EXPECT_TRUE(host.alerts.empty());
+    ASSERT_EQ(host.warnings.size(), 1u);
+    EXPECT_NE(host.warnings[0].find("1:2"), std::string::npos);
+}
+
+// A preferences file that cannot be used is moved aside before the first
+// save writes the defaults.
+TEST_F(PFilterTest, AnUnreadablePreferencesFileIsKeptBeside) {
+    const auto file = test::PreferencesFileUnder(prefsBase.Path());
+    std::filesystem::create_directories(file.parent_path());
+    std::ofstream(file, std::ios::binary) << "Vlmo and then something else entirely";
+    EXPECT_EQ(Invoke(false), cvNoErr);
+    PPreferences saved;
+    EXPECT_TRUE(LoadPreferencesFile(file, saved));
+    std::ifstream backup(file.string() + ".bak", std::ios::binary);
+    std::stringstream kept;
+    kept << backup.rdbuf();
+    EXPECT_EQ(kept.str(), "Vlmo and then something else entirely");
+    ASSERT_EQ(host.warnings.size(), 1u);
+    EXPECT_NE(host.warnings[0].find(".bak"), std::string::npos);
 }
 
 TEST_F(PFilterTest, PanoramaMetadataKeepsTheModel) {
@@ -301,7 +388,7 @@ TEST_F(PFilterTest, PanoramaMetadataKeepsTheModel) {
         ASSERT_TRUE(f.cameraMetadata().isPanorama);
         EXPECT_EQ(f.settings().projectionModel, ProjectionModel::Auto);  // "Panorama"
         f.settings().projectionModel = ProjectionModel::Perspective;
-        f.chooseProjection(ProjectionModel::Fisheye, false, true);
+        f.chooseProjection(ProjectionModel::Fisheye, ProjectionDecision::Keep, true);
         EXPECT_EQ(f.settings().projectionModel, ProjectionModel::Perspective);
     });
     EXPECT_EQ(scenario.lookupsAcquired, 0);

@@ -141,14 +141,30 @@ TEST(PreferencesFile, SettingsThatAreNotStoredKeepTheReadersValues) {
     EXPECT_EQ(read.settings.meshLevel, 6);
 }
 
-TEST(PreferencesFile, EveryTruncationKeepsTheDefaults) {
-    const std::vector<uint8_t> full = SerializePreferences(DistinctPrefs());
+// A file cut anywhere after its header keeps what it holds: every stored
+// field is either the written value or the reader's own, never garbage.
+TEST(PreferencesFile, ATruncatedFileKeepsWhatItHolds) {
+    const PPreferences written = DistinctPrefs();
+    const PPreferences defaults(640);
+    const std::vector<uint8_t> full = SerializePreferences(written);
     for (size_t n = 0; n < full.size(); ++n) {
         PPreferences read(640);
         const std::vector<uint8_t> cut(full.begin(), full.begin() + static_cast<ptrdiff_t>(n));
-        EXPECT_FALSE(ParsePreferences(cut, read)) << n;
-        ExpectStoredFieldsEqual(read, PPreferences(640));
+        EXPECT_EQ(ParsePreferences(cut, read), n > 20) << n;
+        const PSettings& s = read.settings;
+        EXPECT_TRUE(read.flags == written.flags || read.flags == defaults.flags) << n;
+        EXPECT_TRUE(s.focalLength == written.settings.focalLength ||
+                    s.focalLength == defaults.settings.focalLength)
+            << n;
+        EXPECT_TRUE(s.path == written.settings.path || s.path.empty()) << n;
+        EXPECT_TRUE(s.loupeSize == written.settings.loupeSize ||
+                    s.loupeSize == defaults.settings.loupeSize)
+            << n;
     }
+    // Only the end word missing: everything is there.
+    PPreferences read(640);
+    ASSERT_TRUE(ParsePreferences(std::span(full).first(full.size() - 4), read));
+    ExpectStoredFieldsEqual(read, written);
 }
 
 TEST(PreferencesFile, ForeignFilesKeepTheDefaults) {
@@ -168,15 +184,26 @@ TEST(PreferencesFile, ForeignFilesKeepTheDefaults) {
     expectRefused(patched(4, FourCC("CVCx")), "type");
     expectRefused(patched(12, 1), "word 3");
     expectRefused(patched(16, 4), "payload shorter than 5");
-    expectRefused(patched(16, static_cast<uint32_t>(good.size())), "payload past the end");
-    expectRefused(patched(36, 1000), "a chunk running past the end");
-    std::vector<uint8_t> noEnd = good;
-    noEnd.resize(noEnd.size() - 4);
-    noEnd[16] -= 4;
-    expectRefused(noEnd, "no end word");
-    // Word 2 is ignored.
+}
+
+// The header's payload length and word 2 are not the reader's business; a
+// chunk that runs past the end gives what lies inside the file.
+TEST(PreferencesFile, WhatTheFormatAllowsIsRead) {
+    const std::vector<uint8_t> good = SerializePreferences(DistinctPrefs(), std::endian::little);
+    auto patched = [&](size_t at, uint32_t v) {
+        std::vector<uint8_t> b = good;
+        std::memcpy(b.data() + at, &v, 4);
+        return b;
+    };
+    for (const auto& bytes : {patched(8, 99), patched(16, 5), patched(16, 1u << 30)}) {
+        PPreferences read;
+        ASSERT_TRUE(ParsePreferences(bytes, read));
+        ExpectStoredFieldsEqual(read, DistinctPrefs());
+    }
     PPreferences read;
-    EXPECT_TRUE(ParsePreferences(patched(8, 99), read));
+    ASSERT_TRUE(ParsePreferences(patched(36, 1000), read));  // the flags chunk's length
+    EXPECT_EQ(read.flags, DistinctPrefs().flags);
+    EXPECT_EQ(read.dialogPlacement, PPreferences().dialogPlacement);
 }
 
 // Little-endian building blocks of hand-made files.
@@ -233,11 +260,11 @@ TEST(PreferencesFile, PlacementTagsAreSelfDescribing) {
     ASSERT_TRUE(
         ParsePreferences(FileOf(Chunk(FourCC("CVCo"), FourCC("DLoc"), 0, placement)), read));
     EXPECT_EQ(read.dialogPlacement, (DialogPlacement{5, 2, 7, 4}));
-    // A count that runs past the chunk refuses the file.
-    PPreferences refused;
-    EXPECT_FALSE(ParsePreferences(
-        FileOf(Chunk(FourCC("CVCo"), FourCC("DLoc"), 0, Words({9u, FourCC("Pt1X"), 5u}))),
-        refused));
+    // A count that runs past the chunk leaves the placement as it was.
+    PPreferences cut;
+    EXPECT_TRUE(ParsePreferences(
+        FileOf(Chunk(FourCC("CVCo"), FourCC("DLoc"), 0, Words({9u, FourCC("Pt1X"), 5u}))), cut));
+    EXPECT_EQ(cut.dialogPlacement, PPreferences().dialogPlacement);
 }
 
 TEST(PreferencesFile, FolderHasThreeLevelsUnderTheBase) {
