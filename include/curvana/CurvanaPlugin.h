@@ -238,14 +238,14 @@ typedef struct CvTerm {
 /* What the filter declares before it is run: the images it takes and its
  * scripting terminology (see CurvanaScripting.h). */
 typedef struct CvRegistration {
-    uint32_t abiVersion;       /* CURVANA_ABI_VERSION of the module */
-    const char* name;          /* "Curvana" */
-    const char* version;       /* the module's version, "major.minor.patch" */
-    int32_t hostMajorVersion;  /* the host version ("vers") it runs under */
-    uint32_t modes;            /* (1u << cvMode...) for every mode it takes */
-    uint32_t depths;           /* (1u << bits) for every depth it takes: 8, 16 */
+    uint32_t abiVersion;      /* CURVANA_ABI_VERSION of the module */
+    const char* name;         /* "Curvana" */
+    const char* version;      /* the module's version, "major.minor.patch" */
+    int32_t hostMajorVersion; /* the host version ("vers") it runs under */
+    uint32_t modes;           /* (1u << cvMode...) for every mode it takes */
+    uint32_t depths;          /* (1u << bits) for every depth it takes: 8, 16 */
     int32_t maxWidth, maxHeight;
-    uint32_t event;            /* the class of the actions it records */
+    uint32_t event; /* the class of the actions it records */
     const char* eventName;
     const CvTerm* keys; /* descriptor keys in the terminology */
     uint32_t keyCount;

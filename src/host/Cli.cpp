@@ -9,8 +9,8 @@
 
 #include "ApplyDescriptor.h"
 #include "Batch.h"
-#include "Descriptor.h"
 #include "CliOptions.h"
+#include "Descriptor.h"
 #include "HostError.h"
 #include "ModuleHost.h"
 #include "SystemInfo.h"

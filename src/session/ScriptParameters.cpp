@@ -112,8 +112,7 @@ ScriptKeysRead ReadScriptDescriptor(const CvDescriptorSuite5& suite, CvDescripto
                 read.cropFactor |= ReadFloat(suite, d, key, settings.cropFactor);
                 break;
             case cvKeyPhysicalFocalLength:
-                read.physicalFocalLength |=
-                    ReadFloat(suite, d, key, settings.physicalFocalLength);
+                read.physicalFocalLength |= ReadFloat(suite, d, key, settings.physicalFocalLength);
                 break;
             case cvKeyFocalLength:
                 read.focalLength |= ReadFloat(suite, d, key, settings.focalLength);

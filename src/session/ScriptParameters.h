@@ -68,7 +68,7 @@ struct ScriptKeysRead {
 // "cnsD" of length zero or less, or one whose buffer cannot be allocated, is
 // skipped.
 ScriptKeysRead ReadScriptDescriptor(const CvDescriptorSuite5& suite, CvDescriptor descriptor,
-                          PSettings& settings, PConstraintData* constraints);
+                                    PSettings& settings, PConstraintData* constraints);
 
 // Puts the settings into an empty descriptor in this key order: "actV" 0,
 // "cnsD" (only when the set serialises to some bytes that can be allocated),

@@ -397,10 +397,9 @@ TEST(ConstraintFileRead, SettingsClampingAndWhatCountsAsAChange) {
         EXPECT_EQ(ctx.settings.cropFactor, -2.0f);  // stored as read
     }
     // A value that is not a number is no value to clamp: the file is refused.
-    for (const auto& [physical, crop, focal] : {std::tuple{NAN, 1.0f, 900.0f},
-                                                std::tuple{15.0f, 1.0f, NAN},
-                                                std::tuple{INFINITY, 1.0f, 900.0f},
-                                                std::tuple{15.0f, -INFINITY, 900.0f}}) {
+    for (const auto& [physical, crop, focal] :
+         {std::tuple{NAN, 1.0f, 900.0f}, std::tuple{15.0f, 1.0f, NAN},
+          std::tuple{INFINITY, 1.0f, 900.0f}, std::tuple{15.0f, -INFINITY, 900.0f}}) {
         SimpleConstraintFileContext ctx = testing::MakeContext();
         const ConstraintFileSettings before = ctx.settings;
         ConstraintSet set;

@@ -135,8 +135,8 @@ INSTANTIATE_TEST_SUITE_P(
                      cvProjectionFisheye},
         // No crop information: the 35 mm equivalent is unknown, the focal
         // length itself decides.
-        MetadataCase{"perspective", {{"Exif.Photo.FocalLength", "24/1"}}, 0, 0,
-                     cvProjectionPerspective}),
+        MetadataCase{
+            "perspective", {{"Exif.Photo.FocalLength", "24/1"}}, 0, 0, cvProjectionPerspective}),
     [](const auto& param) { return std::string(param.param.name); });
 
 TEST_F(RealModuleDefaults, APhotoWithoutMetadataTakesItsFocalLengthFromItsOwnSize) {
@@ -160,8 +160,8 @@ TEST_F(RealModuleDefaults, ResetPreferencesStartsFromTheDefaultsAndSavesThem) {
     ASSERT_EQ(curvana({"apply", in.string(), "-o", (dir / "a.jpg").string()}).exitCode, 0);
     EXPECT_NEAR(*lastAction()->getFloat(cvKeyFocalLength), 2.0 * 20 * 480 / 36, 0.01);
 
-    const RunResult r = curvana(
-        {"apply", in.string(), "-o", (dir / "b.jpg").string(), "--reset-preferences"});
+    const RunResult r =
+        curvana({"apply", in.string(), "-o", (dir / "b.jpg").string(), "--reset-preferences"});
     ASSERT_EQ(r.exitCode, 0) << r.err;
     EXPECT_NEAR(*lastAction()->getFloat(cvKeyFocalLength), 15.0 * 480 / 36, 0.01);
     Project::PPreferences saved;
@@ -261,23 +261,44 @@ INSTANTIATE_TEST_SUITE_P(
                  },
                  0,
                  {"warning:", "3 of 4 constraints"}},
-        FileCase{"fullSpherical",
-                 [](std::vector<uint8_t>& b) {
-                     b = fourLines(Project::ProjectionModel::FullSpherical);
-                 },
-                 0,
-                 {"warning: The aspect ratio is not 1:2, which is invalid for Full Spherical."}},
-        FileCase{"empty", [](std::vector<uint8_t>& b) { b.clear(); }, kExitUsage,
+        FileCase{
+            "fullSpherical",
+            [](std::vector<uint8_t>& b) { b = fourLines(Project::ProjectionModel::FullSpherical); },
+            0,
+            {"warning: The aspect ratio is not 1:2, which is invalid for Full Spherical."}},
+        FileCase{"empty",
+                 [](std::vector<uint8_t>& b) { b.clear(); },
+                 kExitUsage,
                  {"The file you selected is an empty file."}}),
     [](const auto& param) { return std::string(param.param.name); });
 
 TEST_F(RealModuleDefaults, VersionNamesTheModuleTheHostTheDeviceAndTheRegistration) {
     const RunResult r = curvana({"--version"});
     ASSERT_EQ(r.exitCode, 0) << r.err;
-    for (const char* text :
-         {"module", "host", "27", "Vulkan device", "Grey", "RGB", "CMYK", "Lab", "8 and 16",
-          "2000000 x 2000000", "cvnC", "cnsD", "Constraint Data", "prjM", "Projection Model",
-          "panP", "Panorama", "regM", "panR", "Panini", "focL", "PhyF", "CrpF", "Crop Factor"})
+    for (const char* text : {"module",
+                             "host",
+                             "27",
+                             "Vulkan device",
+                             "Grey",
+                             "RGB",
+                             "CMYK",
+                             "Lab",
+                             "8 and 16",
+                             "2000000 x 2000000",
+                             "cvnC",
+                             "cnsD",
+                             "Constraint Data",
+                             "prjM",
+                             "Projection Model",
+                             "panP",
+                             "Panorama",
+                             "regM",
+                             "panR",
+                             "Panini",
+                             "focL",
+                             "PhyF",
+                             "CrpF",
+                             "Crop Factor"})
         EXPECT_NE(r.out.find(text), std::string::npos) << text << "\n" << r.out;
 }
 

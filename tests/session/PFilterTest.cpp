@@ -304,7 +304,7 @@ TEST_F(PFilterTest, SixteenMillimetreRulesOfAFreshStartAndOfAReset) {
              Case{"exif:FocalLength=\"24\"", persp, fish},  // no crop: E = 0 keeps the fallback
              Case{"exif:FocalLength=\"12\" exif:FocalLengthIn35mmFilm=\"19\"", fish, persp},
              Case{"exif:FocalLengthIn35mmFilm=\"159/10\"", fish, fish},  // f = 0: fallback
-             Case{"exif:FocalLength=\"16005/1000\"", fish, fish},  // within 0.01 of 16: kept
+             Case{"exif:FocalLength=\"16005/1000\"", fish, fish},        // within 0.01 of 16: kept
              Case{"tiff:Make=\"Canon\"", fish, fish},
          }) {
         host.xmpPacket = Packet(c.attributes);
