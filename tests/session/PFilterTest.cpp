@@ -7,10 +7,8 @@
 
 #include <exiv2/exiv2.hpp>
 
-#include <fstream>
 #include <functional>
 #include <new>
-#include <sstream>
 
 #include "FakeHost.h"
 #include "core/FourCC.h"
@@ -361,23 +359,6 @@ TEST_F(PFilterTest, SilentRunsWarnWhereTheEditorAlerts) {
     EXPECT_TRUE(host.alerts.empty());
     ASSERT_EQ(host.warnings.size(), 1u);
     EXPECT_NE(host.warnings[0].find("1:2"), std::string::npos);
-}
-
-// A preferences file that cannot be used is moved aside before the first
-// save writes the defaults.
-TEST_F(PFilterTest, AnUnreadablePreferencesFileIsKeptBeside) {
-    const auto file = test::PreferencesFileUnder(prefsBase.Path());
-    std::filesystem::create_directories(file.parent_path());
-    std::ofstream(file, std::ios::binary) << "Vlmo and then something else entirely";
-    EXPECT_EQ(Invoke(false), cvNoErr);
-    PPreferences saved;
-    EXPECT_TRUE(LoadPreferencesFile(file, saved));
-    std::ifstream backup(file.string() + ".bak", std::ios::binary);
-    std::stringstream kept;
-    kept << backup.rdbuf();
-    EXPECT_EQ(kept.str(), "Vlmo and then something else entirely");
-    ASSERT_EQ(host.warnings.size(), 1u);
-    EXPECT_NE(host.warnings[0].find(".bak"), std::string::npos);
 }
 
 TEST_F(PFilterTest, PanoramaMetadataKeepsTheModel) {
