@@ -238,7 +238,8 @@ bool PFilter::runFilter() {
             }
             live = working;
             chooseProjection(ProjectionModel::Fisheye, ProjectionDecision::Keep, silent);
-            deriveFocalLength();
+            if (fresh)
+                deriveFocalLength();
             pipeline_->RebuildSolver(*this);
             if (ParametersRequested()) {
                 runEditor();
@@ -263,7 +264,6 @@ bool PFilter::runFilter() {
             return true;
         }
         chooseProjection(ProjectionModel::Fisheye, ProjectionDecision::Keep, true);
-        deriveFocalLength();
         pipeline_->RebuildSolver(*this);
         reportSkippedConstraints();
         applyWithoutDialog();

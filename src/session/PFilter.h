@@ -119,10 +119,12 @@ private:
     // a fresh invocation and the focal length from the metadata. Leaves the
     // live settings as they were.
     PSettings freshSettings();
-    // Unless the descriptor read in this invocation carried the focal length
-    // in pixels (itself or in constraint data), it follows from the physical
-    // focal length and crop factor for this image's size: a value in pixels
-    // kept from another photo means nothing here.
+    // On a run that starts where the editor would open: unless the
+    // descriptor carried the focal length in pixels (itself or in constraint
+    // data), it follows from the physical focal length and crop factor for
+    // this image's size, so that a physical focal length or crop factor given
+    // without it takes effect. Other runs keep the focal length they were
+    // given or last used, as a repeat must.
     void deriveFocalLength();
     // Tells the user about constraints the silent path could not use.
     void reportSkippedConstraints();
