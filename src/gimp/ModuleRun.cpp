@@ -200,29 +200,41 @@ int32_t abortRequested(void*) {
     return 0;
 }
 
-int32_t alert(void* host, const char* message, const char* title, int32_t buttons) {
+// Shows a line in GIMP's message area at once on GIMP's thread, else when the
+// run comes back to it; the outcome keeps it for the final report.
+void tell(void* host, const std::string& line) {
     HostContext* ctx = context(host);
+    if (!ctx)
+        return;
+    const bool now = onGimpThread(ctx);
+    {
+        const std::lock_guard lock(ctx->mutex);
+        ctx->outcome->alerts.push_back(line);
+        if (!now)
+            ctx->deferred.push_back(line);
+    }
+    if (now) {
+        const std::lock_guard wire(ctx->invocation->pixels->wire());
+        gimp_message(line.c_str());
+    }
+}
+
+int32_t alert(void* host, const char* message, const char* title, int32_t buttons) {
     try {
         const std::string t = displayText(title);
         const std::string m = displayText(message);
-        const std::string line = t.empty() || t == "Curvana" ? m : t + ": " + m;
-        if (ctx) {
-            const bool now = onGimpThread(ctx);
-            {
-                const std::lock_guard lock(ctx->mutex);
-                ctx->outcome->alerts.push_back(line);
-                if (!now)
-                    ctx->deferred.push_back(line);
-            }
-            if (now) {
-                const std::lock_guard wire(ctx->invocation->pixels->wire());
-                gimp_message(line.c_str());
-            }
-        }
+        tell(host, t.empty() || t == "Curvana" ? m : t + ": " + m);
     } catch (...) {
     }
     // A GIMP message has no buttons: take the affirmative one.
     return buttons == cvButtonsYesNoCancel ? cvAnswerYes : cvAnswerOK;
+}
+
+void warning(void* host, const char* message) {
+    try {
+        tell(host, "Warning: " + displayText(message));
+    } catch (...) {
+    }
 }
 
 uint64_t maxSpace(void* host) {
@@ -300,6 +312,7 @@ InvocationOutcome runModule(FilterModule& module, const HostFacts& facts,
     record.progress = progress;
     record.abortRequested = abortRequested;
     record.alert = alert;
+    record.warning = warning;
     record.maxSpace = maxSpace;
     record.freeMemory = freeMemory;
     record.preferencesBase = preferencesBase;
