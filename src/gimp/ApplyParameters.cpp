@@ -72,8 +72,7 @@ std::optional<uint32_t> regularizerCode(const std::string& name) {
     return lookUp(kNames, name);
 }
 
-std::unique_ptr<Descriptor> applyDescriptor(const ApplyParameters& p, int32_t width, int32_t height,
-                                            double exifFocalMm, double exifFocal35mm) {
+std::unique_ptr<Descriptor> applyDescriptor(const ApplyParameters& p) {
     checkLength(p.focalMm, "the focal length");
     checkLength(p.crop, "the crop factor");
     auto d = std::make_unique<Descriptor>();
@@ -94,29 +93,10 @@ std::unique_ptr<Descriptor> applyDescriptor(const ApplyParameters& p, int32_t wi
         d->putEnumerated(cvKeyRegularizerModel, cvKeyRegularizerModel, *code);
     }
 
-    // The crop factor the photo implies: its 35 mm equivalent over its focal length.
-    const double exifCrop = exifFocalMm > 0 && exifFocal35mm > 0 ? exifFocal35mm / exifFocalMm : 0;
-    const double longSide = std::max(width, height);
-    auto put = [&](double focalMm, double crop) {
-        d->putFloat(cvKeyPhysicalFocalLength, focalMm);
-        d->putFloat(cvKeyCropFactor, crop);
-        d->putFloat(cvKeyFocalLength, crop * focalMm * longSide / 36.0);
-    };
-    if (p.focalMm > 0 || p.crop > 0) {
-        const double crop = p.crop > 0 ? p.crop : (exifCrop > 0 ? exifCrop : 1.0);
-        double focal = p.focalMm > 0 ? p.focalMm : exifFocalMm;
-        if (focal <= 0 && exifFocal35mm > 0)
-            focal = exifFocal35mm / crop;
-        if (focal > 0)
-            put(focal, crop);
-        else
-            d->putFloat(cvKeyCropFactor, crop);
-    } else if (p.constraintFile.empty()) {
-        if (exifFocalMm > 0)
-            put(exifFocalMm, exifCrop > 0 ? exifCrop : 1.0);
-        else if (exifFocal35mm > 0)
-            put(exifFocal35mm, 1.0);
-    }
+    if (p.focalMm > 0)
+        d->putFloat(cvKeyPhysicalFocalLength, p.focalMm);
+    if (p.crop > 0)
+        d->putFloat(cvKeyCropFactor, p.crop);
     return d;
 }
 

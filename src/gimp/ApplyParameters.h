@@ -27,15 +27,12 @@ std::optional<uint32_t> regularizerCode(const std::string& name);
 
 // Builds the descriptor: the constraint file's bytes first (so that every
 // other key overrides the settings the file carries), then the models, then
-// the focal length: physical focal length, crop factor, and the focal length
-// in pixels crop x focal mm x max(width, height) / 36. Without a focal length
-// or crop factor given, and without a constraint file (which carries the
-// focal length it was drawn with), the photograph's EXIF focal length is used,
-// with the crop factor its 35 mm equivalent implies. Throws
-// std::invalid_argument with a one-line message for an unknown name, a
-// negative or non-finite number, or a constraint file that cannot be read.
-std::unique_ptr<Descriptor> applyDescriptor(const ApplyParameters& parameters, int32_t width,
-                                            int32_t height, double exifFocalMm,
-                                            double exifFocal35mm);
+// the physical focal length and crop factor the script gives (0 leaves each
+// to the filter, which takes what its editor would open the photo with: the
+// camera's crop factor, the EXIF focal length; a run with parameters asks
+// for that). Throws std::invalid_argument with a one-line message for an
+// unknown name, a negative or non-finite number, or a constraint file that
+// cannot be read.
+std::unique_ptr<Descriptor> applyDescriptor(const ApplyParameters& parameters);
 
 }  // namespace Curvana::Gimp

@@ -93,11 +93,11 @@ ProcedureResult run(gint nparams, const GimpParam* params) {
     switch (mode) {
         case GIMP_RUN_NONINTERACTIVE:
             try {
-                descriptor = applyDescriptor(scriptParameters(params), layout.width, layout.height,
-                                             metadata.focalLengthMm, metadata.focalLength35mm);
+                descriptor = applyDescriptor(scriptParameters(params));
             } catch (const std::invalid_argument& e) {
                 return failed(GIMP_PDB_CALLING_ERROR, e.what());
             }
+            invocation.freshDefaults = true;
             break;
         case GIMP_RUN_WITH_LAST_VALS:
             // Without a last action the module repeats its own last settings.

@@ -12,14 +12,6 @@
 namespace Curvana::Gimp {
 namespace {
 
-double rationalValue(const Exiv2::ExifData& exif, const char* key) {
-    const auto it = exif.findKey(Exiv2::ExifKey(key));
-    if (it == exif.end() || it->count() == 0)
-        return 0;
-    const double v = it->toFloat(0);
-    return std::isfinite(v) && v > 0 ? v : 0;
-}
-
 void copyIfMissing(const Exiv2::ExifData& exif, const char* exifKey, Exiv2::XmpData& xmp,
                    const char* xmpKey) {
     const auto it = exif.findKey(Exiv2::ExifKey(exifKey));
@@ -59,8 +51,6 @@ ImageMetadata readImageMetadata(gint32 image) {
             if (size > 0)
                 Exiv2::ExifParser::decode(exif, data, static_cast<uint32_t>(size));
         }
-        out.focalLengthMm = rationalValue(exif, "Exif.Photo.FocalLength");
-        out.focalLength35mm = rationalValue(exif, "Exif.Photo.FocalLengthIn35mmFilm");
 
         Exiv2::XmpData xmp;
         const std::string packet = takeString(gexiv2_metadata_try_generate_xmp_packet(

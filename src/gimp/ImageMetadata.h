@@ -13,9 +13,6 @@ struct ImageMetadata {
     // The image's XMP with its EXIF converted to XMP; empty when the image
     // carries neither.
     std::string xmpPacket;
-    // Lens facts for the focal length in pixels (0 when absent).
-    double focalLengthMm = 0;
-    double focalLength35mm = 0;
     // Problems that did not stop the run, one line each.
     std::vector<std::string> warnings;
 };

@@ -65,6 +65,10 @@ CvError getProperty(void* host, uint32_t signature, uint32_t key, int32_t* value
         *value = ctx->facts->gpuAvailable ? 0x80 : 0;
         return cvNoErr;
     }
+    if (key == CV_PROPERTY_FRESH_DEFAULTS) {
+        *value = ctx->invocation->freshDefaults ? 1 : 0;
+        return cvNoErr;
+    }
     return cvErrUnsupported;
 }
 

@@ -27,6 +27,9 @@ struct Invocation {
     std::string xmpPacket;
     const Descriptor* descriptor = nullptr;  // scripting parameters passed in; null for none
     bool parameters = false;                 // send the Parameters selector: the editor
+    // Start from what the editor would open the photo with (a scripted run);
+    // the descriptor's keys apply over that.
+    bool freshDefaults = false;
 };
 
 struct InvocationOutcome {

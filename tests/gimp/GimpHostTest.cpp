@@ -7,6 +7,7 @@
 #include <fstream>
 #include <limits>
 #include <stdexcept>
+#include <tuple>
 
 #include "ApplyParameters.h"
 #include "DrawablePixels.h"
@@ -68,36 +69,24 @@ TEST(LastAction, SuiteRefusesHandlesItDidNotMake) {
 
 class ScriptParameters : public ::testing::Test {
 protected:
-    static constexpr int32_t kWidth = 3000, kHeight = 2000;
     Host::Test::ScratchDir dir;
 };
 
-TEST_F(ScriptParameters, FocalLengthComesFromTheScriptElseFromTheExif) {
-    struct Case {
-        double focalMm, crop, exifMm, exif35;
-        double wantMm, wantCrop;  // 0: no focal length put
-    };
-    const Case cases[] = {
-        {0, 0, 15, 0, 15, 1.0},    // the photo's own, full frame
-        {0, 0, 10, 15, 10, 1.5},   // crop from the 35 mm equivalent
-        {0, 0, 0, 24, 24, 1.0},    // only an equivalent
-        {12, 0, 15, 30, 12, 2.0},  // the script's focal, the photo's crop
-        {0, 1.6, 10, 0, 10, 1.6},  // the script's crop, the photo's focal
-        {8, 1.0, 0, 0, 8, 1.0},    // no EXIF at all
-        {0, 0, 0, 0, 0, 0},        // nothing known: left to the filter
-    };
-    for (const Case& c : cases) {
+// Only what the script names is passed; the filter completes the rest from
+// the photo as its editor would, so no focal length in pixels is made here.
+TEST_F(ScriptParameters, OnlyTheScriptsFocalLengthAndCropArePassed) {
+    const std::tuple<double, double, bool, bool> cases[] = {
+        {0, 0, false, false}, {12, 0, true, false}, {0, 1.6, false, true}, {8, 1.0, true, true}};
+    for (const auto& [focalMm, crop, hasFocal, hasCrop] : cases) {
         ApplyParameters p;
-        p.focalMm = c.focalMm;
-        p.crop = c.crop;
-        const auto d = applyDescriptor(p, kWidth, kHeight, c.exifMm, c.exif35);
-        if (c.wantMm == 0) {
-            EXPECT_FALSE(d->find(cvKeyFocalLength));
-            continue;
-        }
-        EXPECT_DOUBLE_EQ(*d->getFloat(cvKeyPhysicalFocalLength), c.wantMm);
-        EXPECT_DOUBLE_EQ(*d->getFloat(cvKeyCropFactor), c.wantCrop);
-        EXPECT_DOUBLE_EQ(*d->getFloat(cvKeyFocalLength), c.wantCrop * c.wantMm * kWidth / 36.0);
+        p.focalMm = focalMm;
+        p.crop = crop;
+        const auto d = applyDescriptor(p);
+        EXPECT_FALSE(d->find(cvKeyFocalLength));
+        EXPECT_EQ(d->getFloat(cvKeyPhysicalFocalLength).has_value(), hasFocal);
+        EXPECT_EQ(d->getFloat(cvKeyCropFactor).has_value(), hasCrop);
+        EXPECT_DOUBLE_EQ(d->getFloat(cvKeyPhysicalFocalLength).value_or(0), focalMm);
+        EXPECT_DOUBLE_EQ(d->getFloat(cvKeyCropFactor).value_or(0), crop);
     }
 }
 
@@ -108,7 +97,7 @@ TEST_F(ScriptParameters, ConstraintFileGoesFirstAndKeepsItsFocalLength) {
     p.constraintFile = file.string();
     p.projection = "perspective";
     p.regularizer = "panini";
-    const auto d = applyDescriptor(p, kWidth, kHeight, 15, 0);
+    const auto d = applyDescriptor(p);
     ASSERT_EQ(d->entries().size(), 3u);
     EXPECT_EQ(d->entries()[0].key, cvKeyConstraintData);
     EXPECT_EQ(std::string(d->entries()[0].data.begin(), d->entries()[0].data.end()),
@@ -129,7 +118,7 @@ TEST_F(ScriptParameters, BadParametersAreRefusedWithTheirReason) {
     };
     for (const auto& [parameters, why] : cases) {
         try {
-            (void)applyDescriptor(parameters, kWidth, kHeight, 15, 0);
+            (void)applyDescriptor(parameters);
             ADD_FAILURE() << "accepted: " << why;
         } catch (const std::invalid_argument& e) {
             EXPECT_NE(std::string(e.what()).find(why), std::string::npos) << e.what();
