@@ -6,14 +6,27 @@
 #include <array>
 #include <cerrno>
 #include <cmath>
+#include <cstdlib>
 #include <mutex>
 
 namespace Curvana::Host {
 namespace {
 
+// Mutes Exiv2's log, once. Reading XMP registers the namespaces a file
+// brings in a registry Exiv2 frees only when its XMP toolkit is terminated:
+// that is done at exit, after the filter module's own use of it has ended.
 void quietExiv2() {
     static std::once_flag once;
-    std::call_once(once, [] { Exiv2::LogMsg::setLevel(Exiv2::LogMsg::mute); });
+    std::call_once(once, [] {
+        Exiv2::LogMsg::setLevel(Exiv2::LogMsg::mute);
+        std::atexit([] {
+            try {
+                Exiv2::XmpParser::terminate();
+            } catch (...) {
+                // Nothing is left to do at exit.
+            }
+        });
+    });
 }
 
 bool carried(const Exiv2::Exifdatum& datum) {
