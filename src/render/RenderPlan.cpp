@@ -121,8 +121,10 @@ bool QuadTriangles(const RenderMesh& mesh, int32_t i, int32_t j, std::vector<Pla
     return inside;
 }
 
-MeshExtent ComputeMeshExtent(const RenderMesh& mesh) {
-    MeshExtent extent;
+// Hands `use` the content-clipped triangles (three vertices each) of every
+// valid quad, quad by quad.
+template <typename Use>
+void ForEachQuadTriangles(const RenderMesh& mesh, Use&& use) {
     std::vector<PlanVertex> triangles;
     const int32_t quads = mesh.QuadsPerSide();
     for (int32_t j = 0; j < quads; ++j) {
@@ -132,11 +134,18 @@ MeshExtent ComputeMeshExtent(const RenderMesh& mesh) {
             }
             triangles.clear();
             QuadTriangles(mesh, i, j, triangles);
-            for (const PlanVertex& p : triangles) {
-                Grow(extent, p.x, p.y);
-            }
+            use(triangles);
         }
     }
+}
+
+MeshExtent ComputeMeshExtent(const RenderMesh& mesh) {
+    MeshExtent extent;
+    ForEachQuadTriangles(mesh, [&](const std::vector<PlanVertex>& triangles) {
+        for (const PlanVertex& p : triangles) {
+            Grow(extent, p.x, p.y);
+        }
+    });
     return extent;
 }
 
@@ -153,52 +162,42 @@ std::optional<ViewFrame> CropToContent(const RenderMesh& mesh, int32_t width, in
     const int32_t rows = std::max(1, static_cast<int32_t>(std::ceil(extent.Height() / cell)));
     const int32_t stride = columns + 1;
     std::vector<uint8_t> corner(static_cast<size_t>(stride) * (rows + 1), 0);
-    std::vector<PlanVertex> triangles;
-    const int32_t quads = mesh.QuadsPerSide();
-    for (int32_t j = 0; j < quads; ++j) {
-        for (int32_t i = 0; i < quads; ++i) {
-            if (!mesh.IsQuadValid(mesh.QuadIndex(i, j))) {
+    ForEachQuadTriangles(mesh, [&](const std::vector<PlanVertex>& triangles) {
+        for (size_t t = 0; t + 2 < triangles.size(); t += 3) {
+            // Sample space: column = (x - minX) / cell, row = (maxY - y) / cell.
+            double px[3], py[3];
+            for (int32_t k = 0; k < 3; ++k) {
+                px[k] = (triangles[t + k].x - extent.minX) / cell;
+                py[k] = (extent.maxY - triangles[t + k].y) / cell;
+            }
+            const double area =
+                (px[1] - px[0]) * (py[2] - py[0]) - (px[2] - px[0]) * (py[1] - py[0]);
+            if (std::abs(area) < 1e-12) {
                 continue;
             }
-            triangles.clear();
-            QuadTriangles(mesh, i, j, triangles);
-            for (size_t t = 0; t + 2 < triangles.size(); t += 3) {
-                // Sample space: column = (x - minX) / cell, row = (maxY - y) / cell.
-                double px[3], py[3];
-                for (int32_t k = 0; k < 3; ++k) {
-                    px[k] = (triangles[t + k].x - extent.minX) / cell;
-                    py[k] = (extent.maxY - triangles[t + k].y) / cell;
-                }
-                const double area =
-                    (px[1] - px[0]) * (py[2] - py[0]) - (px[2] - px[0]) * (py[1] - py[0]);
-                if (std::abs(area) < 1e-12) {
-                    continue;
-                }
-                const int32_t c0 = std::max(
-                    0, static_cast<int32_t>(std::ceil(std::min({px[0], px[1], px[2]}) - 1e-9)));
-                const int32_t c1 = std::min(
-                    columns,
-                    static_cast<int32_t>(std::floor(std::max({px[0], px[1], px[2]}) + 1e-9)));
-                const int32_t r0 = std::max(
-                    0, static_cast<int32_t>(std::ceil(std::min({py[0], py[1], py[2]}) - 1e-9)));
-                const int32_t r1 = std::min(
-                    rows, static_cast<int32_t>(std::floor(std::max({py[0], py[1], py[2]}) + 1e-9)));
-                for (int32_t r = r0; r <= r1; ++r) {
-                    for (int32_t c = c0; c <= c1; ++c) {
-                        const double w0 =
-                            ((px[1] - c) * (py[2] - r) - (px[2] - c) * (py[1] - r)) / area;
-                        const double w1 =
-                            ((px[2] - c) * (py[0] - r) - (px[0] - c) * (py[2] - r)) / area;
-                        const double w2 = 1.0 - w0 - w1;
-                        // Edges shared by two triangles cover their points.
-                        if (w0 >= -1e-9 && w1 >= -1e-9 && w2 >= -1e-9) {
-                            corner[static_cast<size_t>(r) * stride + c] = 1;
-                        }
+            const int32_t c0 = std::max(
+                0, static_cast<int32_t>(std::ceil(std::min({px[0], px[1], px[2]}) - 1e-9)));
+            const int32_t c1 = std::min(
+                columns, static_cast<int32_t>(std::floor(std::max({px[0], px[1], px[2]}) + 1e-9)));
+            const int32_t r0 = std::max(
+                0, static_cast<int32_t>(std::ceil(std::min({py[0], py[1], py[2]}) - 1e-9)));
+            const int32_t r1 = std::min(
+                rows, static_cast<int32_t>(std::floor(std::max({py[0], py[1], py[2]}) + 1e-9)));
+            for (int32_t r = r0; r <= r1; ++r) {
+                for (int32_t c = c0; c <= c1; ++c) {
+                    const double w0 =
+                        ((px[1] - c) * (py[2] - r) - (px[2] - c) * (py[1] - r)) / area;
+                    const double w1 =
+                        ((px[2] - c) * (py[0] - r) - (px[0] - c) * (py[2] - r)) / area;
+                    const double w2 = 1.0 - w0 - w1;
+                    // Edges shared by two triangles cover their points.
+                    if (w0 >= -1e-9 && w1 >= -1e-9 && w2 >= -1e-9) {
+                        corner[static_cast<size_t>(r) * stride + c] = 1;
                     }
                 }
             }
         }
-    }
+    });
     // Prefix sums of empty cells: a block of cells is content when it holds none.
     std::vector<int32_t> empty(static_cast<size_t>(stride) * (rows + 1), 0);
     auto at = [&](int32_t r, int32_t c) -> int32_t& {
