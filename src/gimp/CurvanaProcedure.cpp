@@ -10,12 +10,13 @@
 
 #include "ApplyParameters.h"
 #include "DrawablePixels.h"
-#include "FilterModule.h"
 #include "GLibHandles.h"
 #include "ImageMetadata.h"
 #include "ModuleRun.h"
 #include "ScriptDescriptor.h"
-#include "SystemFacts.h"
+#include "TileCache.h"
+#include "hostkit/ModuleLibrary.h"
+#include "hostkit/SystemFacts.h"
 
 namespace Curvana::Gimp {
 namespace {
@@ -113,7 +114,7 @@ ProcedureResult run(gint nparams, const GimpParam* params) {
             "integers and back, so they are rounded to 1/65535 and clipped to 0…1.");
 
     HostFacts facts;
-    facts.gpuAvailable = vulkanDeviceAvailable();
+    facts.gpuAvailable = HostKit::vulkanDeviceAvailable();
     facts.maxSpace = tileCacheBytes();
     facts.preferencesBase = gimp_directory();
     invocation.pixels = &pixels;
@@ -121,7 +122,9 @@ ProcedureResult run(gint nparams, const GimpParam* params) {
     invocation.xmpPacket = metadata.xmpPacket;
     invocation.descriptor = descriptor.get();
 
-    const std::unique_ptr<FilterModule> module = FilterModule::open();
+    const std::unique_ptr<HostKit::ModuleLibrary> module =
+        HostKit::ModuleLibrary::open(HostKit::ModuleLibrary::locate(
+            "install the plug-in again with scripts/install-gimp-plugin"));
     const InvocationOutcome outcome = runModule(*module, facts, invocation);
     if (!outcome.pixelError.empty())
         return failed(GIMP_PDB_EXECUTION_ERROR, outcome.pixelError + "; the layer is unchanged");

@@ -8,19 +8,10 @@
 #include <mutex>
 
 #include "GLibHandles.h"
+#include "hostkit/ExifXmp.h"
 
 namespace Curvana::Gimp {
 namespace {
-
-void copyIfMissing(const Exiv2::ExifData& exif, const char* exifKey, Exiv2::XmpData& xmp,
-                   const char* xmpKey) {
-    const auto it = exif.findKey(Exiv2::ExifKey(exifKey));
-    if (it == exif.end() || xmp.findKey(Exiv2::XmpKey(xmpKey)) != xmp.end())
-        return;
-    const std::string value = it->toString();
-    if (!value.empty())
-        xmp[xmpKey] = value;
-}
 
 std::string oneLine(std::string s) {
     std::replace(s.begin(), s.end(), '\n', ' ');
@@ -57,11 +48,7 @@ ImageMetadata readImageMetadata(gint32 image) {
             store, GEXIV2_USE_COMPACT_FORMAT, 0, error.out()));
         if (!packet.empty() && Exiv2::XmpParser::decode(xmp, packet) != 0)
             out.warnings.push_back("the image's XMP could not be read; its EXIF is used alone");
-        Exiv2::copyExifToXmp(exif, xmp);
-        // The conversion leaves out the lens and the body's serial number,
-        // which the filter matches constraint files and lens profiles on.
-        copyIfMissing(exif, "Exif.Photo.LensModel", xmp, "Xmp.aux.Lens");
-        copyIfMissing(exif, "Exif.Photo.BodySerialNumber", xmp, "Xmp.aux.SerialNumber");
+        HostKit::addExifToXmp(exif, xmp);
         if (!xmp.empty() && Exiv2::XmpParser::encode(out.xmpPacket, xmp) != 0) {
             out.xmpPacket.clear();
             out.warnings.push_back("the image's metadata could not be encoded as XMP");

@@ -9,7 +9,8 @@
 #include <new>
 #include <thread>
 
-#include "SystemFacts.h"
+#include "hostkit/HostAnswers.h"
+#include "hostkit/SystemFacts.h"
 
 namespace Curvana::Gimp {
 namespace {
@@ -37,39 +38,13 @@ bool onGimpThread(const HostContext* ctx) {
     return std::this_thread::get_id() == ctx->gimpThread;
 }
 
-CvError copyString(const std::string& text, char* buffer, size_t capacity, size_t* length) {
-    if (!length || (capacity > 0 && !buffer))
-        return cvErrParam;
-    if (text.empty())
-        return cvErrUnsupported;
-    *length = text.size();
-    if (capacity > 0) {
-        const size_t n = std::min(capacity - 1, text.size());
-        std::memcpy(buffer, text.data(), n);
-        buffer[n] = '\0';
-    }
-    return cvNoErr;
-}
-
 CvError getProperty(void* host, uint32_t signature, uint32_t key, int32_t* value) {
     HostContext* ctx = context(host);
-    if (!ctx || !value)
+    if (!ctx)
         return cvErrParam;
-    if (signature != CV_PROPERTY_SIGNATURE)
-        return cvErrUnsupported;
-    if (key == CV_PROPERTY_VERSION) {
-        *value = static_cast<int32_t>(static_cast<uint32_t>(kHostMajorVersion) << 16);
-        return cvNoErr;
-    }
-    if (key == CV_PROPERTY_GPU_FLAGS) {
-        *value = ctx->facts->gpuAvailable ? 0x80 : 0;
-        return cvNoErr;
-    }
-    if (key == CV_PROPERTY_FRESH_DEFAULTS) {
-        *value = ctx->invocation->freshDefaults ? 1 : 0;
-        return cvNoErr;
-    }
-    return cvErrUnsupported;
+    const HostKit::HostProperties properties{kHostMajorVersion, ctx->facts->gpuAvailable,
+                                             ctx->invocation->freshDefaults};
+    return HostKit::answerProperty(properties, signature, key, value);
 }
 
 CvError acquireSuite(void* host, const char* name, int32_t version, const void** suite) {
@@ -92,14 +67,7 @@ CvError releaseSuite(void* host, const char* name, int32_t) {
 
 CvError setResultDescriptor(void* host, CvDescriptor result) {
     HostContext* ctx = context(host);
-    if (!ctx)
-        return cvErrParam;
-    Descriptor* d = Descriptor::fromHandle(result);
-    if (!d || !d->madeByModule)
-        return cvErrParam;
-    d->madeByModule = false;  // ours now
-    ctx->outcome->result.reset(d);
-    return cvNoErr;
+    return ctx ? HostKit::takeResultDescriptor(result, ctx->outcome->result) : cvErrParam;
 }
 
 bool validPlaneRequest(const HostContext* ctx, const CvRect* rect, int32_t plane,
@@ -247,12 +215,13 @@ uint64_t maxSpace(void* host) {
 }
 
 uint64_t freeMemory(void*) {
-    return availableMemory();
+    return HostKit::memoryFigures().available;
 }
 
 CvError preferencesBase(void* host, char* buffer, size_t capacity, size_t* length) {
     HostContext* ctx = context(host);
-    return ctx ? copyString(ctx->facts->preferencesBase, buffer, capacity, length) : cvErrParam;
+    return ctx ? HostKit::copyString(ctx->facts->preferencesBase, buffer, capacity, length)
+               : cvErrParam;
 }
 
 // A plug-in has no view of the keyboard: no modifier is ever held.
@@ -262,23 +231,13 @@ uint32_t modifierKeys(void*) {
 
 CvError documentName(void* host, char* buffer, size_t capacity, size_t* length) {
     HostContext* ctx = context(host);
-    return ctx ? copyString(ctx->invocation->documentName, buffer, capacity, length) : cvErrParam;
+    return ctx ? HostKit::copyString(ctx->invocation->documentName, buffer, capacity, length)
+               : cvErrParam;
 }
 
 }  // namespace
 
-std::string displayText(const char* text) {
-    if (!text)
-        return {};
-    std::string s = text;
-    if (s.rfind("$$$/", 0) == 0) {
-        const auto eq = s.find('=');
-        s = eq == std::string::npos ? s : s.substr(eq + 1);
-    }
-    return s;
-}
-
-InvocationOutcome runModule(FilterModule& module, const HostFacts& facts,
+InvocationOutcome runModule(HostKit::ModuleLibrary& module, const HostFacts& facts,
                             const Invocation& invocation) {
     InvocationOutcome outcome;
     HostContext ctx;
@@ -294,9 +253,7 @@ InvocationOutcome runModule(FilterModule& module, const HostFacts& facts,
     if (invocation.descriptor)
         input = std::make_unique<Descriptor>(*invocation.descriptor);
 
-    CvFilterRecord record{};
-    record.abiVersion = CURVANA_ABI_VERSION;
-    record.structSize = sizeof(CvFilterRecord);
+    CvFilterRecord record = HostKit::emptyRecord();
     record.host = &ctx;
     record.getProperty = getProperty;
     record.acquireSuite = acquireSuite;
@@ -323,20 +280,9 @@ InvocationOutcome runModule(FilterModule& module, const HostFacts& facts,
     record.modifierKeys = modifierKeys;
     record.documentName = documentName;
 
-    auto call = [&](int16_t selector) {
-        const int16_t result = module.call(selector, record);
-        if (result != 0 && outcome.error == 0) {
-            outcome.error = result;
-            outcome.failedSelector = selector;
-        }
-        return result == 0;
-    };
-    const bool ok = !invocation.parameters || call(cvSelectorParameters);
-    if (ok && call(cvSelectorPrepare)) {
-        if (call(cvSelectorStart))
-            call(cvSelectorContinue);
-        call(cvSelectorFinish);
-    }
+    const HostKit::ModuleLibrary::Failure failure = module.filter(record, invocation.parameters);
+    outcome.error = failure.error;
+    outcome.failedSelector = failure.selector;
     for (const std::string& line : ctx.deferred)
         gimp_message(line.c_str());
     return outcome;

@@ -9,8 +9,9 @@
 #include <vector>
 
 #include "DrawablePixels.h"
-#include "FilterModule.h"
 #include "ScriptDescriptor.h"
+#include "hostkit/HostAnswers.h"
+#include "hostkit/ModuleLibrary.h"
 
 namespace Curvana::Gimp {
 
@@ -43,10 +44,9 @@ struct InvocationOutcome {
 // The major host version the module is told.
 inline constexpr int32_t kHostMajorVersion = 27;
 
-InvocationOutcome runModule(FilterModule& module, const HostFacts& facts,
+InvocationOutcome runModule(HostKit::ModuleLibrary& module, const HostFacts& facts,
                             const Invocation& invocation);
 
-// Strips a localisation key ("$$$/Curvana/Warning/X=Text" -> "Text").
-std::string displayText(const char* text);
+using HostKit::displayText;
 
 }  // namespace Curvana::Gimp

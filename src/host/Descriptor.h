@@ -1,6 +1,5 @@
-// The host's action descriptors: an ordered list of keyed values served to
-// the module through the descriptor suite, and their JSON form (recorded
-// actions, --params).
+// The host's action descriptors in their JSON form (recorded actions,
+// --params).
 #pragma once
 
 #include <cstdint>
@@ -14,52 +13,13 @@
 #include <nlohmann/json_fwd.hpp>
 
 #include "curvana/CurvanaPlugin.h"
+#include "hostkit/ActionDescriptor.h"
 
 namespace Curvana::Host {
 
-struct DescriptorEntry {
-    uint32_t key = 0;
-    uint32_t type =
-        0;  // cvTypeInteger, cvTypeFloat, cvTypeBoolean, cvTypeEnumerated, cvTypeRawData
-    int32_t integer = 0;
-    double number = 0;
-    bool boolean = false;
-    uint32_t enumType = 0, enumValue = 0;
-    std::vector<uint8_t> data;
-};
-
-class Descriptor {
-public:
-    Descriptor();
-    ~Descriptor();
-    Descriptor(const Descriptor& other);
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    const std::vector<DescriptorEntry>& entries() const { return entries_; }
-    const DescriptorEntry* find(uint32_t key) const;
-    // Replaces an entry of the same key in place, else appends.
-    void put(DescriptorEntry entry);
-    void putInteger(uint32_t key, int32_t v);
-    void putFloat(uint32_t key, double v);
-    void putEnumerated(uint32_t key, uint32_t type, uint32_t value);
-    void putBoolean(uint32_t key, bool v);
-    void erase(uint32_t key);
-    std::optional<double> getFloat(uint32_t key) const;
-
-    // A descriptor the module made with the suite's make: the module owns it
-    // until it hands it back through setResultDescriptor.
-    bool madeByModule = false;
-
-    CvDescriptor handle() { return reinterpret_cast<CvDescriptor>(this); }
-    // The live descriptor behind a handle, or nullptr for a stale or foreign one.
-    static Descriptor* fromHandle(CvDescriptor handle);
-
-private:
-    std::vector<DescriptorEntry> entries_;
-};
-
-// The suite over Descriptor; every function checks its handle.
-const CvDescriptorSuite5* descriptorSuite();
+using HostKit::Descriptor;
+using HostKit::DescriptorEntry;
+using HostKit::descriptorSuite;
 
 std::string fourccToString(uint32_t code);
 // Four printable ASCII characters, or "0x" and eight hex digits.

@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "hostkit/ExifXmp.h"
+
 namespace Curvana::Host {
 namespace {
 
@@ -59,20 +61,6 @@ std::string oneLine(std::string s) {
 
 }  // namespace
 
-namespace {
-
-void copyIfMissing(const Exiv2::ExifData& exif, const char* exifKey, Exiv2::XmpData& xmp,
-                   const char* xmpKey) {
-    const auto it = exif.findKey(Exiv2::ExifKey(exifKey));
-    if (it == exif.end() || xmp.findKey(Exiv2::XmpKey(xmpKey)) != xmp.end())
-        return;
-    const std::string value = it->toString();
-    if (!value.empty())
-        xmp[xmpKey] = value;
-}
-
-}  // namespace
-
 PhotoMetadata readMetadata(const std::filesystem::path& path) {
     quietExiv2();
     PhotoMetadata out;
@@ -87,12 +75,7 @@ PhotoMetadata readMetadata(const std::filesystem::path& path) {
         out.focalLength35mm = rationalValue(image->exifData(), "Exif.Photo.FocalLengthIn35mmFilm");
         out.xmpPacket = image->xmpPacket();
         Exiv2::XmpData xmp = image->xmpData();
-        Exiv2::copyExifToXmp(image->exifData(), xmp);
-        // The conversion leaves out the lens and the body's serial number,
-        // which the filter matches constraint files and lens profiles on.
-        copyIfMissing(image->exifData(), "Exif.Photo.LensModel", xmp, "Xmp.aux.Lens");
-        copyIfMissing(image->exifData(), "Exif.Photo.BodySerialNumber", xmp,
-                      "Xmp.aux.SerialNumber");
+        HostKit::addExifToXmp(image->exifData(), xmp);
         if (!xmp.empty() && Exiv2::XmpParser::encode(out.moduleXmp, xmp) != 0) {
             out.moduleXmp.clear();
             out.warnings.push_back(path.string() + ": cannot encode its metadata as XMP");

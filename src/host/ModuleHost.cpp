@@ -1,6 +1,5 @@
 #include "ModuleHost.h"
 
-#include <dlfcn.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -11,6 +10,7 @@
 #include <unordered_map>
 
 #include "SystemInfo.h"
+#include "hostkit/HostAnswers.h"
 
 namespace Curvana::Host {
 
@@ -34,23 +34,11 @@ HostContext* context(void* host) {
 
 CvError getProperty(void* host, uint32_t signature, uint32_t key, int32_t* value) {
     HostContext* ctx = context(host);
-    if (!ctx || !value)
+    if (!ctx || !ctx->invocation)
         return cvErrParam;
-    if (signature != CV_PROPERTY_SIGNATURE)
-        return cvErrUnsupported;
-    if (key == CV_PROPERTY_VERSION) {
-        *value = static_cast<int32_t>(static_cast<uint32_t>(ctx->facts->majorVersion) << 16);
-        return cvNoErr;
-    }
-    if (key == CV_PROPERTY_GPU_FLAGS) {
-        *value = ctx->facts->gpuAvailable ? 0x80 : 0;
-        return cvNoErr;
-    }
-    if (key == CV_PROPERTY_FRESH_DEFAULTS && ctx->invocation) {
-        *value = ctx->invocation->freshDefaults ? 1 : 0;
-        return cvNoErr;
-    }
-    return cvErrUnsupported;
+    const HostKit::HostProperties properties{ctx->facts->majorVersion, ctx->facts->gpuAvailable,
+                                             ctx->invocation->freshDefaults};
+    return HostKit::answerProperty(properties, signature, key, value);
 }
 
 void* bufferAllocate(void* suiteContext, uint64_t size) {
@@ -88,12 +76,7 @@ CvError setResultDescriptor(void* host, CvDescriptor result) {
     HostContext* ctx = context(host);
     if (!ctx || !ctx->outcome)
         return cvErrParam;
-    Descriptor* d = Descriptor::fromHandle(result);
-    if (!d || !d->madeByModule)
-        return cvErrParam;
-    d->madeByModule = false;  // the host owns it now
-    ctx->outcome->resultDescriptor.reset(d);
-    return cvNoErr;
+    return HostKit::takeResultDescriptor(result, ctx->outcome->resultDescriptor);
 }
 
 // Checks a plane request against the filtered area and the buffer's stride.
@@ -233,18 +216,8 @@ uint64_t freeMemory(void*) {
 
 CvError preferencesBaseCallback(void* host, char* buffer, size_t capacity, size_t* length) {
     HostContext* ctx = context(host);
-    if (!ctx || !length || (capacity > 0 && !buffer))
-        return cvErrParam;
-    const std::string& base = ctx->facts->preferencesBase;
-    if (base.empty())
-        return cvErrUnsupported;
-    *length = base.size();
-    if (capacity > 0) {
-        const size_t n = std::min(capacity - 1, base.size());
-        std::memcpy(buffer, base.data(), n);
-        buffer[n] = '\0';
-    }
-    return cvNoErr;
+    return ctx ? HostKit::copyString(ctx->facts->preferencesBase, buffer, capacity, length)
+               : cvErrParam;
 }
 
 uint32_t modifierKeys(void* host) {
@@ -257,18 +230,9 @@ uint32_t modifierKeys(void* host) {
 
 CvError documentNameCallback(void* host, char* buffer, size_t capacity, size_t* length) {
     HostContext* ctx = context(host);
-    if (!ctx || !ctx->invocation || !length || (capacity > 0 && !buffer))
-        return cvErrParam;
-    const std::string& name = ctx->invocation->documentName;
-    if (name.empty())
-        return cvErrUnsupported;
-    *length = name.size();
-    if (capacity > 0) {
-        const size_t n = std::min(capacity - 1, name.size());
-        std::memcpy(buffer, name.data(), n);
-        buffer[n] = '\0';
-    }
-    return cvNoErr;
+    return ctx && ctx->invocation
+               ? HostKit::copyString(ctx->invocation->documentName, buffer, capacity, length)
+               : cvErrParam;
 }
 
 }  // namespace
@@ -317,17 +281,6 @@ BufferPool::~BufferPool() {
         std::free(p);
 }
 
-std::string displayText(const char* text) {
-    if (!text)
-        return {};
-    std::string s = text;
-    if (s.rfind("$$$/", 0) == 0) {
-        const auto eq = s.find('=');
-        s = eq == std::string::npos ? s : s.substr(eq + 1);
-    }
-    return s;
-}
-
 std::filesystem::path Module::locate(const std::filesystem::path& explicitPath) {
     std::error_code ec;
     if (!explicitPath.empty()) {
@@ -335,24 +288,11 @@ std::filesystem::path Module::locate(const std::filesystem::path& explicitPath) 
             throw HostError(kExitModule, explicitPath.string() + ": no such module file");
         return explicitPath;
     }
-    std::vector<std::string> tried;
-    const auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
-    if (!ec) {
-        const auto beside = exe.parent_path() / "libcurvana.so";
-        if (std::filesystem::is_regular_file(beside, ec))
-            return beside;
-        tried.push_back(beside.string());
+    try {
+        return HostKit::ModuleLibrary::locate("use --module PATH or set CURVANA_MODULE");
+    } catch (const HostKit::ModuleError& e) {
+        throw HostError(kExitModule, e.what());
     }
-    if (const char* env = std::getenv("CURVANA_MODULE"); env && *env) {
-        if (std::filesystem::is_regular_file(env, ec))
-            return env;
-        tried.push_back(std::string(env) + " ($CURVANA_MODULE)");
-    }
-    std::string list;
-    for (const auto& t : tried)
-        list += (list.empty() ? "" : ", ") + t;
-    throw HostError(kExitModule, "the filter module libcurvana.so was not found (looked at " +
-                                     list + "; use --module PATH or set CURVANA_MODULE)");
 }
 
 std::unique_ptr<Module> Module::load(const std::filesystem::path& path, HostFacts facts) {
@@ -361,43 +301,18 @@ std::unique_ptr<Module> Module::load(const std::filesystem::path& path, HostFact
     m->facts_ = std::move(facts);
     m->buffers_.limit = m->facts_.maxSpace;
     m->bufferSuite_ = CvBufferSuite1{bufferAllocate, bufferRelease, &m->buffers_};
-    // A path without a slash would make dlopen search the library path.
-    const std::string name = path.has_parent_path() ? path.string() : ("./" + path.string());
-    m->handle_ = ::dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (!m->handle_) {
-        const char* why = ::dlerror();
-        throw HostError(kExitModule, path.string() + ": cannot load the filter module (" +
-                                         (why ? why : "unknown error") + ")");
+    try {
+        m->library_ = HostKit::ModuleLibrary::open(path);
+    } catch (const HostKit::ModuleError& e) {
+        throw HostError(kExitModule, e.what());
     }
-    m->entry_ = reinterpret_cast<CvEntryPoint>(::dlsym(m->handle_, "EntryFI"));
-    if (!m->entry_)
-        throw HostError(kExitModule, path.string() + ": not a Curvana filter module (no EntryFI)");
     return m;
 }
 
-Module::~Module() {
-    if (entry_ && data_ != 0) {
-        CvFilterRecord record{};
-        record.abiVersion = CURVANA_ABI_VERSION;
-        record.structSize = sizeof(CvFilterRecord);
-        int16_t result = 0;
-        entry_(cvSelectorUnload, &record, &data_, &result);
-    }
-    if (handle_)
-        ::dlclose(handle_);
-}
+Module::~Module() = default;
 
 const CvRegistration* Module::registration() {
-    CvFilterRecord record{};
-    record.abiVersion = CURVANA_ABI_VERSION;
-    record.structSize = sizeof(CvFilterRecord);
-    intptr_t answer = 0;  // a slot of its own: data_ holds the instance
-    int16_t result = 0;
-    entry_(cvSelectorRegistration, &record, &answer, &result);
-    const auto* reg = reinterpret_cast<const CvRegistration*>(answer);
-    if (result != 0 || !reg || reg->abiVersion != CURVANA_ABI_VERSION)
-        return nullptr;
-    return reg;
+    return library_->registration();
 }
 
 InvocationOutcome Module::run(const Invocation& invocation) {
@@ -415,9 +330,7 @@ InvocationOutcome Module::run(const Invocation& invocation) {
     if (invocation.descriptor)
         input = std::make_unique<Descriptor>(*invocation.descriptor);
 
-    CvFilterRecord record{};
-    record.abiVersion = CURVANA_ABI_VERSION;
-    record.structSize = sizeof(CvFilterRecord);
+    CvFilterRecord record = HostKit::emptyRecord();
     record.host = &ctx;
     record.getProperty = getProperty;
     record.acquireSuite = acquireSuite;
@@ -444,22 +357,9 @@ InvocationOutcome Module::run(const Invocation& invocation) {
     record.documentName = documentNameCallback;
     record.warning = warning;
 
-    auto call = [&](int16_t selector) {
-        int16_t result = 0;
-        entry_(selector, &record, &data_, &result);
-        if (result != 0 && outcome.error == 0) {
-            outcome.error = result;
-            outcome.failedSelector = selector;
-        }
-        return result == 0;
-    };
-
-    bool ok = !invocation.parameters || call(cvSelectorParameters);
-    if (ok && call(cvSelectorPrepare)) {
-        if (call(cvSelectorStart))
-            call(cvSelectorContinue);
-        call(cvSelectorFinish);
-    }
+    const HostKit::ModuleLibrary::Failure failure = library_->filter(record, invocation.parameters);
+    outcome.error = failure.error;
+    outcome.failedSelector = failure.selector;
     outcome.aborted = abortFlag != 0;
     return outcome;
 }

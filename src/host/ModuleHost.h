@@ -16,6 +16,8 @@
 #include "Descriptor.h"
 #include "Raster.h"
 #include "curvana/CurvanaPlugin.h"
+#include "hostkit/HostAnswers.h"
+#include "hostkit/ModuleLibrary.h"
 
 namespace Curvana::Host {
 
@@ -83,7 +85,7 @@ class Module {
 public:
     // Throws HostError when the file cannot be loaded or lacks EntryFI.
     static std::unique_ptr<Module> load(const std::filesystem::path& path, HostFacts facts);
-    ~Module();  // sends Unload when the module stored an instance, then closes it
+    ~Module();  // the library sends Unload for a stored instance, then closes it
     Module(const Module&) = delete;
     Module& operator=(const Module&) = delete;
 
@@ -101,15 +103,14 @@ public:
 private:
     Module() = default;
     std::filesystem::path path_;
-    void* handle_ = nullptr;
-    CvEntryPoint entry_ = nullptr;
-    intptr_t data_ = 0;
     HostFacts facts_;
+    // Declared before the library: the module's pixel cache may still hold
+    // buffers when it is unloaded, so the pool must outlive the library.
     BufferPool buffers_;
+    std::unique_ptr<HostKit::ModuleLibrary> library_;
     CvBufferSuite1 bufferSuite_{};
 };
 
-// Strips a localisation key ("$$$/Curvana/Warning/X=Text" -> "Text").
-std::string displayText(const char* text);
+using HostKit::displayText;
 
 }  // namespace Curvana::Host

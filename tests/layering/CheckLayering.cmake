@@ -8,7 +8,7 @@
 # of these and the C interface ("abi", include/curvana/); the editor on the
 # session and the framework, and the editor's shared object (editorhost) on
 # the editor; the module on the session (it opens the editor object at run time). The
-# hosts see the C interface only.
+# hosts see the C interface and the host kit (what both hosts share) only.
 cmake_minimum_required(VERSION 3.25)
 
 set(allowed_core "")
@@ -22,11 +22,12 @@ set(allowed_framework core)
 set(allowed_editor abi core geometry warp constraints solver render session framework)
 set(allowed_editorhost abi core geometry warp constraints solver render session framework editor)
 set(allowed_plugin abi core geometry warp constraints solver render session)
-set(allowed_host abi)
-set(allowed_gimp abi)
+set(allowed_hostkit abi)
+set(allowed_host abi hostkit)
+set(allowed_gimp abi hostkit)
 set(allowed_abi "")
-set(layers core geometry warp constraints solver render session framework editor editorhost plugin host
-    gimp)
+set(layers core geometry warp constraints solver render session framework editor editorhost plugin
+    hostkit host gimp)
 
 if(NOT ROOT)
   message(FATAL_ERROR "ROOT is not set")
