@@ -135,28 +135,6 @@ TEST(GeodesicLines, ImagePointsCountFromTheFlooredCentre) {
     EXPECT_NEAR(d.phi, 0.0f, 1e-7f);
 }
 
-TEST(GeodesicLines, FisheyeSceneLineFitsTheCurvedImage) {
-    // A straight scene line seen through an equisolid fisheye is a great
-    // circle: the fitted arc through its ends meets its middle too.
-    auto photo = std::make_shared<FisheyeImage>(Raster(6000, 4000), 1500.0f, 3000.0f, 2000.0f);
-    GeodesicLines lines(photo, std::make_shared<const OctaMap>(6, false));
-    auto pixelOf = [&](Vec3d v) {
-        const double n = std::sqrt(Dot(v, v));
-        const SphereDirection d{static_cast<float>(std::atan2(v[0], v[2])),
-                                static_cast<float>(std::asin(v[1] / n))};
-        return lines.ToSourcePixel(photo->ToImagePoint(d.lambda, d.phi));
-    };
-    const Vec3d p0{-3.0, -1.0, 2.0}, p1{2.5, 0.5, 1.0};
-    const PointF a = pixelOf(p0), b = pixelOf(p1);
-    const PointF mid =
-        pixelOf({0.5 * (p0[0] + p1[0]), 0.5 * (p0[1] + p1[1]), 0.5 * (p0[2] + p1[2])});
-    const GeodesicLine arc = lines.FitArc(a, b);
-    ASSERT_TRUE(arc.fitted);
-    SphereDirection dm;
-    ASSERT_TRUE(lines.SourceToSphere(mid, dm));
-    EXPECT_NEAR(Dot(arc.circleNormal, PhotoFrameVector(dm)), 0.0, 1e-5);
-}
-
 TEST(GeodesicLines, PanoramaLineLongerThanHalfATurnTakesTheDrawnSide) {
     // On an equirectangular photo, a line drawn across 220 degrees of longitude
     // through the front must not take the short way round through the back.

@@ -88,16 +88,17 @@ protected:
         setenv("XDG_CONFIG_HOME", (dir / "xdg").c_str(), 1);
     }
 
-    void edit(const std::function<void(QWidget&)>& script) {
-        RunCurvana({"edit", kPhoto.string(), "-o", (dir / "out.png").string(), "--module",
-                    kModule.string(), "-q"},
-                   [&](QWidget& dialog) {
-                       dialog.resize(1280, 820);
-                       ASSERT_TRUE(WaitForPreview(dialog));
-                       pane = ViewAs<Velmo::CImagePane>(dialog, "Project/Dialog/PreviewPane");
-                       ASSERT_NE(pane, nullptr);
-                       script(dialog);
-                   });
+    int edit(const std::function<void(QWidget&)>& script) {
+        return RunCurvana({"edit", kPhoto.string(), "-o", (dir / "out.png").string(), "--module",
+                           kModule.string(), "-q"},
+                          [&](QWidget& dialog) {
+                              dialog.resize(1280, 820);
+                              ASSERT_TRUE(WaitForPreview(dialog));
+                              pane =
+                                  ViewAs<Velmo::CImagePane>(dialog, "Project/Dialog/PreviewPane");
+                              ASSERT_NE(pane, nullptr);
+                              script(dialog);
+                          });
     }
 
     // The photograph itself in the pane (source pixels = picture pixels).
@@ -435,12 +436,14 @@ TEST_F(Tools, PolygonPointsCloseAndIgnoreRulesAndAltClickHandsOver) {
 }
 
 // An endpoint follows the pointer in steps of more than 6 pane pixels; the
-// drag is one undoable step that swaps back and forth.
-TEST_F(Tools, EndpointDragsMoveInStepsAndUndoAsOne) {
+// drag is one undoable step. Shift over a line springs to the orientation
+// tool: a click marks an unfixed line Horizontal or Vertical by its angle and
+// a marked one Unfixed, one undoable step each.
+TEST_F(Tools, EndpointDragsMoveInStepsAndShiftClickTogglesTheOrientation) {
     edit([&](QWidget& dialog) {
         PreviewOff(dialog);
-        const QPointF a(pane->width() / 2.0 - 150, pane->height() / 2.0);
-        const QPointF b = a + QPointF(200, 0);
+        const QPointF a(pane->width() / 2.0 - 150, pane->height() / 2.0 - 100);
+        const QPointF b = a + QPointF(40, 160);  // steep: Vertical
         Drag(*pane, a, b);
         const QPointF before = pane->PaneToImage(b);
         // A press without a real drag leaves the end where it was.
@@ -454,43 +457,27 @@ TEST_F(Tools, EndpointDragsMoveInStepsAndUndoAsOne) {
         Release(*pane, b + QPointF(44, 33));
         EXPECT_EQ(UndoLabel(dialog), "Undo Adjust Constraint");
         const QPointF moved = pane->PaneToImage(b + QPointF(40, 30));
-        const auto second = [&]() {
-            const auto saved = Saved(dialog);
-            const PointF end = Project::AsLine(*saved->At(0))->Second();
-            return QPointF(end.x, end.y);
-        };
+        const auto line = [&] { return Project::AsLine(*Saved(dialog)->At(0))->CloneLine(); };
+        const auto second = [&] { return QPointF(line()->Second().x, line()->Second().y); };
         EXPECT_LT(QLineF(second(), moved).length(), 0.01);
         Undo(dialog);
         EXPECT_LT(QLineF(second(), before).length(), 0.01);
         Redo(dialog);
         EXPECT_LT(QLineF(second(), moved).length(), 0.01);
         Undo(dialog);
-        EXPECT_LT(QLineF(second(), before).length(), 0.01);
-    });
-}
 
-// Shift over a line springs to the orientation tool: a click marks an
-// unfixed line Horizontal or Vertical by its angle and a marked one
-// Unfixed, one undoable step each.
-TEST_F(Tools, ShiftClickTogglesALinesOrientation) {
-    edit([&](QWidget& dialog) {
-        PreviewOff(dialog);
-        const QPointF a(pane->width() / 2.0 - 100, pane->height() / 2.0 - 100);
-        Drag(*pane, a, a + QPointF(40, 160));  // steep: Vertical
-        const auto orientation = [&]() {
-            return Project::AsLine(*Saved(dialog)->At(0))->GetOrientation();
-        };
-        EXPECT_EQ(orientation(), Orientation::Unfixed);
+        EXPECT_EQ(line()->GetOrientation(), Orientation::Unfixed);
         // The middle of the line (an end would not spring).
-        Click(*pane, a + QPointF(20, 80), Qt::ShiftModifier);
+        const QPointF middle = (a + b) / 2;
+        Click(*pane, middle, Qt::ShiftModifier);
         EXPECT_EQ(UndoLabel(dialog), "Undo Constraint Orientation");
-        EXPECT_EQ(orientation(), Orientation::Vertical);
-        Click(*pane, a + QPointF(20, 80), Qt::ShiftModifier);
-        EXPECT_EQ(orientation(), Orientation::Unfixed);
+        EXPECT_EQ(line()->GetOrientation(), Orientation::Vertical);
+        Click(*pane, middle, Qt::ShiftModifier);
+        EXPECT_EQ(line()->GetOrientation(), Orientation::Unfixed);
         Undo(dialog);
-        EXPECT_EQ(orientation(), Orientation::Vertical);
+        EXPECT_EQ(line()->GetOrientation(), Orientation::Vertical);
         Redo(dialog);
-        EXPECT_EQ(orientation(), Orientation::Unfixed);
+        EXPECT_EQ(line()->GetOrientation(), Orientation::Unfixed);
     });
 }
 
@@ -679,52 +666,37 @@ TEST_F(Tools, EdgesDrawnWithTheToolsComeOutStraightAndUpright) {
     }
     ASSERT_GE(edges.size(), 8u);
 
-    const fs::path output = dir / "out.png";
-    const int code = RunCurvana(
-        {"edit", kPhoto.string(), "-o", output.string(), "--module", kModule.string(), "-q"},
-        [&](QWidget& dialog) {
-            dialog.resize(1280, 820);
-            ASSERT_TRUE(WaitForPreview(dialog));
-            pane = ViewAs<Velmo::CImagePane>(dialog, "Project/Dialog/PreviewPane");
-            PreviewOff(dialog);
-            // The hand key makes every press start a line, also on the end
-            // of one drawn before (edges meet at the room's corners); Shift
-            // at the release marks it Horizontal or Vertical.
-            QTest::keyPress(pane, Qt::Key_Space);
-            for (const Edge& e : edges) {
-                const QPointF from = ToPane(e.a.x, e.a.y), to = ToPane(e.b.x, e.b.y);
-                Press(*pane, from);
-                Move(*pane, (from + to) / 2);
-                Move(*pane, to, Qt::ShiftModifier);
-                Release(*pane, to, Qt::ShiftModifier);
-            }
-            QTest::keyRelease(pane, Qt::Key_Space);
-            ASSERT_EQ(Drawn(), static_cast<int>(edges.size()));
-            QTest::mouseClick(ViewAs<QPushButton>(dialog, "Project/Dialog/OKButton"),
-                              Qt::LeftButton);
-        });
+    const int code = edit([&](QWidget& dialog) {
+        PreviewOff(dialog);
+        // The hand key makes every press start a line, also on the end
+        // of one drawn before (edges meet at the room's corners); Shift
+        // at the release marks it Horizontal or Vertical.
+        QTest::keyPress(pane, Qt::Key_Space);
+        for (const Edge& e : edges) {
+            const QPointF from = ToPane(e.a.x, e.a.y), to = ToPane(e.b.x, e.b.y);
+            Press(*pane, from);
+            Move(*pane, (from + to) / 2);
+            Move(*pane, to, Qt::ShiftModifier);
+            Release(*pane, to, Qt::ShiftModifier);
+        }
+        QTest::keyRelease(pane, Qt::Key_Space);
+        ASSERT_EQ(Drawn(), static_cast<int>(edges.size()));
+        QTest::mouseClick(ViewAs<QPushButton>(dialog, "Project/Dialog/OKButton"), Qt::LeftButton);
+    });
     ASSERT_EQ(code, kExitOk);
-    const Raster picture = readWhole(output);
+    const Raster picture = readWhole(dir / "out.png");
     const int32_t w = picture.info.width, h = picture.info.height;
     ASSERT_EQ(w, 3000);
     const size_t px = picture.pixelBytes();
     ASSERT_GE(px, 3u);
+    using Rgb = std::array<int, 3>;
     const auto rgb = [&](int32_t x, int32_t y) {
         const uint8_t* p = picture.row(y) + px * static_cast<size_t>(x);
-        return std::array<int, 3>{p[0], p[1], p[2]};
+        return Rgb{p[0], p[1], p[2]};
     };
-    const auto red = [&](int32_t x, int32_t y) {
-        const auto c = rgb(x, y);
-        return c[0] > 130 && c[1] < 80 && c[2] < 80;
-    };
-    const auto blue = [&](int32_t x, int32_t y) {
-        const auto c = rgb(x, y);
-        return c[2] > 130 && c[0] < 80 && c[1] < 110;
-    };
-    const auto yellow = [&](int32_t x, int32_t y) {
-        const auto c = rgb(x, y);
-        return c[0] > 150 && c[1] > 110 && c[2] < 70;
-    };
+    const auto red = [](Rgb c) { return c[0] > 130 && c[1] < 80 && c[2] < 80; };
+    const auto blue = [](Rgb c) { return c[2] > 130 && c[0] < 80 && c[1] < 110; };
+    const auto yellow = [](Rgb c) { return c[0] > 150 && c[1] > 110 && c[2] < 70; };
 
     // The room's upright corners: the red strips, column by column runs
     // found row by row (the two front corners, left and right half).
@@ -736,7 +708,7 @@ TEST_F(Tools, EdgesDrawnWithTheToolsComeOutStraightAndUpright) {
             double sum = 0;
             int n = 0;
             for (int32_t x = right ? w / 2 : 0; x < (right ? w : w / 2); ++x)
-                if (red(x, y))
+                if (red(rgb(x, y)))
                     sum += x, ++n;
             if (n >= 3)
                 centres.emplace_back(y, sum / n);
@@ -766,7 +738,7 @@ TEST_F(Tools, EdgesDrawnWithTheToolsComeOutStraightAndUpright) {
             double sum = 0;
             int n = 0;
             for (int32_t y = floor ? h / 2 : 0; y < (floor ? h : h / 2); ++y)
-                if (floor ? blue(x, y) : yellow(x, y))
+                if (floor ? blue(rgb(x, y)) : yellow(rgb(x, y)))
                     sum += y, ++n;
             if (n >= 3)
                 centres.emplace_back(x, sum / n);

@@ -118,63 +118,50 @@ protected:
 TEST_F(Dialog, OpensOnTheSamplePhotographWithEveryViewAndItsRanges) {
     bool checked = false;
     const int code = edit(dir / "out.jpg", [&](QWidget& dialog) {
-        for (const char* id : {"Project/Dialog/Toolbar",
-                               "Project/Tool/ManageConstraint",
-                               "Project/Tool/PlaneTool",
-                               "Project/Tool/MoveImage",
-                               "Project/Tool/Hand",
-                               "Project/Tool/Zoom",
-                               "Project/Dialog/Tooltip",
-                               "Project/Dialog/PreviewScroller",
-                               "Project/Dialog/ZoomCombo",
-                               "Project/Dialog/PreviewPane",
-                               "Project/Dialog/CameraEXIFInfo",
-                               "Project/Dialog/LensEXIFInfo",
-                               "Project/Dialog/PreviewResultCheck",
-                               "Project/Dialog/ShowConstraintsCheck",
-                               "Project/Dialog/ShowMeshCheck",
-                               "Project/Dialog/OKButton",
-                               "Project/Dialog/CancelButton",
-                               "Project/Dialog/CorrectionOptionPane",
-                               "Project/Dialog/ProjectionModelPopup",
-                               "Project/Dialog/CorrectionFlyout",
-                               "Project/Dialog/ImageScaleSlider",
-                               "Project/Dialog/ImageScaleUnitText",
-                               "Project/Dialog/FocalLengthPane",
-                               "Project/Dialog/FocalLengthSlider",
-                               "Project/Dialog/CropFactorPane",
-                               "Project/Dialog/CropFactorSlider",
-                               "Project/Dialog/AsShotCheck",
-                               "Project/Dialog/LoupePane",
-                               "Project/Dialog/DetailedPreviewPane",
-                               "Project/Dialog/SolverInfoPane",
-                               "Project/Dialog/SolverFailureIcon",
-                               "Project/Dialog/SolverInfoText"})
-            EXPECT_NE(View(dialog, id), nullptr) << id;
+        for (const char* tool : {"ManageConstraint", "PlaneTool", "MoveImage", "Hand", "Zoom"})
+            EXPECT_NE(View(dialog, std::string("Project/Tool/") + tool), nullptr) << tool;
+        const char* const views[] = {"Toolbar",
+                                     "Tooltip",
+                                     "PreviewScroller",
+                                     "ZoomCombo",
+                                     "PreviewPane",
+                                     "CameraEXIFInfo",
+                                     "LensEXIFInfo",
+                                     "PreviewResultCheck",
+                                     "ShowConstraintsCheck",
+                                     "ShowMeshCheck",
+                                     "OKButton",
+                                     "CancelButton",
+                                     "CorrectionOptionPane",
+                                     "ProjectionModelPopup",
+                                     "CorrectionFlyout",
+                                     "ImageScaleSlider",
+                                     "ImageScaleUnitText",
+                                     "FocalLengthPane",
+                                     "FocalLengthSlider",
+                                     "CropFactorPane",
+                                     "CropFactorSlider",
+                                     "AsShotCheck",
+                                     "LoupePane",
+                                     "DetailedPreviewPane",
+                                     "SolverInfoPane",
+                                     "SolverFailureIcon",
+                                     "SolverInfoText"};
+        for (const char* view : views)
+            EXPECT_NE(View(dialog, std::string("Project/Dialog/") + view), nullptr) << view;
 
-        // Scale and crop factor as laid out; the focal length around the
-        // photo's 15 mm (a quarter to four times).
-        struct SliderRow {
-            const char* id;
-            double minimum, maximum, value;
-            int decimals;
-            double minor, major;
-        };
-        for (const SliderRow& s :
-             {SliderRow{"Project/Dialog/ImageScaleSlider", 50, 150, 120, 0, 1, 10},
-              SliderRow{"Project/Dialog/FocalLengthSlider", 3, 60, 15, 2, 0.1, 1},
-              SliderRow{"Project/Dialog/CropFactorSlider", 0, 10, 1, 2, 0.1, 1}}) {
-            auto* slider = ViewAs<Velmo::CSlider>(dialog, s.id);
-            ASSERT_NE(slider, nullptr) << s.id;
-            const Velmo::CSlider::Setup& setup = slider->Configuration();
-            EXPECT_EQ(setup.minimum, s.minimum) << s.id;
-            EXPECT_EQ(setup.maximum, s.maximum) << s.id;
-            EXPECT_EQ(setup.positions, 201) << s.id;
-            EXPECT_EQ(setup.decimals, s.decimals) << s.id;
-            EXPECT_DOUBLE_EQ(setup.minorStep, s.minor) << s.id;
-            EXPECT_DOUBLE_EQ(setup.majorStep, s.major) << s.id;
-            EXPECT_NEAR(slider->Value(), s.value, 1e-6) << s.id;
-        }
+        // The sliders' steps are the layout's (DialogLayoutTest); the focal
+        // length's range is set around the photo's 15 mm (a quarter to four times).
+        auto* focal = ViewAs<Velmo::CSlider>(dialog, "Project/Dialog/FocalLengthSlider");
+        ASSERT_NE(focal, nullptr);
+        EXPECT_EQ(focal->Configuration().minimum, 3);
+        EXPECT_EQ(focal->Configuration().maximum, 60);
+        EXPECT_EQ(focal->Configuration().positions, 201);
+        EXPECT_EQ(focal->Configuration().decimals, 2);
+        for (const auto& [id, value] : {std::pair{"Project/Dialog/ImageScaleSlider", 120.0},
+                                        {"Project/Dialog/FocalLengthSlider", 15.0},
+                                        {"Project/Dialog/CropFactorSlider", 1.0}})
+            EXPECT_NEAR(ViewAs<Velmo::CSlider>(dialog, id)->Value(), value, 1e-6) << id;
         auto* pane = ViewAs<Velmo::CImagePane>(dialog, "Project/Dialog/PreviewPane");
         ASSERT_NE(pane, nullptr);
         EXPECT_EQ(pane->MinimumZoom(), 0.001);

@@ -133,21 +133,13 @@ INSTANTIATE_TEST_SUITE_P(
                      1.526,
                      10,
                      cvProjectionFisheye},
+        // No metadata: a 15 mm lens on a full frame, on the photo's own width.
+        MetadataCase{"none", {}, 1.0, 15, cvProjectionFisheye},
         // No crop information: the 35 mm equivalent is unknown, the focal
         // length itself decides.
         MetadataCase{
             "perspective", {{"Exif.Photo.FocalLength", "24/1"}}, 0, 0, cvProjectionPerspective}),
     [](const auto& param) { return std::string(param.param.name); });
-
-TEST_F(RealModuleDefaults, APhotoWithoutMetadataTakesItsFocalLengthFromItsOwnSize) {
-    const fs::path small = photo("small.jpg", 600, 400, {});
-    const fs::path wide = photo("wide.jpg", 2000, 1000, {});
-    ASSERT_EQ(curvana({"apply", small.string(), "-o", (dir / "a.jpg").string()}).exitCode, 0);
-    EXPECT_NEAR(*lastAction()->getFloat(cvKeyFocalLength), 15.0 * 600 / 36, 0.01);
-    const RunResult r = curvana({"apply", wide.string(), "-o", (dir / "b.jpg").string()});
-    ASSERT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_NEAR(*lastAction()->getFloat(cvKeyFocalLength), 15.0 * 2000 / 36, 0.01);
-}
 
 TEST_F(RealModuleDefaults, ResetPreferencesStartsFromTheDefaultsAndSavesThem) {
     const fs::path in = photo("in.jpg", 480, 320, {});

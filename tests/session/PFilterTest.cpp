@@ -261,32 +261,26 @@ TEST_F(PFilterTest, AutoKeepsTheModelWhenALensProfileIsFoundAndReleasesTheLookup
     EXPECT_TRUE(scenario.lookup.expired()) << "the lookup is held only during the invocation";
 }
 
-TEST_F(PFilterTest, AutoWithoutAProfileFallsBackAndWarnsOnlyWhenAsked) {
-    InEditor([](PFilter& f) {
-        EXPECT_EQ(f.settings().projectionModel, ProjectionModel::Fisheye);
-        f.settings().projectionModel = ProjectionModel::Auto;
-        f.chooseProjection(ProjectionModel::Perspective, ProjectionDecision::Keep, true);
-        EXPECT_EQ(f.settings().projectionModel, ProjectionModel::Perspective);
-    });
-    ASSERT_EQ(host.alerts.size(), 1u);
-    EXPECT_EQ(host.alerts[0].message, "No matching lens profile found.");
-    EXPECT_EQ(scenario.lookupsAcquired, 1) << "acquired once per invocation";
+// Without a profile, or with one whose camera model neither projection takes
+// (it builds nothing), Auto falls back to the previous model with the
+// lookup's warning.
+TEST_F(PFilterTest, AutoWithoutAUsableProfileFallsBackWithTheLookupsWarning) {
+    for (const bool found : {false, true}) {
+        scenario.profileFound = found;
+        scenario.profileModel = LensCameraModel::None;
+        scenario.lookupsAcquired = 0;
+        host.alerts.clear();
+        InEditor([](PFilter& f) {
+            f.settings().projectionModel = ProjectionModel::Auto;
+            f.chooseProjection(ProjectionModel::Perspective, ProjectionDecision::Keep, true);
+            EXPECT_EQ(f.settings().projectionModel, ProjectionModel::Perspective);
+            EXPECT_FALSE(f.lensProfile().has_value());
+        });
+        ASSERT_EQ(host.alerts.size(), 1u) << found;
+        EXPECT_EQ(host.alerts[0].message, "No matching lens profile found.");
+        EXPECT_EQ(scenario.lookupsAcquired, 1) << "acquired once per invocation";
+    }
     EXPECT_GE(scenario.refreshes, 1) << "the running editor refreshes its projection controls";
-}
-
-// A profile whose camera model neither projection takes builds nothing: Auto
-// falls back to the previous model with the lookup's warning.
-TEST_F(PFilterTest, AutoWithAnUnusableProfileFallsBackWithItsWarning) {
-    scenario.profileFound = true;
-    scenario.profileModel = LensCameraModel::None;
-    InEditor([](PFilter& f) {
-        f.settings().projectionModel = ProjectionModel::Auto;
-        f.chooseProjection(ProjectionModel::Perspective, ProjectionDecision::Keep, true);
-        EXPECT_EQ(f.settings().projectionModel, ProjectionModel::Perspective);
-        EXPECT_FALSE(f.lensProfile().has_value());
-    });
-    ASSERT_EQ(host.alerts.size(), 1u);
-    EXPECT_EQ(host.alerts[0].message, "No matching lens profile found.");
 }
 
 // A fresh invocation decides by the photo's own focal length f; restoring

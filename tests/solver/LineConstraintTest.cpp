@@ -83,50 +83,41 @@ TEST(LineSolveConstraintTest, AVerticalLineThroughAFisheyeComesOutVerticalAndStr
     EXPECT_LT(solver->Energy(), 1e-2 * bent);
 }
 
-TEST(LineSolveConstraintTest, AFreeLineComesOutStraightAtAnAngleOfItsOwn) {
+// A receding edge, neither horizontal nor vertical in the output: free, it
+// comes out straight at an angle of its own (about -29 degrees), which the
+// angle unknown holds; fixed at -20 degrees, it comes out straight at -20.
+TEST(LineSolveConstraintTest, AFreeLineTakesAnAngleOfItsOwnAndAnArbitraryOneItsFixedAngle) {
     auto photo = Fisheye(1200, 800, 380.0f);
     auto mesh = std::make_shared<const OctaMap>(5, false);
-    auto lines = std::make_shared<GeodesicLines>(photo, mesh);
-    // A receding edge, neither horizontal nor vertical in the output.
     const Eigen::Vector3d a(-1.8, 1.0, 0.8), b(-1.8, 1.0, 4.0);
-    LineConstraint line;
-    line.SetEndpoints(SourcePixelOf(*photo, a), SourcePixelOf(*photo, b));
-    line.SetId(3);
-    ASSERT_TRUE(lines->FitLine(line));
-    auto solver = Solve(photo, lines);
-    ASSERT_TRUE(solver->IsSolved());
-    const auto mapped = MapSegment(*solver, lines->Locator(), a, b);
-    const double scale = NominalScale(*solver, lines->Locator(), *photo, 3000, 2000);
-    const test::LineFit fit = FitLine(mapped);
-    EXPECT_LT(fit.maxDeviation * scale, 1.5);
-    const double degrees = DegreesFromVertical(fit.direction);
-    EXPECT_GT(degrees, 10.0);
-    EXPECT_LT(degrees, 80.0);
-    // The angle unknown holds the normal of the line as it came out.
-    const double alpha = solver->Solution()[solver->LineUnknown(0)];
-    EXPECT_LT(std::abs(std::cos(alpha) * fit.direction.x() + std::sin(alpha) * fit.direction.y()),
-              1e-3);
-}
-
-TEST(LineSolveConstraintTest, AnArbitraryLineComesOutAtItsFixedAngle) {
-    auto photo = Fisheye(1200, 800, 380.0f);
-    auto mesh = std::make_shared<const OctaMap>(5, false);
-    auto lines = std::make_shared<GeodesicLines>(photo, mesh);
-    const Eigen::Vector3d a(-1.8, 1.0, 0.8), b(-1.8, 1.0, 4.0);
-    LineConstraint line;
-    line.SetEndpoints(SourcePixelOf(*photo, a), SourcePixelOf(*photo, b));
-    // The edge comes out at about -29 degrees when free; ask for -20.
-    line.SetOrientation(Orientation::Arbitrary, -20.0f);
-    line.SetId(5);
-    ASSERT_TRUE(lines->FitLine(line));
-    auto solver = Solve(photo, lines);
-    ASSERT_TRUE(solver->IsSolved());
-    const test::LineFit fit = FitLine(MapSegment(*solver, lines->Locator(), a, b));
-    EXPECT_LT(fit.maxDeviation * NominalScale(*solver, lines->Locator(), *photo, 3000, 2000), 1.5);
-    // Perpendicular to the stored normal: -20 degrees from the x axis, either way along the line.
-    const double degrees =
-        std::atan2(fit.direction.y(), fit.direction.x()) * 180.0 / 3.14159265358979;
-    EXPECT_NEAR(std::remainder(degrees + 20.0, 180.0), 0.0, 0.2);
+    for (const bool fixed : {false, true}) {
+        SCOPED_TRACE(fixed ? "fixed at -20 degrees" : "free");
+        auto lines = std::make_shared<GeodesicLines>(photo, mesh);
+        LineConstraint line;
+        line.SetEndpoints(SourcePixelOf(*photo, a), SourcePixelOf(*photo, b));
+        if (fixed)
+            line.SetOrientation(Orientation::Arbitrary, -20.0f);
+        line.SetId(3);
+        ASSERT_TRUE(lines->FitLine(line));
+        auto solver = Solve(photo, lines);
+        ASSERT_TRUE(solver->IsSolved());
+        const test::LineFit fit = FitLine(MapSegment(*solver, lines->Locator(), a, b));
+        EXPECT_LT(fit.maxDeviation * NominalScale(*solver, lines->Locator(), *photo, 3000, 2000),
+                  1.5);
+        // Degrees from the x axis, either way along the line.
+        const double degrees = std::atan2(fit.direction.y(), fit.direction.x()) * 180.0 / M_PI;
+        if (fixed) {
+            EXPECT_NEAR(std::remainder(degrees + 20.0, 180.0), 0.0, 0.2);
+            continue;
+        }
+        EXPECT_GT(DegreesFromVertical(fit.direction), 10.0);
+        EXPECT_LT(DegreesFromVertical(fit.direction), 80.0);
+        EXPECT_GT(std::abs(std::remainder(degrees + 20.0, 180.0)), 3.0) << "not already at -20";
+        const double alpha = solver->Solution()[solver->LineUnknown(0)];
+        EXPECT_LT(
+            std::abs(std::cos(alpha) * fit.direction.x() + std::sin(alpha) * fit.direction.y()),
+            1e-3);
+    }
 }
 
 // A square on a flat wall, drawn as a polygon: the mesh over it must come out
