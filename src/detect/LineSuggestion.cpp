@@ -286,8 +286,12 @@ std::vector<ImageSegment> DetectSegments(const GreyView& grey, int32_t sourceWid
     const cv::Ptr<cv::LineSegmentDetector> lsd = cv::createLineSegmentDetector(cv::LSD_REFINE_STD);
     std::vector<cv::Vec4f> found;
     lsd->detect(work, found);
-    const double sx = static_cast<double>(sourceWidth) / work.cols;
-    const double sy = static_cast<double>(sourceHeight) / work.rows;
+    const double sx = grey.sourcePerPixel > 0
+                          ? grey.sourcePerPixel * grey.width / work.cols
+                          : static_cast<double>(sourceWidth) / work.cols;
+    const double sy = grey.sourcePerPixel > 0
+                          ? grey.sourcePerPixel * grey.height / work.rows
+                          : static_cast<double>(sourceHeight) / work.rows;
     out.reserve(found.size());
     for (const cv::Vec4f& l : found) {
         ImageSegment s;

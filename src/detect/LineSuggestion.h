@@ -99,6 +99,10 @@ struct GreyView {
     int32_t height = 0;
     const uint8_t* pixels = nullptr;
     ptrdiff_t rowBytes = 0;
+    // Source pixels per pixel of this picture, when it is a reduced copy
+    // whose size is not exactly the source's divided by it (a block mean
+    // with a partial last block); 0: the sizes' ratio.
+    double sourcePerPixel = 0;
 };
 
 // The whole suggestion on a grey copy of the source (any size; its pixel
