@@ -78,9 +78,12 @@ SuggestionCounts AddSuggestedLines(const HostRecord& host, const PhotoToSphere& 
                                    ConstraintSet& set, const SuggestOptions& options) {
     const ImageRect area = host.FilterRect();
     const int32_t longSide = std::max(area.Width(), area.Height());
-    const std::shared_ptr<MemoryImage> picture = ReadPreviewSource(host, options.workingSide);
+    // Read at up to twice the working size (whole blocks), so that the
+    // detection's own area filter makes the working copy: the block means
+    // alone would leave it up to half as large as asked.
+    const int32_t side = std::max(2 * options.workingSide, 1);
+    const std::shared_ptr<MemoryImage> picture = ReadPreviewSource(host, side);
     // ReadPreviewSource takes whole blocks of this many pixels.
-    const int32_t side = std::max(options.workingSide, 1);
     const int32_t factor = std::max(1, (longSide + side - 1) / side);
     return AddSuggestedLines(*picture, factor, photo, set, options);
 }
