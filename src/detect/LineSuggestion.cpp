@@ -5,6 +5,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <numbers>
 
@@ -16,6 +17,8 @@ namespace {
 
 constexpr double kMinSegmentPx = 10.0;
 constexpr double kOnCirclePx = 1.5;
+constexpr double kChordFitPx = 2.0;
+constexpr int kChordSamples = 5;
 constexpr double kMaxGapPx = 12.0;
 constexpr double kMinSupport = 0.6;
 constexpr double kVerticalToleranceDeg = 1.0;
@@ -59,6 +62,18 @@ void SphereToSource(const PhotoToSphere& photo, const Vec3d& v, double& x, doubl
     y = p.y + photo.Raster().halfHeight;
 }
 
+// The unit normal of the plane through the origin that fits the scatter best.
+Vec3d LeastNormal(const Eigen::Matrix3d& scatter) {
+    const Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d> eig(scatter);
+    const Eigen::Vector3d n = eig.eigenvectors().col(0);
+    return Normalized({n.x(), n.y(), n.z()});
+}
+
+void AddPoint(Eigen::Matrix3d& scatter, const Vec3d& p, double w) {
+    const Eigen::Vector3d v(p[0], p[1], p[2]);
+    scatter += w * v * v.transpose();
+}
+
 // A segment on the sphere.
 struct SphereSegment {
     Vec3d a, b, n;
@@ -72,44 +87,47 @@ std::optional<SphereSegment> OnSphere(const ImageSegment& s, const PhotoToSphere
     const double lengthPx = length / s.pixelSize;
     if (!(lengthPx >= kMinSegmentPx))
         return std::nullopt;
-    const auto a = SourceToSphere(photo, s.x1, s.y1);
-    const auto b = SourceToSphere(photo, s.x2, s.y2);
-    const double mx = 0.5 * (s.x1 + s.x2), my = 0.5 * (s.y1 + s.y2);
-    const auto m = SourceToSphere(photo, mx, my);
-    if (!a || !b || !m)
-        return std::nullopt;
     // Both sides of the segment must show picture.
+    const double mx = 0.5 * (s.x1 + s.x2), my = 0.5 * (s.y1 + s.y2);
     const double side = kRimClearancePx * s.pixelSize / length;
     if (!SourceToSphere(photo, mx - dy * side, my + dx * side) ||
         !SourceToSphere(photo, mx + dy * side, my - dx * side))
         return std::nullopt;
+    // The detector reports a bent edge as chords fitted to it, so a chord
+    // lies off the edge's great circle by up to two thirds of its sagitta.
+    // The circle that fits the chord's points best is the edge's own, nearly.
+    std::array<Vec3d, kChordSamples> points;
+    Eigen::Matrix3d scatter = Eigen::Matrix3d::Zero();
+    for (int k = 0; k < kChordSamples; ++k) {
+        const double t = static_cast<double>(k) / (kChordSamples - 1);
+        const auto p = SourceToSphere(photo, s.x1 + t * dx, s.y1 + t * dy);
+        if (!p)
+            return std::nullopt;
+        points[k] = *p;
+        AddPoint(scatter, *p, 1.0);
+    }
+    Vec3d n = LeastNormal(scatter);
+    if (Dot(n, Cross(points.front(), points.back())) < 0)
+        n = Scaled(n, -1.0);
     SphereSegment out;
-    out.a = *a;
-    out.b = *b;
-    const Vec3d n = Cross(*a, *b);
-    const double sine = Norm(n);
-    if (!(sine > 1e-9))
+    out.n = n;
+    // The ends, moved onto that circle.
+    out.a = Normalized(Difference(points.front(), Scaled(n, Dot(points.front(), n))));
+    out.b = Normalized(Difference(points.back(), Scaled(n, Dot(points.back(), n))));
+    const double arc = std::atan2(Norm(Cross(out.a, out.b)), Dot(out.a, out.b));
+    if (!(arc > 1e-9))
         return std::nullopt;
-    out.n = Scaled(n, 1.0 / sine);
     out.lengthPx = lengthPx;
-    out.radPerPx = std::atan2(sine, Dot(*a, *b)) / lengthPx;
+    out.radPerPx = arc / lengthPx;
     // A straight piece of the picture that is no great circle (an image-
-    // straight chord far off a fisheye's centre) is no scene line.
-    if (std::abs(Dot(*m, out.n)) > kOnCirclePx * out.radPerPx)
+    // straight line far off a fisheye's centre) bends away from every
+    // circle by more than a fitted chord does.
+    double worst = 0;
+    for (const Vec3d& p : points)
+        worst = std::max(worst, std::abs(Dot(p, n)));
+    if (worst > kChordFitPx * out.radPerPx)
         return std::nullopt;
     return out;
-}
-
-// The unit normal of the plane through the origin that fits the scatter best.
-Vec3d LeastNormal(const Eigen::Matrix3d& scatter) {
-    const Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d> eig(scatter);
-    const Eigen::Vector3d n = eig.eigenvectors().col(0);
-    return Normalized({n.x(), n.y(), n.z()});
-}
-
-void AddPoint(Eigen::Matrix3d& scatter, const Vec3d& p, double w) {
-    const Eigen::Vector3d v(p[0], p[1], p[2]);
-    scatter += w * v * v.transpose();
 }
 
 struct Group {
@@ -368,6 +386,10 @@ LineSuggestion SuggestFromSegments(const std::vector<ImageSegment>& segments,
                                    const PhotoToSphere& photo, const SuggestOptions& options,
                                    double minLengthPx) {
     std::vector<SuggestedLine> candidates = FindSceneLines(segments, photo, minLengthPx);
+    std::stable_sort(candidates.begin(), candidates.end(),
+                     [](const SuggestedLine& a, const SuggestedLine& b) {
+                         return a.supportPx > b.supportPx;
+                     });
 
     LineSuggestion out;
     out.vertical = EstimateVertical(candidates);
@@ -388,10 +410,6 @@ LineSuggestion SuggestFromSegments(const std::vector<ImageSegment>& segments,
         }
     }
 
-    std::stable_sort(candidates.begin(), candidates.end(),
-                     [](const SuggestedLine& a, const SuggestedLine& b) {
-                         return a.supportPx > b.supportPx;
-                     });
     for (const SuggestedLine& line : candidates) {
         if (static_cast<int32_t>(out.lines.size()) >= options.maxLines)
             break;

@@ -26,6 +26,12 @@
 // a fisheye):
 // - kMinSegmentPx = 10: shorter detections are mostly texture; their great
 //   circle is too uncertain to group by (the normal's error grows as 1 / length).
+// - kChordFitPx = 2.0: the detector reports a bent edge as straight chords,
+//   which lie off the edge's great circle by up to two thirds of their
+//   sagitta (3 px over a long chord of a fisheye's steep side edge). Each
+//   chord gets the great circle that fits five of its points; it is kept
+//   when none lies further than 2 px from it. A straight picture line that
+//   is no great circle bends away further.
 // - kOnCirclePx = 1.5: a segment joins a scene line when both its ends lie
 //   within 1.5 px of the line's great circle. The detector localises edges
 //   to about half a pixel, so a real continuation passes easily, while the
