@@ -11,6 +11,8 @@ find_package(PNG REQUIRED)
 find_package(JPEG REQUIRED)
 find_package(nlohmann_json REQUIRED)
 find_package(Qt6 REQUIRED COMPONENTS Core Gui Widgets Test)
+# Only the modules the line detection needs.
+find_package(OpenCV 4 REQUIRED COMPONENTS core imgproc)
 pkg_check_modules(LENSFUN REQUIRED IMPORTED_TARGET lensfun)
 
 # SuiteSparse ships no CMake configuration: CHOLMOD with its own helpers and

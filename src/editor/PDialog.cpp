@@ -40,6 +40,7 @@
 #include "geometry/LensProfile.h"
 #include "geometry/ProjectionFactory.h"
 #include "render/RenderPlan.h"
+#include "session/LineSuggestions.h"
 #include "session/PFilter.h"
 #include "session/PreferencesFile.h"
 
@@ -187,6 +188,7 @@ struct PDialog::Controls {
     QPushButton* cancel = nullptr;
     QComboBox* projection = nullptr;
     QToolButton* flyout = nullptr;
+    QPushButton* suggest = nullptr;
     Velmo::CSlider* scale = nullptr;
     Velmo::CSlider* focal = nullptr;
     Velmo::CSlider* crop = nullptr;
@@ -333,6 +335,7 @@ bool PDialog::FindControls(std::string& error) {
     find(kCancelButton, ui_->cancel);
     find(kProjectionPopup, ui_->projection);
     find(kCorrectionFlyout, ui_->flyout);
+    find(kSuggestButton, ui_->suggest);
     find(kScaleSlider, ui_->scale);
     find(kFocalSlider, ui_->focal);
     find(kCropSlider, ui_->crop);
@@ -391,6 +394,8 @@ void PDialog::BuildMenus() {
             connect(a, &QAction::triggered, this, [this] { LoadConstraints(); });
         if (QAction* a = action(kFlyoutSave))
             connect(a, &QAction::triggered, this, [this] { SaveConstraints(); });
+        if (QAction* a = action(kFlyoutSuggest))
+            connect(a, &QAction::triggered, this, [this] { SuggestLines(); });
     }
 }
 
@@ -398,6 +403,7 @@ void PDialog::ConnectControls() {
     Controls& ui = *ui_;
     connect(ui.ok, &QPushButton::clicked, this, [this] { OkClicked(); });
     connect(ui.cancel, &QPushButton::clicked, this, [this] { CancelClicked(); });
+    connect(ui.suggest, &QPushButton::clicked, this, [this] { SuggestLines(); });
     ui.cancel->installEventFilter(this);
     ui.cancel->setAutoDefault(false);
 
@@ -975,6 +981,32 @@ void PDialog::SaveConstraints() {
         Alert(Localize(kSaveFailed, {path.string()}));
 }
 
+void PDialog::SuggestLines() {
+    const std::shared_ptr<const PreviewScene> scene =
+        filter_.warpPipeline().CapturePreviewScene(filter_);
+    SuggestionCounts counts;
+    if (scene && scene->photo) {
+        struct BusyCursor {
+            BusyCursor() { QGuiApplication::setOverrideCursor(Qt::WaitCursor); }
+            ~BusyCursor() { QGuiApplication::restoreOverrideCursor(); }
+        } busy;
+        counts = AddSuggestedLines(filter_.Host(), *scene->photo, *set_, SuggestOptions{});
+    }
+    if (counts.ids.empty()) {
+        Alert(kNoLinesFound);
+        return;
+    }
+    auto group = std::make_unique<PConstraintGroupTask>(*this, std::string(kSuggestTaskName));
+    {
+        ResolveBatch batch(*this);
+        for (const int32_t id : counts.ids)
+            group->Add(std::make_unique<PAddConstraintTask>(*this, *set_->Find(id)));
+        set_->SetSelection(counts.ids);
+        RequestResolve();
+    }
+    stack_.Push(std::move(group));
+}
+
 void PDialog::ShowPreferences() {
     PPreferencesDialog dialog(PEditorPreferences::From(Settings()), this);
     if (dialog.exec() != QDialog::Accepted)
@@ -1196,6 +1228,7 @@ void PDialog::SetCalibratedFocal(double pixels) {
 void PDialog::PaintOverlay(QPainter& painter) {
     int drawn = 0;
     int invalid = 0;
+    ui_->pane->setProperty("constraintsSelected", static_cast<int>(set_->Selection().size()));
     // The selected line shows its middle handle.
     for (const auto& c : set_->Constraints())
         if (LineConstraint* line = AsLine(*c))

@@ -109,6 +109,10 @@ public:
     // --- Commands (the menus' and the flyout's).
     void LoadConstraints();
     void SaveConstraints();
+    // Finds the photo's straight scene edges under the live projection and
+    // adds them as line constraints, selected, in one undoable step; says so
+    // when there are none (and pushes nothing).
+    void SuggestLines();
     void ShowPreferences();
     void ZoomIn();
     void ZoomOut();

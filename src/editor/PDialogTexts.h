@@ -20,6 +20,7 @@ inline constexpr std::string_view kOkButton = "Project/Dialog/OKButton";
 inline constexpr std::string_view kCancelButton = "Project/Dialog/CancelButton";
 inline constexpr std::string_view kProjectionPopup = "Project/Dialog/ProjectionModelPopup";
 inline constexpr std::string_view kCorrectionFlyout = "Project/Dialog/CorrectionFlyout";
+inline constexpr std::string_view kSuggestButton = "Project/Dialog/SuggestLinesButton";
 inline constexpr std::string_view kScaleSlider = "Project/Dialog/ImageScaleSlider";
 inline constexpr std::string_view kFocalSlider = "Project/Dialog/FocalLengthSlider";
 inline constexpr std::string_view kCropSlider = "Project/Dialog/CropFactorSlider";
@@ -84,6 +85,8 @@ inline constexpr std::string_view kFlyoutLoad =
     "$$$/Curvana/CorrectionMenu/LoadConstraints=Load Constraints...";
 inline constexpr std::string_view kFlyoutSave =
     "$$$/Curvana/CorrectionMenu/SaveConstraints=Save Constraints...";
+inline constexpr std::string_view kFlyoutSuggest =
+    "$$$/Curvana/CorrectionMenu/SuggestLines=Suggest Lines";
 inline constexpr std::string_view kZoomIn = "$$$/Curvana/ViewMenu/ZoomIn=Zoom In";
 inline constexpr std::string_view kZoomOut = "$$$/Curvana/ViewMenu/ZoomOut=Zoom Out";
 inline constexpr std::string_view kFitOnScreen = "$$$/Curvana/ViewMenu/FitOnScreen=Fit on Screen";
@@ -108,6 +111,12 @@ inline constexpr std::string_view kSaveFailed =
     "$$$/Curvana/Warning/SaveConstraintsFailed=The constraints could not be written to ^0.";
 inline constexpr std::string_view kLoadTaskName =
     "$$$/Curvana/Task/Setting/LoadConstraints=Load Constraints";
+
+// --- Suggested lines.
+inline constexpr std::string_view kSuggestTaskName =
+    "$$$/Curvana/Task/Setting/SuggestLines=Suggest Lines";
+inline constexpr std::string_view kNoLinesFound =
+    "$$$/Curvana/Warning/NoLinesFound=No straight edges were found in this photo.";
 
 // --- Escape.
 inline constexpr std::string_view kEscMain =

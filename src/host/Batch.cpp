@@ -1,6 +1,8 @@
 #include "Batch.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <fstream>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -13,6 +15,7 @@
 #include "Raster.h"
 #include "SystemInfo.h"
 #include "TempOutput.h"
+#include "curvana/CurvanaScripting.h"
 
 namespace Curvana::Host {
 namespace fs = std::filesystem;
@@ -65,10 +68,66 @@ void checkOutcome(const InvocationOutcome& outcome, const Target& t, const Resul
                             "; nothing written");
 }
 
-void recordAction(const Descriptor& descriptor) {
+bool isSuggestionKey(uint32_t key) {
+    switch (key) {
+        case cvKeySuggestLines:
+        case cvKeySuggestVerticalsOnly:
+        case cvKeySuggestHorizontals:
+        case cvKeySuggestOnly:
+        case cvKeySuggestedVertical:
+        case cvKeySuggestedHorizontal:
+        case cvKeySuggestedUnfixed:
+            return true;
+        default:
+            return false;
+    }
+}
+
+// The request for suggested lines, on top of the settings.
+void askForLines(Descriptor& d, const CliOptions& options, bool only) {
+    d.putInteger(cvKeySuggestLines, options.maxLines);
+    auto flag = [&](uint32_t key, bool value) {
+        DescriptorEntry e;
+        e.key = key;
+        e.type = cvTypeBoolean;
+        e.boolean = value;
+        d.put(std::move(e));
+    };
+    flag(cvKeySuggestVerticalsOnly, options.verticalsOnly);
+    flag(cvKeySuggestHorizontals, options.horizontals);
+    flag(cvKeySuggestOnly, only);
+}
+
+struct LineCounts {
+    int32_t vertical = 0, horizontal = 0, unfixed = 0;
+    int32_t total() const { return vertical + horizontal + unfixed; }
+};
+
+// The counts the filter reports; nullopt when it reported none.
+std::optional<LineCounts> suggestedLines(const Descriptor& result) {
+    const DescriptorEntry* v = result.find(cvKeySuggestedVertical);
+    const DescriptorEntry* h = result.find(cvKeySuggestedHorizontal);
+    const DescriptorEntry* u = result.find(cvKeySuggestedUnfixed);
+    if (!v || !h || !u)
+        return std::nullopt;
+    return LineCounts{v->integer, h->integer, u->integer};
+}
+
+std::string describe(const LineCounts& c) {
+    return "found " + std::to_string(c.total()) + (c.total() == 1 ? " line" : " lines") + " (" +
+           std::to_string(c.vertical) + " vertical, " + std::to_string(c.horizontal) +
+           " horizontal, " + std::to_string(c.unfixed) + " unfixed)";
+}
+
+void recordAction(const Descriptor& result) {
     const fs::path record = lastActionPath();
     if (record.empty())
         return;
+    // What was suggested is in the constraint data; the counts are not settings.
+    Descriptor descriptor;
+    for (const DescriptorEntry& e : result.entries())
+        if (!isSuggestionKey(e.key))
+            descriptor.put(e);
     try {
         saveAction(record, descriptor);
     } catch (const HostError& e) {
@@ -103,6 +162,8 @@ public:
             descriptor = applyDescriptor(options_, params_);
         else if (params_)
             descriptor = std::make_unique<Descriptor>(*params_);
+        if (options_.autoLines)
+            askForLines(*descriptor, options_, false);
 
         TempOutput temp(t.output);
         ResultOptions resultOptions;
@@ -142,6 +203,71 @@ public:
             warn(w);
         temp.commit();
         recordAction(*outcome.resultDescriptor);
+        if (!options_.quiet && options_.autoLines)
+            if (const auto counts = suggestedLines(*outcome.resultDescriptor))
+                std::fprintf(stderr, "curvana: %s: %s\n", t.input.c_str(),
+                             describe(*counts).c_str());
+        if (!options_.quiet)
+            std::fprintf(stderr, "curvana: wrote %s\n", t.output.c_str());
+    }
+
+    // Finds the input's straight edges and writes them as a constraint file.
+    void suggest(const Target& t) {
+        std::error_code ec;
+        const fs::path folder = t.output.has_parent_path() ? t.output.parent_path() : fs::path(".");
+        if (!fs::is_directory(folder, ec))
+            throw HostError(kExitOutput, folder.string() + ": no such folder");
+        SourceOptions sourceOptions;
+        sourceOptions.cacheBudget = (options_.cacheMiB << 20) / 2;
+        sourceOptions.memoryLimit = memoryLimit_;
+        const std::unique_ptr<ImageSource> source = openImage(t.input, sourceOptions);
+        const PhotoMetadata metadata = readMetadata(t.input);
+        for (const auto& w : metadata.warnings)
+            warn(w);
+        const std::unique_ptr<Descriptor> descriptor = applyDescriptor(options_, params_);
+        askForLines(*descriptor, options_, true);
+
+        Invocation invocation;
+        invocation.source = source.get();
+        invocation.xmpPacket = metadata.moduleXmp;
+        invocation.documentName = t.input.filename().string();
+        invocation.descriptor = descriptor.get();
+        invocation.freshDefaults = true;  // the lens the editor would open with, as apply
+        invocation.resetPreferences = options_.resetPreferences;
+        invocation.listener = &bar_;
+        bar_.start(t.label);
+        const InvocationOutcome outcome = module_.run(invocation);
+        bar_.end();
+        if (outcome.aborted)
+            throw HostError(kExitInterrupted, "interrupted; nothing written");
+        if (outcome.hostError)
+            throw *outcome.hostError;
+        if (outcome.error != 0)
+            throw HostError(kExitFailed, "the filter failed on " + t.input.string() + " (error " +
+                                             std::to_string(outcome.error) + "); nothing written");
+        const std::optional<LineCounts> counts =
+            outcome.resultDescriptor ? suggestedLines(*outcome.resultDescriptor) : std::nullopt;
+        if (!counts)
+            throw HostError(kExitFailed,
+                            "the filter suggested no lines for " + t.input.string() +
+                                (outcome.alerts.empty() ? " (this module cannot)"
+                                                        : " (see its message above)") +
+                                "; nothing written");
+        std::fprintf(stderr, "curvana: %s: %s\n", t.input.c_str(), describe(*counts).c_str());
+        const DescriptorEntry* data = outcome.resultDescriptor->find(cvKeyConstraintData);
+        if (counts->total() == 0 || !data || data->data.empty())
+            throw HostError(kExitFailed, "no straight lines found in " + t.input.string() +
+                                             "; nothing written");
+        TempOutput temp(t.output);
+        {
+            std::ofstream out(temp.path(), std::ios::binary | std::ios::trunc);
+            out.write(reinterpret_cast<const char*>(data->data.data()),
+                      static_cast<std::streamsize>(data->data.size()));
+            out.flush();
+            if (!out)
+                throw writeError(t.output.string(), errno);
+        }
+        temp.commit();
         if (!options_.quiet)
             std::fprintf(stderr, "curvana: wrote %s\n", t.output.c_str());
     }
@@ -183,7 +309,10 @@ int runBatch(const CliOptions& options, Module& module, const Descriptor* params
             t.label += " (" + std::to_string(i + 1) + "/" + std::to_string(count) + ")";
         ExitCode code = kExitOk;
         try {
-            batch.correct(t);
+            if (options.command == "suggest")
+                batch.suggest(t);
+            else
+                batch.correct(t);
         } catch (const HostError& e) {
             std::fprintf(stderr, "curvana: %s\n", e.what());
             code = e.code();

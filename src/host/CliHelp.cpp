@@ -10,6 +10,7 @@ const char* const kUsage =
     "usage: curvana apply IN... -o OUT [options]   correct photographs silently\n"
     "       curvana repeat IN... -o OUT            again, with the last recorded settings\n"
     "       curvana edit IN -o OUT                 correct in the editor\n"
+    "       curvana suggest IN -o LINES.cvc        find the straight edges as constraints\n"
     "       curvana COMMAND --help                 help on one command\n"
     "       curvana --version [--module PATH]      versions, the Vulkan device and what the\n"
     "                                              filter registers\n";
@@ -62,7 +63,11 @@ void printHelp(const std::string& command) {
                "keys)\n"
                "  --constraints FILE.cvc constraints saved from the editor: lines and polygons to\n"
                "                         keep straight, with the settings they were drawn with\n"
-               "                         (the options above override those settings)\n\n"
+               "                         (the options above override those settings)\n"
+               "  --auto-lines           find the photo's straight scene edges and keep them "
+               "straight\n"
+               "                         too (with --max, --verticals-only, --horizontals as for\n"
+               "                         curvana suggest)\n\n"
                "Whatever the options and --params leave open, the filter decides as its editor\n"
                "would open: the projection from the photo's lens profile or focal length, the\n"
                "focal length and crop factor from its metadata (camera, 35 mm equivalent, sensor\n"
@@ -79,6 +84,26 @@ void printHelp(const std::string& command) {
                "($XDG_CONFIG_HOME/curvana/last-action.json); without a recorded action the filter\n"
                "uses its own saved preferences.\n\noptions:\n"
             << kCommonOptions << "\n"
+            << kExitCodes;
+    } else if (command == "suggest") {
+        std::cout
+            << "usage: curvana suggest IN -o LINES.cvc [options]\n\n"
+               "Finds the edges that are straight in the scene (a great circle on the view "
+               "sphere,\n"
+               "whatever the lens) and writes them as line constraints to a constraint file for\n"
+               "curvana edit or curvana apply --constraints. Upright edges are marked Vertical.\n"
+               "Prints how many lines of each kind it found; with none, nothing is written.\n\n"
+               "options:\n"
+               "  -o, --output FILE.cvc  the constraint file (required)\n"
+               "  --max N                at most N lines, the best supported first (default 20)\n"
+               "  --verticals-only       only the upright edges\n"
+               "  --horizontals          mark level edges across the view Horizontal\n"
+               "  --projection, --regularizer, --focal-mm, --crop, --params, --constraints\n"
+               "                         as for curvana apply: the lens the photo is seen "
+               "through,\n"
+               "                         and constraints to keep (the new lines come after them)\n"
+               "  --module PATH, -q, --reset-preferences, -h\n"
+               "                         as for curvana apply\n\n"
             << kExitCodes;
     } else if (command == "edit") {
         std::cout << kEditHelp << kCommonOptions << "\n" << kExitCodes;

@@ -1,5 +1,6 @@
 #include "CliOptions.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -73,8 +74,9 @@ std::optional<CliOptions> parseCommandLine(const std::vector<std::string>& args)
         }
         return o;
     }
-    if (first != "apply" && first != "repeat" && first != "edit")
-        throw usage("unknown command '" + first + "' (apply, repeat or edit; see curvana --help)");
+    if (first != "apply" && first != "repeat" && first != "edit" && first != "suggest")
+        throw usage("unknown command '" + first +
+                    "' (apply, repeat, edit or suggest; see curvana --help)");
     o.command = first;
     for (size_t i = 1; i < args.size(); ++i) {
         const std::string& a = args[i];
@@ -84,9 +86,15 @@ std::optional<CliOptions> parseCommandLine(const std::vector<std::string>& args)
             return args[++i];
         };
         const bool applyOnly = a == "--projection" || a == "--regularizer" || a == "--focal-mm" ||
-                               a == "--crop" || a == "--params" || a == "--constraints" ||
-                               a == "--crop-to-content";
-        if (applyOnly && o.command != "apply")
+                               a == "--crop" || a == "--params" || a == "--constraints";
+        if (applyOnly && o.command != "apply" && o.command != "suggest")
+            throw usage(a + ": only 'curvana apply' and 'curvana suggest' take this option");
+        const bool linesOption =
+            a == "--max" || a == "--verticals-only" || a == "--horizontals";
+        if (linesOption && o.command != "apply" && o.command != "suggest")
+            throw usage(a + ": only 'curvana suggest' and 'curvana apply --auto-lines' take this "
+                            "option");
+        if ((a == "--auto-lines" || a == "--crop-to-content") && o.command != "apply")
             throw usage(a + ": only 'curvana apply' takes this option");
         if (a == "-h" || a == "--help") {
             printHelp(o.command);
@@ -120,6 +128,14 @@ std::optional<CliOptions> parseCommandLine(const std::vector<std::string>& args)
             o.params = value();
         } else if (a == "--constraints") {
             o.constraints = value();
+        } else if (a == "--auto-lines") {
+            o.autoLines = true;
+        } else if (a == "--max") {
+            o.maxLines = static_cast<int32_t>(parseNumber(a, value(), 1, 1000));
+        } else if (a == "--verticals-only") {
+            o.verticalsOnly = true;
+        } else if (a == "--horizontals") {
+            o.horizontals = true;
         } else if (a == "--") {
             o.inputs.insert(o.inputs.end(), args.begin() + static_cast<ptrdiff_t>(i) + 1,
                             args.end());
@@ -136,6 +152,13 @@ std::optional<CliOptions> parseCommandLine(const std::vector<std::string>& args)
         throw usage("no output given: use -o OUT (see curvana " + o.command + " --help)");
     if (o.command == "edit" && o.inputs.size() > 1)
         throw usage("edit takes one input");
+    if (o.command == "suggest" && o.inputs.size() > 1)
+        throw usage("suggest takes one input");
+    if (o.command == "apply" && !o.autoLines &&
+        std::find(args.begin(), args.end(), "--max") != args.end())
+        throw usage("--max: only with --auto-lines");
+    if (o.command == "suggest")
+        o.autoLines = true;
     return o;
 }
 

@@ -10,7 +10,7 @@
 namespace Curvana::Host {
 
 struct CliOptions {
-    std::string command;  // apply, repeat, edit, version
+    std::string command;  // apply, repeat, edit, suggest, version
     std::vector<std::string> inputs;
     std::string output;
     std::string module;
@@ -24,6 +24,10 @@ struct CliOptions {
     // The filter starts from its defaults, not its stored preferences, and
     // saves them over those.
     bool resetPreferences = false;
+    // Suggested lines: `suggest`, or `apply --auto-lines`.
+    bool autoLines = false;
+    int32_t maxLines = 20;
+    bool verticalsOnly = false, horizontals = false;
 };
 
 // Parses argv (without the program name). Throws HostError (kExitUsage) for

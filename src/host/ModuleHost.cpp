@@ -134,6 +134,8 @@ CvError readSourcePlane(void* host, const CvRect* rect, int32_t plane, void* buf
 CvError writeResultPlane(void* host, const CvRect* rect, int32_t plane, const void* buffer,
                          int32_t rowBytes) {
     return planeRequest(host, rect, plane, buffer, rowBytes, [&](const Invocation& inv) {
+        if (!inv.result)  // a run that asked for no picture (suggested lines only)
+            throw HostError(kExitFailed, "the filter wrote a picture where none was asked for");
         inv.result->writePlane(*rect, plane, buffer, rowBytes);
     });
 }

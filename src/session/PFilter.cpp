@@ -197,6 +197,8 @@ bool PFilter::hostChecksPass() const {
 
 bool PFilter::runFilter() {
     applied_ = false;
+    suggestRequest_ = {};
+    suggested_.reset();
     ++invocation_;
     loadTranslationsOnce();
     if (!hostChecksPass())
@@ -241,8 +243,13 @@ bool PFilter::runFilter() {
             if (fresh)
                 deriveFocalLength();
             pipeline_->RebuildSolver(*this);
+            if (suggestRequest_.Requested())
+                suggested_ = suggestLines(suggestRequest_.Options());
             if (ParametersRequested()) {
                 runEditor();
+            } else if (suggestRequest_.only) {
+                reportSkippedConstraints();
+                writeScriptParameters(settings());  // the lines only: nothing rendered
             } else {
                 reportSkippedConstraints();
                 applyWithoutDialog();
@@ -491,6 +498,7 @@ bool PFilter::readScriptParameters(PSettings& target) {
     PSettings read = target;
     keysRead_ = ReadScriptDescriptor(*suite, descriptor, read, constraints_.get());
     unreadRecords_ = keysRead_.constraintData ? constraints_->TakeUnreadRecords() : 0;
+    suggestRequest_ = ReadSuggestRequest(*suite, descriptor);
     settingsFailure_ = CheckSettings(read);
     if (settingsFailure_.empty())
         target = read;
@@ -510,8 +518,23 @@ void PFilter::writeScriptParameters(const PSettings& source) {
     if (suite->make(&result) != cvNoErr || !result)
         return;
     if (!WriteScriptDescriptor(*suite, result, source, constraints_.get()) ||
+        (suggested_ && !WriteSuggestionCounts(*suite, result, *suggested_)) ||
         !Host().SetResultDescriptor(result))
         suite->release(result);
+}
+
+SuggestionCounts PFilter::suggestLines(const SuggestOptions& options) {
+    ConstraintSet* set = constraints_->LiveSet();
+    if (!set)
+        return {};
+    if (!pipeline_->Photo())
+        pipeline_->RebuildSolver(*this);
+    const std::shared_ptr<const PhotoToSphere> photo = pipeline_->Photo();
+    if (!photo)
+        return {};
+    SuggestionCounts counts = AddSuggestedLines(Host(), *photo, *set, options);
+    pipeline_->RebuildSolver(*this);
+    return counts;
 }
 
 }  // namespace Project

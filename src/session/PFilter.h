@@ -8,6 +8,7 @@
 
 #include "geometry/CameraMetadata.h"
 #include "geometry/LensProfile.h"
+#include "session/LineSuggestions.h"
 #include "session/PFilterComponents.h"
 #include "session/PHostFilter.h"
 #include "session/PSettings.h"
@@ -67,8 +68,15 @@ public:
     // when they are all valid (CheckSettings); otherwise they stay as they
     // were and the invocation ends with the reason (scriptedInputAccepted).
     bool readScriptParameters(PSettings& settings);
-    // Hands the settings back to the host as the filter's result descriptor.
+    // Hands the settings back to the host as the filter's result descriptor
+    // (with the counts of the lines suggested in this invocation, if any).
     void writeScriptParameters(const PSettings& settings);
+
+    // Finds the straight scene edges of the source under the live settings'
+    // projection and adds them to the constraint set as line constraints;
+    // the warp is rebuilt with them. Nothing is added where the set is not
+    // the live one (no constraint list to add to).
+    SuggestionCounts suggestLines(const SuggestOptions& options);
 
     // The editor's OK: rebuilds the warp from the live settings and
     // constraints, solves it and renders it into the host image. False when
@@ -158,6 +166,8 @@ private:
     // The preferences file exists but could not be used: it is kept beside
     // the new one before the first save overwrites it.
     bool preferencesUnread_ = false;
+    SuggestRequest suggestRequest_;               // what the invocation's descriptor asked
+    std::optional<SuggestionCounts> suggested_;  // what this invocation suggested
     // Counts invocations, so the hub is attached to each invocation's host once.
     uint64_t invocation_ = 0;
     uint64_t hubAttachedTo_ = ~uint64_t{0};

@@ -59,7 +59,7 @@ TEST(DialogLayout, TheCompiledInLayoutBuildsTheDialogsViews) {
                   ->menu()
                   ->actions()
                   .size(),
-              3);
+              4);
 
     struct SliderRow {
         const char* id;

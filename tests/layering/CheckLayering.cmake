@@ -4,11 +4,12 @@
 #   cmake -DROOT=<source root> -P CheckLayering.cmake
 #
 # Everything builds on core; warp builds on geometry, constraints on warp,
-# the solver on constraints; render on geometry and warp; the session on all
-# of these and the C interface ("abi", include/curvana/); the editor on the
-# session and the framework, and the editor's shared object (editorhost) on
-# the editor; the module on the session (it opens the editor object at run time). The
-# hosts see the C interface and the host kit (what both hosts share) only.
+# the solver on constraints; render on geometry and warp; the line detection
+# on geometry; the session on all of these and the C interface ("abi",
+# include/curvana/); the editor on the session and the framework, and the
+# editor's shared object (editorhost) on the editor; the module on the
+# session (it opens the editor object at run time). The hosts see the C
+# interface and the host kit (what both hosts share) only.
 cmake_minimum_required(VERSION 3.25)
 
 set(allowed_core "")
@@ -17,17 +18,19 @@ set(allowed_warp core geometry)
 set(allowed_constraints core geometry warp)
 set(allowed_solver core geometry warp constraints)
 set(allowed_render core geometry warp)
-set(allowed_session abi core geometry warp constraints solver render)
+set(allowed_detect core geometry)
+set(allowed_session abi core geometry warp constraints solver render detect)
 set(allowed_framework core)
-set(allowed_editor abi core geometry warp constraints solver render session framework)
-set(allowed_editorhost abi core geometry warp constraints solver render session framework editor)
-set(allowed_plugin abi core geometry warp constraints solver render session)
+set(allowed_editor abi core geometry warp constraints solver render detect session framework)
+set(allowed_editorhost abi core geometry warp constraints solver render detect session framework
+    editor)
+set(allowed_plugin abi core geometry warp constraints solver render detect session)
 set(allowed_hostkit abi)
 set(allowed_host abi hostkit)
 set(allowed_gimp abi hostkit)
 set(allowed_abi "")
-set(layers core geometry warp constraints solver render session framework editor editorhost plugin
-    hostkit host gimp)
+set(layers core geometry warp constraints solver render detect session framework editor editorhost
+    plugin hostkit host gimp)
 
 if(NOT ROOT)
   message(FATAL_ERROR "ROOT is not set")

@@ -144,7 +144,14 @@ Rgb shade(const Vec3& p, int face, double distance) {
     return c;
 }
 
-Rgb trace(const Vec3& d) {
+// Where a ray from the camera meets the room, and on which face.
+struct Hit {
+    Vec3 p;
+    int face;
+    double t;
+};
+
+Hit hitRoom(const Vec3& d) {
     double t = 1e30;
     int face = -1;
     auto hit = [&](double bound, double component, int f) {
@@ -162,8 +169,12 @@ Rgb trace(const Vec3& d) {
     hit(kFloor, d[1], 3);
     hit(kBack, d[2], 4);
     hit(kFront, d[2], 5);
-    const Vec3 p{d[0] * t, d[1] * t, d[2] * t};
-    return shade(p, face, t);
+    return {{d[0] * t, d[1] * t, d[2] * t}, face, t};
+}
+
+Rgb trace(const Vec3& d) {
+    const Hit h = hitRoom(d);
+    return shade(h.p, h.face, h.t);
 }
 
 }  // namespace
@@ -209,6 +220,27 @@ std::optional<Vec3> unproject(const SceneOptions& o, Point image) {
     }
     const double s = r > 0 ? std::sin(theta) / r : 0;
     return cameraToRoom(o).apply(Vec3{x * s, y * s, std::cos(theta)});
+}
+
+std::optional<double> distanceToStraightFeature(const SceneOptions& o, Point image) {
+    const auto d = unproject(o, image);
+    if (!d)
+        return std::nullopt;
+    const Hit h = hitRoom(*d);
+    double best = 1e30;
+    // Strips: their borders lie kStrip from the edge, inside the face.
+    for (const Segment& s : faceSegments()[h.face])
+        best = std::min(best, std::abs(distanceToSegment(h.p, s) - kStrip));
+    // The door and the window are areas of their own colour: their outlines
+    // are straight (the frames' segments).
+    for (const Segment& s : allSegments())
+        if (s.rgb == kDoorFrame || s.rgb == kWindowFrame)
+            best = std::min(best, distanceToSegment(h.p, s));
+    if (h.face == 3) {
+        for (const double v : {h.p[0], h.p[2]})
+            best = std::min(best, std::abs(v - std::round(v)));
+    }
+    return best;
 }
 
 void renderRoomRegion(const SceneOptions& o, int32_t left, int32_t top, int32_t w, int32_t h,

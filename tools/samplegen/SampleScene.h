@@ -67,6 +67,13 @@ std::optional<Point> project(const SceneOptions& options, const Vec3& roomDirect
 // The room direction (unit length) seen at an image point; nullopt outside the lens's circle.
 std::optional<Vec3> unproject(const SceneOptions& options, Point image);
 
+// How far (metres) the room point seen at an image point lies from the
+// nearest straight line drawn in the scene: the borders of the edge strips,
+// of the door and the window, and the floor's board joints. nullopt outside
+// the lens's circle. A line found in the picture that is straight in the
+// scene keeps this small all along.
+std::optional<double> distanceToStraightFeature(const SceneOptions& options, Point image);
+
 RenderedScene renderRoom(const SceneOptions& options, int samplesPerEdge = 64);
 // Renders the pixels of [left, left + w) x [top, top + h) only (for images
 // too large to hold), RGB interleaved with stride rowBytes.
