@@ -38,10 +38,11 @@ enum {
  * descriptor then carries them in "cnsD" and says how many it added of each
  * kind. These keys are never recorded in an action. */
 enum {
-    cvKeySuggestLines = CV_FOURCC('s', 'u', 'g', 'L'),         /* integer: at most this many; > 0 asks */
+    cvKeySuggestLines = CV_FOURCC('s', 'u', 'g', 'L'), /* integer: at most this many; > 0 asks */
     cvKeySuggestVerticalsOnly = CV_FOURCC('s', 'u', 'g', 'V'), /* boolean: only upright edges */
     cvKeySuggestHorizontals = CV_FOURCC('s', 'u', 'g', 'H'),   /* boolean: level edges Horizontal */
-    cvKeySuggestOnly = CV_FOURCC('s', 'u', 'g', 'O'), /* boolean: hand the lines back, render nothing */
+    cvKeySuggestOnly =
+        CV_FOURCC('s', 'u', 'g', 'O'), /* boolean: hand the lines back, render nothing */
     cvKeySuggestedVertical = CV_FOURCC('s', 'g', 'n', 'V'),   /* integer, in the result */
     cvKeySuggestedHorizontal = CV_FOURCC('s', 'g', 'n', 'H'), /* integer, in the result */
     cvKeySuggestedUnfixed = CV_FOURCC('s', 'g', 'n', 'U')     /* integer, in the result */

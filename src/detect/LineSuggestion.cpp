@@ -77,8 +77,8 @@ void AddPoint(Eigen::Matrix3d& scatter, const Vec3d& p, double w) {
 // A segment on the sphere.
 struct SphereSegment {
     Vec3d a, b, n;
-    double lengthPx;   // working px
-    double radPerPx;   // sphere radians per working px along it
+    double lengthPx;  // working px
+    double radPerPx;  // sphere radians per working px along it
 };
 
 std::optional<SphereSegment> OnSphere(const ImageSegment& s, const PhotoToSphere& photo) {
@@ -176,9 +176,8 @@ std::vector<Group> GroupSegments(const std::vector<SphereSegment>& segs) {
 }
 
 // The well-supported arcs of one group, each a suggested line.
-void ArcsOfGroup(const Group& g, const std::vector<SphereSegment>& segs,
-                 const PhotoToSphere& photo, double minLengthPx,
-                 std::vector<SuggestedLine>& out) {
+void ArcsOfGroup(const Group& g, const std::vector<SphereSegment>& segs, const PhotoToSphere& photo,
+                 double minLengthPx, std::vector<SuggestedLine>& out) {
     // In-plane basis; the seam of the angle (at -u) lies opposite the
     // longest member, away from the picture's side of the sphere.
     const SphereSegment& longest = segs[g.members.front()];
@@ -304,12 +303,10 @@ std::vector<ImageSegment> DetectSegments(const GreyView& grey, int32_t sourceWid
     const cv::Ptr<cv::LineSegmentDetector> lsd = cv::createLineSegmentDetector(cv::LSD_REFINE_STD);
     std::vector<cv::Vec4f> found;
     lsd->detect(work, found);
-    const double sx = grey.sourcePerPixel > 0
-                          ? grey.sourcePerPixel * grey.width / work.cols
-                          : static_cast<double>(sourceWidth) / work.cols;
-    const double sy = grey.sourcePerPixel > 0
-                          ? grey.sourcePerPixel * grey.height / work.rows
-                          : static_cast<double>(sourceHeight) / work.rows;
+    const double sx = grey.sourcePerPixel > 0 ? grey.sourcePerPixel * grey.width / work.cols
+                                              : static_cast<double>(sourceWidth) / work.cols;
+    const double sy = grey.sourcePerPixel > 0 ? grey.sourcePerPixel * grey.height / work.rows
+                                              : static_cast<double>(sourceHeight) / work.rows;
     out.reserve(found.size());
     for (const cv::Vec4f& l : found) {
         ImageSegment s;
@@ -329,9 +326,8 @@ std::optional<Vec3d> EstimateVertical(const std::vector<SuggestedLine>& lines) {
     std::vector<size_t> order(lines.size());
     for (size_t i = 0; i < order.size(); ++i)
         order[i] = i;
-    std::stable_sort(order.begin(), order.end(), [&](size_t i, size_t j) {
-        return lines[i].supportPx > lines[j].supportPx;
-    });
+    std::stable_sort(order.begin(), order.end(),
+                     [&](size_t i, size_t j) { return lines[i].supportPx > lines[j].supportPx; });
     order.resize(std::min(order.size(), kVerticalCandidates));
 
     const double maxTilt = std::cos(Radians(kMaxTiltDeg));
@@ -386,10 +382,9 @@ LineSuggestion SuggestFromSegments(const std::vector<ImageSegment>& segments,
                                    const PhotoToSphere& photo, const SuggestOptions& options,
                                    double minLengthPx) {
     std::vector<SuggestedLine> candidates = FindSceneLines(segments, photo, minLengthPx);
-    std::stable_sort(candidates.begin(), candidates.end(),
-                     [](const SuggestedLine& a, const SuggestedLine& b) {
-                         return a.supportPx > b.supportPx;
-                     });
+    std::stable_sort(
+        candidates.begin(), candidates.end(),
+        [](const SuggestedLine& a, const SuggestedLine& b) { return a.supportPx > b.supportPx; });
 
     LineSuggestion out;
     out.vertical = EstimateVertical(candidates);
@@ -415,10 +410,9 @@ LineSuggestion SuggestFromSegments(const std::vector<ImageSegment>& segments,
             break;
         if (options.verticalsOnly && line.kind != SuggestedKind::Vertical)
             continue;
-        const bool repeated = std::any_of(out.lines.begin(), out.lines.end(),
-                                          [&](const SuggestedLine& kept) {
-                                              return Duplicates(kept, line);
-                                          });
+        const bool repeated =
+            std::any_of(out.lines.begin(), out.lines.end(),
+                        [&](const SuggestedLine& kept) { return Duplicates(kept, line); });
         if (!repeated)
             out.lines.push_back(line);
     }
@@ -430,9 +424,8 @@ LineSuggestion SuggestLines(const GreyView& grey, const PhotoToSphere& photo,
     const SourceRaster& raster = photo.Raster();
     const std::vector<ImageSegment> segments =
         DetectSegments(grey, raster.width, raster.height, options.workingSide);
-    const int32_t workingLong =
-        std::min(options.workingSide > 0 ? options.workingSide : INT32_MAX,
-                 std::max(grey.width, grey.height));
+    const int32_t workingLong = std::min(options.workingSide > 0 ? options.workingSide : INT32_MAX,
+                                         std::max(grey.width, grey.height));
     return SuggestFromSegments(segments, photo, options,
                                options.minLengthFraction * std::max(workingLong, 1));
 }

@@ -78,10 +78,10 @@ enum class SuggestedKind { Unfixed, Horizontal, Vertical };
 struct SuggestedLine {
     double x1 = 0, y1 = 0, x2 = 0, y2 = 0;
     SuggestedKind kind = SuggestedKind::Unfixed;
-    Vec3d normal{};          // the great circle's unit normal, photo frame
-    double arcRadians = 0;   // the arc's extent on the sphere
-    double supportPx = 0;    // working-copy pixels of segments along it
-    int32_t segments = 0;    // how many segments make it
+    Vec3d normal{};         // the great circle's unit normal, photo frame
+    double arcRadians = 0;  // the arc's extent on the sphere
+    double supportPx = 0;   // working-copy pixels of segments along it
+    int32_t segments = 0;   // how many segments make it
 };
 
 struct SuggestOptions {

@@ -2,8 +2,8 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <fstream>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <optional>
 
@@ -248,16 +248,15 @@ public:
         const std::optional<LineCounts> counts =
             outcome.resultDescriptor ? suggestedLines(*outcome.resultDescriptor) : std::nullopt;
         if (!counts)
-            throw HostError(kExitFailed,
-                            "the filter suggested no lines for " + t.input.string() +
-                                (outcome.alerts.empty() ? " (this module cannot)"
-                                                        : " (see its message above)") +
-                                "; nothing written");
+            throw HostError(kExitFailed, "the filter suggested no lines for " + t.input.string() +
+                                             (outcome.alerts.empty() ? " (this module cannot)"
+                                                                     : " (see its message above)") +
+                                             "; nothing written");
         std::fprintf(stderr, "curvana: %s: %s\n", t.input.c_str(), describe(*counts).c_str());
         const DescriptorEntry* data = outcome.resultDescriptor->find(cvKeyConstraintData);
         if (counts->total() == 0 || !data || data->data.empty())
-            throw HostError(kExitFailed, "no straight lines found in " + t.input.string() +
-                                             "; nothing written");
+            throw HostError(kExitFailed,
+                            "no straight lines found in " + t.input.string() + "; nothing written");
         TempOutput temp(t.output);
         {
             std::ofstream out(temp.path(), std::ios::binary | std::ios::trunc);

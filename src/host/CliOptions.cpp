@@ -89,11 +89,11 @@ std::optional<CliOptions> parseCommandLine(const std::vector<std::string>& args)
                                a == "--crop" || a == "--params" || a == "--constraints";
         if (applyOnly && o.command != "apply" && o.command != "suggest")
             throw usage(a + ": only 'curvana apply' and 'curvana suggest' take this option");
-        const bool linesOption =
-            a == "--max" || a == "--verticals-only" || a == "--horizontals";
+        const bool linesOption = a == "--max" || a == "--verticals-only" || a == "--horizontals";
         if (linesOption && o.command != "apply" && o.command != "suggest")
-            throw usage(a + ": only 'curvana suggest' and 'curvana apply --auto-lines' take this "
-                            "option");
+            throw usage(a +
+                        ": only 'curvana suggest' and 'curvana apply --auto-lines' take this "
+                        "option");
         if ((a == "--auto-lines" || a == "--crop-to-content") && o.command != "apply")
             throw usage(a + ": only 'curvana apply' takes this option");
         if (a == "-h" || a == "--help") {

@@ -43,7 +43,7 @@ struct ProgressListener {
 struct Invocation {
     ImageSource* source = nullptr;
     ResultImage* result = nullptr;  // null: the run writes no picture
-    std::string documentName;  // what the editor's title calls the image
+    std::string documentName;       // what the editor's title calls the image
     std::string xmpPacket;
     const Descriptor* descriptor = nullptr;  // scripting parameters passed in; null for none
     bool parameters = false;                 // send the Parameters selector (the editor)

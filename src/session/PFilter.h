@@ -166,7 +166,7 @@ private:
     // The preferences file exists but could not be used: it is kept beside
     // the new one before the first save overwrites it.
     bool preferencesUnread_ = false;
-    SuggestRequest suggestRequest_;               // what the invocation's descriptor asked
+    SuggestRequest suggestRequest_;              // what the invocation's descriptor asked
     std::optional<SuggestionCounts> suggested_;  // what this invocation suggested
     // Counts invocations, so the hub is attached to each invocation's host once.
     uint64_t invocation_ = 0;

@@ -2,8 +2,8 @@
 // the whole search finds (and refuses) in pictures.
 #include "detect/LineSuggestion.h"
 
-#include <Eigen/Dense>
 #include <gtest/gtest.h>
+#include <Eigen/Dense>
 
 #include <algorithm>
 #include <cmath>
@@ -212,8 +212,8 @@ TEST(SuggestLines, GuessesNothingWithoutEvidence) {
 
     std::vector<ImageSegment> segments;
     for (const double x : {-1.0, 1.0}) {
-        const auto chords = Chords(*photo, Eigen::Matrix3d::Identity(),
-                                   SceneLine{{x, -1.4, 4.5}, {x, 1.3, 4.5}});
+        const auto chords =
+            Chords(*photo, Eigen::Matrix3d::Identity(), SceneLine{{x, -1.4, 4.5}, {x, 1.3, 4.5}});
         segments.insert(segments.end(), chords.begin(), chords.end());
     }
     const LineSuggestion two = SuggestFromSegments(segments, *photo, {}, 80);

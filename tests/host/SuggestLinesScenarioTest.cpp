@@ -55,9 +55,9 @@ protected:
     }
 
     RunResult curvana(std::vector<std::string> args) {
-        args.insert(args.end(), {"--module", module.string(), "--projection",
-                                 GetParam().lens == SampleGen::Lens::Equisolid ? "fisheye"
-                                                                               : "perspective"});
+        args.insert(args.end(),
+                    {"--module", module.string(), "--projection",
+                     GetParam().lens == SampleGen::Lens::Equisolid ? "fisheye" : "perspective"});
         return runProgram(CURVANA_EXE, args, {{"XDG_CONFIG_HOME", (dir / "xdg").string()}}, 300);
     }
 
@@ -73,7 +73,6 @@ protected:
         EXPECT_TRUE(Project::readConstraintData(set, context, bytes)) << set.Message();
         return context;
     }
-
 
     ScratchDir dir;
     fs::path module, input;
@@ -145,9 +144,10 @@ TEST_P(SuggestedLinesScenario, AutoLinesStraightenTheRoomsLongEdges) {
             upright += DegreesFromVertical(fit.direction) <= 0.2;
         }
     }
-    std::printf("[ rate     ] %s: %d of %d long edges straight within 1.5 px; %d of %d long "
-                "verticals upright within 0.2 degrees; %zu lines suggested\n",
-                GetParam().name, straight, longEdges, upright, verticals, set.Size());
+    std::printf(
+        "[ rate     ] %s: %d of %d long edges straight within 1.5 px; %d of %d long "
+        "verticals upright within 0.2 degrees; %zu lines suggested\n",
+        GetParam().name, straight, longEdges, upright, verticals, set.Size());
     ASSERT_GE(longEdges, 6);
     EXPECT_GE(100 * straight, GetParam().minStraightPercent * longEdges);
     EXPECT_GE(verticals, 1);
@@ -162,12 +162,10 @@ TEST_P(SuggestedLinesScenario, AutoLinesStraightenTheRoomsLongEdges) {
             // Between the ends along the great circle: through the sphere.
             Project::SphereDirection a, b;
             const auto& raster = photo->Raster();
-            ASSERT_TRUE(photo->ToSphere({line->First().x - raster.halfWidth,
-                                         line->First().y - raster.halfHeight},
-                                        a));
-            ASSERT_TRUE(photo->ToSphere({line->Second().x - raster.halfWidth,
-                                         line->Second().y - raster.halfHeight},
-                                        b));
+            ASSERT_TRUE(photo->ToSphere(
+                {line->First().x - raster.halfWidth, line->First().y - raster.halfHeight}, a));
+            ASSERT_TRUE(photo->ToSphere(
+                {line->Second().x - raster.halfWidth, line->Second().y - raster.halfHeight}, b));
             const Project::Vec3d p =
                 Project::Sum(Project::Scaled(Project::PhotoFrameVector(a), 1 - t),
                              Project::Scaled(Project::PhotoFrameVector(b), t));
@@ -198,11 +196,10 @@ TEST_P(SuggestedLinesScenario, SuggestWritesAConstraintFileOfTheLines) {
     if (GetParam().lens != SampleGen::Lens::Equisolid || GetParam().yawDeg != 0)
         GTEST_SKIP() << "one scene is enough";
     const fs::path cvc = dir / "lines.cvc";
-    RunResult r = curvana({"suggest", input.string(), "-o", cvc.string(), "--verticals-only",
-                           "--max", "4"});
+    RunResult r =
+        curvana({"suggest", input.string(), "-o", cvc.string(), "--verticals-only", "--max", "4"});
     ASSERT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_NE(r.err.find("found 4 lines (4 vertical, 0 horizontal, 0 unfixed)"),
-              std::string::npos)
+    EXPECT_NE(r.err.find("found 4 lines (4 vertical, 0 horizontal, 0 unfixed)"), std::string::npos)
         << r.err;
     std::ifstream in(cvc, std::ios::binary);
     const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)),
@@ -213,8 +210,8 @@ TEST_P(SuggestedLinesScenario, SuggestWritesAConstraintFileOfTheLines) {
     for (const auto& c : set.Constraints())
         EXPECT_EQ(Project::AsLine(*c)->GetOrientation(), Project::Orientation::Vertical);
 
-    r = curvana({"apply", input.string(), "-o", (dir / "out.png").string(), "--constraints",
-                 cvc.string()});
+    r = curvana(
+        {"apply", input.string(), "-o", (dir / "out.png").string(), "--constraints", cvc.string()});
     EXPECT_EQ(r.exitCode, 0) << r.err;
 }
 
