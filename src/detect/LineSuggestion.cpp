@@ -58,8 +58,8 @@ void SphereToSource(const PhotoToSphere& photo, const Vec3d& v, double& x, doubl
     const SphereDirection d{static_cast<float>(std::atan2(v[0], v[2])),
                             static_cast<float>(std::asin(std::clamp(v[1], -1.0, 1.0)))};
     const ImagePoint p = photo.ToImagePoint(d.lambda, d.phi);
-    x = p.x + photo.Raster().halfWidth;
-    y = p.y + photo.Raster().halfHeight;
+    x = double{p.x} + photo.Raster().halfWidth;
+    y = double{p.y} + photo.Raster().halfHeight;
 }
 
 // The unit normal of the plane through the origin that fits the scatter best.
