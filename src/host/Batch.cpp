@@ -32,6 +32,14 @@ struct Target {
     std::string label;    // for the progress display
 };
 
+// The output's folder must exist before any work is done for it.
+void requireOutputFolder(const Target& t) {
+    std::error_code ec;
+    const fs::path folder = t.output.has_parent_path() ? t.output.parent_path() : fs::path(".");
+    if (!fs::is_directory(folder, ec))
+        throw HostError(kExitOutput, folder.string() + ": no such folder");
+}
+
 FileFormat outputFormat(const Target& t) {
     const auto format = formatFromExtension(t.output);
     if (!format)
@@ -43,15 +51,12 @@ FileFormat outputFormat(const Target& t) {
         throw HostError(kExitOutput, t.output.string() +
                                          ": would overwrite the input (name it with -o to "
                                          "replace it)");
-    const fs::path folder = t.output.has_parent_path() ? t.output.parent_path() : fs::path(".");
-    if (!fs::is_directory(folder, ec))
-        throw HostError(kExitOutput, folder.string() + ": no such folder");
+    requireOutputFolder(t);
     return *format;
 }
 
-// What the module's run says about the result; throws when there is none.
-void checkOutcome(const InvocationOutcome& outcome, const Target& t, const ResultImage& result,
-                  bool editing) {
+// Throws when the module's run was interrupted or failed.
+void checkRan(const InvocationOutcome& outcome, const Target& t) {
     if (outcome.aborted)
         throw HostError(kExitInterrupted, "interrupted; nothing written");
     if (outcome.hostError)
@@ -59,6 +64,12 @@ void checkOutcome(const InvocationOutcome& outcome, const Target& t, const Resul
     if (outcome.error != 0)
         throw HostError(kExitFailed, "the filter failed on " + t.input.string() + " (error " +
                                          std::to_string(outcome.error) + "); nothing written");
+}
+
+// What the module's run says about the result; throws when there is none.
+void checkOutcome(const InvocationOutcome& outcome, const Target& t, const ResultImage& result,
+                  bool editing) {
+    checkRan(outcome, t);
     if ((!result.anyWritten() || !outcome.resultDescriptor) && editing)
         throw HostError(kExitFailed, editEndedWithoutResult(outcome, t.input));
     if (!result.anyWritten() || !outcome.resultDescriptor)
@@ -213,10 +224,7 @@ public:
 
     // Finds the input's straight edges and writes them as a constraint file.
     void suggest(const Target& t) {
-        std::error_code ec;
-        const fs::path folder = t.output.has_parent_path() ? t.output.parent_path() : fs::path(".");
-        if (!fs::is_directory(folder, ec))
-            throw HostError(kExitOutput, folder.string() + ": no such folder");
+        requireOutputFolder(t);
         SourceOptions sourceOptions;
         sourceOptions.cacheBudget = (options_.cacheMiB << 20) / 2;
         sourceOptions.memoryLimit = memoryLimit_;
@@ -238,13 +246,7 @@ public:
         bar_.start(t.label);
         const InvocationOutcome outcome = module_.run(invocation);
         bar_.end();
-        if (outcome.aborted)
-            throw HostError(kExitInterrupted, "interrupted; nothing written");
-        if (outcome.hostError)
-            throw *outcome.hostError;
-        if (outcome.error != 0)
-            throw HostError(kExitFailed, "the filter failed on " + t.input.string() + " (error " +
-                                             std::to_string(outcome.error) + "); nothing written");
+        checkRan(outcome, t);
         const std::optional<LineCounts> counts =
             outcome.resultDescriptor ? suggestedLines(*outcome.resultDescriptor) : std::nullopt;
         if (!counts)
