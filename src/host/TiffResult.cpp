@@ -3,9 +3,15 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
+#include <deque>
 #include <list>
+#include <mutex>
+#include <optional>
+#include <thread>
 #include <unordered_map>
 
 #include "TiffFile.h"
@@ -68,6 +74,118 @@ private:
     int fd_ = -1;
 };
 
+// Sets bits [first, first + count) of a mask; returns how many were clear.
+size_t markBits(uint64_t* mask, size_t first, size_t count) {
+    size_t added = 0;
+    while (count > 0) {
+        const size_t bit = first % 64;
+        const size_t n = std::min<size_t>(64 - bit, count);
+        const uint64_t bits = (n == 64 ? ~uint64_t{0} : ((uint64_t{1} << n) - 1)) << bit;
+        uint64_t& word = mask[first / 64];
+        added += static_cast<size_t>(std::popcount(bits & ~word));
+        word |= bits;
+        first += n;
+        count -= n;
+    }
+    return added;
+}
+
+// Encodes complete tiles on a thread of its own, in the order they were
+// handed over (so the file is the same as when encoded inline), while the
+// filter goes on rendering. The queue is bounded; its buffers return to the
+// caller's pool for the next tiles.
+class TileEncoder {
+public:
+    static constexpr size_t kMaxQueued = 32;
+
+    explicit TileEncoder(TiffTileWriter& writer)
+        : writer_(writer), thread_([this] { work(); }) {}
+    ~TileEncoder() { stop(); }
+    TileEncoder(const TileEncoder&) = delete;
+    TileEncoder& operator=(const TileEncoder&) = delete;
+
+    // Queues a tile; rethrows the encoder's first failure.
+    void push(uint32_t tx, uint32_t ty, PixelBytes pixels) {
+        std::unique_lock lock(mutex_);
+        space_.wait(lock, [this] { return queue_.size() < kMaxQueued || failure_; });
+        if (failure_)
+            throw *failure_;
+        queue_.push_back({tx, ty, std::move(pixels)});
+        ready_.notify_one();
+    }
+    // A buffer the encoder is done with, if any.
+    std::optional<PixelBytes> takeFree() {
+        std::lock_guard lock(mutex_);
+        if (free_.empty())
+            return std::nullopt;
+        PixelBytes b = std::move(free_.back());
+        free_.pop_back();
+        return b;
+    }
+    // Waits for every queued tile; rethrows the first failure.
+    void drain() {
+        std::unique_lock lock(mutex_);
+        space_.wait(lock, [this] { return (queue_.empty() && !busy_) || failure_; });
+        if (failure_)
+            throw *failure_;
+    }
+    // Ends the thread; tiles still queued (a run that failed) are dropped.
+    void stop() {
+        {
+            std::lock_guard lock(mutex_);
+            stopping_ = true;
+            queue_.clear();
+        }
+        ready_.notify_all();
+        if (thread_.joinable())
+            thread_.join();
+    }
+
+private:
+    struct Job {
+        uint32_t tx, ty;
+        PixelBytes pixels;
+    };
+
+    void work() {
+        std::unique_lock lock(mutex_);
+        for (;;) {
+            ready_.wait(lock, [this] { return !queue_.empty() || stopping_; });
+            if (queue_.empty() || failure_)
+                return;
+            Job job = std::move(queue_.front());
+            queue_.pop_front();
+            busy_ = true;
+            lock.unlock();
+            std::optional<HostError> error;
+            try {
+                writer_.writeTile(job.tx, job.ty, job.pixels.data());
+            } catch (const HostError& e) {
+                error = e;
+            } catch (const std::exception& e) {
+                error = HostError(kExitFailed, e.what());
+            }
+            lock.lock();
+            busy_ = false;
+            if (error && !failure_)
+                failure_ = std::move(error);
+            if (free_.size() < kMaxQueued)
+                free_.push_back(std::move(job.pixels));
+            space_.notify_all();
+        }
+    }
+
+    TiffTileWriter& writer_;
+    std::mutex mutex_;
+    std::condition_variable ready_, space_;
+    std::deque<Job> queue_;
+    std::vector<PixelBytes> free_;
+    std::optional<HostError> failure_;
+    bool busy_ = false;
+    bool stopping_ = false;
+    std::thread thread_;  // last: starts once the rest is made
+};
+
 class TiledTiffResult final : public ResultImage {
 public:
     TiledTiffResult(const std::filesystem::path& path, ImageSource& source,
@@ -94,7 +212,8 @@ public:
             return;
         anyWritten_ = true;
         const size_t bps = info_.bytesPerSample();
-        const int planes = info_.planes();
+        const size_t planes = static_cast<size_t>(info_.planes());
+        const size_t tilePixels = static_cast<size_t>(tileSize_) * tileSize_;
         const auto* src = static_cast<const uint8_t*>(buffer);
         for (uint32_t ty = rect.top / tileSize_;
              ty <= static_cast<uint32_t>(rect.bottom - 1) / tileSize_; ++ty) {
@@ -106,70 +225,72 @@ public:
                 Tile& tile = load(index);
                 const CvRect t = tileRect(tx, ty);
                 const CvRect area = intersect(rect, t);
+                const auto n = static_cast<size_t>(area.right - area.left);
                 for (int32_t y = area.top; y < area.bottom; ++y) {
                     const uint8_t* s = src + static_cast<ptrdiff_t>(y - rect.top) * rowBytes +
                                        static_cast<ptrdiff_t>(area.left - rect.left) * bps;
-                    for (int32_t x = area.left; x < area.right; ++x, s += bps) {
-                        const size_t sample = (static_cast<size_t>(y - t.top) * tileSize_ +
-                                               static_cast<size_t>(x - t.left)) *
-                                                  planes +
-                                              static_cast<size_t>(plane);
-                        std::memcpy(tile.pixels.data() + sample * bps, s, bps);
-                        uint64_t& word = tile.mask[sample / 64];
-                        const uint64_t bit = uint64_t{1} << (sample % 64);
-                        if (!(word & bit)) {
-                            word |= bit;
-                            ++tile.covered;
-                        }
+                    const size_t pixel = static_cast<size_t>(y - t.top) * tileSize_ +
+                                         static_cast<size_t>(area.left - t.left);
+                    uint8_t* d = tile.pixels.data() + (pixel * planes + plane) * bps;
+                    if (bps == 1) {
+                        for (size_t x = 0; x < n; ++x)
+                            d[x * planes] = s[x];
+                    } else {
+                        for (size_t x = 0; x < n; ++x)
+                            std::memcpy(d + x * planes * 2, s + x * 2, 2);
                     }
+                    // The mask is plane by plane, so a row's samples are one run of bits.
+                    tile.covered += markBits(tile.mask.data(),
+                                             static_cast<size_t>(plane) * tilePixels + pixel, n);
                 }
-                if (tile.covered == validSamples(t)) {
-                    writer_.writeTile(tx, ty, tile.pixels.data());
-                    drop(index);
-                    state_[index] = State::Written;
-                }
+                if (tile.covered == validSamples(t))
+                    complete(tx, ty, index);
             }
         }
         trim();
     }
 
     void finish() override {
-        std::vector<uint8_t> fromSource;
+        const ptrdiff_t rowBytes = static_cast<ptrdiff_t>(tileSize_) * info_.planes() *
+                                   static_cast<ptrdiff_t>(info_.bytesPerSample());
+        const size_t planes = static_cast<size_t>(info_.planes());
+        const size_t tilePixels = static_cast<size_t>(tileSize_) * tileSize_;
+        const size_t bps = info_.bytesPerSample();
         for (uint32_t ty = 0; ty < writer_.tilesDown(); ++ty) {
             for (uint32_t tx = 0; tx < writer_.tilesAcross(); ++tx) {
                 const uint32_t index = ty * writer_.tilesAcross() + tx;
                 if (state_[index] == State::Written)
                     continue;
                 const CvRect t = tileRect(tx, ty);
-                const ptrdiff_t rowBytes = static_cast<ptrdiff_t>(tileSize_) * info_.planes() *
-                                           static_cast<ptrdiff_t>(info_.bytesPerSample());
+                PixelBytes fromSource = takeBuffer(true);
+                source_.readInterleaved(t, fromSource.data(), rowBytes);
                 if (state_[index] == State::Untouched) {
-                    fromSource.assign(tileBytes_, 0);
-                    source_.readInterleaved(t, fromSource.data(), rowBytes);
-                    writer_.writeTile(tx, ty, fromSource.data());
-                } else {
-                    Tile& tile = load(index);
-                    fromSource.assign(tileBytes_, 0);
-                    source_.readInterleaved(t, fromSource.data(), rowBytes);
-                    const size_t bps = info_.bytesPerSample();
-                    for (size_t s = 0; s < tileSamples_; ++s)
-                        if (!(tile.mask[s / 64] & (uint64_t{1} << (s % 64))))
-                            std::memcpy(tile.pixels.data() + s * bps, fromSource.data() + s * bps,
-                                        bps);
-                    writer_.writeTile(tx, ty, tile.pixels.data());
-                    drop(index);
+                    state_[index] = State::Written;
+                    encoder().push(tx, ty, std::move(fromSource));
+                    continue;
                 }
-                state_[index] = State::Written;
+                Tile& tile = load(index);
+                for (size_t pixel = 0; pixel < tilePixels; ++pixel)
+                    for (size_t p = 0; p < planes; ++p) {
+                        const size_t bit = p * tilePixels + pixel;
+                        if (!(tile.mask[bit / 64] & (uint64_t{1} << (bit % 64)))) {
+                            const size_t at = (pixel * planes + p) * bps;
+                            std::memcpy(tile.pixels.data() + at, fromSource.data() + at, bps);
+                        }
+                    }
+                complete(tx, ty, index);
             }
         }
+        encoder().drain();
+        encoder_->stop();
         writer_.close();
     }
 
 private:
     enum class State : uint8_t { Untouched, Pending, Written };
     struct Tile {
-        std::vector<uint8_t> pixels;  // host values, tileSize x tileSize interleaved
-        std::vector<uint64_t> mask;   // one bit per written sample
+        PixelBytes pixels;           // host values, tileSize x tileSize interleaved
+        std::vector<uint64_t> mask;  // one bit per written sample, plane by plane
         size_t covered = 0;
         bool inMemory = false;
         bool spilled = false;
@@ -208,6 +329,33 @@ private:
         return static_cast<uint64_t>(index) * (tileBytes_ + maskWords_ * 8);
     }
 
+    TileEncoder& encoder() {
+        if (!encoder_)
+            encoder_ = std::make_unique<TileEncoder>(writer_);
+        return *encoder_;
+    }
+
+    // A tile buffer, from those the encoder is done with when it can: a
+    // fresh one would pay a page fault per 4 KiB. Zeroed only when asked.
+    PixelBytes takeBuffer(bool zeroed) {
+        PixelBytes b;
+        if (encoder_)
+            if (auto reused = encoder_->takeFree())
+                b = std::move(*reused);
+        b.resize(tileBytes_);
+        if (zeroed)
+            std::memset(b.data(), 0, tileBytes_);
+        return b;
+    }
+
+    // Every sample of the tile is known: off to the encoder.
+    void complete(uint32_t tx, uint32_t ty, uint32_t index) {
+        PixelBytes pixels = std::move(tiles_[index].pixels);
+        drop(index);
+        state_[index] = State::Written;
+        encoder().push(tx, ty, std::move(pixels));
+    }
+
     Tile& load(uint32_t index) {
         Tile& tile = tiles_[index];
         state_[index] = State::Pending;
@@ -215,7 +363,12 @@ private:
             lru_.splice(lru_.begin(), lru_, tile.lru);
             return tile;
         }
-        tile.pixels.assign(tileBytes_, 0);
+        // Samples past the image's edge are written as zero; the rest are
+        // written by the filter or filled from the source at the end.
+        const CvRect t = tileRect(index % writer_.tilesAcross(), index / writer_.tilesAcross());
+        const bool edge = static_cast<uint32_t>(t.right - t.left) < tileSize_ ||
+                          static_cast<uint32_t>(t.bottom - t.top) < tileSize_;
+        tile.pixels = takeBuffer(edge);
         tile.mask.assign(maskWords_, 0);
         if (tile.spilled) {
             spill_.read(slotOffset(index), tile.pixels.data(), tileBytes_);
@@ -248,7 +401,7 @@ private:
             spill_.write(slotOffset(index) + tileBytes_, tile.mask.data(), maskWords_ * 8);
             tile.spilled = true;
             tile.inMemory = false;
-            std::vector<uint8_t>().swap(tile.pixels);
+            PixelBytes().swap(tile.pixels);
             std::vector<uint64_t>().swap(tile.mask);
             lru_.pop_back();
             inMemoryBytes_ -= tileBytes_ + maskWords_ * 8;
@@ -268,6 +421,7 @@ private:
     std::list<uint32_t> lru_;
     uint64_t inMemoryBytes_ = 0;
     uint64_t spilledTiles_ = 0;
+    std::unique_ptr<TileEncoder> encoder_;  // last: stopped before the rest goes
 };
 
 }  // namespace
