@@ -70,18 +70,8 @@ TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& o
     path_ = path;
     format_ = FileFormat::Tiff;
     const std::string name = path.string();
-    // libtiff's own buffers (tag arrays, strip tables, compressed data) stay
-    // within the memory budget too.
-    std::unique_ptr<TIFFOpenOptions, decltype(&TIFFOpenOptionsFree)> openOptions(
-        TIFFOpenOptionsAlloc(), TIFFOpenOptionsFree);
-    if (!openOptions)
-        throw HostError(kExitFailed, "out of memory");
-    TIFFOpenOptionsSetMaxSingleMemAlloc(
-        openOptions.get(),
-        static_cast<tmsize_t>(std::min<uint64_t>(options.memoryLimit, uint64_t{1} << 62)));
-    // "m": no memory mapping. Touched pages of a mapped file count as resident
-    // memory, which would grow with the image instead of the cache budget.
-    tif_.reset(TIFFOpenExt(name.c_str(), "rm", openOptions.get()));
+    memoryLimit_ = options.memoryLimit;
+    tif_ = openHandle();
     if (!tif_)
         throw HostError(kExitInput, name + ": not a readable TIFF (" + takeTiffError() + ")");
     TIFF* tif = tif_.get();
@@ -242,9 +232,100 @@ TiffSource::TiffSource(const std::filesystem::path& path, const SourceOptions& o
         const auto* bytes = static_cast<const uint8_t*>(data);
         icc_.assign(bytes, bytes + count);
     }
+
+    blockCount_ = tiled_ ? TIFFNumberOfTiles(tif) : TIFFNumberOfStrips(tif);
+    // Not for a block larger than the cache (one huge strip): that one is
+    // decoded once, on demand.
+    if (blockCount_ > 1 && blockBytes <= budget_) {
+        const unsigned threads = std::clamp(std::thread::hardware_concurrency(), 1u, 2u);
+        for (unsigned i = 0; i < threads; ++i)
+            prefetchers_.emplace_back([this] { prefetch(); });
+    }
 }
 
-TiffSource::~TiffSource() = default;
+TiffHandle TiffSource::openHandle() const {
+    // libtiff's own buffers (tag arrays, strip tables, compressed data) stay
+    // within the memory budget too.
+    std::unique_ptr<TIFFOpenOptions, decltype(&TIFFOpenOptionsFree)> openOptions(
+        TIFFOpenOptionsAlloc(), TIFFOpenOptionsFree);
+    if (!openOptions)
+        throw HostError(kExitFailed, "out of memory");
+    TIFFOpenOptionsSetMaxSingleMemAlloc(
+        openOptions.get(),
+        static_cast<tmsize_t>(std::min<uint64_t>(memoryLimit_, uint64_t{1} << 62)));
+    // "m": no memory mapping. Touched pages of a mapped file count as resident
+    // memory, which would grow with the image instead of the cache budget.
+    return TiffHandle(TIFFOpenExt(path_.c_str(), "rm", openOptions.get()));
+}
+
+TiffSource::~TiffSource() {
+    stopPrefetch();
+}
+
+void TiffSource::stopPrefetch() {
+    stopping_ = true;
+    for (auto& t : prefetchers_)
+        if (t.joinable())
+            t.join();
+    prefetchers_.clear();
+}
+
+// One prefetch thread: claims blocks in file order and decodes them into the
+// cache while it has room. A block that fails to decode is left to block(),
+// which reports it.
+void TiffSource::prefetch() {
+    TiffHandle handle;
+    try {
+        handle = openHandle();
+    } catch (...) {
+        return;
+    }
+    if (!handle)
+        return;
+    TIFF* tif = handle.get();
+    const tmsize_t size = tiled_ ? TIFFTileSize(tif) : TIFFStripSize(tif);
+    if (size <= 0)
+        return;
+    while (!stopping_) {
+        const uint32_t index = nextPrefetch_++;
+        if (index >= blockCount_)
+            return;
+        {
+            std::lock_guard lock(mutex_);
+            if (cache_.count(index))
+                continue;
+            if (cacheBytes_ + inFlight_.size() * static_cast<uint64_t>(size) +
+                    static_cast<uint64_t>(size) >
+                budget_)
+                return;  // full: the rest is decoded on demand
+            inFlight_.insert(index);
+        }
+        Block b;
+        tmsize_t got = -1;
+        try {
+            b.data.resize(static_cast<size_t>(size));
+            got = tiled_ ? TIFFReadEncodedTile(tif, index, b.data.data(), size)
+                         : TIFFReadEncodedStrip(tif, index, b.data.data(), size);
+        } catch (...) {
+            got = -1;
+        }
+        std::lock_guard lock(mutex_);
+        inFlight_.erase(index);
+        // Short blocks (the last strip) are kept whole: block() checks rows.
+        if (got >= 0 && !cache_.count(index)) {
+            b.decoded = static_cast<uint64_t>(got);
+            ++blocksDecoded_;
+            lru_.push_front(index);
+            b.lru = lru_.begin();
+            cacheBytes_ += b.data.size();
+            peakCacheBytes_ = std::max(peakCacheBytes_, cacheBytes_);
+            cache_.emplace(index, std::move(b));
+        }
+        decoded_.notify_all();
+        if (got < 0)
+            return;
+    }
+}
 
 void TiffCloser::operator()(TIFF* tif) const {
     if (tif)
@@ -252,31 +333,52 @@ void TiffCloser::operator()(TIFF* tif) const {
 }
 
 const TiffSource::Block& TiffSource::block(uint32_t index, uint32_t expectedRows) {
-    auto found = cache_.find(index);
-    if (found != cache_.end()) {
-        lru_.splice(lru_.begin(), lru_, found->second.lru);
-        return found->second;
-    }
     TIFF* tif = tif_.get();
     const tmsize_t size = tiled_ ? TIFFTileSize(tif) : TIFFStripSize(tif);
     const uint64_t needed = blockRowBytes_ * expectedRows;
     if (size <= 0 || static_cast<uint64_t>(size) < needed)
         throw HostError(kExitInput, path_.string() + ": inconsistent TIFF block size");
-    // Make room first so that peak memory stays within budget plus one block.
-    while (!lru_.empty() && cacheBytes_ + static_cast<uint64_t>(size) > budget_) {
-        auto victim = cache_.find(lru_.back());
-        cacheBytes_ -= victim->second.data.size();
-        cache_.erase(victim);
-        lru_.pop_back();
+    {
+        std::unique_lock lock(mutex_);
+        decoded_.wait(lock, [&] { return !inFlight_.count(index); });
+        auto found = cache_.find(index);
+        if (found != cache_.end() && found->second.decoded >= needed) {
+            lru_.splice(lru_.begin(), lru_, found->second.lru);
+            return found->second;
+        }
+        if (found != cache_.end()) {  // prefetched short: decoded again below, and reported
+            cacheBytes_ -= found->second.data.size();
+            lru_.erase(found->second.lru);
+            cache_.erase(found);
+        }
+        // Make room first so that peak memory stays within budget plus one block.
+        while (!lru_.empty() && cacheBytes_ + static_cast<uint64_t>(size) > budget_) {
+            auto victim = cache_.find(lru_.back());
+            cacheBytes_ -= victim->second.data.size();
+            cache_.erase(victim);
+            lru_.pop_back();
+        }
     }
     Block b;
     b.data.resize(static_cast<size_t>(size));  // not zeroed: libtiff fills it or fails
     const tmsize_t got = tiled_ ? TIFFReadEncodedTile(tif, index, b.data.data(), size)
                                 : TIFFReadEncodedStrip(tif, index, b.data.data(), size);
-    if (got < 0 || static_cast<uint64_t>(got) < needed)
+    if (got < 0 || static_cast<uint64_t>(got) < needed) {
+        stopPrefetch();  // a damaged file: stop before reporting it
         throw HostError(kExitInput, path_.string() + ": cannot decode " +
                                         (tiled_ ? "tile " : "strip ") + std::to_string(index) +
                                         " (truncated or corrupt file: " + takeTiffError() + ")");
+    }
+    b.decoded = static_cast<uint64_t>(got);
+    std::lock_guard lock(mutex_);
+    if (auto raced = cache_.find(index); raced != cache_.end()) {
+        // A prefetch thread claimed it after the check.
+        if (raced->second.decoded >= needed)
+            return raced->second;
+        cacheBytes_ -= raced->second.data.size();
+        lru_.erase(raced->second.lru);
+        cache_.erase(raced);
+    }
     ++blocksDecoded_;
     lru_.push_front(index);
     b.lru = lru_.begin();

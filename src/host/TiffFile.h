@@ -3,12 +3,17 @@
 // memory pass through.
 #pragma once
 
+#include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <filesystem>
 #include <list>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "Raster.h"
@@ -32,6 +37,10 @@ inline constexpr uint16_t kTiffNone = 1, kTiffLzw = 5, kTiffDeflate = 8, kTiffPa
 // BigTIFF. Blocks (strips or tiles) are decoded on demand and kept in an LRU
 // within the cache budget; one block is always kept, so a file stored as one
 // huge strip needs that strip's memory, which the memory budget bounds.
+// From the moment it is opened, threads with handles of their own decode
+// blocks in file order into the cache until it is full, so that decoding
+// overlaps whatever comes before the first read (the filter's solve) and
+// uses every core.
 class TiffSource final : public ImageSource {
 public:
     TiffSource(const std::filesystem::path& path, const SourceOptions& options);
@@ -47,9 +56,13 @@ private:
     enum class Convert { Copy, Invert, SignedOffset };
     struct Block {
         PixelBytes data;
+        uint64_t decoded = 0;  // bytes libtiff produced
         std::list<uint32_t>::iterator lru;
     };
     const Block& block(uint32_t index, uint32_t expectedRows);
+    TiffHandle openHandle() const;
+    void prefetch();
+    void stopPrefetch();
 
     TiffHandle tif_;
     bool tiled_ = false;
@@ -64,6 +77,17 @@ private:
     uint64_t cacheBytes_ = 0, peakCacheBytes_ = 0, blocksDecoded_ = 0;
     std::list<uint32_t> lru_;  // most recent first
     std::unordered_map<uint32_t, Block> cache_;
+    uint64_t memoryLimit_ = 0;
+    uint32_t blockCount_ = 0;
+    // The cache, the LRU and the counters above are shared with the
+    // prefetch threads under mutex_. They only add blocks; only block()
+    // evicts, so a block it returned stays valid until its next call.
+    std::mutex mutex_;
+    std::condition_variable decoded_;
+    std::unordered_set<uint32_t> inFlight_;  // being decoded by a prefetch thread
+    std::atomic<uint32_t> nextPrefetch_{0};
+    std::atomic<bool> stopping_{false};
+    std::vector<std::thread> prefetchers_;
 };
 
 struct TiffWriteOptions {
