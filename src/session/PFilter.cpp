@@ -328,6 +328,7 @@ bool PFilter::scriptedInputAccepted() {
 }
 
 void PFilter::applyWithoutDialog() {
+    imageHub().Prewarm();
     pipeline_->Solve(*this);
     if (imageHub().RenderFinal(*this)) {
         applied_ = true;

@@ -44,6 +44,9 @@ public:
     // honouring the host's abort. False when cancelled, true when the result
     // was written. Host failures are thrown (HostError).
     virtual bool RenderFinal(PFilter& filter) = 0;
+    // A final render will follow: start what it needs that does not depend
+    // on the warp (the GPU device) now, beside the solve.
+    virtual void Prewarm() {}
 };
 
 // What the last rebuild could do with the constraint set.

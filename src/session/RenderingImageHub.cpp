@@ -118,6 +118,23 @@ std::array<uint16_t, 4> BorderValues(int32_t mode, int32_t depth) {
 
 RenderingImageHub::RenderingImageHub(Gpu::GpuOptions options) : options_(std::move(options)) {}
 
+void RenderingImageHub::Prewarm() {
+    if (device_ || starting_.valid())
+        return;
+    starting_ = std::async(std::launch::async,
+                           [options = options_] { return Gpu::GpuDevice::Create(options); });
+}
+
+Gpu::Result<std::shared_ptr<Gpu::GpuDevice>> RenderingImageHub::Device() {
+    if (!device_) {
+        auto created = starting_.valid() ? starting_.get() : Gpu::GpuDevice::Create(options_);
+        if (!created)
+            return created.error();
+        device_ = std::move(created).value();
+    }
+    return device_;
+}
+
 bool RenderingImageHub::RenderFinal(PFilter& filter) {
     const HostRecord& host = context_.host;
     host.SetProgressText(Localize(kProgressTitle), Localize(kProgressMessage));
@@ -134,13 +151,9 @@ bool RenderingImageHub::RenderFinal(PFilter& filter) {
         return false;
     }
 
-    if (!device_) {
-        auto created = Gpu::GpuDevice::Create(options_);
-        if (!created) {
-            filter.alert(Localize(kGpuFailed, {created.error().message}));
-            return false;
-        }
-        device_ = std::move(created).value();
+    if (auto device = Device(); !device) {
+        filter.alert(Localize(kGpuFailed, {device.error().message}));
+        return false;
     }
 
     const PSettings& s = filter.settings();

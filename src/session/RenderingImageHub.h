@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <future>
 #include <memory>
 #include <string>
 
@@ -33,11 +34,17 @@ public:
     // to the user and returns false, like a cancel: the image is untouched and
     // no parameters are written.
     bool RenderFinal(PFilter& filter) override;
+    // Starts the device on a thread of its own (Vulkan start-up and the
+    // shader compile take tens of milliseconds the solve can hide).
+    void Prewarm() override;
 
 private:
+    Gpu::Result<std::shared_ptr<Gpu::GpuDevice>> Device();
+
     Gpu::GpuOptions options_;
     HostImageContext context_;
     std::shared_ptr<Gpu::GpuDevice> device_;
+    std::future<Gpu::Result<std::shared_ptr<Gpu::GpuDevice>>> starting_;
 };
 
 }  // namespace Project
