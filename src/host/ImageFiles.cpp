@@ -179,6 +179,9 @@ bool pngWriteAll(PngContext* ctx, std::FILE* file, const PngWriteJob* job) {
     // one that does not fit is left out rather than failing the whole file.
     png_set_benign_errors(ctx->png, 1);
     png_init_io(ctx->png, file);
+    // zlib's fastest level: several times faster than its default, the
+    // pixels the same, the file somewhat larger.
+    png_set_compression_level(ctx->png, 1);
     png_set_IHDR(ctx->png, ctx->info, job->width, job->height, job->bitDepth, job->colorType,
                  PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
     if (job->icc)
@@ -332,7 +335,9 @@ bool jpegWriteAll(JpegCompress* c, std::FILE* file, const JpegWriteJob* job) {
     c->cinfo.in_color_space = job->colorSpace;
     jpeg_set_defaults(&c->cinfo);
     jpeg_set_quality(&c->cinfo, job->quality, TRUE);
-    c->cinfo.optimize_coding = TRUE;
+    // The standard Huffman tables: one pass over the image instead of two.
+    // The pixels are the same; the file is a few per cent larger.
+    c->cinfo.optimize_coding = FALSE;
     jpeg_start_compress(&c->cinfo, TRUE);
     if (job->icc)
         jpeg_write_icc_profile(&c->cinfo, job->icc, job->iccLength);

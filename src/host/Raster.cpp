@@ -1,5 +1,6 @@
 #include "Raster.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -125,6 +126,37 @@ std::unique_ptr<ImageSource> openImage(const std::filesystem::path& path,
 
 namespace {
 
+// One bit per sample; runs are set a word at a time.
+class SampleMask {
+public:
+    void assign(size_t words, uint64_t value) { bits_.assign(words, value); }
+    void mark(size_t first, size_t count) {
+        while (count > 0) {
+            const size_t bit = first % 64;
+            const size_t n = std::min<size_t>(64 - bit, count);
+            bits_[first / 64] |= (n == 64 ? ~uint64_t{0} : ((uint64_t{1} << n) - 1)) << bit;
+            first += n;
+            count -= n;
+        }
+    }
+    bool all(size_t first, size_t count) const {
+        while (count > 0) {
+            const size_t bit = first % 64;
+            const size_t n = std::min<size_t>(64 - bit, count);
+            const uint64_t want = (n == 64 ? ~uint64_t{0} : ((uint64_t{1} << n) - 1)) << bit;
+            if ((bits_[first / 64] & want) != want)
+                return false;
+            first += n;
+            count -= n;
+        }
+        return true;
+    }
+    bool test(size_t i) const { return (bits_[i / 64] >> (i % 64)) & 1u; }
+
+private:
+    std::vector<uint64_t> bits_;
+};
+
 // JPEG and PNG results: a copy of the source in memory, encoded at finish.
 class MemoryResult final : public ResultImage {
 public:
@@ -133,7 +165,8 @@ public:
         : format_(format),
           path_(std::move(path)),
           name_(options.name.empty() ? path_.string() : options.name),
-          options_(options) {
+          options_(options),
+          source_(source) {
         checkFormatHolds(format_, source.info(), name_);
         const ImageInfo& info = source.info();
         checkMemoryBudget(name_,
@@ -141,17 +174,11 @@ public:
                               std::to_string(info.width) + " x " + std::to_string(info.height) +
                               " pixels",
                           info.byteCount(), options.memoryLimit);
-        if (auto* memory = dynamic_cast<MemorySource*>(&source)) {
-            raster_ = memory->raster();
-        } else {
-            raster_ = Raster::allocate(info);
-            // Band by band keeps the source's own cache small.
-            for (int32_t top = 0; top < info.height; top += 256) {
-                const CvRect band{0, top, info.width, std::min(info.height, top + 256)};
-                source.readInterleaved(band, raster_.row(top),
-                                       static_cast<ptrdiff_t>(raster_.rowBytes()));
-            }
-        }
+        // Not a copy of the source: what the filter writes is tracked, and
+        // only what it left unwritten is read from the source at the end.
+        raster_ = Raster::allocate(info);
+        pixels_ = static_cast<size_t>(info.width) * static_cast<size_t>(info.height);
+        written_.assign((pixels_ * static_cast<size_t>(info.planes()) + 63) / 64, 0);
     }
 
     void writePlane(const CvRect& rect, int plane, const void* buffer,
@@ -163,10 +190,16 @@ public:
         insertPlane(static_cast<const uint8_t*>(buffer), rowBytes, raster_.info.planes(), plane,
                     raster_.info.bytesPerSample(), rect.right - rect.left, rect.bottom - rect.top,
                     origin, static_cast<ptrdiff_t>(raster_.rowBytes()));
+        for (int32_t y = rect.top; y < rect.bottom; ++y)
+            written_.mark(static_cast<size_t>(plane) * pixels_ +
+                              static_cast<size_t>(y) * static_cast<size_t>(raster_.info.width) +
+                              static_cast<size_t>(rect.left),
+                          static_cast<size_t>(rect.right - rect.left));
         anyWritten_ = true;
     }
 
     void finish() override {
+        fillUnwritten();
         if (format_ == FileFormat::Png)
             writePng(path_, raster_, options_.icc, name_);
         else
@@ -174,11 +207,43 @@ public:
     }
 
 private:
+    // Samples the filter never wrote keep the source's values: copied band by
+    // band where a band has any (usually none: the filter writes everything).
+    void fillUnwritten() {
+        const ImageInfo& info = raster_.info;
+        const size_t planes = static_cast<size_t>(info.planes());
+        const size_t bps = info.bytesPerSample();
+        const auto width = static_cast<size_t>(info.width);
+        PixelBytes band;
+        for (int32_t top = 0; top < info.height; top += 256) {
+            const int32_t bottom = std::min(info.height, top + 256);
+            const size_t first = static_cast<size_t>(top) * width;
+            const size_t count = static_cast<size_t>(bottom - top) * width;
+            bool complete = true;
+            for (size_t p = 0; p < planes && complete; ++p)
+                complete = written_.all(p * pixels_ + first, count);
+            if (complete)
+                continue;
+            band.resize(count * planes * bps);
+            source_.readInterleaved(CvRect{0, top, info.width, bottom}, band.data(),
+                                    static_cast<ptrdiff_t>(raster_.rowBytes()));
+            uint8_t* out = raster_.row(top);
+            for (size_t i = 0; i < count; ++i)
+                for (size_t p = 0; p < planes; ++p)
+                    if (!written_.test(p * pixels_ + first + i))
+                        std::memcpy(out + (i * planes + p) * bps, band.data() + (i * planes + p) * bps,
+                                    bps);
+        }
+    }
+
     FileFormat format_;
     std::filesystem::path path_;
     std::string name_;
     ResultOptions options_;
+    ImageSource& source_;
     Raster raster_;
+    size_t pixels_ = 0;
+    SampleMask written_;  // plane by plane, row by row
 };
 
 }  // namespace
