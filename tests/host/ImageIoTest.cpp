@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <tiffio.h>
 
+#include <cstring>
+
 #include "HostTestUtil.h"
 #include "host/ImageFiles.h"
 #include "host/TiffFile.h"
@@ -28,19 +30,21 @@ struct Layout {
     Alpha alpha = Alpha::None;
 };
 
-// ---- The TIFF result: tiles completed, spilled, filled from the source --------
+// ---- The results: tiles completed, spilled, filled from the source -----------
 
-// Writes `written` through the TIFF result over `source` in 50-pixel squares
-// (plane by plane over the whole image when planesFirst), up to column
-// writeRight, and reads the file back.
+// Writes `written` through a result (TIFF unless told) over `source` in
+// 50-pixel squares (plane by plane over the whole image when planesFirst), up
+// to column writeRight, and reads the file back.
 Raster writeThroughResult(const fs::path& folder, const Raster& source, const Raster& written,
                           bool planesFirst, int32_t writeRight, uint64_t budget,
-                          const std::vector<uint8_t>& icc = {}) {
+                          const std::vector<uint8_t>& icc = {},
+                          FileFormat format = FileFormat::Tiff) {
     MemorySource src(folder / "src", FileFormat::Png, source, icc);
     ResultOptions options;
     options.budget = budget;
     options.icc = icc;
-    auto result = createResult(FileFormat::Tiff, folder / "out.tif", src, options);
+    const fs::path out = folder / (format == FileFormat::Tiff ? "out.tif" : "out.png");
+    auto result = createResult(format, out, src, options);
     const ImageInfo& info = source.info;
     const size_t bps = info.bytesPerSample();
     const int32_t step = 50;  // deliberately not aligned with the 256-pixel tiles
@@ -60,7 +64,7 @@ Raster writeThroughResult(const fs::path& folder, const Raster& source, const Ra
                     result->writePlane(r, p, plane.data(), static_cast<ptrdiff_t>(w * bps));
                 }
     result->finish();
-    return readWhole(folder / "out.tif");
+    return readWhole(out);
 }
 
 class TiffRoundTrip : public ::testing::TestWithParam<Layout> {};
@@ -413,15 +417,27 @@ TEST(TiffResult, SpillsIncompleteTilesAndStillWritesEverySample) {
     EXPECT_EQ(out.data, written.data);
 }
 
-TEST(TiffResult, KeepsTheSourceWhereNothingWasWritten) {
+// Both kinds of result start empty and take what the filter left unwritten
+// from the source at the end.
+class UnwrittenSamples : public ::testing::TestWithParam<FileFormat> {};
+
+TEST_P(UnwrittenSamples, KeepTheSource) {
     ScratchDir dir;
-    const ImageInfo info{300, 200, Mode::Gray, 8};
+    const ImageInfo info{300, 200, Mode::RGB, 16};
     const Raster source = randomRaster(info, 3), written = randomRaster(info, 4);
-    const Raster out = writeThroughResult(dir.path(), source, written, false, 120, 64 << 20);
+    const Raster out =
+        writeThroughResult(dir.path(), source, written, false, 120, 64 << 20, {}, GetParam());
+    const size_t px = info.planes() * info.bytesPerSample();
     for (int32_t y = 0; y < info.height; ++y)
         for (int32_t x = 0; x < info.width; ++x)
-            ASSERT_EQ(out.row(y)[x], (x < 120 ? written : source).row(y)[x]) << x << "," << y;
+            ASSERT_EQ(std::memcmp(out.row(y) + x * px, (x < 120 ? written : source).row(y) + x * px,
+                                  px),
+                      0)
+                << x << "," << y;
 }
+
+INSTANTIATE_TEST_SUITE_P(TiffAndPng, UnwrittenSamples,
+                         ::testing::Values(FileFormat::Tiff, FileFormat::Png));
 
 }  // namespace
 }  // namespace Curvana::Host::Test
