@@ -153,12 +153,20 @@ bool pngSetupTransforms(PngContext* ctx, PngHeader* header) {
     return true;
 }
 
-bool pngReadRows(PngContext* ctx, uint8_t* data, size_t rowBytes, uint32_t height, int passes) {
+// Rows [y0, y1) of every pass (an interlaced file is read whole, one call).
+bool pngReadRows(PngContext* ctx, uint8_t* data, size_t rowBytes, uint32_t y0, uint32_t y1,
+                 int passes) {
     if (setjmp(png_jmpbuf(ctx->png)))
         return false;
     for (int pass = 0; pass < passes; ++pass)
-        for (uint32_t y = 0; y < height; ++y)
+        for (uint32_t y = y0; y < y1; ++y)
             png_read_row(ctx->png, data + rowBytes * y, nullptr);
+    return true;
+}
+
+bool pngReadEnd(PngContext* ctx) {
+    if (setjmp(png_jmpbuf(ctx->png)))
+        return false;
     png_read_end(ctx->png, nullptr);
     return true;
 }
@@ -300,14 +308,16 @@ bool jpegStart(JpegDecompress* d) {
     return true;
 }
 
-bool jpegReadRows(JpegDecompress* d, uint8_t* data, size_t rowBytes) {
+// Rows up to `until`; the last call finishes the decode.
+bool jpegReadRows(JpegDecompress* d, uint8_t* data, size_t rowBytes, JDIMENSION until) {
     if (setjmp(d->error.jump))
         return false;
-    while (d->cinfo.output_scanline < d->cinfo.output_height) {
+    while (d->cinfo.output_scanline < until) {
         JSAMPROW row = data + rowBytes * d->cinfo.output_scanline;
         jpeg_read_scanlines(&d->cinfo, &row, 1);
     }
-    jpeg_finish_decompress(&d->cinfo);
+    if (d->cinfo.output_scanline >= d->cinfo.output_height)
+        jpeg_finish_decompress(&d->cinfo);
     return true;
 }
 
@@ -364,62 +374,105 @@ struct MallocFree {
 
 }  // namespace
 
-DecodedImage readPng(const std::filesystem::path& path, const SourceOptions& options) {
-    const std::string name = path.string();
-    FileHandle file = openFile(path, "rb", name);
-    PngContext ctx;
-    ctx.png = png_create_read_struct(PNG_LIBPNG_VER_STRING, &ctx, pngError, pngWarning);
-    if (!ctx.png)
-        throw HostError(kExitFailed, "out of memory");
-    ctx.info = png_create_info_struct(ctx.png);
-    if (!ctx.info)
-        throw HostError(kExitFailed, "out of memory");
-    PngHeader header{};
-    if (!pngReadHeader(&ctx, file.get(), &header))
-        throw HostError(kExitInput, name + ": not a readable PNG (" + ctx.message + ")");
-    if (header.width == 0 || header.height == 0)
-        throw HostError(kExitInput, name + ": the image has zero size");
-    // The compressed rows (a filter byte each) against what the file can hold.
-    const int sourceChannels = png_get_channels(ctx.png, ctx.info);
-    const uint64_t rowBits = uint64_t{header.width} * static_cast<uint64_t>(sourceChannels) *
-                             static_cast<uint64_t>(header.bitDepth);
-    checkFileCanHold(name, header.width, header.height,
-                     uint64_t{header.height} * (1 + (rowBits + 7) / 8), fileSize(path),
-                     kDeflateMaxRatio);
-    DecodedImage out;
-    if (header.icc)
-        out.icc.assign(header.icc, header.icc + header.iccLength);
-    if (!pngSetupTransforms(&ctx, &header))
-        throw HostError(kExitInput, name + ": not a readable PNG (" + ctx.message + ")");
-    if (header.channels < 1 || header.channels > 4 ||
-        (header.bitDepth != 8 && header.bitDepth != 16))
-        throw HostError(kExitInput, name + ": unsupported PNG layout (" +
-                                        std::to_string(header.channels) + " channels of " +
-                                        std::to_string(header.bitDepth) + " bits)");
-    ImageInfo info;
-    info.width = static_cast<int32_t>(header.width);
-    info.height = static_cast<int32_t>(header.height);
-    info.mode = header.channels <= 2 ? Mode::Gray : Mode::RGB;
-    info.alpha = header.channels % 2 == 0 ? Alpha::Straight : Alpha::None;
-    info.depth = header.bitDepth;
-    checkMemoryBudget(name,
-                      "a " + std::to_string(info.width) + " x " + std::to_string(info.height) +
-                          " " + describe(info) + " image",
-                      info.byteCount(), options.memoryLimit);
-    out.raster = Raster::allocate(info);
-    if (header.rowBytes != out.raster.rowBytes())
-        throw HostError(kExitInput, name + ": unsupported PNG layout (rows of " +
-                                        std::to_string(header.rowBytes) + " bytes)");
-    if (!pngReadRows(&ctx, out.raster.data.data(), out.raster.rowBytes(), header.height,
-                     header.passes))
-        throw HostError(kExitInput,
-                        name + ": cannot decode (truncated or corrupt PNG: " + ctx.message + ")");
-    if (info.depth == 16) {
-        auto* v = reinterpret_cast<uint16_t*>(out.raster.data.data());
-        for (size_t i = 0, n = out.raster.data.size() / 2; i < n; ++i)
-            v[i] = hostFromFile16(v[i]);
+namespace {
+
+// Rows decoded in bands, so that a reader can start on the first ones.
+constexpr uint32_t kDecodeBand = 64;
+
+class PngDecoder final : public PixelDecoder {
+public:
+    PngDecoder(const std::filesystem::path& path, const SourceOptions& options)
+        : name_(path.string()), file_(openFile(path, "rb", name_)) {
+        ctx_.png = png_create_read_struct(PNG_LIBPNG_VER_STRING, &ctx_, pngError, pngWarning);
+        if (!ctx_.png)
+            throw HostError(kExitFailed, "out of memory");
+        ctx_.info = png_create_info_struct(ctx_.png);
+        if (!ctx_.info)
+            throw HostError(kExitFailed, "out of memory");
+        if (!pngReadHeader(&ctx_, file_.get(), &header_))
+            throw HostError(kExitInput, name_ + ": not a readable PNG (" + ctx_.message + ")");
+        if (header_.width == 0 || header_.height == 0)
+            throw HostError(kExitInput, name_ + ": the image has zero size");
+        // The compressed rows (a filter byte each) against what the file can hold.
+        const int sourceChannels = png_get_channels(ctx_.png, ctx_.info);
+        const uint64_t rowBits = uint64_t{header_.width} * static_cast<uint64_t>(sourceChannels) *
+                                 static_cast<uint64_t>(header_.bitDepth);
+        checkFileCanHold(name_, header_.width, header_.height,
+                         uint64_t{header_.height} * (1 + (rowBits + 7) / 8), fileSize(path),
+                         kDeflateMaxRatio);
+        if (header_.icc)
+            icc_.assign(header_.icc, header_.icc + header_.iccLength);
+        if (!pngSetupTransforms(&ctx_, &header_))
+            throw HostError(kExitInput, name_ + ": not a readable PNG (" + ctx_.message + ")");
+        if (header_.channels < 1 || header_.channels > 4 ||
+            (header_.bitDepth != 8 && header_.bitDepth != 16))
+            throw HostError(kExitInput, name_ + ": unsupported PNG layout (" +
+                                            std::to_string(header_.channels) + " channels of " +
+                                            std::to_string(header_.bitDepth) + " bits)");
+        info_.width = static_cast<int32_t>(header_.width);
+        info_.height = static_cast<int32_t>(header_.height);
+        info_.mode = header_.channels <= 2 ? Mode::Gray : Mode::RGB;
+        info_.alpha = header_.channels % 2 == 0 ? Alpha::Straight : Alpha::None;
+        info_.depth = header_.bitDepth;
+        checkMemoryBudget(name_,
+                          "a " + std::to_string(info_.width) + " x " +
+                              std::to_string(info_.height) + " " + describe(info_) + " image",
+                          info_.byteCount(), options.memoryLimit);
+        const size_t rowBytes = static_cast<size_t>(info_.width) * info_.planes() *
+                                info_.bytesPerSample();
+        if (header_.rowBytes != rowBytes)
+            throw HostError(kExitInput, name_ + ": unsupported PNG layout (rows of " +
+                                            std::to_string(header_.rowBytes) + " bytes)");
     }
+
+    bool decode(uint8_t* data, const std::function<bool(int32_t)>& done) override {
+        const size_t rowBytes = header_.rowBytes;
+        // An interlaced file is complete only after its last pass: one band.
+        const uint32_t band = header_.passes > 1 ? header_.height : kDecodeBand;
+        for (uint32_t y0 = 0; y0 < header_.height; y0 += band) {
+            const uint32_t y1 = std::min(header_.height, y0 + band);
+            if (!pngReadRows(&ctx_, data, rowBytes, y0, y1, header_.passes))
+                throw HostError(kExitInput, name_ + ": cannot decode (truncated or corrupt PNG: " +
+                                                ctx_.message + ")");
+            if (info_.depth == 16) {
+                auto* v = reinterpret_cast<uint16_t*>(data + rowBytes * y0);
+                for (size_t i = 0, n = rowBytes * (y1 - y0) / 2; i < n; ++i)
+                    v[i] = hostFromFile16(v[i]);
+            }
+            if (y1 == header_.height && !pngReadEnd(&ctx_))
+                throw HostError(kExitInput, name_ + ": cannot decode (truncated or corrupt PNG: " +
+                                                ctx_.message + ")");
+            if (!done(static_cast<int32_t>(y1)))
+                return false;
+        }
+        return true;
+    }
+
+private:
+    std::string name_;
+    FileHandle file_;
+    PngContext ctx_;
+    PngHeader header_{};
+};
+
+}  // namespace
+
+std::unique_ptr<PixelDecoder> openPng(const std::filesystem::path& path,
+                                      const SourceOptions& options) {
+    return std::make_unique<PngDecoder>(path, options);
+}
+
+DecodedImage decodeWhole(PixelDecoder& decoder) {
+    DecodedImage out;
+    out.raster = Raster::allocate(decoder.info());
+    decoder.decode(out.raster.data.data(), [](int32_t) { return true; });
+    out.icc = decoder.iccProfile();
     return out;
+}
+
+DecodedImage readPng(const std::filesystem::path& path, const SourceOptions& options) {
+    PngDecoder decoder(path, options);
+    return decodeWhole(decoder);
 }
 
 void writePng(const std::filesystem::path& path, const Raster& raster,
@@ -462,59 +515,87 @@ void writePng(const std::filesystem::path& path, const Raster& raster,
     closeWritten(file, name);
 }
 
-DecodedImage readJpeg(const std::filesystem::path& path, const SourceOptions& options) {
-    const std::string name = path.string();
-    FileHandle file = openFile(path, "rb", name);
-    JpegDecompress d;
-    JOCTET* iccRaw = nullptr;
-    unsigned int iccLength = 0;
-    const long memoryLimit =
-        static_cast<long>(std::min<uint64_t>(options.memoryLimit, uint64_t{1} << 62));
-    const bool headerOk = jpegReadHeader(&d, file.get(), memoryLimit, &iccRaw, &iccLength);
-    std::unique_ptr<JOCTET, MallocFree> iccOwner(iccRaw);
-    if (!headerOk)
-        throw HostError(kExitInput, name + ": not a readable JPEG (" + d.error.message + ")");
-    const jpeg_decompress_struct& c = d.cinfo;
-    if (c.image_width == 0 || c.image_height == 0)
-        throw HostError(kExitInput, name + ": the image has zero size");
-    // Huffman coding spends at least one bit on every block of every
-    // component; the component with the fewest blocks bounds the frame.
-    // (Arithmetic coding can spend less; there the memory budget decides.)
-    if (!c.arith_code) {
-        const uint64_t across =
-            (c.image_width + 8u * c.max_h_samp_factor - 1) / (8u * c.max_h_samp_factor);
-        const uint64_t down =
-            (c.image_height + 8u * c.max_v_samp_factor - 1) / (8u * c.max_v_samp_factor);
-        checkFileCanHold(name, c.image_width, c.image_height, across * down, fileSize(path), 8.0);
+namespace {
+
+class JpegDecoder final : public PixelDecoder {
+public:
+    JpegDecoder(const std::filesystem::path& path, const SourceOptions& options)
+        : name_(path.string()), file_(openFile(path, "rb", name_)) {
+        JOCTET* iccRaw = nullptr;
+        unsigned int iccLength = 0;
+        const long memoryLimit =
+            static_cast<long>(std::min<uint64_t>(options.memoryLimit, uint64_t{1} << 62));
+        const bool headerOk = jpegReadHeader(&d_, file_.get(), memoryLimit, &iccRaw, &iccLength);
+        const std::unique_ptr<JOCTET, MallocFree> iccOwner(iccRaw);
+        if (!headerOk)
+            throw HostError(kExitInput, name_ + ": not a readable JPEG (" + d_.error.message + ")");
+        const jpeg_decompress_struct& c = d_.cinfo;
+        if (c.image_width == 0 || c.image_height == 0)
+            throw HostError(kExitInput, name_ + ": the image has zero size");
+        // Huffman coding spends at least one bit on every block of every
+        // component; the component with the fewest blocks bounds the frame.
+        // (Arithmetic coding can spend less; there the memory budget decides.)
+        if (!c.arith_code) {
+            const uint64_t across =
+                (c.image_width + 8u * c.max_h_samp_factor - 1) / (8u * c.max_h_samp_factor);
+            const uint64_t down =
+                (c.image_height + 8u * c.max_v_samp_factor - 1) / (8u * c.max_v_samp_factor);
+            checkFileCanHold(name_, c.image_width, c.image_height, across * down, fileSize(path),
+                             8.0);
+        }
+        info_.width = static_cast<int32_t>(c.image_width);
+        info_.height = static_cast<int32_t>(c.image_height);
+        info_.depth = 8;
+        info_.mode = c.out_color_space == JCS_GRAYSCALE ? Mode::Gray
+                     : c.out_color_space == JCS_CMYK    ? Mode::CMYK
+                                                        : Mode::RGB;
+        checkMemoryBudget(name_,
+                          "a " + std::to_string(info_.width) + " x " +
+                              std::to_string(info_.height) + " " + describe(info_) + " image",
+                          info_.byteCount(), options.memoryLimit);
+        if (!jpegStart(&d_))
+            throw HostError(kExitInput,
+                            name_ + ": cannot decode (corrupt JPEG: " + d_.error.message + ")");
+        if (c.output_width != c.image_width || c.output_height != c.image_height ||
+            c.output_components != info_.planes())
+            throw HostError(kExitInput, name_ + ": unsupported JPEG layout");
+        if (iccRaw)
+            icc_.assign(iccRaw, iccRaw + iccLength);
     }
-    ImageInfo info;
-    info.width = static_cast<int32_t>(c.image_width);
-    info.height = static_cast<int32_t>(c.image_height);
-    info.depth = 8;
-    info.mode = c.out_color_space == JCS_GRAYSCALE ? Mode::Gray
-                : c.out_color_space == JCS_CMYK    ? Mode::CMYK
-                                                   : Mode::RGB;
-    checkMemoryBudget(name,
-                      "a " + std::to_string(info.width) + " x " + std::to_string(info.height) +
-                          " " + describe(info) + " image",
-                      info.byteCount(), options.memoryLimit);
-    if (!jpegStart(&d))
-        throw HostError(kExitInput,
-                        name + ": cannot decode (corrupt JPEG: " + d.error.message + ")");
-    if (c.output_width != c.image_width || c.output_height != c.image_height ||
-        c.output_components != info.planes())
-        throw HostError(kExitInput, name + ": unsupported JPEG layout");
-    DecodedImage out;
-    if (iccRaw)
-        out.icc.assign(iccRaw, iccRaw + iccLength);
-    out.raster = Raster::allocate(info);
-    if (!jpegReadRows(&d, out.raster.data.data(), out.raster.rowBytes()))
-        throw HostError(kExitInput,
-                        name + ": cannot decode (corrupt JPEG: " + d.error.message + ")");
-    if (info.mode == Mode::CMYK && d.app14)
-        for (auto& v : out.raster.data)
-            v = static_cast<uint8_t>(255 - v);
-    return out;
+
+    bool decode(uint8_t* data, const std::function<bool(int32_t)>& done) override {
+        const size_t rowBytes = static_cast<size_t>(info_.width) * info_.planes();
+        const JDIMENSION height = d_.cinfo.output_height;
+        for (JDIMENSION y0 = 0; y0 < height; y0 += kDecodeBand) {
+            const JDIMENSION y1 = std::min<JDIMENSION>(height, y0 + kDecodeBand);
+            if (!jpegReadRows(&d_, data, rowBytes, y1))
+                throw HostError(kExitInput,
+                                name_ + ": cannot decode (corrupt JPEG: " + d_.error.message + ")");
+            if (info_.mode == Mode::CMYK && d_.app14)
+                for (uint8_t *v = data + rowBytes * y0, *end = data + rowBytes * y1; v < end; ++v)
+                    *v = static_cast<uint8_t>(255 - *v);
+            if (!done(static_cast<int32_t>(y1)))
+                return false;
+        }
+        return true;
+    }
+
+private:
+    std::string name_;
+    FileHandle file_;
+    JpegDecompress d_;
+};
+
+}  // namespace
+
+std::unique_ptr<PixelDecoder> openJpeg(const std::filesystem::path& path,
+                                       const SourceOptions& options) {
+    return std::make_unique<JpegDecoder>(path, options);
+}
+
+DecodedImage readJpeg(const std::filesystem::path& path, const SourceOptions& options) {
+    JpegDecoder decoder(path, options);
+    return decodeWhole(decoder);
 }
 
 void writeJpeg(const std::filesystem::path& path, const Raster& raster,

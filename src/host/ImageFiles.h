@@ -5,6 +5,8 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,6 +18,33 @@ struct DecodedImage {
     Raster raster;
     std::vector<uint8_t> icc;
 };
+
+// A PNG or JPEG whose header has been read and checked (size, layout, the
+// memory budget); its rows are decoded by decode(), which may run on another
+// thread.
+class PixelDecoder {
+public:
+    virtual ~PixelDecoder() = default;
+    const ImageInfo& info() const { return info_; }
+    const std::vector<uint8_t>& iccProfile() const { return icc_; }
+    // Decodes into data (info().byteCount() bytes, rows without padding) top
+    // to bottom in bands, calling done(rows complete) after each; done
+    // returning false stops it (returns false). Throws HostError (kExitInput).
+    virtual bool decode(uint8_t* data, const std::function<bool(int32_t)>& done) = 0;
+
+protected:
+    ImageInfo info_;
+    std::vector<uint8_t> icc_;
+};
+
+// The decoders behind readPng and readJpeg; they throw as those do for a
+// bad header.
+std::unique_ptr<PixelDecoder> openPng(const std::filesystem::path& path,
+                                      const SourceOptions& options = {});
+std::unique_ptr<PixelDecoder> openJpeg(const std::filesystem::path& path,
+                                       const SourceOptions& options = {});
+// Every row of a decoder into a new raster.
+DecodedImage decodeWhole(PixelDecoder& decoder);
 
 // PNG: grey or RGB, with or without alpha, 8 or 16 bits. Palettes become RGB
 // (RGB + alpha with a tRNS chunk), grey below 8 bits becomes 8 bits, a tRNS

@@ -78,9 +78,66 @@ MemorySource::MemorySource(std::filesystem::path path, FileFormat format, Raster
     icc_ = std::move(icc);
 }
 
+MemorySource::MemorySource(std::filesystem::path path, FileFormat format,
+                           std::unique_ptr<PixelDecoder> decoder)
+    : decoder_(std::move(decoder)) {
+    path_ = std::move(path);
+    format_ = format;
+    info_ = decoder_->info();
+    icc_ = decoder_->iccProfile();
+    raster_ = Raster::allocate(info_);
+    decoding_ = std::thread([this] {
+        std::optional<HostError> error;
+        try {
+            decoder_->decode(raster_.data.data(), [this](int32_t rows) {
+                {
+                    std::lock_guard lock(mutex_);
+                    rowsReady_ = rows;
+                }
+                progress_.notify_all();
+                return !stopping_;
+            });
+        } catch (const HostError& e) {
+            error = e;
+        } catch (const std::bad_alloc&) {
+            error = HostError(kExitFailed, path_.string() + ": out of memory while decoding");
+        } catch (const std::exception& e) {
+            error = HostError(kExitInput, path_.string() + ": " + e.what());
+        }
+        if (error) {
+            {
+                std::lock_guard lock(mutex_);
+                failure_ = std::move(error);
+            }
+            progress_.notify_all();
+        }
+    });
+}
+
+MemorySource::~MemorySource() {
+    stopping_ = true;
+    if (decoding_.joinable())
+        decoding_.join();
+}
+
+void MemorySource::waitForRows(int32_t rows) {
+    if (!decoder_)
+        return;
+    std::unique_lock lock(mutex_);
+    progress_.wait(lock, [&] { return rowsReady_ >= rows || failure_; });
+    if (rowsReady_ < rows)
+        throw *failure_;
+}
+
+const Raster& MemorySource::raster() {
+    waitForRows(info_.height);
+    return raster_;
+}
+
 void MemorySource::readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_t rowBytes) {
     if (plane < 0 || plane >= info_.planes() || !rectInside(rect, info_.bounds()))
         throw HostError(kExitFailed, path_.string() + ": plane request outside the image");
+    waitForRows(rect.bottom);
     const size_t bps = info_.bytesPerSample();
     const uint8_t* origin =
         raster_.row(rect.top) + static_cast<size_t>(rect.left) * raster_.pixelBytes();
@@ -110,16 +167,12 @@ std::unique_ptr<ImageSource> openImage(const std::filesystem::path& path,
     };
     if (starts("II*\0", 4) || starts("MM\0*", 4) || starts("II+\0", 4) || starts("MM\0+", 4))
         return std::make_unique<TiffSource>(path, options);
-    if (starts("\x89PNG\r\n\x1a\n", 8)) {
-        DecodedImage d = readPng(path, options);
-        return std::make_unique<MemorySource>(path, FileFormat::Png, std::move(d.raster),
-                                              std::move(d.icc));
-    }
-    if (starts("\xff\xd8\xff", 3)) {
-        DecodedImage d = readJpeg(path, options);
-        return std::make_unique<MemorySource>(path, FileFormat::Jpeg, std::move(d.raster),
-                                              std::move(d.icc));
-    }
+    // The header now, the pixels on a thread of their own while the filter
+    // starts (it solves before it reads a pixel).
+    if (starts("\x89PNG\r\n\x1a\n", 8))
+        return std::make_unique<MemorySource>(path, FileFormat::Png, openPng(path, options));
+    if (starts("\xff\xd8\xff", 3))
+        return std::make_unique<MemorySource>(path, FileFormat::Jpeg, openJpeg(path, options));
     throw HostError(kExitInput,
                     path.string() + ": unsupported image format (TIFF, PNG and JPEG are read)");
 }

@@ -2,12 +2,17 @@
 // interfaces through which the module's plane requests reach the files.
 #pragma once
 
+#include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -85,16 +90,35 @@ protected:
     std::vector<uint8_t> icc_;
 };
 
-// A decoded JPEG or PNG, held whole in memory.
+class PixelDecoder;
+
+// A decoded JPEG or PNG, held whole in memory. Made from a decoder, it
+// decodes on a thread of its own from the start, and a read waits only for
+// the rows it needs; a decode error reaches the read that needs its rows.
 class MemorySource final : public ImageSource {
 public:
     MemorySource(std::filesystem::path path, FileFormat format, Raster raster,
                  std::vector<uint8_t> icc);
+    MemorySource(std::filesystem::path path, FileFormat format,
+                 std::unique_ptr<PixelDecoder> decoder);
+    ~MemorySource() override;
+    MemorySource(const MemorySource&) = delete;
+    MemorySource& operator=(const MemorySource&) = delete;
     void readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_t rowBytes) override;
-    const Raster& raster() const { return raster_; }
+    // Every row (waits for the decode; throws its error).
+    const Raster& raster();
 
 private:
+    void waitForRows(int32_t rows);
+
     Raster raster_;
+    std::unique_ptr<PixelDecoder> decoder_;
+    std::mutex mutex_;
+    std::condition_variable progress_;
+    int32_t rowsReady_ = 0;
+    std::optional<HostError> failure_;
+    std::atomic<bool> stopping_{false};
+    std::thread decoding_;
 };
 
 // The default memory budget of one image when the caller sets none.
