@@ -156,12 +156,13 @@ public:
           bar_(options.quiet) {}
 
     // Corrects one input; every failure is a HostError with its exit code.
-    void correct(const Target& t) {
+    // next: the input after it, opened (and decoding) while this one is
+    // corrected; null for the last.
+    void correct(const Target& t, const fs::path* next) {
         const FileFormat format = outputFormat(t);
-        SourceOptions sourceOptions;
-        sourceOptions.cacheBudget = (options_.cacheMiB << 20) / 2;
-        sourceOptions.memoryLimit = memoryLimit_;
-        const std::unique_ptr<ImageSource> source = openImage(t.input, sourceOptions);
+        std::unique_ptr<ImageSource> source = takeLookahead(t.input);
+        if (!source)
+            source = openImage(t.input, sourceOptions());
         const ImageInfo info = source->info();
         checkFormatHolds(format, info, t.output);
 
@@ -201,6 +202,8 @@ public:
         if (options_.command == "edit")
             prepareEditInvocation(invocation);
         invocation.listener = &bar_;
+        if (next)
+            lookAhead(*next, t.output);
         bar_.start(t.label);
         const InvocationOutcome outcome = module_.run(invocation);
         bar_.end();
@@ -274,6 +277,36 @@ public:
     }
 
 private:
+    // Half the cache for decoded source blocks; a batch keeps two sources
+    // open (this one and the next), a quarter each.
+    SourceOptions sourceOptions() const {
+        SourceOptions o;
+        o.cacheBudget = (options_.cacheMiB << 20) / (options_.inputs.size() > 1 ? 4 : 2);
+        o.memoryLimit = memoryLimit_;
+        return o;
+    }
+
+    // Opens the next input, so that it decodes while this one is corrected.
+    // Any failure is left to its own turn, which reports it. Not when this
+    // output replaces that input: it must be read as written.
+    void lookAhead(const fs::path& next, const fs::path& output) {
+        lookahead_.reset();
+        std::error_code ec;
+        if (fs::exists(output, ec) && fs::equivalent(next, output, ec))
+            return;
+        try {
+            lookahead_ = openImage(next, sourceOptions());
+            lookaheadPath_ = next;
+        } catch (...) {
+            lookahead_.reset();
+        }
+    }
+    std::unique_ptr<ImageSource> takeLookahead(const fs::path& input) {
+        if (!lookahead_ || lookaheadPath_ != input)
+            return nullptr;
+        return std::move(lookahead_);
+    }
+
     // Half of the machine's memory: one image may take that much.
     static uint64_t defaultMemoryLimit() {
         const uint64_t total = memoryFigures().total;
@@ -285,6 +318,8 @@ private:
     const Descriptor* params_;
     uint64_t memoryLimit_;
     ProgressBar bar_;
+    std::unique_ptr<ImageSource> lookahead_;
+    fs::path lookaheadPath_;
 };
 
 }  // namespace
@@ -310,10 +345,11 @@ int runBatch(const CliOptions& options, Module& module, const Descriptor* params
             t.label += " (" + std::to_string(i + 1) + "/" + std::to_string(count) + ")";
         ExitCode code = kExitOk;
         try {
+            const fs::path next = i + 1 < count ? fs::path(options.inputs[i + 1]) : fs::path();
             if (options.command == "suggest")
                 batch.suggest(t);
             else
-                batch.correct(t);
+                batch.correct(t, next.empty() ? nullptr : &next);
         } catch (const HostError& e) {
             std::fprintf(stderr, "curvana: %s\n", e.what());
             code = e.code();
