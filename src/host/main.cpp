@@ -1,4 +1,6 @@
 // curvana: the host program of the Curvana filter module.
+#include <malloc.h>
+
 #include <cstdio>
 #include <exception>
 #include <new>
@@ -30,6 +32,10 @@ const bool kDriverPinned = [] {
 // that input can reach may end the program by abort.
 int main(int argc, char** argv) {
     using namespace Curvana::Host;
+    // One malloc arena: pixel blocks are decoded, filled and encoded on
+    // different threads, and per-thread arenas would each keep what the
+    // others freed, growing resident memory well past the cache budget.
+    mallopt(M_ARENA_MAX, 1);
     try {
         return runCli(argc, argv);
     } catch (const HostError& e) {
