@@ -1,5 +1,6 @@
 #include "Batch.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
@@ -294,8 +295,12 @@ private:
         std::error_code ec;
         if (fs::exists(output, ec) && fs::equivalent(next, output, ec))
             return;
+        // A PNG or JPEG decodes whole: only one that fits the next input's
+        // share of the cache is read ahead, so a batch keeps within --cache.
+        SourceOptions o = sourceOptions();
+        o.memoryLimit = std::min(o.memoryLimit, o.cacheBudget);
         try {
-            lookahead_ = openImage(next, sourceOptions());
+            lookahead_ = openImage(next, o);
             lookaheadPath_ = next;
         } catch (...) {
             lookahead_.reset();
