@@ -7,6 +7,7 @@
 #include <string>
 
 #include "CurvanaProcedure.h"
+#include "hostkit/ProcessMemory.h"
 
 namespace {
 
@@ -39,5 +40,6 @@ const GimpPlugInInfo kPlugInInfo = {nullptr, nullptr, query, run};
 }  // namespace
 
 int main(int argc, char** argv) {
+    Curvana::HostKit::setUpProcessMemory(argv);
     return gimp_main(&kPlugInInfo, argc, argv);
 }

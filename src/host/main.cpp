@@ -1,12 +1,11 @@
 // curvana: the host program of the Curvana filter module.
-#include <malloc.h>
-
 #include <cstdio>
 #include <exception>
 #include <new>
 
 #include "Cli.h"
 #include "HostError.h"
+#include "hostkit/ProcessMemory.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <dlfcn.h>
@@ -32,10 +31,7 @@ const bool kDriverPinned = [] {
 // that input can reach may end the program by abort.
 int main(int argc, char** argv) {
     using namespace Curvana::Host;
-    // One malloc arena: pixel blocks are decoded, filled and encoded on
-    // different threads, and per-thread arenas would each keep what the
-    // others freed, growing resident memory well past the cache budget.
-    mallopt(M_ARENA_MAX, 1);
+    Curvana::HostKit::setUpProcessMemory(argv);
     try {
         return runCli(argc, argv);
     } catch (const HostError& e) {
