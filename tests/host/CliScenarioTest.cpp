@@ -170,6 +170,15 @@ TEST_F(CliScenario, HandsTheOptionsToTheModuleAndRecordsTheResult) {
     EXPECT_NE(seen.find("in.CrpF=1.5000"), std::string::npos);
 }
 
+// Lines of standard error that are messages (not progress).
+std::vector<std::string> messages(const RunResult& r) {
+    std::vector<std::string> lines;
+    for (const auto& l : r.errLines())
+        if (l.rfind("curvana: ", 0) == 0)
+            lines.push_back(l);
+    return lines;
+}
+
 TEST_F(CliScenario, ProcessesABatchIntoAFolderWithProgress) {
     fs::create_directory(dir / "out");
     const fs::path a = sample("a.jpg", Mode::RGB, 8), b = sample("b.png", Mode::Gray, 8),
@@ -180,6 +189,27 @@ TEST_F(CliScenario, ProcessesABatchIntoAFolderWithProgress) {
     for (const char* name : {"a.jpg", "b.png", "c.tif"})
         EXPECT_TRUE(fs::exists(dir / "out" / name)) << name;
     EXPECT_NE(r.err.find("c.tif (3/3): Applying Curvana. 100%"), std::string::npos) << r.err;
+}
+
+// Each input is opened, and decodes, while the one before it is corrected: a
+// broken input is still reported in its own turn, once, and the rest are done.
+TEST_F(CliScenario, ABrokenInputInABatchFailsAloneInItsTurn) {
+    fs::create_directory(dir / "out");
+    const fs::path a = sample("a.tif", Mode::RGB, 8), b = sample("b.jpg", Mode::RGB, 8, 600, 400),
+                   c = sample("c.png", Mode::RGB, 16);
+    fs::resize_file(b, fs::file_size(b) / 2);
+    const RunResult r = curvana({"apply", a.string(), b.string(), c.string(), "-o",
+                                 (dir / "out").string()});
+    EXPECT_EQ(r.exitCode, kExitInput) << r.err;
+    std::vector<std::string> aboutB;
+    for (const auto& l : messages(r))
+        if (l.find("b.jpg") != std::string::npos)
+            aboutB.push_back(l);
+    ASSERT_EQ(aboutB.size(), 1u) << r.err;
+    EXPECT_NE(aboutB[0].find("cannot decode"), std::string::npos) << aboutB[0];
+    EXPECT_TRUE(fs::exists(dir / "out" / "a.tif"));
+    EXPECT_FALSE(fs::exists(dir / "out" / "b.jpg"));
+    EXPECT_TRUE(fs::exists(dir / "out" / "c.png"));
 }
 
 TEST_F(CliScenario, NeverOverwritesAnInputUnlessNamedAsTheOutput) {
@@ -194,15 +224,6 @@ TEST_F(CliScenario, NeverOverwritesAnInputUnlessNamedAsTheOutput) {
     r = curvana({"apply", input.string(), "-o", input.string()});
     ASSERT_EQ(r.exitCode, 0) << r.err;
     EXPECT_EQ(maxDifference(readWhole(input), mirrored(original)), 0);
-}
-
-// Lines of standard error that are messages (not progress).
-std::vector<std::string> messages(const RunResult& r) {
-    std::vector<std::string> lines;
-    for (const auto& l : r.errLines())
-        if (l.rfind("curvana: ", 0) == 0)
-            lines.push_back(l);
-    return lines;
 }
 
 // Every refusal: one message line, the expected exit code, no output and no temporary file.
