@@ -418,8 +418,8 @@ public:
                           "a " + std::to_string(info_.width) + " x " +
                               std::to_string(info_.height) + " " + describe(info_) + " image",
                           info_.byteCount(), options.memoryLimit);
-        const size_t rowBytes = static_cast<size_t>(info_.width) * info_.planes() *
-                                info_.bytesPerSample();
+        const size_t rowBytes =
+            static_cast<size_t>(info_.width) * info_.planes() * info_.bytesPerSample();
         if (header_.rowBytes != rowBytes)
             throw HostError(kExitInput, name_ + ": unsupported PNG layout (rows of " +
                                             std::to_string(header_.rowBytes) + " bytes)");

@@ -284,8 +284,8 @@ private:
             for (size_t i = 0; i < count; ++i)
                 for (size_t p = 0; p < planes; ++p)
                     if (!written_.test(p * pixels_ + first + i))
-                        std::memcpy(out + (i * planes + p) * bps, band.data() + (i * planes + p) * bps,
-                                    bps);
+                        std::memcpy(out + (i * planes + p) * bps,
+                                    band.data() + (i * planes + p) * bps, bps);
         }
     }
 

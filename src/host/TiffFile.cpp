@@ -250,9 +250,8 @@ TiffHandle TiffSource::openHandle() const {
         TIFFOpenOptionsAlloc(), TIFFOpenOptionsFree);
     if (!openOptions)
         throw HostError(kExitFailed, "out of memory");
-    TIFFOpenOptionsSetMaxSingleMemAlloc(
-        openOptions.get(),
-        static_cast<tmsize_t>(std::min<uint64_t>(memoryLimit_, uint64_t{1} << 62)));
+    TIFFOpenOptionsSetMaxSingleMemAlloc(openOptions.get(), static_cast<tmsize_t>(std::min<uint64_t>(
+                                                               memoryLimit_, uint64_t{1} << 62)));
     // "m": no memory mapping. Touched pages of a mapped file count as resident
     // memory, which would grow with the image instead of the cache budget.
     return TiffHandle(TIFFOpenExt(path_.c_str(), "rm", openOptions.get()));

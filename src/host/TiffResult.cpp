@@ -98,8 +98,7 @@ class TileEncoder {
 public:
     static constexpr size_t kMaxQueued = 32;
 
-    explicit TileEncoder(TiffTileWriter& writer)
-        : writer_(writer), thread_([this] { work(); }) {}
+    explicit TileEncoder(TiffTileWriter& writer) : writer_(writer), thread_([this] { work(); }) {}
     ~TileEncoder() { stop(); }
     TileEncoder(const TileEncoder&) = delete;
     TileEncoder& operator=(const TileEncoder&) = delete;

@@ -198,8 +198,8 @@ TEST_F(CliScenario, ABrokenInputInABatchFailsAloneInItsTurn) {
     const fs::path a = sample("a.tif", Mode::RGB, 8), b = sample("b.jpg", Mode::RGB, 8, 600, 400),
                    c = sample("c.png", Mode::RGB, 16);
     fs::resize_file(b, fs::file_size(b) / 2);
-    const RunResult r = curvana({"apply", a.string(), b.string(), c.string(), "-o",
-                                 (dir / "out").string()});
+    const RunResult r =
+        curvana({"apply", a.string(), b.string(), c.string(), "-o", (dir / "out").string()});
     EXPECT_EQ(r.exitCode, kExitInput) << r.err;
     std::vector<std::string> aboutB;
     for (const auto& l : messages(r))

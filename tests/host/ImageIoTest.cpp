@@ -432,9 +432,9 @@ TEST_P(UnwrittenSamples, KeepTheSource) {
     const size_t px = info.planes() * info.bytesPerSample();
     for (int32_t y = 0; y < info.height; ++y)
         for (int32_t x = 0; x < info.width; ++x)
-            ASSERT_EQ(std::memcmp(out.row(y) + x * px, (x < 120 ? written : source).row(y) + x * px,
-                                  px),
-                      0)
+            ASSERT_EQ(
+                std::memcmp(out.row(y) + x * px, (x < 120 ? written : source).row(y) + x * px, px),
+                0)
                 << x << "," << y;
 }
 
