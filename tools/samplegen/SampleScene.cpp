@@ -228,9 +228,12 @@ std::optional<double> distanceToStraightFeature(const SceneOptions& o, Point ima
         return std::nullopt;
     const Hit h = hitRoom(*d);
     double best = 1e30;
-    // Strips: their borders lie kStrip from the edge, inside the face.
-    for (const Segment& s : faceSegments()[h.face])
-        best = std::min(best, std::abs(distanceToSegment(h.p, s) - kStrip));
+    // Strips: their borders lie kStrip from the edge, inside the face, and
+    // the edge itself runs down their middle.
+    for (const Segment& s : faceSegments()[h.face]) {
+        const double fromEdge = distanceToSegment(h.p, s);
+        best = std::min({best, fromEdge, std::abs(fromEdge - kStrip)});
+    }
     // The door and the window are areas of their own colour: their outlines
     // are straight (the frames' segments).
     for (const Segment& s : allSegments())

@@ -68,8 +68,9 @@ std::optional<Point> project(const SceneOptions& options, const Vec3& roomDirect
 std::optional<Vec3> unproject(const SceneOptions& options, Point image);
 
 // How far (metres) the room point seen at an image point lies from the
-// nearest straight line drawn in the scene: the borders of the edge strips,
-// of the door and the window, and the floor's board joints. nullopt outside
+// nearest straight line drawn in the scene: the room's edges and the
+// borders of their strips, the outlines of the door and the window, and the
+// floor's board joints. nullopt outside
 // the lens's circle. A line found in the picture that is straight in the
 // scene keeps this small all along.
 std::optional<double> distanceToStraightFeature(const SceneOptions& options, Point image);
