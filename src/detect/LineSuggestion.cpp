@@ -25,10 +25,14 @@ constexpr double kVerticalToleranceDeg = 1.0;
 constexpr double kMaxTiltDeg = 40.0;
 constexpr size_t kMinVerticalLines = 3;
 constexpr double kHorizontalToleranceDeg = 2.0;
-// Lines whose great circles lie this close and whose arcs overlap say the
-// same thing to the solver (the two sides of one painted strip, a frame and
-// its shadow): only the better supported one is offered.
+// Lines whose great circles lie this close and whose arcs overlap are the
+// two sides of one narrow thing (a painted strip, a bar, a frame and its
+// shadow) and say the same thing to the solver: one line along their middle
+// is offered.
 constexpr double kDuplicateDeg = 1.5;
+// An end is carried on to a crossing line at least this steep to it (a
+// shallower crossing is located too loosely along the line).
+constexpr double kMinCrossingDeg = 15.0;
 // How far beside a segment (px) the picture must still be usable, so that
 // the rim of a fisheye's image circle is not taken for an edge.
 constexpr double kRimClearancePx = 4.0;
@@ -60,6 +64,11 @@ void SphereToSource(const PhotoToSphere& photo, const Vec3d& v, double& x, doubl
     const ImagePoint p = photo.ToImagePoint(d.lambda, d.phi);
     x = double{p.x} + photo.Raster().halfWidth;
     y = double{p.y} + photo.Raster().halfHeight;
+}
+
+bool OnPicture(const PhotoToSphere& photo, const Vec3d& v) {
+    return photo.IsVisible(static_cast<float>(std::atan2(v[0], v[2])),
+                           static_cast<float>(std::asin(std::clamp(v[1], -1.0, 1.0))));
 }
 
 // The unit normal of the plane through the origin that fits the scatter best.
@@ -230,6 +239,7 @@ void ArcsOfGroup(const Group& g, const std::vector<SphereSegment>& segs, const P
             SphereToSource(photo, onCircle(start), line.x1, line.y1);
             SphereToSource(photo, onCircle(end), line.x2, line.y2);
             line.arcRadians = end - start;
+            line.radiansPerPx = radPerPx;
             line.supportPx = std::min(support, extentPx);
             line.segments = static_cast<int32_t>(last - first);
             out.push_back(line);
@@ -276,6 +286,89 @@ bool Duplicates(const SuggestedLine& a, const SuggestedLine& b) {
     };
     return along(a, b.x1, b.y1) || along(a, b.x2, b.y2) || along(b, a.x1, a.y1) ||
            along(b, a.x2, a.y2);
+}
+
+// A line's arc in its circle's plane: angle 0 at the first end (u), `end`
+// (> 0) at the second, v = normal x u or its opposite.
+struct ArcFrame {
+    Vec3d n, u, v;
+    double end = 0;
+    double At(const Vec3d& p) const { return std::atan2(Dot(p, v), Dot(p, u)); }
+    Vec3d Point(double t) const { return Sum(Scaled(u, std::cos(t)), Scaled(v, std::sin(t))); }
+};
+
+std::optional<ArcFrame> FrameOf(const SuggestedLine& line, const Vec3d& normal,
+                                const PhotoToSphere& photo) {
+    const auto a = SourceToSphere(photo, line.x1, line.y1);
+    const auto b = SourceToSphere(photo, line.x2, line.y2);
+    if (!a || !b)
+        return std::nullopt;
+    ArcFrame f;
+    f.n = normal;
+    f.u = Normalized(Difference(*a, Scaled(normal, Dot(*a, normal))));
+    f.v = Cross(normal, f.u);
+    if (Dot(*b, f.v) < 0)
+        f.v = Scaled(f.v, -1.0);
+    f.end = f.At(*b);
+    return f;
+}
+
+void SetArc(SuggestedLine& line, const ArcFrame& f, double lo, double hi,
+            const PhotoToSphere& photo) {
+    SphereToSource(photo, f.Point(lo), line.x1, line.y1);
+    SphereToSource(photo, f.Point(hi), line.x2, line.y2);
+    line.normal = f.n;
+    line.arcRadians = hi - lo;
+}
+
+// One line along the middle of two duplicates, over both their arcs.
+void MergeInto(SuggestedLine& kept, const SuggestedLine& other, const PhotoToSphere& photo) {
+    const Vec3d o = Dot(kept.normal, other.normal) < 0 ? Scaled(other.normal, -1.0) : other.normal;
+    const Vec3d middle = Normalized(Sum(kept.normal, o));
+    const auto f = FrameOf(kept, middle, photo);
+    const auto g = FrameOf(other, o, photo);
+    if (!f || !g)
+        return;
+    const double ta = f->At(g->Point(0)), tb = f->At(g->Point(g->end));
+    SetArc(kept, *f, std::min({0.0, ta, tb}), std::max({f->end, ta, tb}), photo);
+    kept.segments += other.segments;
+}
+
+// An edge found in the picture stops short of the edge it runs into: the
+// crossing edge's own gradient (and its width, for a strip or a frame)
+// hides the last pixels. Each end is carried on to the nearest steep
+// crossing with another line's arc that lies beyond it within kMaxGapPx,
+// the same reach within which pieces of one circle count as one arc.
+void ExtendToCrossings(SuggestedLine& line, const std::vector<SuggestedLine>& others,
+                       const PhotoToSphere& photo) {
+    const auto f = FrameOf(line, line.normal, photo);
+    if (!f || !(line.radiansPerPx > 0))
+        return;
+    const double reach = kMaxGapPx * line.radiansPerPx;
+    std::optional<double> before, after;
+    for (const SuggestedLine& other : others) {
+        const Vec3d c = Cross(line.normal, other.normal);
+        if (Norm(c) < std::sin(Radians(kMinCrossingDeg)) || !(other.radiansPerPx > 0))
+            continue;
+        const auto g = FrameOf(other, other.normal, photo);
+        if (!g)
+            continue;
+        const double otherReach = kMaxGapPx * other.radiansPerPx;
+        for (const Vec3d& x : {Normalized(c), Scaled(Normalized(c), -1.0)}) {
+            const double along = g->At(x);
+            if (along < -otherReach || along > g->end + otherReach)
+                continue;  // the other line does not come this far
+            const double t = f->At(x);
+            if (!OnPicture(photo, x))
+                continue;
+            if (t < 0 && t >= -reach && (!before || t > *before))
+                before = t;
+            else if (t > f->end && t <= f->end + reach && (!after || t < *after))
+                after = t;
+        }
+    }
+    if (before || after)
+        SetArc(line, *f, before.value_or(0.0), after.value_or(f->end), photo);
 }
 
 }  // namespace
@@ -405,16 +498,30 @@ LineSuggestion SuggestFromSegments(const std::vector<ImageSegment>& segments,
         }
     }
 
+    // The two sides of a strip become one line along its middle (a line
+    // merges once: a third duplicate adds nothing; one of another kind is
+    // left out, as it disagrees with the better supported line).
+    std::vector<SuggestedLine> lines;
+    std::vector<bool> merged;
     for (const SuggestedLine& line : candidates) {
+        size_t k = 0;
+        while (k < lines.size() && !Duplicates(lines[k], line))
+            ++k;
+        if (k == lines.size()) {
+            lines.push_back(line);
+            merged.push_back(false);
+        } else if (!merged[k] && lines[k].kind == line.kind) {
+            MergeInto(lines[k], line, photo);
+            merged[k] = true;
+        }
+    }
+    for (const SuggestedLine& line : lines) {
         if (static_cast<int32_t>(out.lines.size()) >= options.maxLines)
             break;
         if (options.verticalsOnly && line.kind != SuggestedKind::Vertical)
             continue;
-        const bool repeated =
-            std::any_of(out.lines.begin(), out.lines.end(),
-                        [&](const SuggestedLine& kept) { return Duplicates(kept, line); });
-        if (!repeated)
-            out.lines.push_back(line);
+        out.lines.push_back(line);
+        ExtendToCrossings(out.lines.back(), lines, photo);
     }
     return out;
 }

@@ -43,6 +43,16 @@
 //   separate arcs (a door frame and the wall edge beyond it are not one edge).
 // - kMinSupport = 0.6: at least 60 % of an arc must be covered by segments;
 //   a great circle that merely touches scattered edges is not a line.
+// - kDuplicateDeg = 1.5: lines whose circles lie this close and whose arcs
+//   overlap are the two sides of one narrow thing (a painted strip, a bar, a
+//   frame): one line along their middle is offered, over both arcs. The
+//   middles of two such things meet where the scene's edges meet.
+// - Ends: a detected edge stops short of the edge it runs into, whose own
+//   gradient and width hide the last pixels, and the warp leaves a line's
+//   unconstrained end free to bend right there. So each end is carried on
+//   to the nearest crossing with another line's arc within kMaxGapPx beyond
+//   it, when the two cross at kMinCrossingDeg = 15 degrees or more (a
+//   shallower crossing is located too loosely along the line).
 // - minLengthFraction = 0.06 of the working long side: only long edges are
 //   worth a constraint; short ones barely bend and fit badly.
 // - Vertical: the great circle passes within kVerticalToleranceDeg = 1.0
@@ -78,10 +88,11 @@ enum class SuggestedKind { Unfixed, Horizontal, Vertical };
 struct SuggestedLine {
     double x1 = 0, y1 = 0, x2 = 0, y2 = 0;
     SuggestedKind kind = SuggestedKind::Unfixed;
-    Vec3d normal{};         // the great circle's unit normal, photo frame
-    double arcRadians = 0;  // the arc's extent on the sphere
-    double supportPx = 0;   // working-copy pixels of segments along it
-    int32_t segments = 0;   // how many segments make it
+    Vec3d normal{};           // the great circle's unit normal, photo frame
+    double arcRadians = 0;    // the arc's extent on the sphere
+    double radiansPerPx = 0;  // sphere radians per working-copy pixel along it
+    double supportPx = 0;     // working-copy pixels of segments along it
+    int32_t segments = 0;     // how many segments make it
 };
 
 struct SuggestOptions {

@@ -41,7 +41,8 @@ struct SceneLine {
 };
 
 // The picture of a scene line as the chords a detector would report: about
-// chordPx long, each end pulled in by `inset` px (so neighbours leave gaps).
+// chordPx long (a short tail joins the last one), each end pulled in by
+// `inset` px (so neighbours leave gaps).
 std::vector<ImageSegment> Chords(const PhotoToSphere& photo, const Eigen::Matrix3d& toScene,
                                  const SceneLine& line, double chordPx = 40, double inset = 0) {
     std::vector<Eigen::Vector2d> points;
@@ -63,7 +64,8 @@ std::vector<ImageSegment> Chords(const PhotoToSphere& photo, const Eigen::Matrix
     std::vector<ImageSegment> out;
     size_t start = 0;
     for (size_t k = 1; k < points.size(); ++k) {
-        if ((points[k] - points[start]).norm() < chordPx && k + 1 < points.size())
+        const bool shortTail = (points.back() - points[k]).norm() < 0.5 * chordPx;
+        if (((points[k] - points[start]).norm() < chordPx || shortTail) && k + 1 < points.size())
             continue;
         const Eigen::Vector2d d = (points[k] - points[start]).normalized();
         const Eigen::Vector2d a = points[start] + d * inset, b = points[k] - d * inset;
@@ -113,6 +115,49 @@ TEST_P(Grouping, PiecesOfOneGreatCircleMakeOneLineAndANearbyParallelEdgeAnother)
         if (k < one.size() / 3 || k > one.size() / 3 + 2)
             broken.push_back(one[k]);
     EXPECT_EQ(FindSceneLines(broken, *photo, 100).size(), 2u);
+}
+
+// A painted upright strip (sides 4 cm apart at 4 m) that stops at the
+// border of a level edge: one line along the strip's middle, its lower end
+// carried on to the level edge; its upper end, far from any crossing, stays.
+TEST_P(Grouping, AStripsSidesMakeOneLineAlongItsMiddleThatMeetsTheEdgeItRunsInto) {
+    const auto photo = Photo(GetParam());
+    const Eigen::Matrix3d level = Eigen::Matrix3d::Identity();
+    const SceneLine floorEdge{{-2.0, 1.0, 4.0}, {2.0, 1.0, 4.0}};
+    const SceneLine above{{-2.0, -1.3, 4.0}, {2.0, -1.3, 4.0}};  // out of the upper end's reach
+    std::vector<ImageSegment> segments;
+    for (const SceneLine& l : {floorEdge, above, SceneLine{{-1.02, -1.0, 4.0}, {-1.02, 0.98, 4.0}},
+                               SceneLine{{-0.98, -1.0, 4.0}, {-0.98, 0.98, 4.0}}}) {
+        const auto chords = Chords(*photo, level, l, 40, 3.0);
+        segments.insert(segments.end(), chords.begin(), chords.end());
+    }
+    const LineSuggestion found = SuggestFromSegments(segments, *photo, {}, 100);
+
+    const Eigen::Vector3d middle =
+        Eigen::Vector3d(-1.0, -1.0, 4.0).cross(Eigen::Vector3d(-1.0, 1.0, 4.0)).normalized();
+    const auto offMiddle = [&](const SuggestedLine& l) {
+        return Eigen::Vector3d(l.normal[0], l.normal[1], l.normal[2]).cross(middle).norm();
+    };
+    std::vector<const SuggestedLine*> upright;
+    for (const SuggestedLine& line : found.lines)
+        if (offMiddle(line) < std::sin(1.5 * kDeg))
+            upright.push_back(&line);
+    ASSERT_EQ(upright.size(), 1u);
+    const SuggestedLine& line = *upright.front();
+    EXPECT_LT(offMiddle(line), std::sin(0.05 * kDeg));  // the sides lie 0.29 degrees off
+
+    const auto pixel = [&](const Eigen::Vector3d& p) {
+        const ImagePoint ip = photo->ToImagePoint(static_cast<float>(std::atan2(p.x(), p.z())),
+                                                  static_cast<float>(std::asin(p.y() / p.norm())));
+        return Eigen::Vector2d(ip.x + photo->Raster().halfWidth, ip.y + photo->Raster().halfHeight);
+    };
+    const Eigen::Vector2d top = pixel({-1.0, -1.0, 4.0}), bottom = pixel({-1.0, 1.0, 4.0});
+    Eigen::Vector2d a(line.x1, line.y1), b(line.x2, line.y2);
+    if (a.y() > b.y())
+        std::swap(a, b);
+    EXPECT_LT((b - bottom).norm(), 1.0);
+    EXPECT_LT((a - top).norm(), 6.0);
+    EXPECT_GT(a.y(), top.y() - 1.0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Lenses, Grouping, ::testing::Values(Lens::Fisheye, Lens::Perspective),
