@@ -27,65 +27,79 @@ std::shared_ptr<const SourceRaster> Raster(int32_t w, int32_t h) {
     return std::make_shared<const SourceRaster>(w, h);
 }
 
+::testing::AssertionResult Near(PointF got, PointF want, float tolerance) {
+    if (std::fabs(got.x - want.x) <= tolerance && std::fabs(got.y - want.y) <= tolerance)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "(" << got.x << ", " << got.y << ") is not within "
+                                         << tolerance << " of (" << want.x << ", " << want.y << ")";
+}
+
+std::unique_ptr<PlaneConstraint> Polygon(int32_t id, std::initializer_list<PointF> corners,
+                                         std::initializer_list<int32_t> codes = {}) {
+    auto plane = std::make_unique<PlaneConstraint>();
+    plane->SetId(id);
+    auto code = codes.begin();
+    for (const PointF& p : corners)
+        plane->AddVertex(p, code != codes.end() ? *code++ : 1);
+    return plane;
+}
+
+// A 6000 x 4000 fisheye of 1500 pixels' focal length on a mesh of the given
+// level, optionally seen through the stereographic closed form.
+struct Fisheye {
+    explicit Fisheye(int32_t level, bool warped = false, float focal = 1500.0f)
+        : photo(std::make_shared<FisheyeImage>(Raster(6000, 4000), focal, 3000.0f, 2000.0f)),
+          mesh(std::make_shared<const OctaMap>(level, false)),
+          lines(photo, mesh) {
+        if (warped)
+            lines.SetWarp(std::make_shared<StereographicClosedForm>(mesh, photo));
+    }
+    std::shared_ptr<FisheyeImage> photo;
+    std::shared_ptr<const OctaMap> mesh;
+    GeodesicLines lines;
+};
+
 struct ModelCase {
     std::string name;
-    std::function<std::shared_ptr<PhotoToSphere>()> make;
+    std::shared_ptr<PhotoToSphere> photo;
     PointF first, second;  // source pixels
 };
 
-std::vector<ModelCase> Models() {
-    return {
-        {"Fisheye",
-         [] {
-             return std::make_shared<FisheyeImage>(Raster(6000, 4000), 1800.0f, 3000.0f, 2000.0f);
-         },
-         {900.0f, 1000.0f},
-         {5200.0f, 1300.0f}},
-        {"Perspective",
-         [] {
-             return std::make_shared<PerspectiveImage>(Raster(6000, 4000), 3500.0f, 3100.0f,
-                                                       1950.0f);
-         },
-         {200.0f, 3800.0f},
-         {5900.0f, 300.0f}},
-        {"Cylindrical",
-         [] {
-             return std::make_shared<CylindricalImage>(Raster(12000, 3000), 1900.0f, 6000.0f,
-                                                       1400.0f);
-         },
-         {500.0f, 600.0f},
-         {11000.0f, 900.0f}},
-        {"Spherical",
-         [] {
-             return std::make_shared<SphericalImage>(Raster(8000, 4000), 4000.0f / 3.1415927f,
-                                                     4000.0f, 2000.0f);
-         },
-         {300.0f, 1500.0f},
-         {7700.0f, 1200.0f}},
-        {"KestrixFisheye",
-         [] {
-             return std::make_shared<KestrixFisheye>(Raster(6000, 4000), 1750.0f, 1760.0f, -0.03f,
-                                                     0.002f, 12.0f, -8.0f);
-         },
-         {1100.0f, 900.0f},
-         {4800.0f, 3200.0f}},
-        {"KestrixPerspective",
-         [] {
-             return std::make_shared<KestrixPerspective>(Raster(6000, 4000), 4200.0f, 4190.0f,
-                                                         -0.08f, 0.02f, 0.0f, 0.0005f, -0.0003f,
-                                                         15.0f, 6.0f);
-         },
-         {400.0f, 500.0f},
-         {5600.0f, 3500.0f}},
-    };
-}
+const ModelCase kModels[] = {
+    {"Fisheye",
+     std::make_shared<FisheyeImage>(Raster(6000, 4000), 1800.0f, 3000.0f, 2000.0f),
+     {900.0f, 1000.0f},
+     {5200.0f, 1300.0f}},
+    {"Perspective",
+     std::make_shared<PerspectiveImage>(Raster(6000, 4000), 3500.0f, 3100.0f, 1950.0f),
+     {200.0f, 3800.0f},
+     {5900.0f, 300.0f}},
+    {"Cylindrical",
+     std::make_shared<CylindricalImage>(Raster(12000, 3000), 1900.0f, 6000.0f, 1400.0f),
+     {500.0f, 600.0f},
+     {11000.0f, 900.0f}},
+    {"Spherical",
+     std::make_shared<SphericalImage>(Raster(8000, 4000), 4000.0f / 3.1415927f, 4000.0f, 2000.0f),
+     {300.0f, 1500.0f},
+     {7700.0f, 1200.0f}},
+    {"KestrixFisheye",
+     std::make_shared<KestrixFisheye>(Raster(6000, 4000), 1750.0f, 1760.0f, -0.03f, 0.002f, 12.0f,
+                                      -8.0f),
+     {1100.0f, 900.0f},
+     {4800.0f, 3200.0f}},
+    {"KestrixPerspective",
+     std::make_shared<KestrixPerspective>(Raster(6000, 4000), 4200.0f, 4190.0f, -0.08f, 0.02f, 0.0f,
+                                          0.0005f, -0.0003f, 15.0f, 6.0f),
+     {400.0f, 500.0f},
+     {5600.0f, 3500.0f}},
+};
 
 class FitEveryModel : public ::testing::TestWithParam<ModelCase> {};
 
 TEST_P(FitEveryModel, ArcPassesThroughBothEndpoints) {
     const ModelCase& m = GetParam();
     auto mesh = std::make_shared<const OctaMap>(6, false);
-    GeodesicLines lines(m.make(), mesh);
+    GeodesicLines lines(m.photo, mesh);
     const GeodesicLine arc = lines.FitArc(m.first, m.second);
     ASSERT_TRUE(arc.fitted);
     ASSERT_GE(arc.samples.size(), 3u);
@@ -96,30 +110,25 @@ TEST_P(FitEveryModel, ArcPassesThroughBothEndpoints) {
     const SphereDirection b = arc.samples.back().direction;
     const PointF pa = lines.ToSourcePixel(photo.ToImagePoint(a.lambda, a.phi));
     const PointF pb = lines.ToSourcePixel(photo.ToImagePoint(b.lambda, b.phi));
-    EXPECT_NEAR(pa.x, m.first.x, 0.01f);
-    EXPECT_NEAR(pa.y, m.first.y, 0.01f);
-    EXPECT_NEAR(pb.x, m.second.x, 0.01f);
-    EXPECT_NEAR(pb.y, m.second.y, 0.01f);
+    EXPECT_TRUE(Near(pa, m.first, 0.01f));
+    EXPECT_TRUE(Near(pb, m.second, 0.01f));
 
     // Every sample lies on one great circle that holds both endpoints, and
     // consecutive samples are at most the spacing apart.
+    double total = 0.0;
     for (size_t k = 0; k < arc.samples.size(); ++k) {
         EXPECT_NEAR(Dot(arc.circleNormal, PhotoFrameVector(arc.samples[k].direction)), 0.0, 2e-6)
             << k;
-        if (k > 0) {
-            EXPECT_LE(AngleBetween(arc.samples[k - 1].direction, arc.samples[k].direction),
-                      lines.SampleSpacing() * 1.001)
-                << k;
-        }
         EXPECT_TRUE(arc.samples[k].Located()) << k;
+        const double step =
+            k ? AngleBetween(arc.samples[k - 1].direction, arc.samples[k].direction) : 0.0;
+        EXPECT_LE(step, lines.SampleSpacing() * 1.001) << k;
+        total += step;
     }
-    double total = 0.0;
-    for (size_t k = 1; k < arc.samples.size(); ++k)
-        total += AngleBetween(arc.samples[k - 1].direction, arc.samples[k].direction);
     EXPECT_NEAR(total, arc.arcAngle, 1e-5);
 }
 
-INSTANTIATE_TEST_SUITE_P(Models, FitEveryModel, ::testing::ValuesIn(Models()),
+INSTANTIATE_TEST_SUITE_P(Models, FitEveryModel, ::testing::ValuesIn(kModels),
                          [](const ::testing::TestParamInfo<ModelCase>& p) { return p.param.name; });
 
 TEST(GeodesicLines, ImagePointsCountFromTheFlooredCentre) {
@@ -152,8 +161,8 @@ TEST(GeodesicLines, PanoramaLineLongerThanHalfATurnTakesTheDrawnSide) {
 }
 
 TEST(GeodesicLines, DegenerateAndUnmappableLinesDoNotFit) {
-    auto photo = std::make_shared<FisheyeImage>(Raster(6000, 4000), 1000.0f, 3000.0f, 2000.0f);
-    GeodesicLines lines(photo, std::make_shared<const OctaMap>(4, false));
+    Fisheye fish(4, false, 1000.0f);
+    GeodesicLines& lines = fish.lines;
     EXPECT_FALSE(lines.FitArc({100.0f, 100.0f}, {100.0f, 100.0f}).fitted);
     // A corner of the frame lies beyond the fisheye's image circle.
     EXPECT_FALSE(lines.FitArc({5.0f, 5.0f}, {3000.0f, 2000.0f}).fitted);
@@ -217,13 +226,9 @@ TEST(GeodesicLines, PlaneSamplesAreTheMeshVerticesInside) {
     auto photo = std::make_shared<PerspectiveImage>(Raster(4000, 3000), 2000.0f, 2000.0f, 1500.0f);
     auto mesh = std::make_shared<const OctaMap>(6, false);
     GeodesicLines lines(photo, mesh);
-    PlaneConstraint plane;
-    plane.SetId(4);
-    plane.AddVertex({1000.0f, 700.0f});
-    plane.AddVertex({3000.0f, 800.0f});
-    plane.AddVertex({2900.0f, 2300.0f});
-    plane.AddVertex({1100.0f, 2200.0f});
-    ASSERT_TRUE(lines.SetUpPlane(plane));
+    auto plane =
+        Polygon(4, {{1000.0f, 700.0f}, {3000.0f, 800.0f}, {2900.0f, 2300.0f}, {1100.0f, 2200.0f}});
+    ASSERT_TRUE(lines.SetUpPlane(*plane));
     const GeodesicPlane* p = lines.FindPlane(4);
     ASSERT_NE(p, nullptr);
     EXPECT_TRUE(p->valid);
@@ -234,7 +239,7 @@ TEST(GeodesicLines, PlaneSamplesAreTheMeshVerticesInside) {
     // quadrilateral, and its (u, v) are the gnomonic coordinates about the
     // mean direction.
     std::vector<PointF> outline;
-    for (const PlaneVertex& v : plane.Vertices())
+    for (const PlaneVertex& v : plane->Vertices())
         outline.push_back({v.x, v.y});
     for (const PlaneSample& s : p->samples) {
         const SphereDirection d = mesh->UnrotatedAngles(s.i, s.j);
@@ -261,41 +266,26 @@ TEST(GeodesicLines, PlaneSamplesAreTheMeshVerticesInside) {
 }
 
 TEST(GeodesicLines, PlaneSetUpFailures) {
-    auto photo = std::make_shared<FisheyeImage>(Raster(6000, 4000), 1000.0f, 3000.0f, 2000.0f);
-    GeodesicLines lines(photo, std::make_shared<const OctaMap>(4, false));
-    PlaneConstraint two;
-    two.SetId(1);
-    two.AddVertex({100.0f, 100.0f});
-    two.AddVertex({200.0f, 100.0f});
-    EXPECT_FALSE(lines.SetUpPlane(two));
+    Fisheye fish(4, false, 1000.0f);
+    GeodesicLines& lines = fish.lines;
+    EXPECT_FALSE(lines.SetUpPlane(*Polygon(1, {{100.0f, 100.0f}, {200.0f, 100.0f}})));
     EXPECT_FALSE(lines.FindPlane(1)->valid);
-
-    PlaneConstraint outside;  // a corner beyond the image circle
-    outside.SetId(2);
-    outside.AddVertex({3000.0f, 2000.0f});
-    outside.AddVertex({3100.0f, 2000.0f});
-    outside.AddVertex({5.0f, 5.0f});
-    EXPECT_FALSE(lines.SetUpPlane(outside));
-
-    PlaneConstraint tiny;  // valid, but too small to hold four mesh vertices
-    tiny.SetId(3);
-    tiny.AddVertex({3000.0f, 2000.0f});
-    tiny.AddVertex({3004.0f, 2000.0f});
-    tiny.AddVertex({3004.0f, 2004.0f});
-    EXPECT_TRUE(lines.SetUpPlane(tiny));
+    // A corner beyond the image circle.
+    auto outside = Polygon(2, {{3000.0f, 2000.0f}, {3100.0f, 2000.0f}, {5.0f, 5.0f}});
+    EXPECT_FALSE(lines.SetUpPlane(*outside));
+    // Valid, but too small to hold four mesh vertices.
+    auto tiny = Polygon(3, {{3000.0f, 2000.0f}, {3004.0f, 2000.0f}, {3004.0f, 2004.0f}});
+    EXPECT_TRUE(lines.SetUpPlane(*tiny));
     EXPECT_FALSE(lines.FindPlane(3)->active);
-    EXPECT_EQ(tiny.Refresh(lines), 1);
-    EXPECT_EQ(outside.Refresh(lines), 0);
+    EXPECT_EQ(tiny->Refresh(lines), 1);
+    EXPECT_EQ(outside->Refresh(lines), 0);
 }
 
 // --- Display through a warp.
 
 TEST(GeodesicLines, DisplayThroughAClosedFormWarp) {
-    auto photo = std::make_shared<FisheyeImage>(Raster(6000, 4000), 1500.0f, 3000.0f, 2000.0f);
-    auto mesh = std::make_shared<const OctaMap>(6, false);
-    GeodesicLines lines(photo, mesh);
-    lines.SetWarp(std::make_shared<StereographicClosedForm>(mesh, photo));
-
+    Fisheye fish(6, true);
+    GeodesicLines& lines = fish.lines;
     // Output plane -> display pixels: 1000 pixels per unit, y flipped.
     const DisplaySpace space{true, Affine2D::ScaleOffset(1000.0, -1000.0, 3000.0, 2000.0)};
     auto stereo = [&](SphereDirection d) {
@@ -317,17 +307,12 @@ TEST(GeodesicLines, DisplayThroughAClosedFormWarp) {
     SphereDirection d1, d2;
     ASSERT_TRUE(lines.SourceToSphere(line.First(), d1));
     ASSERT_TRUE(lines.SourceToSphere(line.Second(), d2));
-    EXPECT_NEAR(line.DisplayFirst().x, stereo(d1).x, 1.0f);
-    EXPECT_NEAR(line.DisplayFirst().y, stereo(d1).y, 1.0f);
-    EXPECT_NEAR(line.DisplaySecond().x, stereo(d2).x, 1.0f);
-    EXPECT_NEAR(line.DisplaySecond().y, stereo(d2).y, 1.0f);
+    EXPECT_TRUE(Near(line.DisplayFirst(), stereo(d1), 1.0f));
+    EXPECT_TRUE(Near(line.DisplaySecond(), stereo(d2), 1.0f));
     const GeodesicLine* entry = lines.FindLine(line.GetId());
     ASSERT_EQ(line.DisplaySamples().size(), entry->samples.size());
-    for (size_t k = 0; k < entry->samples.size(); ++k) {
-        const PointF expect = stereo(entry->samples[k].direction);
-        EXPECT_NEAR(line.DisplaySamples()[k].x, expect.x, 1.0f) << k;
-        EXPECT_NEAR(line.DisplaySamples()[k].y, expect.y, 1.0f) << k;
-    }
+    for (size_t k = 0; k < entry->samples.size(); ++k)
+        EXPECT_TRUE(Near(line.DisplaySamples()[k], stereo(entry->samples[k].direction), 1.0f)) << k;
     EXPECT_EQ(line.DisplaySamples().front(), line.DisplayFirst());
 
     // A point off the image circle keeps its previous display position.
@@ -346,17 +331,15 @@ TEST(GeodesicLines, DisplayThroughAClosedFormWarp) {
 }
 
 TEST(GeodesicLines, SampleInterpolationNeedsAValidQuad) {
-    auto photo = std::make_shared<FisheyeImage>(Raster(6000, 4000), 1500.0f, 3000.0f, 2000.0f);
-    auto mesh = std::make_shared<const OctaMap>(5, false);
-    GeodesicLines lines(photo, mesh);
-    auto warp = std::make_shared<EquirectangularClosedForm>(mesh, photo);
+    Fisheye fish(5);
+    GeodesicLines& lines = fish.lines;
+    auto warp = std::make_shared<EquirectangularClosedForm>(fish.mesh, fish.photo);
     SphereSample front{{0.1f, 0.2f}, {}};
     float x = 0.0f, y = 0.0f;
     EXPECT_FALSE(front.Interpolate(*warp, x, y));  // not located
     front.quad = *lines.Locator().Locate(front.direction);
     ASSERT_TRUE(front.Interpolate(*warp, x, y));
-    EXPECT_NEAR(x, 0.1f, 2e-3f);
-    EXPECT_NEAR(y, 0.2f, 2e-3f);
+    EXPECT_TRUE(Near({x, y}, {0.1f, 0.2f}, 2e-3f));
     // Behind the camera no corner sees the photo.
     SphereSample back{{3.0f, 0.0f}, {}};
     back.quad = *lines.Locator().Locate(back.direction);
@@ -365,47 +348,39 @@ TEST(GeodesicLines, SampleInterpolationNeedsAValidQuad) {
 }
 
 TEST(GeodesicLines, PolygonDisplayEdgesFollowTheArcs) {
-    auto photo = std::make_shared<FisheyeImage>(Raster(6000, 4000), 1500.0f, 3000.0f, 2000.0f);
-    auto mesh = std::make_shared<const OctaMap>(6, false);
-    GeodesicLines lines(photo, mesh);
-    lines.SetWarp(std::make_shared<StereographicClosedForm>(mesh, photo));
-    PlaneConstraint plane;
-    plane.SetId(11);
-    plane.AddVertex({2000.0f, 1200.0f});
-    plane.AddVertex({4000.0f, 1300.0f}, 2);
-    plane.AddVertex({3900.0f, 2800.0f}, 3);
-    ASSERT_TRUE(lines.SetUpPlane(plane));
+    Fisheye fish(6, true);
+    GeodesicLines& lines = fish.lines;
+    auto plane =
+        Polygon(11, {{2000.0f, 1200.0f}, {4000.0f, 1300.0f}, {3900.0f, 2800.0f}}, {1, 2, 3});
+    ASSERT_TRUE(lines.SetUpPlane(*plane));
     const DisplaySpace space{true, Affine2D::ScaleOffset(1000.0, -1000.0, 0.0, 0.0)};
-    plane.UpdateDisplay(lines, space);
-    ASSERT_EQ(plane.DisplayVertices().size(), 3u);
-    ASSERT_EQ(plane.DisplayEdges().size(), 3u);
+    plane->UpdateDisplay(lines, space);
+    ASSERT_EQ(plane->DisplayVertices().size(), 3u);
+    ASSERT_EQ(plane->DisplayEdges().size(), 3u);
     for (int32_t k = 0; k < 3; ++k) {
-        const auto& edge = plane.DisplayEdges()[static_cast<size_t>(k)];
+        const auto& edge = plane->DisplayEdges()[static_cast<size_t>(k)];
         ASSERT_GE(edge.size(), 2u);
         const PointF start =
-            plane.DisplayVertices()[static_cast<size_t>(PlaneConstraint::EdgeStart(k, 3))];
-        const PointF end = plane.DisplayVertices()[static_cast<size_t>(k)];
-        EXPECT_NEAR(edge.front().x, start.x, 1e-3f);
-        EXPECT_NEAR(edge.front().y, start.y, 1e-3f);
-        EXPECT_NEAR(edge.back().x, end.x, 1e-3f);
-        EXPECT_NEAR(edge.back().y, end.y, 1e-3f);
+            plane->DisplayVertices()[static_cast<size_t>(PlaneConstraint::EdgeStart(k, 3))];
+        const PointF end = plane->DisplayVertices()[static_cast<size_t>(k)];
+        EXPECT_TRUE(Near(edge.front(), start, 1e-3f)) << k;
+        EXPECT_TRUE(Near(edge.back(), end, 1e-3f)) << k;
     }
     // The centroid of the display triangle is inside it in display space.
     PointF c{0.0f, 0.0f};
-    for (const PointF& p : plane.DisplayVertices())
+    for (const PointF& p : plane->DisplayVertices())
         c.x += p.x / 3.0f, c.y += p.y / 3.0f;
-    EXPECT_TRUE(plane.HitTest(c, 0.001f, true));
-    EXPECT_EQ(plane.Refresh(lines), 1);
+    EXPECT_TRUE(plane->HitTest(c, 0.001f, true));
+    EXPECT_EQ(plane->Refresh(lines), 1);
 }
 
 TEST(GeodesicLines, DisplayBackToSource) {
-    auto photo = std::make_shared<FisheyeImage>(Raster(6000, 4000), 1500.0f, 3000.0f, 2000.0f);
-    auto mesh = std::make_shared<const OctaMap>(6, false);
-    GeodesicLines lines(photo, mesh);
+    Fisheye fish(6);
+    GeodesicLines& lines = fish.lines;
     const DisplaySpace space{true, Affine2D::ScaleOffset(800.0, -800.0, 2500.0, 1800.0)};
     PointF out;
     EXPECT_FALSE(lines.DisplayToSource({2500.0f, 1800.0f}, space, out));  // no warp yet
-    lines.SetWarp(std::make_shared<StereographicClosedForm>(mesh, photo));
+    lines.SetWarp(std::make_shared<StereographicClosedForm>(fish.mesh, fish.photo));
 
     std::mt19937 rng(3);
     std::uniform_real_distribution<float> x(1700.0f, 4300.0f), y(700.0f, 3300.0f);
@@ -414,8 +389,7 @@ TEST(GeodesicLines, DisplayBackToSource) {
         PointF display, back;
         ASSERT_TRUE(lines.SourceToDisplay(src, space, display));
         ASSERT_TRUE(lines.DisplayToSource(display, space, back)) << src.x << "," << src.y;
-        EXPECT_NEAR(back.x, src.x, 0.5f);
-        EXPECT_NEAR(back.y, src.y, 0.5f);
+        EXPECT_TRUE(Near(back, src, 0.5f));
         EXPECT_TRUE(lines.IsInValidArea(display, space));
     }
     // Far outside the warped picture.
