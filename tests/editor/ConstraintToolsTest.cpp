@@ -3,32 +3,20 @@
 // check off the pane shows the photograph itself, so a source pixel p sits
 // at pane point origin + zoom * p and the tests know where every constraint
 // is; one scenario works on the corrected preview.
-#include <gtest/gtest.h>
-
 #include <QApplication>
 #include <QCheckBox>
 #include <QLabel>
-#include <QLineEdit>
-#include <QMenu>
 #include <QMouseEvent>
 #include <QPushButton>
 #include <QToolButton>
-#include <QtTest/QTest>
 #include <array>
 #include <cmath>
-#include <fstream>
-#include <iterator>
 #include <memory>
 
-#include "../framework/QtTestApp.h"
+#include "DialogFixture.h"
 #include "constraints/ConstraintFile.h"
 #include "constraints/ConstraintSet.h"
-#include "editordriver/EditorDriver.h"
 #include "framework/CCursors.h"
-#include "framework/CImagePane.h"
-#include "framework/Widgets.h"
-#include "host/Cli.h"
-#include "host/HostTestUtil.h"
 #include "samplegen/SampleScene.h"
 
 namespace Curvana::Host::Test {
@@ -40,24 +28,15 @@ using Project::Orientation;
 using Project::PlaneConstraint;
 using Project::PointF;
 
-const fs::path kPhoto = CURVANA_SAMPLE_PHOTO;
-const fs::path kConstraints = CURVANA_SAMPLE_CONSTRAINTS;
-const fs::path kModule = CURVANA_MODULE;
-
-constexpr const char* kFileMenu = "Project/Menu/File";
-constexpr const char* kEditMenu = "Project/Menu/Edit";
-
 // ------------------------------------------------------------------ input
 
-void Mouse(QWidget& pane, QEvent::Type type, QPointF at, Qt::KeyboardModifiers modifiers = {},
-           bool held = true) {
+void Mouse(QWidget& pane, QEvent::Type type, QPointF at, Qt::KeyboardModifiers modifiers = {}) {
     const Qt::MouseButton button = type == QEvent::MouseMove ? Qt::NoButton : Qt::LeftButton;
     const Qt::MouseButtons buttons =
-        type == QEvent::MouseButtonRelease || !held ? Qt::MouseButtons() : Qt::LeftButton;
+        type == QEvent::MouseButtonRelease ? Qt::MouseButtons() : Qt::LeftButton;
     QMouseEvent event(type, at, pane.mapToGlobal(at), button, buttons, modifiers);
     QApplication::sendEvent(&pane, &event);
 }
-
 void Press(QWidget& pane, QPointF at, Qt::KeyboardModifiers m = {}) {
     Mouse(pane, QEvent::MouseButtonPress, at, m);
 }
@@ -81,26 +60,8 @@ void Drag(QWidget& pane, QPointF from, QPointF to, Qt::KeyboardModifiers m = {})
 
 // ------------------------------------------------------------------ the dialog
 
-class Tools : public ::testing::Test {
+class Tools : public DialogFixture {
 protected:
-    void SetUp() override {
-        ::test::QtApp();
-        setenv("XDG_CONFIG_HOME", (dir / "xdg").c_str(), 1);
-    }
-
-    int edit(const std::function<void(QWidget&)>& script) {
-        return RunCurvana({"edit", kPhoto.string(), "-o", (dir / "out.png").string(), "--module",
-                           kModule.string(), "-q"},
-                          [&](QWidget& dialog) {
-                              dialog.resize(1280, 820);
-                              ASSERT_TRUE(WaitForPreview(dialog));
-                              pane =
-                                  ViewAs<Velmo::CImagePane>(dialog, "Project/Dialog/PreviewPane");
-                              ASSERT_NE(pane, nullptr);
-                              script(dialog);
-                          });
-    }
-
     // The photograph itself in the pane (source pixels = picture pixels).
     static void PreviewOff(QWidget& dialog) {
         auto* check = ViewAs<QCheckBox>(dialog, "Project/Dialog/PreviewResultCheck");
@@ -112,26 +73,6 @@ protected:
     QPointF ToPane(PointF source) const { return pane->ImageToPane(QPointF(source.x, source.y)); }
     QPointF ToPane(double x, double y) const { return pane->ImageToPane(QPointF(x, y)); }
 
-    static QString UndoLabel(QWidget& dialog) {
-        QAction* undo = Command(dialog, kEditMenu, "$$$/Velmo/Tasks/Undo");
-        auto* menu = qobject_cast<QMenu*>(undo->parent());
-        Q_EMIT menu->aboutToShow();
-        const QString label = undo->text();
-        Q_EMIT menu->aboutToHide();
-        return label;
-    }
-    static void Undo(QWidget& dialog) {
-        Command(dialog, kEditMenu, "$$$/Velmo/Tasks/Undo")->trigger();
-    }
-    static void Redo(QWidget& dialog) {
-        Command(dialog, kEditMenu, "$$$/Velmo/Tasks/Redo")->trigger();
-    }
-
-    int Drawn() const {
-        pane->repaint();
-        return pane->property("constraintsDrawn").toInt();
-    }
-
     static bool ToolCurrent(QWidget& dialog, const char* id) {
         return ViewAs<QToolButton>(dialog, id)->isChecked();
     }
@@ -142,50 +83,34 @@ protected:
         auto context = std::make_unique<Project::SimpleConstraintFileContext>();
         context->width = 3000;
         context->height = 2000;
-        std::ifstream in(kConstraints, std::ios::binary);
-        const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in), {}};
         context->make = SampleGen::kSampleMake;
         context->model = SampleGen::kSampleModel;
         context->lens = SampleGen::sampleLensName(SampleGen::Lens::Equisolid);
-        // The photograph's settings as its own file carries them.
         Project::ConstraintSet scratch;
-        EXPECT_TRUE(Project::readConstraintData(scratch, *context, bytes)) << scratch.Message();
+        EXPECT_TRUE(Project::readConstraintData(scratch, *context, BytesOf(kConstraints)))
+            << scratch.Message();
         return context;
     }
 
     // The dialog's constraints, saved through the File menu and read back.
     std::unique_ptr<Project::ConstraintSet> Saved(QWidget& dialog) {
         const fs::path file = dir / ("saved-" + std::to_string(++saves) + ".cvc");
-        {
-            ModalAnswers answers;
-            answers.ChooseFile(file);
-            Command(dialog, kFileMenu, "$$$/Curvana/FileMenu/SaveConstraints")->trigger();
-            EXPECT_EQ(answers.Pending(), 0u);
-        }
+        SaveConstraints(dialog, file);
         auto set = std::make_unique<Project::ConstraintSet>();
-        auto context = SampleContext();
-        std::ifstream in(file, std::ios::binary);
-        const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in), {}};
-        EXPECT_TRUE(Project::readConstraintData(*set, *context, bytes)) << set->Message();
+        EXPECT_TRUE(Project::readConstraintData(*set, *SampleContext(), BytesOf(file)))
+            << set->Message();
         return set;
     }
 
     // Writes `lines` as a constraint file for the photograph and loads it.
     void LoadLines(QWidget& dialog, std::vector<std::unique_ptr<LineConstraint>> lines) {
-        auto context = SampleContext();
         Project::ConstraintSet set;
         for (auto& line : lines)
             set.Add(std::move(line));
-        const fs::path file = dir / "lines.cvc";
-        ASSERT_TRUE(Project::saveConstraintFile(set, *context, dir.path(), "lines.cvc"));
-        ModalAnswers answers;
-        answers.ChooseFile(file);
-        Command(dialog, kFileMenu, "$$$/Curvana/FileMenu/LoadConstraints")->trigger();
-        EXPECT_EQ(answers.Pending(), 0u);
+        ASSERT_TRUE(Project::saveConstraintFile(set, *SampleContext(), dir.path(), "lines.cvc"));
+        EXPECT_EQ(LoadConstraints(dialog, dir / "lines.cvc"), "");
     }
 
-    ScratchDir dir;
-    Velmo::CImagePane* pane = nullptr;
     int saves = 0;
 };
 
@@ -209,7 +134,7 @@ TEST_F(Tools, DrawingALineNeedsADragBeyondSixPixelsAndShiftSnapsAt45Degrees) {
         {{-60, 240}, Qt::ShiftModifier, true, Orientation::Vertical},
         {{150, 30}, {}, true, Orientation::Unfixed},
     };
-    edit([&](QWidget& dialog) {
+    Edit([&](QWidget& dialog) {
         PreviewOff(dialog);
         EXPECT_TRUE(ToolCurrent(dialog, "Project/Tool/ManageConstraint"));
         const QRectF image = pane->ImageRect();
@@ -257,36 +182,6 @@ TEST_F(Tools, DrawingALineNeedsADragBeyondSixPixelsAndShiftSnapsAt45Degrees) {
     });
 }
 
-// Hit tests take 3 screen pixels: 1.5 picture pixels at zoom 2, 6 at zoom
-// 0.5. Alt-click deletes what it hits; the deletion undoes and redoes.
-TEST_F(Tools, HitToleranceIsThreeScreenPixelsAtEveryZoomAndAltClickDeletes) {
-    edit([&](QWidget& dialog) {
-        PreviewOff(dialog);
-        const QPointF centre(pane->width() / 2.0, pane->height() / 2.0);
-        Drag(*pane, centre, centre + QPointF(120, 40));
-        ASSERT_EQ(Drawn(), 1);
-        const QPointF end = pane->PaneToImage(centre);
-        for (const double zoom : {2.0, 0.5}) {
-            SCOPED_TRACE(zoom);
-            pane->SetZoom(zoom, centre);
-            const QPointF at = pane->ImageToPane(end);
-            // 3.5 screen pixels off: nothing is hit; the click adds nothing.
-            Click(*pane, at + QPointF(3.5, 0), Qt::AltModifier);
-            Click(*pane, at + QPointF(-3.5, 3.5), Qt::AltModifier);
-            EXPECT_EQ(Drawn(), 1);
-            // 2.5 off in both directions: the end is hit and deleted.
-            Click(*pane, at + QPointF(2.5, -2.5), Qt::AltModifier);
-            EXPECT_EQ(Drawn(), 0);
-            EXPECT_EQ(UndoLabel(dialog), "Undo Delete Constraint");
-            Undo(dialog);
-            EXPECT_EQ(Drawn(), 1);
-            Redo(dialog);
-            EXPECT_EQ(Drawn(), 0);
-            Undo(dialog);
-        }
-    });
-}
-
 // Rotating a line fixed at an angle: with Shift the angle snaps to 15
 // degrees (0 and -180 shown as 0 and 180); without it the angle wraps past
 // 180 to -180. The angle window shows it; the release is one undoable step.
@@ -297,7 +192,7 @@ TEST_F(Tools, RotationSnapsToFifteenDegreesAndWrapsPast180) {
     };
     const Case cases[] = {{7.4f, 0.0},      {7.5f, 15.0}, {22.4f, 15.0},  {22.5f, 30.0},
                           {-176.0f, 180.0}, {-3.0f, 0.0}, {170.0f, 165.0}};
-    edit([&](QWidget& dialog) {
+    Edit([&](QWidget& dialog) {
         std::vector<std::unique_ptr<LineConstraint>> lines;
         for (size_t k = 0; k < std::size(cases); ++k) {
             const float y = 300.0f + 220.0f * static_cast<float>(k);
@@ -365,7 +260,7 @@ TEST_F(Tools, RotationSnapsToFifteenDegreesAndWrapsPast180) {
 // the first point of three or more closes it. Alt-click on a polygon with
 // the Constraint tool hands over to the polygon tool, which deletes it.
 TEST_F(Tools, PolygonPointsCloseAndIgnoreRulesAndAltClickHandsOver) {
-    edit([&](QWidget& dialog) {
+    Edit([&](QWidget& dialog) {
         PreviewOff(dialog);
         QTest::keyClick(pane, Qt::Key_Y);
         ASSERT_TRUE(ToolCurrent(dialog, "Project/Tool/PlaneTool"));
@@ -428,10 +323,10 @@ TEST_F(Tools, PolygonPointsCloseAndIgnoreRulesAndAltClickHandsOver) {
         ASSERT_NE(edges, nullptr);
         ASSERT_EQ(edges->VertexCount(), 4);
         // Edge k ends at corner k; edge 0 closes the polygon.
-        EXPECT_EQ(edges->GetEdgeCode(0), static_cast<int32_t>(Orientation::Vertical));
-        EXPECT_EQ(edges->GetEdgeCode(1), static_cast<int32_t>(Orientation::Horizontal));
-        EXPECT_EQ(edges->GetEdgeCode(2), static_cast<int32_t>(Orientation::Vertical));
-        EXPECT_EQ(edges->GetEdgeCode(3), static_cast<int32_t>(Orientation::Unfixed));
+        const Orientation codes[] = {Orientation::Vertical, Orientation::Horizontal,
+                                     Orientation::Vertical, Orientation::Unfixed};
+        for (int32_t k = 0; k < 4; ++k)
+            EXPECT_EQ(edges->GetEdgeCode(k), static_cast<int32_t>(codes[k])) << k;
     });
 }
 
@@ -439,8 +334,8 @@ TEST_F(Tools, PolygonPointsCloseAndIgnoreRulesAndAltClickHandsOver) {
 // drag is one undoable step. Shift over a line springs to the orientation
 // tool: a click marks an unfixed line Horizontal or Vertical by its angle and
 // a marked one Unfixed, one undoable step each.
-TEST_F(Tools, EndpointDragsMoveInStepsAndShiftClickTogglesTheOrientation) {
-    edit([&](QWidget& dialog) {
+TEST_F(Tools, EndpointDragsShiftClicksAndAltClicksWithinThreeScreenPixels) {
+    Edit([&](QWidget& dialog) {
         PreviewOff(dialog);
         const QPointF a(pane->width() / 2.0 - 150, pane->height() / 2.0 - 100);
         const QPointF b = a + QPointF(40, 160);  // steep: Vertical
@@ -478,6 +373,28 @@ TEST_F(Tools, EndpointDragsMoveInStepsAndShiftClickTogglesTheOrientation) {
         EXPECT_EQ(line()->GetOrientation(), Orientation::Vertical);
         Redo(dialog);
         EXPECT_EQ(line()->GetOrientation(), Orientation::Unfixed);
+
+        // Hit tests take 3 screen pixels: 1.5 picture pixels at zoom 2, 6 at
+        // zoom 0.5. Alt-click deletes what it hits, one undoable step.
+        const QPointF end = pane->PaneToImage(a);
+        for (const double zoom : {2.0, 0.5}) {
+            SCOPED_TRACE(zoom);
+            pane->SetZoom(zoom, a);
+            const QPointF at = pane->ImageToPane(end);
+            // 3.5 screen pixels off: nothing is hit; the click adds nothing.
+            Click(*pane, at + QPointF(3.5, 0), Qt::AltModifier);
+            Click(*pane, at + QPointF(-3.5, 3.5), Qt::AltModifier);
+            EXPECT_EQ(Drawn(), 1);
+            // 2.5 off in both directions: the end is hit and deleted.
+            Click(*pane, at + QPointF(2.5, -2.5), Qt::AltModifier);
+            EXPECT_EQ(Drawn(), 0);
+            EXPECT_EQ(UndoLabel(dialog), "Undo Delete Constraint");
+            Undo(dialog);
+            EXPECT_EQ(Drawn(), 1);
+            Redo(dialog);
+            EXPECT_EQ(Drawn(), 0);
+            Undo(dialog);
+        }
     });
 }
 
@@ -504,7 +421,7 @@ TEST_F(Tools, TheMiddleHandleCalibratesTheFocalLength) {
             best = bow, a = p, b = q, m = r;
     }
     ASSERT_GT(best, 20.0);
-    edit([&](QWidget& dialog) {
+    Edit([&](QWidget& dialog) {
         PreviewOff(dialog);
         auto* focal = ViewAs<Velmo::CSlider>(dialog, "Project/Dialog/FocalLengthSlider");
         ASSERT_NE(focal, nullptr);
@@ -545,7 +462,7 @@ TEST_F(Tools, TheMiddleHandleCalibratesTheFocalLength) {
 // On the corrected preview: a line drawn with Shift is fitted, the warp is
 // solved again without blocking the pane, and undo brings the picture back.
 TEST_F(Tools, ALineDrawnOnTheCorrectedPreviewIsSolvedAndUndone) {
-    edit([&](QWidget& dialog) {
+    Edit([&](QWidget& dialog) {
         ASSERT_TRUE(ViewAs<QCheckBox>(dialog, "Project/Dialog/PreviewResultCheck")->isChecked());
         const QImage before = GrabPreview(dialog);
         const QPointF c(pane->width() / 2.0, pane->height() / 2.0);
@@ -611,32 +528,46 @@ TEST_F(Tools, ALineDrawnOnTheCorrectedPreviewIsSolvedAndUndone) {
 
 // ------------------------------------------------------------------ end to end
 
-// A straight strip of the output: per-row (or per-column) centres of its
-// pixels fitted by a line; the largest distance from the line and the
-// line's angle from the axis it should follow.
-struct StripFit {
-    int samples = 0;
-    double maxResidual = 0;
-    double degreesFromAxis = 0;
-};
+using Rgb = std::array<int, 3>;
 
-StripFit FitStrip(const std::vector<std::pair<double, double>>& along) {
-    // x = a t + b over the samples (t along the strip, x across).
-    StripFit fit;
-    fit.samples = static_cast<int>(along.size());
-    if (along.size() < 2)
-        return fit;
-    double st = 0, sx = 0, stt = 0, stx = 0;
-    for (const auto& [t, x] : along) {
-        st += t, sx += x, stt += t * t, stx += t * x;
+// A coloured strip of the picture, running along y (`alongY`) or x: for each
+// line across it, the mean position of the pixels in `across` that
+// `colour` accepts (3 at least), fitted by a line. The fit must stay within
+// 1.5 pixels and 0.2 degrees of the axis, leaving out one in `trim` lines
+// at each end. The strip's mean position across.
+double ExpectStraightStrip(const char* name, const Raster& picture, bool alongY,
+                           std::pair<int32_t, int32_t> along, std::pair<int32_t, int32_t> across,
+                           const std::function<bool(Rgb)>& colour, size_t trim = 0) {
+    SCOPED_TRACE(name);
+    const size_t px = picture.pixelBytes();
+    std::vector<std::pair<double, double>> centres;  // (along, across)
+    for (int32_t t = along.first; t < along.second; ++t) {
+        double sum = 0;
+        int n = 0;
+        for (int32_t u = across.first; u < across.second; ++u) {
+            const uint8_t* p =
+                picture.row(alongY ? t : u) + px * static_cast<size_t>(alongY ? u : t);
+            if (colour(Rgb{p[0], p[1], p[2]}))
+                sum += u, ++n;
+        }
+        if (n >= 3)
+            centres.emplace_back(t, sum / n);
     }
-    const double n = static_cast<double>(along.size());
-    const double a = (n * stx - st * sx) / (n * stt - st * st);
-    const double b = (sx - a * st) / n;
-    for (const auto& [t, x] : along)
-        fit.maxResidual = std::max(fit.maxResidual, std::abs(x - (a * t + b)));
-    fit.degreesFromAxis = std::atan(std::abs(a)) * 180.0 / M_PI;
-    return fit;
+    EXPECT_GT(centres.size(), 300u);
+    const auto cut = static_cast<ptrdiff_t>(trim ? centres.size() / trim : 0);
+    centres = {centres.begin() + cut, centres.end() - cut};
+    // x = a t + b over the samples (t along the strip, x across).
+    double st = 0, sx = 0, stt = 0, stx = 0;
+    for (const auto& [t, x] : centres)
+        st += t, sx += x, stt += t * t, stx += t * x;
+    const double n = static_cast<double>(centres.size());
+    const double a = (n * stx - st * sx) / (n * stt - st * st), b = (sx - a * st) / n;
+    double worst = 0;
+    for (const auto& [t, x] : centres)
+        worst = std::max(worst, std::abs(x - (a * t + b)));
+    EXPECT_LE(worst, 1.5);
+    EXPECT_LE(std::atan(std::abs(a)) * 180.0 / M_PI, 0.2);
+    return sx / n;
 }
 
 // Drawn through the tools on the demo photograph, the room's upright and
@@ -666,7 +597,7 @@ TEST_F(Tools, EdgesDrawnWithTheToolsComeOutStraightAndUpright) {
     }
     ASSERT_GE(edges.size(), 8u);
 
-    const int code = edit([&](QWidget& dialog) {
+    const int code = Edit([&](QWidget& dialog) {
         PreviewOff(dialog);
         // The hand key makes every press start a line, also on the end
         // of one drawn before (edges meet at the room's corners); Shift
@@ -687,67 +618,22 @@ TEST_F(Tools, EdgesDrawnWithTheToolsComeOutStraightAndUpright) {
     const Raster picture = readWhole(dir / "out.png");
     const int32_t w = picture.info.width, h = picture.info.height;
     ASSERT_EQ(w, 3000);
-    const size_t px = picture.pixelBytes();
-    ASSERT_GE(px, 3u);
-    using Rgb = std::array<int, 3>;
-    const auto rgb = [&](int32_t x, int32_t y) {
-        const uint8_t* p = picture.row(y) + px * static_cast<size_t>(x);
-        return Rgb{p[0], p[1], p[2]};
-    };
+    ASSERT_GE(picture.pixelBytes(), 3u);
     const auto red = [](Rgb c) { return c[0] > 130 && c[1] < 80 && c[2] < 80; };
     const auto blue = [](Rgb c) { return c[2] > 130 && c[0] < 80 && c[1] < 110; };
     const auto yellow = [](Rgb c) { return c[0] > 150 && c[1] > 110 && c[2] < 70; };
 
-    // The room's upright corners: the red strips, column by column runs
-    // found row by row (the two front corners, left and right half).
-    std::vector<double> cornerX;
-    for (const bool right : {false, true}) {
-        SCOPED_TRACE(right ? "right corner" : "left corner");
-        std::vector<std::pair<double, double>> centres;
-        for (int32_t y = 0; y < h; ++y) {
-            double sum = 0;
-            int n = 0;
-            for (int32_t x = right ? w / 2 : 0; x < (right ? w : w / 2); ++x)
-                if (red(rgb(x, y)))
-                    sum += x, ++n;
-            if (n >= 3)
-                centres.emplace_back(y, sum / n);
-        }
-        ASSERT_GT(centres.size(), 300u);
-        // The ends meet floor and ceiling: left out.
-        const size_t trim = centres.size() / 20;
-        const std::vector<std::pair<double, double>> middle(
-            centres.begin() + static_cast<ptrdiff_t>(trim),
-            centres.end() - static_cast<ptrdiff_t>(trim));
-        const StripFit fit = FitStrip(middle);
-        EXPECT_LE(fit.maxResidual, 1.5);
-        EXPECT_LE(fit.degreesFromAxis, 0.2);
-        double mean = 0;
-        for (const auto& c : middle)
-            mean += c.second;
-        cornerX.push_back(mean / static_cast<double>(middle.size()));
-    }
-    ASSERT_LT(cornerX[0] + 200, cornerX[1]);
-
-    // The front wall's floor and ceiling edges, between the two corners.
-    for (const bool floor : {true, false}) {
-        SCOPED_TRACE(floor ? "floor edge" : "ceiling edge");
-        std::vector<std::pair<double, double>> centres;
-        for (auto x = static_cast<int32_t>(cornerX[0]) + 40;
-             x < static_cast<int32_t>(cornerX[1]) - 40; ++x) {
-            double sum = 0;
-            int n = 0;
-            for (int32_t y = floor ? h / 2 : 0; y < (floor ? h : h / 2); ++y)
-                if (floor ? blue(rgb(x, y)) : yellow(rgb(x, y)))
-                    sum += y, ++n;
-            if (n >= 3)
-                centres.emplace_back(x, sum / n);
-        }
-        ASSERT_GT(centres.size(), 300u);
-        const StripFit fit = FitStrip(centres);
-        EXPECT_LE(fit.maxResidual, 1.5);
-        EXPECT_LE(fit.degreesFromAxis, 0.2);
-    }
+    // The room's upright corners, the red strips in the left and right half
+    // (their ends meet floor and ceiling: left out); between them, the
+    // front wall's floor and ceiling edges.
+    const double left =
+        ExpectStraightStrip("left corner", picture, true, {0, h}, {0, w / 2}, red, 20);
+    const double right =
+        ExpectStraightStrip("right corner", picture, true, {0, h}, {w / 2, w}, red, 20);
+    ASSERT_LT(left + 200, right);
+    const std::pair wall{static_cast<int32_t>(left) + 40, static_cast<int32_t>(right) - 40};
+    ExpectStraightStrip("floor edge", picture, false, wall, {h / 2, h}, blue);
+    ExpectStraightStrip("ceiling edge", picture, false, wall, {0, h / 2}, yellow);
 }
 
 }  // namespace
