@@ -37,9 +37,19 @@ struct Scenario {
     std::function<void()> inSolve;
 };
 
-class FakeHub : public PImageHub {
+// Each fake records into the scenario of its test.
+template <class Interface>
+class Fake : public Interface {
 public:
-    explicit FakeHub(Scenario& s) : s_(s) {}
+    explicit Fake(Scenario& scenario) : s_(scenario) {}
+
+protected:
+    Scenario& s_;
+};
+
+class FakeHub : public Fake<PImageHub> {
+public:
+    using Fake::Fake;
     void AttachHost(const HostImageContext& context) override {
         host_ = context.host;
         s_.calls.push_back("attach");
@@ -51,13 +61,12 @@ public:
     }
 
 private:
-    Scenario& s_;
     HostRecord host_;
 };
 
-class FakePipeline : public PWarpPipeline {
+class FakePipeline : public Fake<PWarpPipeline> {
 public:
-    explicit FakePipeline(Scenario& s) : s_(s) {}
+    using Fake::Fake;
     void RebuildSolver(PFilter&) override { s_.calls.push_back("rebuild"); }
     void Solve(PFilter&) override {
         s_.calls.push_back("solve");
@@ -67,14 +76,11 @@ public:
     std::shared_ptr<const SphereWarp> SolvedWarp() const override { return nullptr; }
     std::shared_ptr<const PhotoToSphere> Photo() const override { return nullptr; }
     std::shared_ptr<const OctaMap> Mesh() const override { return nullptr; }
-
-private:
-    Scenario& s_;
 };
 
-class FakeEditor : public PEditor {
+class FakeEditor : public Fake<PEditor> {
 public:
-    explicit FakeEditor(Scenario& s) : s_(s) {}
+    using Fake::Fake;
     Result Run(PFilter& filter, const char* layout, DialogPlacement&) override {
         s_.calls.push_back(std::string("editor ") + layout);
         if (s_.inEditor)
@@ -82,14 +88,11 @@ public:
         return s_.editorResult;
     }
     void RefreshProjection() override { ++s_.refreshes; }
-
-private:
-    Scenario& s_;
 };
 
-class FakeLookup : public LensProfileLookup {
+class FakeLookup : public Fake<LensProfileLookup> {
 public:
-    explicit FakeLookup(Scenario& s) : s_(s) {}
+    using Fake::Fake;
     LensProfileLookupResult Find(const CameraMetadata&, uint32_t, uint32_t) const override {
         s_.calls.push_back("lookup");
         if (!s_.profileFound)
@@ -99,26 +102,20 @@ public:
         p.cameraModel = s_.profileModel;
         return {p, {}};
     }
-
-private:
-    Scenario& s_;
 };
 
-class FakeConstraints : public PConstraintData {
+class FakeConstraints : public Fake<PConstraintData> {
 public:
-    explicit FakeConstraints(Scenario& s) : s_(s) {}
+    using Fake::Fake;
     bool Parse(const uint8_t*, size_t, PSettings&) override { return true; }
     size_t SerializedSize() const override { return 0; }
     void Serialize(uint8_t*) const override {}
     void FocalLengthChanged() override { ++s_.focalChanges; }
-
-private:
-    Scenario& s_;
 };
 
-class FakeComponents : public PFilterComponents {
+class FakeComponents : public Fake<PFilterComponents> {
 public:
-    explicit FakeComponents(Scenario& s) : s_(s) {}
+    using Fake::Fake;
     std::unique_ptr<PImageHub> CreateImageHub() override { return std::make_unique<FakeHub>(s_); }
     std::unique_ptr<PWarpPipeline> CreateWarpPipeline() override {
         return std::make_unique<FakePipeline>(s_);
@@ -133,9 +130,6 @@ public:
     std::unique_ptr<PConstraintData> CreateConstraintData(PFilter&) override {
         return std::make_unique<FakeConstraints>(s_);
     }
-
-private:
-    Scenario& s_;
 };
 
 class PFilterTest : public ::testing::Test {
@@ -162,10 +156,6 @@ protected:
         EXPECT_EQ(Invoke(true), cvNoErr);
     }
 
-    bool PrefsSaved() const {
-        return std::filesystem::exists(test::PreferencesFileUnder(prefsBase.Path()));
-    }
-
     static std::string Packet(const std::string& attributes) {
         return std::string(
                    "<rdf:RDF xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\">"
@@ -187,32 +177,35 @@ TEST_F(PFilterTest, RepeatRebuildsSolvesRendersAndWritesParameters) {
     EXPECT_TRUE(filter.applied());
     ASSERT_TRUE(host.result);
     EXPECT_EQ(host.result->GetEnumerated(FourCC("prjM"))->value, FourCC("fisP"));
-    EXPECT_TRUE(PrefsSaved());
+    EXPECT_TRUE(std::filesystem::exists(test::PreferencesFileUnder(prefsBase.Path())));
 }
 
-TEST_F(PFilterTest, EditorOkWritesParametersWithoutRenderingItself) {
-    scenario.editorResult = PEditor::Result::Ok;
-    PEditor* during = nullptr;
-    InEditor([&](PFilter& f) { during = f.dialog(); });
-    EXPECT_NE(during, nullptr);
-    EXPECT_EQ(filter.dialog(), nullptr);
-    EXPECT_EQ(scenario.calls,
-              (std::vector<std::string>{"attach", "lookup", "rebuild", "editor PDialog.zel"}));
-    EXPECT_FALSE(filter.applied());
-    EXPECT_EQ(host.resultDescriptors, 1);
-    EXPECT_TRUE(PrefsSaved());
-}
-
-TEST_F(PFilterTest, EditorCancelWritesNothingButSavesTheLiveSettings) {
-    InEditor([](PFilter& f) {
-        f.settings().loupeSize = 222;
-        f.settings().projectionModel = ProjectionModel::Perspective;
-    });
-    EXPECT_EQ(host.resultDescriptors, 0);
-    PPreferences saved;
-    ASSERT_TRUE(LoadPreferencesFile(test::PreferencesFileUnder(prefsBase.Path()), saved));
-    EXPECT_EQ(saved.settings.loupeSize, 222);
-    EXPECT_EQ(saved.settings.projectionModel, ProjectionModel::Perspective);
+// OK hands the parameters back without rendering (the host renders);
+// Cancel writes none; both save the live settings.
+TEST_F(PFilterTest, TheEditorsOkWritesParametersWithoutRenderingAndCancelWritesNone) {
+    for (const auto result : {PEditor::Result::Ok, PEditor::Result::Cancel}) {
+        const bool ok = result == PEditor::Result::Ok;
+        scenario.calls.clear();
+        scenario.editorResult = result;
+        PEditor* during = nullptr;
+        InEditor([&](PFilter& f) {
+            during = f.dialog();
+            f.settings().loupeSize = ok ? 111 : 222;
+            f.settings().projectionModel = ProjectionModel::Perspective;
+        });
+        EXPECT_NE(during, nullptr);
+        EXPECT_EQ(filter.dialog(), nullptr);
+        if (ok) {
+            EXPECT_EQ(scenario.calls, (std::vector<std::string>{"attach", "lookup", "rebuild",
+                                                                "editor PDialog.zel"}));
+        }
+        EXPECT_FALSE(filter.applied());
+        EXPECT_EQ(host.resultDescriptors, 1) << ok;  // OK's, not Cancel's
+        PPreferences saved;
+        ASSERT_TRUE(LoadPreferencesFile(test::PreferencesFileUnder(prefsBase.Path()), saved));
+        EXPECT_EQ(saved.settings.loupeSize, ok ? 111 : 222);
+        EXPECT_EQ(saved.settings.projectionModel, ProjectionModel::Perspective);
+    }
 }
 
 TEST_F(PFilterTest, DescriptorWithParametersSelectorOpensTheEditor) {
@@ -456,7 +449,7 @@ std::unique_ptr<PFilterComponents> MakeFakes() {
     return std::make_unique<FakeComponents>(*gScenario);
 }
 
-TEST(HandleEntry, ExceptionsBecomeErrorResultsAndTheInvocationIsCleanedUp) {
+TEST(HandleEntry, RefusesMissingArgumentsAndTurnsExceptionsIntoErrorResults) {
     Scenario scenario;
     gScenario = &scenario;
     FakeHost host;
@@ -467,6 +460,14 @@ TEST(HandleEntry, ExceptionsBecomeErrorResultsAndTheInvocationIsCleanedUp) {
         HandleEntry(selector, host.Record(), &data, &result, &MakeFakes);
         return result;
     };
+    // Missing arguments are refused without an instance.
+    HandleEntry(cvSelectorStart, host.Record(), nullptr, &result, &MakeFakes);
+    EXPECT_EQ(result, cvErrParam);
+    HandleEntry(cvSelectorStart, host.Record(), &data, &result, nullptr);
+    EXPECT_EQ(result, cvErrParam);
+    EXPECT_EQ(data, 0);
+    EXPECT_TRUE(scenario.calls.empty());
+
     host.input = std::make_unique<ActionDescriptor>();
     host.input->Put(FourCC("prjM"), ActionDescriptor::Enumerated{FourCC("prjM"), FourCC("autP")});
 
@@ -486,21 +487,6 @@ TEST(HandleEntry, ExceptionsBecomeErrorResultsAndTheInvocationIsCleanedUp) {
     EXPECT_EQ(call(cvSelectorUnload), cvNoErr);
     EXPECT_EQ(data, 0);
     EXPECT_EQ(host.suitesReleased[CV_BUFFER_SUITE_NAME], 1);
-    gScenario = nullptr;
-}
-
-TEST(HandleEntry, MissingArgumentsAreRefusedWithoutAnInstance) {
-    Scenario scenario;
-    gScenario = &scenario;
-    FakeHost host;
-    intptr_t data = 0;
-    int16_t result = 0;
-    HandleEntry(cvSelectorStart, host.Record(), nullptr, &result, &MakeFakes);
-    EXPECT_EQ(result, cvErrParam);
-    HandleEntry(cvSelectorStart, host.Record(), &data, &result, nullptr);
-    EXPECT_EQ(result, cvErrParam);
-    EXPECT_EQ(data, 0);
-    EXPECT_TRUE(scenario.calls.empty());
     gScenario = nullptr;
 }
 

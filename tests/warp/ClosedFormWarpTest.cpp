@@ -46,8 +46,7 @@ TEST(ClosedFormWarp, DomainEdges) {
     const MercatorClosedForm mercator(mesh, photo);
     const PaniniProjection panini(mesh, photo);
     const EquirectangularClosedForm equirect(mesh, photo);
-    float x = 0.0f;
-    float y = 0.0f;
+    float x = 0.0f, y = 0.0f;
     for (int32_t j = 0; j < n; ++j) {
         for (int32_t i = 0; i < n; ++i) {
             const std::string at = std::to_string(i) + "," + std::to_string(j);
@@ -162,9 +161,8 @@ TEST_P(ClosedFormFormula, AgreesWithTheDirectionFormulaAtRandomDirections) {
         for (int sample = 0; sample < 500; ++sample) {
             const int32_t i = index(rng);
             const int32_t j = index(rng);
-            if (!warp->InDomain(i, j)) {
+            if (!warp->InDomain(i, j))
                 continue;
-            }
             const MeshVector& s = mesh->StoredDirection(i, j);
             std::array<double, 3> d{};
             for (int row = 0; row < 3; ++row) {
@@ -197,22 +195,19 @@ TEST_P(ClosedFormFormula, AgreesWithTheDirectionFormulaAtRandomDirections) {
                 const auto there = fc.reference(e[0], e[1], e[2]);
                 for (int a = 0; a < 2; ++a) {
                     double diff = there[a] - ref[a];
-                    if (a == 0 && fc.angularX) {
+                    if (a == 0 && fc.angularX)
                         diff = std::remainder(diff, 2.0 * std::numbers::pi);
-                    }
                     sensitivity = std::max(sensitivity, std::fabs(diff));
                 }
             }
             if (!(sensitivity < 1e-2)) {
                 continue;  // at a singular point (far point, pole, seam)
             }
-            float x = 0.0f;
-            float y = 0.0f;
+            float x = 0.0f, y = 0.0f;
             warp->GetVertexPosition(i, j, x, y);
             double dx = x - ref[0];
-            if (fc.angularX) {
+            if (fc.angularX)
                 dx = std::remainder(dx, 2.0 * std::numbers::pi);
-            }
             const double dy = y - ref[1];
             auto tolerance = [&](double value) {
                 return 4.0 * sensitivity + 1e-6 * (1.0 + std::fabs(value)) +
@@ -258,8 +253,7 @@ TEST(ClosedFormWarp, ValidityFollowsThePhotoInItsOwnFrame) {
             EXPECT_EQ(photo->calls[0].lambda, a.lambda);  // longitude first
             EXPECT_EQ(photo->calls[0].phi, a.phi);
             before.push_back(warp->IsVertexValid(i, j));
-            float x = 0.0f;
-            float y = 0.0f;
+            float x = 0.0f, y = 0.0f;
             warp->GetVertexPosition(i, j, x, y);
             positionsBefore.push_back({x, y});
         }
@@ -271,16 +265,14 @@ TEST(ClosedFormWarp, ValidityFollowsThePhotoInItsOwnFrame) {
     for (int32_t j = 0; j < n; ++j) {
         for (int32_t i = 0; i < n; ++i) {
             EXPECT_EQ(warp->IsVertexValid(i, j), before[mesh->Index(i, j)]);
-            float x = 0.0f;
-            float y = 0.0f;
+            float x = 0.0f, y = 0.0f;
             warp->GetVertexPosition(i, j, x, y);
             const auto& p = positionsBefore[mesh->Index(i, j)];
             EXPECT_NEAR(x, -p[1], 1e-6f);
             EXPECT_NEAR(y, p[0], 1e-6f);
         }
     }
-    float x = 0.0f;
-    float y = 0.0f;
+    float x = 0.0f, y = 0.0f;
     warp->GetVertexPosition(c + 4, c, x, y);
     EXPECT_GT(std::fabs(y), 0.1f) << "the output did not turn";
 }
