@@ -48,6 +48,18 @@ struct FisheyeScene {
     }
 };
 
+// A renderer for `config` drawing `mesh`.
+std::unique_ptr<PResult> Renderer(const std::shared_ptr<Gpu::GpuDevice>& device,
+                                  const PResult::Config& config,
+                                  std::shared_ptr<const RenderMesh> mesh) {
+    auto made = PResult::Create(device, config);
+    EXPECT_TRUE(made) << (made ? "" : made.error().message);
+    if (!made)
+        return nullptr;
+    made.value()->SetMesh(std::move(mesh));
+    return std::move(made.value());
+}
+
 struct Rendered {
     MemoryImage image;
     std::shared_ptr<const RenderPlan> plan;
@@ -59,14 +71,11 @@ Rendered RenderWithPResult(const std::shared_ptr<Gpu::GpuDevice>& device, Memory
                            std::shared_ptr<const RenderMesh> mesh, ViewFraming framing = {},
                            RenderOptions options = {}) {
     options.framing = framing;
-    PResult::Config config{source.Width(), source.Height(), source.Format(), options};
-    auto result = PResult::Create(device, config);
-    EXPECT_TRUE(result) << (result ? "" : result.error().message);
-    if (!result) {
+    const auto made = Renderer(device, {source.Width(), source.Height(), source.Format(), options},
+                               std::move(mesh));
+    if (!made)
         return {};
-    }
-    PResult& renderer = *result.value();
-    renderer.SetMesh(std::move(mesh));
+    PResult& renderer = *made;
     Rendered out{MemoryImage(source.Width(), source.Height(), source.Format()),
                  renderer.Plan(),
                  {},
@@ -92,12 +101,17 @@ void ExpectMatchesReference(const Rendered& rendered, const MemoryImage& source,
     testing::Test::RecordProperty("maxDifference", std::to_string(comparison.maxDifference));
 }
 
+// Every test renders on the lavapipe device.
+class OnLavapipe : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(device); }
+    std::shared_ptr<Gpu::GpuDevice> device = MakeTestDevice();
+};
+
 // Every image mode through the same fisheye scene.
-class PResultGolden : public ::testing::TestWithParam<PixelFormat> {};
+class PResultGolden : public OnLavapipe, public ::testing::WithParamInterface<PixelFormat> {};
 
 TEST_P(PResultGolden, FisheyeThroughStereographicMatchesTheReference) {
-    auto device = MakeTestDevice();
-    ASSERT_TRUE(device);
     FisheyeScene scene(320, 240);
     MemoryImage source = SyntheticImage(320, 240, GetParam(), 7);
     const Rendered rendered = RenderWithPResult(device, source, scene.Mesh());
@@ -115,9 +129,7 @@ INSTANTIATE_TEST_SUITE_P(Modes, PResultGolden,
                                     std::to_string(p.param.depth);
                          });
 
-TEST(PResultGoldenTiles, TwoTileColumnsAt1025By1024) {
-    auto device = MakeTestDevice();
-    ASSERT_TRUE(device);
+TEST_F(OnLavapipe, TwoTileColumnsAt1025By1024) {
     FisheyeScene scene(1025, 1024, 5);
     MemoryImage source = SyntheticImage(1025, 1024, {1, 8}, 5);
     // Scale 200: the picture fills the frame, so both columns are covered.
@@ -132,9 +144,7 @@ TEST(PResultGoldenTiles, TwoTileColumnsAt1025By1024) {
 
 // Identity warp, scale 100: every output pixel samples its own texel centre,
 // so the values come back exactly (including the 16-bit round trip).
-TEST(PResult, IdentityWarpReproducesTheSource) {
-    auto device = MakeTestDevice();
-    ASSERT_TRUE(device);
+TEST_F(OnLavapipe, IdentityWarpReproducesTheSource) {
     for (PixelFormat format : {PixelFormat{3, 8}, PixelFormat{4, 16}}) {
         MemoryImage source = SyntheticImage(256, 128, format, 11);
         // Extreme values survive too.
@@ -149,9 +159,7 @@ TEST(PResult, IdentityWarpReproducesTheSource) {
 
 // An image wider than lavapipe's 16384-texel limit: rendered through source
 // windows, compared with the CPU reference.
-TEST(PResultWindows, WiderThanTheLargestTexture) {
-    auto device = MakeTestDevice();
-    ASSERT_TRUE(device);
+TEST_F(OnLavapipe, WiderThanTheLargestTexture) {
     const int32_t width = static_cast<int32_t>(device->MaxTextureDimension()) + 616;
     const int32_t height = 96;
     MemoryImage source = SyntheticImage(width, height, {1, 8}, 13);
@@ -161,24 +169,21 @@ TEST(PResultWindows, WiderThanTheLargestTexture) {
     EXPECT_GT(rendered.statistics.sourceUploads, 16u);
     // Windows are small: a tile and the quads reaching beyond it, never
     // the whole width.
-    for (const PixelRect& read : source.Reads()) {
+    for (const PixelRect& read : source.Reads())
         EXPECT_LE(read.Width(), 1600);
-    }
     ExpectMatchesReference(rendered, source, 1, 0.95);
 }
 
 // The same image through a forced small texture limit (windows, several
 // groups per tile, cut triangles) equals the image rendered whole.
-TEST(PResultWindows, SmallTextureLimitEqualsWholeRender) {
-    auto whole = MakeTestDevice();
-    ASSERT_TRUE(whole);
+TEST_F(OnLavapipe, SmallTextureLimitEqualsWholeRender) {
     // Two tile columns; windows of at most 512 (several per tile) and 200
     // texels (the coarse mesh's quads are cut to fit).
     MemoryImage source = SyntheticImage(1400, 900, {3, 8}, 17);
     auto fine = std::make_shared<const RenderMesh>(DistortedGridMesh(33, 1400, 900, 0.03f));
     auto coarse = std::make_shared<const RenderMesh>(DistortedGridMesh(6, 1400, 900, 0.03f));
     for (const auto& [limit, mesh] : {std::pair{512u, fine}, std::pair{200u, coarse}}) {
-        const Rendered reference = RenderWithPResult(whole, source, mesh, {110, 0.4f, 0.6f});
+        const Rendered reference = RenderWithPResult(device, source, mesh, {110, 0.4f, 0.6f});
         ASSERT_EQ(reference.mode, SourceMode::Whole);
         auto small = MakeTestDevice(limit);
         ASSERT_TRUE(small);
@@ -207,14 +212,12 @@ TEST(PResultWindows, SmallTextureLimitEqualsWholeRender) {
 // stereographic form at scale 100 shows all four sides): windows too small
 // for a tile draw every quad that shows any of the photo, so the edge is where
 // the photo ends, as in the whole render, not a row of missing triangles.
-TEST(PResultWindows, ThePhotosEdgeIsDrawnLikeTheWholeRender) {
-    auto whole = MakeTestDevice();
-    ASSERT_TRUE(whole);
+TEST_F(OnLavapipe, ThePhotosEdgeIsDrawnLikeTheWholeRender) {
     auto small = MakeTestDevice(256);
     ASSERT_TRUE(small);
     FisheyeScene scene(1500, 1000);
     MemoryImage source = SyntheticImage(1500, 1000, {3, 8}, 41);
-    const Rendered reference = RenderWithPResult(whole, source, scene.Mesh(), {100, 0.5f, 0.5f});
+    const Rendered reference = RenderWithPResult(device, source, scene.Mesh(), {100, 0.5f, 0.5f});
     const Rendered windowed = RenderWithPResult(small, source, scene.Mesh(), {100, 0.5f, 0.5f});
     ASSERT_EQ(reference.mode, SourceMode::Whole);
     ASSERT_EQ(windowed.mode, SourceMode::Windows);
@@ -228,14 +231,10 @@ TEST(PResultWindows, ThePhotosEdgeIsDrawnLikeTheWholeRender) {
     for (int32_t x = 0; x < 1500; ++x) {
         int32_t top = -1, bottom = -1, wTop = -1, wBottom = -1;
         for (int32_t y = 0; y < 1000; ++y) {
-            if (covered(reference.image, x, y)) {
-                top = top < 0 ? y : top;
-                bottom = y;
-            }
-            if (covered(windowed.image, x, y)) {
-                wTop = wTop < 0 ? y : wTop;
-                wBottom = y;
-            }
+            if (covered(reference.image, x, y))
+                top = top < 0 ? y : top, bottom = y;
+            if (covered(windowed.image, x, y))
+                wTop = wTop < 0 ? y : wTop, wBottom = y;
         }
         if (top < 0) {
             previousBottom = -1;
@@ -244,9 +243,8 @@ TEST(PResultWindows, ThePhotosEdgeIsDrawnLikeTheWholeRender) {
         ++columns;
         worstMismatch = std::max({worstMismatch, std::abs(top - wTop), std::abs(bottom - wBottom)});
         // The middle half, away from the corners where the edge turns.
-        if (previousBottom >= 0 && x > 375 && x < 1125) {
+        if (previousBottom >= 0 && x > 375 && x < 1125)
             worstStep = std::max(worstStep, std::abs(wBottom - previousBottom));
-        }
         previousBottom = wBottom;
     }
     EXPECT_GT(columns, 1000);
@@ -258,9 +256,7 @@ TEST(PResultWindows, ThePhotosEdgeIsDrawnLikeTheWholeRender) {
 }
 
 // A memory budget smaller than the whole source also selects windows.
-TEST(PResultWindows, MemoryBudgetSelectsWindows) {
-    auto device = MakeTestDevice();
-    ASSERT_TRUE(device);
+TEST_F(OnLavapipe, MemoryBudgetSelectsWindows) {
     MemoryImage source = SyntheticImage(1200, 900, {1, 16}, 19);
     auto mesh = std::make_shared<const RenderMesh>(DistortedGridMesh(17, 1200, 900, 0.02f));
     RenderOptions options;
@@ -270,15 +266,12 @@ TEST(PResultWindows, MemoryBudgetSelectsWindows) {
     ExpectMatchesReference(windowed, source, 1, 0.9);
 }
 
-TEST(PResult, ReportsProgressAndStopsWhenAborted) {
-    auto device = MakeTestDevice();
-    ASSERT_TRUE(device);
+TEST_F(OnLavapipe, ReportsProgressAndStopsWhenAborted) {
     MemoryImage source = SyntheticImage(2100, 1100, {1, 8}, 23);
     auto mesh = std::make_shared<const RenderMesh>(DistortedGridMesh(9, 2100, 1100, 0.0f));
-    auto made = PResult::Create(device, {2100, 1100, {1, 8}, {}});
+    const auto made = Renderer(device, {2100, 1100, {1, 8}, {}}, mesh);
     ASSERT_TRUE(made);
-    PResult& renderer = *made.value();
-    renderer.SetMesh(mesh);
+    PResult& renderer = *made;
     EXPECT_EQ(renderer.Plan()->TileCount(), 6);
 
     std::vector<std::pair<int64_t, int64_t>> reports;
@@ -287,9 +280,8 @@ TEST(PResult, ReportsProgressAndStopsWhenAborted) {
     control.progress = [&](int64_t done, int64_t total) { reports.emplace_back(done, total); };
     ASSERT_TRUE(renderer.Render(source, all, control).ok());
     ASSERT_EQ(reports.size(), 6u);
-    for (size_t k = 0; k < reports.size(); ++k) {
+    for (size_t k = 0; k < reports.size(); ++k)
         EXPECT_EQ(reports[k], (std::pair<int64_t, int64_t>(static_cast<int64_t>(k) + 1, 6)));
-    }
 
     MemoryImage partial(2100, 1100, {1, 8});
     int32_t polls = 0;
@@ -300,15 +292,12 @@ TEST(PResult, ReportsProgressAndStopsWhenAborted) {
     EXPECT_EQ(partial.Writes().size(), 1u);
 }
 
-TEST(PResult, RenderTileProducesTheTileHoldingTheRequest) {
-    auto device = MakeTestDevice();
-    ASSERT_TRUE(device);
+TEST_F(OnLavapipe, RenderTileProducesTheTileHoldingTheRequest) {
     MemoryImage source = SyntheticImage(2100, 1100, {3, 8}, 29);
     auto mesh = std::make_shared<const RenderMesh>(DistortedGridMesh(9, 2100, 1100, 0.01f));
-    auto made = PResult::Create(device, {2100, 1100, {3, 8}, {}});
+    const auto made = Renderer(device, {2100, 1100, {3, 8}, {}}, mesh);
     ASSERT_TRUE(made);
-    PResult& renderer = *made.value();
-    renderer.SetMesh(mesh);
+    PResult& renderer = *made;
     MemoryImage whole(2100, 1100, {3, 8});
     ASSERT_TRUE(renderer.Render(source, whole).ok());
     MemoryImage single(2100, 1100, {3, 8});
@@ -316,17 +305,14 @@ TEST(PResult, RenderTileProducesTheTileHoldingTheRequest) {
     ASSERT_EQ(single.Writes().size(), 1u);
     EXPECT_EQ(single.Writes()[0], (PixelRect{1024, 1024, 2048, 1100}));
     for (int32_t y = 1024; y < 1100; y += 7) {
-        for (int32_t x = 1024; x < 2048; x += 13) {
+        for (int32_t x = 1024; x < 2048; x += 13)
             ASSERT_EQ(single.At(1, x, y), whole.At(1, x, y));
-        }
     }
     EXPECT_EQ(renderer.RenderTile({2100, 0, 2101, 1}, source, single).code,
               RenderCode::InvalidArgument);
 }
 
-TEST(PResult, EmptyBucketsAreNeitherDrawnNorWritten) {
-    auto device = MakeTestDevice();
-    ASSERT_TRUE(device);
+TEST_F(OnLavapipe, EmptyBucketsAreNeitherDrawnNorWritten) {
     MemoryImage source = SyntheticImage(2048, 1024, {1, 8}, 31);
     auto mesh = std::make_shared<RenderMesh>(DistortedGridMesh(9, 1024, 1024, 0.0f));
     auto made = PResult::Create(device, {2048, 1024, {1, 8}, {}});
@@ -343,25 +329,22 @@ TEST(PResult, EmptyBucketsAreNeitherDrawnNorWritten) {
     EXPECT_EQ(out.Writes()[0], (PixelRect{0, 0, 1024, 1024}));
 }
 
-TEST(PResult, SourceFailureIsReported) {
+TEST_F(OnLavapipe, SourceFailureIsReported) {
     class FailingSource final : public RenderSource {
     public:
         bool ReadWindow(const PixelRect&, std::span<void* const>, ptrdiff_t) override {
             return false;
         }
     } failing;
-    auto device = MakeTestDevice();
-    ASSERT_TRUE(device);
-    auto made = PResult::Create(device, {300, 200, {3, 8}, {}});
+    const auto made =
+        Renderer(device, {300, 200, {3, 8}, {}},
+                 std::make_shared<const RenderMesh>(DistortedGridMesh(5, 300, 200, 0.0f)));
     ASSERT_TRUE(made);
-    made.value()->SetMesh(std::make_shared<const RenderMesh>(DistortedGridMesh(5, 300, 200, 0.0f)));
     MemoryImage out(300, 200, {3, 8});
-    EXPECT_EQ(made.value()->Render(failing, out).code, RenderCode::SourceFailed);
+    EXPECT_EQ(made->Render(failing, out).code, RenderCode::SourceFailed);
 }
 
-TEST(PResultScaled, RendersThePreviewAtTheRequestedSize) {
-    auto device = MakeTestDevice();
-    ASSERT_TRUE(device);
+TEST_F(OnLavapipe, RendersThePreviewAtTheRequestedSize) {
     FisheyeScene scene(640, 480);
     MemoryImage source = SyntheticImage(640, 480, {3, 8}, 37);
     auto made = PResultScaled::Create(device, {200, 150, 640, 480, {3, 8}, {}});

@@ -61,9 +61,8 @@ TEST(Conversion16, HostAndGpuScales) {
     EXPECT_EQ(GpuToHost16(0), 0);
     EXPECT_EQ(HostToGpu16(32768), 65535);
     EXPECT_EQ(HostToGpu16(0), 0);
-    for (uint32_t v = 0; v <= 32768; ++v) {
+    for (uint32_t v = 0; v <= 32768; ++v)
         ASSERT_EQ(GpuToHost16(HostToGpu16(static_cast<uint16_t>(v))), v);
-    }
 }
 
 TEST(RenderPlan, TileGridOf1025By1024HasTwoColumnsAndOneRow) {
@@ -74,9 +73,8 @@ TEST(RenderPlan, TileGridOf1025By1024HasTwoColumnsAndOneRow) {
     // The last column of pixels is one quad column's worth: only the
     // rightmost quads (and the margin) reach it.
     EXPECT_FALSE(plan.Bucket(1, 0).empty());
-    for (int32_t quad : plan.Bucket(1, 0)) {
+    for (int32_t quad : plan.Bucket(1, 0))
         EXPECT_EQ(quad % 8, 7);
-    }
     EXPECT_EQ(static_cast<int32_t>(plan.Bucket(0, 0).size()), 64);
 }
 
@@ -95,8 +93,7 @@ TEST(RenderPlan, FitAtScale100HoldsTheExtentCentredOnTheOtherAxis) {
     EXPECT_FLOAT_EQ(f.top, 0.0f);
     EXPECT_FLOAT_EQ(f.left, -0.5f);
     // The extent's corners land on the output's edges.
-    double px = 0.0;
-    double py = 0.0;
+    double px = 0.0, py = 0.0;
     plan.PlaneToPixel(0.0, 0.0, px, py);
     EXPECT_NEAR(px, 500.0, 1e-6);
     EXPECT_NEAR(py, 0.0, 1e-6);
@@ -151,8 +148,7 @@ TEST(RenderPlan, TileMatrixAgreesWithPlaneToPixel) {
                 for (const auto& point : {std::pair{0.3, -0.2}, std::pair{1.7, -0.9}}) {
                     const double ndcX = m[0] * point.first + m[1] * point.second + m[3];
                     const double ndcY = m[4] * point.first + m[5] * point.second + m[7];
-                    double px = 0.0;
-                    double py = 0.0;
+                    double px = 0.0, py = 0.0;
                     plan.PlaneToPixel(point.first, point.second, px, py);
                     EXPECT_NEAR((ndcX + 1.0) * 512.0 + 1024.0 * column, px, 2e-3);
                     EXPECT_NEAR((ndcY + 1.0) * 512.0 + 1024.0 * row, py, 2e-3);
@@ -229,9 +225,8 @@ TEST(RenderPlan, VertexRectangleHoldsEveryValidQuad) {
     EXPECT_EQ(plan.GpuIndex(3, 4), 6u);
     EXPECT_EQ(plan.RectangleVertices().size(), 30u);
     // Indices of every bucket stay inside the rectangle.
-    for (uint32_t index : plan.TileIndices(0, 0)) {
+    for (uint32_t index : plan.TileIndices(0, 0))
         EXPECT_LT(index, 30u);
-    }
     EXPECT_EQ(plan.TileIndices(0, 0).size(), 6u * 20u);
 }
 

@@ -30,9 +30,8 @@ TEST(ClosedFormWarp, FactoryByRegulariserCode) {
     EXPECT_NE(dynamic_cast<MercatorClosedForm*>(make(2).get()), nullptr);
     EXPECT_NE(dynamic_cast<PaniniProjection*>(make(3).get()), nullptr);
     EXPECT_NE(dynamic_cast<EquirectangularClosedForm*>(make(1000).get()), nullptr);
-    for (uint32_t unknown : {0u, 4u, 5u, 999u, 1001u, 0xFFFFFFFFu}) {
+    for (uint32_t unknown : {0u, 4u, 5u, 999u, 1001u, 0xFFFFFFFFu})
         EXPECT_NE(dynamic_cast<StereographicClosedForm*>(make(unknown).get()), nullptr) << unknown;
-    }
     EXPECT_THROW(MakeClosedForm(RegularizerModel::Stereographic, nullptr, photo),
                  std::invalid_argument);
 }
