@@ -102,6 +102,11 @@ protected:
         return set;
     }
 
+    // Line k of the dialog's constraints, as saved.
+    std::unique_ptr<LineConstraint> SavedLine(QWidget& dialog, size_t k = 0) {
+        return Project::AsLine(*Saved(dialog)->At(k))->CloneLine();
+    }
+
     // Writes `lines` as a constraint file for the photograph and loads it.
     void LoadLines(QWidget& dialog, std::vector<std::unique_ptr<LineConstraint>> lines) {
         Project::ConstraintSet set;
@@ -192,13 +197,13 @@ TEST_F(Tools, RotationSnapsToFifteenDegreesAndWrapsPast180) {
     };
     const Case cases[] = {{7.4f, 0.0},      {7.5f, 15.0}, {22.4f, 15.0},  {22.5f, 30.0},
                           {-176.0f, 180.0}, {-3.0f, 0.0}, {170.0f, 165.0}};
+    const size_t last = std::size(cases) - 1;
+    const auto rowY = [](size_t k) { return 300.0f + 220.0f * static_cast<float>(k); };
     Edit([&](QWidget& dialog) {
         std::vector<std::unique_ptr<LineConstraint>> lines;
-        for (size_t k = 0; k < std::size(cases); ++k) {
-            const float y = 300.0f + 220.0f * static_cast<float>(k);
+        for (size_t k = 0; k <= last; ++k)
             lines.push_back(std::make_unique<LineConstraint>(
-                700.0f, y, 1300.0f, y, Orientation::Arbitrary, cases[k].start));
-        }
+                700.0f, rowY(k), 1300.0f, rowY(k), Orientation::Arbitrary, cases[k].start));
         LoadLines(dialog, std::move(lines));
         PreviewOff(dialog);
         auto* window = dialog.findChild<QLabel*>("Project/Dialog/AngleWindow");
@@ -209,12 +214,10 @@ TEST_F(Tools, RotationSnapsToFifteenDegreesAndWrapsPast180) {
                 return QString();
             return label->text();
         };
-        for (size_t k = 0; k < std::size(cases); ++k) {
+        for (size_t k = 0; k <= last; ++k) {
             SCOPED_TRACE(cases[k].start);
-            const float y = 300.0f + 220.0f * static_cast<float>(k);
-            const QPointF pivot = ToPane(1000, y);
             // The handle stands 24 pane pixels above the middle of the line.
-            const QPointF handle = pivot - QPointF(0, 24);
+            const QPointF handle = ToPane(1000, rowY(k)) - QPointF(0, 24);
             Press(*pane, handle);
             EXPECT_EQ(shown(), QString::number(cases[k].start, 'f', 1) + QChar(0x00B0));
             Move(*pane, handle + QPointF(4, 4), Qt::ShiftModifier);
@@ -226,8 +229,7 @@ TEST_F(Tools, RotationSnapsToFifteenDegreesAndWrapsPast180) {
         }
         // The last line now stands at 165 degrees; turning it 30 degrees
         // counter-clockwise carries it past 180 to -165.
-        const float y = 300.0f + 220.0f * static_cast<float>(std::size(cases) - 1);
-        const QPointF pivot = ToPane(1000, y);
+        const QPointF pivot = ToPane(1000, rowY(last));
         QPointF at = pivot - QPointF(0, 24);
         Press(*pane, at);
         for (int step = 1; step <= 6; ++step) {
@@ -240,18 +242,17 @@ TEST_F(Tools, RotationSnapsToFifteenDegreesAndWrapsPast180) {
 
         const auto saved = Saved(dialog);
         ASSERT_EQ(saved->Size(), std::size(cases));
-        for (size_t k = 0; k + 1 < std::size(cases); ++k) {
+        for (size_t k = 0; k < last; ++k) {
             const float angle = Project::AsLine(*saved->At(k))->Angle();
             EXPECT_EQ(angle, static_cast<float>(cases[k].shifted)) << k;
             EXPECT_FALSE(std::signbit(angle)) << k << ": 0 and 180, never -0 or -180";
         }
-        EXPECT_NEAR(Project::AsLine(*saved->At(std::size(cases) - 1))->Angle(), -165.0, 0.06);
+        EXPECT_NEAR(Project::AsLine(*saved->At(last))->Angle(), -165.0, 0.06);
         // Undo goes back before the last turn, redo turns it again.
         Undo(dialog);
-        EXPECT_EQ(Project::AsLine(*Saved(dialog)->At(std::size(cases) - 1))->Angle(), 165.0f);
+        EXPECT_EQ(SavedLine(dialog, last)->Angle(), 165.0f);
         Redo(dialog);
-        EXPECT_NEAR(Project::AsLine(*Saved(dialog)->At(std::size(cases) - 1))->Angle(), -165.0,
-                    0.06);
+        EXPECT_NEAR(SavedLine(dialog, last)->Angle(), -165.0, 0.06);
     });
 }
 
@@ -352,7 +353,7 @@ TEST_F(Tools, EndpointDragsShiftClicksAndAltClicksWithinThreeScreenPixels) {
         Release(*pane, b + QPointF(44, 33));
         EXPECT_EQ(UndoLabel(dialog), "Undo Adjust Constraint");
         const QPointF moved = pane->PaneToImage(b + QPointF(40, 30));
-        const auto line = [&] { return Project::AsLine(*Saved(dialog)->At(0))->CloneLine(); };
+        const auto line = [&] { return SavedLine(dialog); };
         const auto second = [&] { return QPointF(line()->Second().x, line()->Second().y); };
         EXPECT_LT(QLineF(second(), moved).length(), 0.01);
         Undo(dialog);
@@ -423,16 +424,10 @@ TEST_F(Tools, TheMiddleHandleCalibratesTheFocalLength) {
     ASSERT_GT(best, 20.0);
     Edit([&](QWidget& dialog) {
         PreviewOff(dialog);
-        auto* focal = ViewAs<Velmo::CSlider>(dialog, "Project/Dialog/FocalLengthSlider");
-        ASSERT_NE(focal, nullptr);
-        QLineEdit* field = focal->Field();
-        ASSERT_NE(field, nullptr);
+        Velmo::CSlider& focal = Slider(dialog, "FocalLengthSlider");
         // Start away from the truth, so the calibration has to find it.
-        field->setFocus();
-        field->selectAll();
-        QTest::keyClicks(field, "20");
-        QTest::keyClick(field, Qt::Key_Return);
-        ASSERT_NEAR(focal->Value(), 20.0, 1e-6);
+        TypeInto(dialog, "FocalLengthSlider", "20");
+        ASSERT_NEAR(focal.Value(), 20.0, 1e-6);
 
         const QPointF pa = ToPane(a.x, a.y), pb = ToPane(b.x, b.y);
         Drag(*pane, pa, pb);
@@ -448,14 +443,14 @@ TEST_F(Tools, TheMiddleHandleCalibratesTheFocalLength) {
                       "Failed to Calibrate. You may need to adjust the constraint more precisely "
                       "or try another constraint.");
         }
-        EXPECT_NEAR(focal->Value(), 20.0, 1e-6);
+        EXPECT_NEAR(focal.Value(), 20.0, 1e-6);
         EXPECT_EQ(UndoLabel(dialog), "Undo Add Constraint");
 
         Drag(*pane, middle, ToPane(m.x, m.y));
         EXPECT_EQ(UndoLabel(dialog), "Undo UI Setting");
-        EXPECT_NEAR(focal->Value(), scene.focalMm, 0.02 * scene.focalMm);
+        EXPECT_NEAR(focal.Value(), scene.focalMm, 0.02 * scene.focalMm);
         Undo(dialog);
-        EXPECT_NEAR(focal->Value(), 20.0, 1e-6);
+        EXPECT_NEAR(focal.Value(), 20.0, 1e-6);
     });
 }
 
@@ -478,7 +473,7 @@ TEST_F(Tools, ALineDrawnOnTheCorrectedPreviewIsSolvedAndUndone) {
 
         // An end dragged where the warp shows nothing: the line just drawn
         // goes back as it was drawn and the drag ends there.
-        const auto end = [&] { return Project::AsLine(*Saved(dialog)->At(0))->Second(); };
+        const auto end = [&] { return SavedLine(dialog)->Second(); };
         const PointF drawnEnd = end();
         // The solve stood the line upright about the pane's centre.
         const std::optional<QPointF> found = FindCursor(

@@ -37,19 +37,15 @@ struct Scenario {
     std::function<void()> inSolve;
 };
 
-// Each fake records into the scenario of its test.
-template <class Interface>
-class Fake : public Interface {
+// Every component the driver asks for, recording into the test's scenario.
+class FakeParts : public PImageHub,
+                  public PWarpPipeline,
+                  public PEditor,
+                  public PConstraintData,
+                  public LensProfileLookup {
 public:
-    explicit Fake(Scenario& scenario) : s_(scenario) {}
+    explicit FakeParts(Scenario& scenario) : s_(scenario) {}
 
-protected:
-    Scenario& s_;
-};
-
-class FakeHub : public Fake<PImageHub> {
-public:
-    using Fake::Fake;
     void AttachHost(const HostImageContext& context) override {
         host_ = context.host;
         s_.calls.push_back("attach");
@@ -60,13 +56,6 @@ public:
         return s_.renderResult;
     }
 
-private:
-    HostRecord host_;
-};
-
-class FakePipeline : public Fake<PWarpPipeline> {
-public:
-    using Fake::Fake;
     void RebuildSolver(PFilter&) override { s_.calls.push_back("rebuild"); }
     void Solve(PFilter&) override {
         s_.calls.push_back("solve");
@@ -76,11 +65,7 @@ public:
     std::shared_ptr<const SphereWarp> SolvedWarp() const override { return nullptr; }
     std::shared_ptr<const PhotoToSphere> Photo() const override { return nullptr; }
     std::shared_ptr<const OctaMap> Mesh() const override { return nullptr; }
-};
 
-class FakeEditor : public Fake<PEditor> {
-public:
-    using Fake::Fake;
     Result Run(PFilter& filter, const char* layout, DialogPlacement&) override {
         s_.calls.push_back(std::string("editor ") + layout);
         if (s_.inEditor)
@@ -88,11 +73,12 @@ public:
         return s_.editorResult;
     }
     void RefreshProjection() override { ++s_.refreshes; }
-};
 
-class FakeLookup : public Fake<LensProfileLookup> {
-public:
-    using Fake::Fake;
+    bool Parse(const uint8_t*, size_t, PSettings&) override { return true; }
+    size_t SerializedSize() const override { return 0; }
+    void Serialize(uint8_t*) const override {}
+    void FocalLengthChanged() override { ++s_.focalChanges; }
+
     LensProfileLookupResult Find(const CameraMetadata&, uint32_t, uint32_t) const override {
         s_.calls.push_back("lookup");
         if (!s_.profileFound)
@@ -102,34 +88,32 @@ public:
         p.cameraModel = s_.profileModel;
         return {p, {}};
     }
+
+private:
+    Scenario& s_;
+    HostRecord host_;
 };
 
-class FakeConstraints : public Fake<PConstraintData> {
+class FakeComponents : public PFilterComponents {
 public:
-    using Fake::Fake;
-    bool Parse(const uint8_t*, size_t, PSettings&) override { return true; }
-    size_t SerializedSize() const override { return 0; }
-    void Serialize(uint8_t*) const override {}
-    void FocalLengthChanged() override { ++s_.focalChanges; }
-};
-
-class FakeComponents : public Fake<PFilterComponents> {
-public:
-    using Fake::Fake;
-    std::unique_ptr<PImageHub> CreateImageHub() override { return std::make_unique<FakeHub>(s_); }
+    explicit FakeComponents(Scenario& scenario) : s_(scenario) {}
+    std::unique_ptr<PImageHub> CreateImageHub() override { return std::make_unique<FakeParts>(s_); }
     std::unique_ptr<PWarpPipeline> CreateWarpPipeline() override {
-        return std::make_unique<FakePipeline>(s_);
+        return std::make_unique<FakeParts>(s_);
     }
     std::shared_ptr<const LensProfileLookup> AcquireLensProfileLookup() override {
         ++s_.lookupsAcquired;
-        auto lookup = std::make_shared<FakeLookup>(s_);
+        auto lookup = std::make_shared<FakeParts>(s_);
         s_.lookup = lookup;
         return lookup;
     }
-    std::unique_ptr<PEditor> CreateEditor() override { return std::make_unique<FakeEditor>(s_); }
+    std::unique_ptr<PEditor> CreateEditor() override { return std::make_unique<FakeParts>(s_); }
     std::unique_ptr<PConstraintData> CreateConstraintData(PFilter&) override {
-        return std::make_unique<FakeConstraints>(s_);
+        return std::make_unique<FakeParts>(s_);
     }
+
+private:
+    Scenario& s_;
 };
 
 class PFilterTest : public ::testing::Test {
