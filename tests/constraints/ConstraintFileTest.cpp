@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "ConstraintTestSupport.h"
@@ -80,6 +81,11 @@ Bytes File(const Head& h, const std::function<void(ByteWriter&)>& body = {}) {
     if (body)
         body(w);
     return b;
+}
+
+auto Fields(const ConstraintFileSettings& s) {
+    return std::tuple(s.physicalFocal, s.cropFactor, s.focalLength, s.projectionModel,
+                      s.regularizerModel, s.scale, s.offsetX, s.offsetY);
 }
 
 // A mismatch message: its key, then the file's and the document's values.
@@ -165,15 +171,9 @@ TEST(ConstraintFileRead, HandWrittenFile) {
     set.Add(std::make_unique<LineConstraint>());  // replaced by the file's list
     ASSERT_TRUE(readConstraintData(set, ctx, file)) << set.Message();
 
-    EXPECT_FLOAT_EQ(ctx.settings.physicalFocal, 24.0f);
-    EXPECT_FLOAT_EQ(ctx.settings.cropFactor, 1.5f);
-    EXPECT_FLOAT_EQ(ctx.settings.focalLength, 2000.0f);
-    EXPECT_EQ(ctx.settings.projectionModel, ProjectionModel::Perspective);
+    EXPECT_EQ(Fields(ctx.settings), Fields({24.0f, 1.5f, 2000.0f, ProjectionModel::Perspective,
+                                            RegularizerModel::Panini, 100, 0.25f, 0.75f}));
     EXPECT_EQ(ctx.chooseProjectionCalls, std::vector{ProjectionModel::Fisheye});
-    EXPECT_EQ(ctx.settings.regularizerModel, RegularizerModel::Panini);
-    EXPECT_EQ(ctx.settings.scale, 100);
-    EXPECT_FLOAT_EQ(ctx.settings.offsetX, 0.25f);
-    EXPECT_FLOAT_EQ(ctx.settings.offsetY, 0.75f);
     EXPECT_EQ(ctx.settingsChangedCalls, 1);
     EXPECT_EQ(set.StateWord(), 0xDEADBEEFu);
 
@@ -303,49 +303,39 @@ TEST(ConstraintFileRead, ZeroConstraintsAppliesSettingsAndEmptiesTheList) {
 // counting as a change, the offsets together once either differs by more
 // than 1e-06.
 TEST(ConstraintFileRead, SettingsClampingAndWhatCountsAsAChange) {
-    struct Case {
+    // The context's settings with these values.
+    const auto want = [](float physical, float crop, float focal, int32_t scale, float offsetY) {
+        return ConstraintFileSettings{
+            physical, crop, focal,  ProjectionModel::Fisheye, RegularizerModel::Auto,
+            scale,    0.5f, offsetY};
+    };
+    const float minP = kMinPhysicalFocalMm, maxP = kMaxPhysicalFocalMm, f = 1666.6666f;
+    const struct {
         Head head;
         float before;  // the document's focal length
-        float physical, crop, focal;
-        int32_t scale;
-        float offsetY;
+        ConstraintFileSettings after;
         int changes;
-    };
-    const float minP = kMinPhysicalFocalMm, maxP = kMaxPhysicalFocalMm;
-    const Case cases[] = {
-        {{.focal = 1000.0078f}, 1000.0f, 15.0f, 1.0f, 1000.0f, 120, 0.5f, 0},
-        {{.focal = 1000.0156f}, 1000.0f, 15.0f, 1.0f, 1000.0156f, 120, 0.5f, 1},
-        {{.physical = 0.1f, .crop = -2.0f, .focal = 0.5f},
-         1666.6666f,
-         minP,
-         -2.0f,
-         kMinFocalPixels,
-         120,
-         0.5f,
+    } cases[] = {
+        {{.focal = 1000.0078f}, 1000.0f, want(15, 1, 1000.0f, 120, 0.5f), 0},
+        {{.focal = 1000.0156f}, 1000.0f, want(15, 1, 1000.0156f, 120, 0.5f), 1},
+        {{.physical = 0.1f, .crop = -2, .focal = 0.5f},
+         f,
+         want(minP, -2, kMinFocalPixels, 120, .5f),
          1},
-        {{.physical = 5000.0f, .crop = -2.0f, .focal = 1e12f},
-         1666.6666f,
-         maxP,
-         -2.0f,
-         kMaxFocalPixels,
-         120,
-         0.5f,
+        {{.physical = 5000, .crop = -2, .focal = 1e12f},
+         f,
+         want(maxP, -2, kMaxFocalPixels, 120, .5f),
          1},
-        {{.scale = 150, .offsetY = 0.50000048f}, 1666.6666f, 15.0f, 1.0f, 1666.6666f, 150, 0.5f, 0},
-        {{.scale = 150, .offsetY = 0.5001f}, 1666.6666f, 15.0f, 1.0f, 1666.6666f, 150, 0.5001f, 0},
+        {{.scale = 150, .offsetY = 0.50000048f}, f, want(15, 1, f, 150, 0.5f), 0},
+        {{.scale = 150, .offsetY = 0.5001f}, f, want(15, 1, f, 150, 0.5001f), 0},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << c.head.focal << " " << c.head.offsetY);
         SimpleConstraintFileContext ctx = testing::MakeContext();
         ctx.settings.focalLength = c.before;
         ConstraintSet set;
         ASSERT_TRUE(readConstraintData(set, ctx, File(c.head)));
-        EXPECT_EQ(ctx.settings.physicalFocal, c.physical);
-        EXPECT_EQ(ctx.settings.cropFactor, c.crop);
-        EXPECT_EQ(ctx.settings.focalLength, c.focal);
-        EXPECT_EQ(ctx.settings.scale, c.scale);
-        EXPECT_EQ(ctx.settings.offsetX, 0.5f);
-        EXPECT_EQ(ctx.settings.offsetY, c.offsetY);
+        EXPECT_EQ(Fields(ctx.settings), Fields(c.after));
         EXPECT_EQ(ctx.settingsChangedCalls, c.changes);
     }
 

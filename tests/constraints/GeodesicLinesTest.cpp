@@ -160,7 +160,7 @@ TEST(GeodesicLines, PanoramaLineLongerThanHalfATurnTakesTheDrawnSide) {
     EXPECT_LT(std::fabs(middle.lambda), 0.1f);
 }
 
-TEST(GeodesicLines, DegenerateAndUnmappableLinesDoNotFit) {
+TEST(GeodesicLines, LinesAndPlanesThatCannotBeFittedAreRefused) {
     Fisheye fish(4, false, 1000.0f);
     GeodesicLines& lines = fish.lines;
     EXPECT_FALSE(lines.FitArc({100.0f, 100.0f}, {100.0f, 100.0f}).fitted);
@@ -170,6 +170,19 @@ TEST(GeodesicLines, DegenerateAndUnmappableLinesDoNotFit) {
 
     GeodesicLines none(nullptr, std::make_shared<const OctaMap>(4, false));
     EXPECT_FALSE(none.FitArc({0.0f, 0.0f}, {10.0f, 10.0f}).fitted);
+
+    // A polygon of two corners.
+    EXPECT_FALSE(lines.SetUpPlane(*Polygon(1, {{100.0f, 100.0f}, {200.0f, 100.0f}})));
+    EXPECT_FALSE(lines.FindPlane(1)->valid);
+    // A corner beyond the image circle.
+    auto outside = Polygon(2, {{3000.0f, 2000.0f}, {3100.0f, 2000.0f}, {5.0f, 5.0f}});
+    EXPECT_FALSE(lines.SetUpPlane(*outside));
+    // Valid, but too small to hold four mesh vertices.
+    auto tiny = Polygon(3, {{3000.0f, 2000.0f}, {3004.0f, 2000.0f}, {3004.0f, 2004.0f}});
+    EXPECT_TRUE(lines.SetUpPlane(*tiny));
+    EXPECT_FALSE(lines.FindPlane(3)->active);
+    EXPECT_EQ(tiny->Refresh(lines), 1);
+    EXPECT_EQ(outside->Refresh(lines), 0);
 }
 
 TEST(GeodesicLines, RecordsKeyedByIdentifierWithOrientationNormals) {
@@ -265,25 +278,9 @@ TEST(GeodesicLines, PlaneSamplesAreTheMeshVerticesInside) {
     EXPECT_NEAR(static_cast<double>(p->samples.size()), static_cast<double>(inside), 2.0);
 }
 
-TEST(GeodesicLines, PlaneSetUpFailures) {
-    Fisheye fish(4, false, 1000.0f);
-    GeodesicLines& lines = fish.lines;
-    EXPECT_FALSE(lines.SetUpPlane(*Polygon(1, {{100.0f, 100.0f}, {200.0f, 100.0f}})));
-    EXPECT_FALSE(lines.FindPlane(1)->valid);
-    // A corner beyond the image circle.
-    auto outside = Polygon(2, {{3000.0f, 2000.0f}, {3100.0f, 2000.0f}, {5.0f, 5.0f}});
-    EXPECT_FALSE(lines.SetUpPlane(*outside));
-    // Valid, but too small to hold four mesh vertices.
-    auto tiny = Polygon(3, {{3000.0f, 2000.0f}, {3004.0f, 2000.0f}, {3004.0f, 2004.0f}});
-    EXPECT_TRUE(lines.SetUpPlane(*tiny));
-    EXPECT_FALSE(lines.FindPlane(3)->active);
-    EXPECT_EQ(tiny->Refresh(lines), 1);
-    EXPECT_EQ(outside->Refresh(lines), 0);
-}
-
 // --- Display through a warp.
 
-TEST(GeodesicLines, DisplayThroughAClosedFormWarp) {
+TEST(GeodesicLines, LinesAndPolygonsAreDisplayedThroughAClosedFormWarp) {
     Fisheye fish(6, true);
     GeodesicLines& lines = fish.lines;
     // Output plane -> display pixels: 1000 pixels per unit, y flipped.
@@ -328,33 +325,13 @@ TEST(GeodesicLines, DisplayThroughAClosedFormWarp) {
     EXPECT_EQ(line.DisplayFirst(), line.First());
     EXPECT_NEAR(line.DisplaySamples().front().x, 1200.0f, 0.01f);
     EXPECT_NEAR(line.DisplaySamples().back().y, 2600.0f, 0.01f);
-}
 
-TEST(GeodesicLines, SampleInterpolationNeedsAValidQuad) {
-    Fisheye fish(5);
-    GeodesicLines& lines = fish.lines;
-    auto warp = std::make_shared<EquirectangularClosedForm>(fish.mesh, fish.photo);
-    SphereSample front{{0.1f, 0.2f}, {}};
-    float x = 0.0f, y = 0.0f;
-    EXPECT_FALSE(front.Interpolate(*warp, x, y));  // not located
-    front.quad = *lines.Locator().Locate(front.direction);
-    ASSERT_TRUE(front.Interpolate(*warp, x, y));
-    EXPECT_TRUE(Near({x, y}, {0.1f, 0.2f}, 2e-3f));
-    // Behind the camera no corner sees the photo.
-    SphereSample back{{3.0f, 0.0f}, {}};
-    back.quad = *lines.Locator().Locate(back.direction);
-    EXPECT_FALSE(back.Interpolate(*warp, x, y));
-    EXPECT_FALSE(back.Interpolate(*warp, x, y, true));
-}
-
-TEST(GeodesicLines, PolygonDisplayEdgesFollowTheArcs) {
-    Fisheye fish(6, true);
-    GeodesicLines& lines = fish.lines;
+    // A polygon's display edges follow the arcs.
     auto plane =
         Polygon(11, {{2000.0f, 1200.0f}, {4000.0f, 1300.0f}, {3900.0f, 2800.0f}}, {1, 2, 3});
     ASSERT_TRUE(lines.SetUpPlane(*plane));
-    const DisplaySpace space{true, Affine2D::ScaleOffset(1000.0, -1000.0, 0.0, 0.0)};
-    plane->UpdateDisplay(lines, space);
+    const DisplaySpace polygonSpace{true, Affine2D::ScaleOffset(1000.0, -1000.0, 0.0, 0.0)};
+    plane->UpdateDisplay(lines, polygonSpace);
     ASSERT_EQ(plane->DisplayVertices().size(), 3u);
     ASSERT_EQ(plane->DisplayEdges().size(), 3u);
     for (int32_t k = 0; k < 3; ++k) {
@@ -372,6 +349,23 @@ TEST(GeodesicLines, PolygonDisplayEdgesFollowTheArcs) {
         c.x += p.x / 3.0f, c.y += p.y / 3.0f;
     EXPECT_TRUE(plane->HitTest(c, 0.001f, true));
     EXPECT_EQ(plane->Refresh(lines), 1);
+}
+
+TEST(GeodesicLines, SampleInterpolationNeedsAValidQuad) {
+    Fisheye fish(5);
+    GeodesicLines& lines = fish.lines;
+    auto warp = std::make_shared<EquirectangularClosedForm>(fish.mesh, fish.photo);
+    SphereSample front{{0.1f, 0.2f}, {}};
+    float x = 0.0f, y = 0.0f;
+    EXPECT_FALSE(front.Interpolate(*warp, x, y));  // not located
+    front.quad = *lines.Locator().Locate(front.direction);
+    ASSERT_TRUE(front.Interpolate(*warp, x, y));
+    EXPECT_TRUE(Near({x, y}, {0.1f, 0.2f}, 2e-3f));
+    // Behind the camera no corner sees the photo.
+    SphereSample back{{3.0f, 0.0f}, {}};
+    back.quad = *lines.Locator().Locate(back.direction);
+    EXPECT_FALSE(back.Interpolate(*warp, x, y));
+    EXPECT_FALSE(back.Interpolate(*warp, x, y, true));
 }
 
 TEST(GeodesicLines, DisplayBackToSource) {

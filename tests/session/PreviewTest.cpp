@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cmath>
 #include <mutex>
+#include <optional>
 
 #include "FakeHost.h"
 #include "RenderTestSupport.h"
@@ -42,11 +43,7 @@ struct Delivered {
 
 PreviewView View(int32_t w, int32_t h, double zoom, double left = 0, double top = 0) {
     PreviewView v;
-    v.paneWidth = w;
-    v.paneHeight = h;
-    v.zoom = zoom;
-    v.left = left;
-    v.top = top;
+    v.paneWidth = w, v.paneHeight = h, v.zoom = zoom, v.left = left, v.top = top;
     return v;
 }
 
@@ -56,12 +53,9 @@ protected:
         options_.width = kWidth;
         options_.height = kHeight;
         options_.samples = 1;
-        room_ = new Curvana::SampleGen::RenderedScene(Curvana::SampleGen::renderRoom(options_));
+        room_.emplace(Curvana::SampleGen::renderRoom(options_));
     }
-    static void TearDownTestSuite() {
-        delete room_;
-        room_ = nullptr;
-    }
+    static void TearDownTestSuite() { room_.reset(); }
 
     void SetUp() override {
         source = std::make_shared<MemoryImage>(kWidth, kHeight, PixelFormat{4, 8});
@@ -115,7 +109,7 @@ protected:
     }
 
     static inline Curvana::SampleGen::SceneOptions options_;
-    static inline Curvana::SampleGen::RenderedScene* room_ = nullptr;
+    static inline std::optional<Curvana::SampleGen::RenderedScene> room_;
     std::shared_ptr<MemoryImage> source;
     std::shared_ptr<const MeshLocator> locator;
     Delivered delivered;
@@ -158,13 +152,10 @@ TEST_P(PreviewImage, EqualsADirectReducedRender) {
     }
     auto device = Testing::MakeTestDevice();
     ASSERT_TRUE(device);
-    PResultScaled::Config config;
-    config.outputWidth = view.paneWidth;
-    config.outputHeight = view.paneHeight;
-    config.sourceWidth = kWidth;
-    config.sourceHeight = kHeight;
-    config.format = PixelFormat{4, 8};
-    auto direct = std::move(PResultScaled::Create(device, config)).value();
+    auto direct =
+        std::move(PResultScaled::Create(
+                      device, {view.paneWidth, view.paneHeight, kWidth, kHeight, {4, 8}, {}}))
+            .value();
     direct->SetFraming(view.corrected ? view.framing : ViewFraming{100, 0.5f, 0.5f});
     direct->SetWindow(PictureWindow{kWidth, kHeight, view.left, view.top,
                                     view.paneWidth / view.zoom, view.paneHeight / view.zoom});
