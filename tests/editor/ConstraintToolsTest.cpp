@@ -116,6 +116,16 @@ protected:
         EXPECT_EQ(LoadConstraints(dialog, dir / "lines.cvc"), "");
     }
 
+    // The last step deleted the one constraint drawn: it undoes and redoes.
+    void ExpectTheDeletionUndoes(QWidget& dialog) {
+        EXPECT_EQ(Drawn(), 0);
+        EXPECT_EQ(UndoLabel(dialog), "Undo Delete Constraint");
+        Undo(dialog);
+        EXPECT_EQ(Drawn(), 1);
+        Redo(dialog);
+        EXPECT_EQ(Drawn(), 0);
+    }
+
     int saves = 0;
 };
 
@@ -299,12 +309,7 @@ TEST_F(Tools, PolygonPointsCloseAndIgnoreRulesAndAltClickHandsOver) {
         ASSERT_TRUE(ToolCurrent(dialog, "Project/Tool/ManageConstraint"));
         Click(*pane, a + QPointF(8, 30), Qt::AltModifier);
         EXPECT_TRUE(ToolCurrent(dialog, "Project/Tool/PlaneTool"));
-        EXPECT_EQ(Drawn(), 0);
-        EXPECT_EQ(UndoLabel(dialog), "Undo Delete Constraint");
-        Undo(dialog);
-        EXPECT_EQ(Drawn(), 1);
-        Redo(dialog);
-        EXPECT_EQ(Drawn(), 0);
+        ExpectTheDeletionUndoes(dialog);
 
         // With Shift, the edge that ends at a new point (and the closing
         // edge) is marked Horizontal or Vertical by its angle.
@@ -388,12 +393,7 @@ TEST_F(Tools, EndpointDragsShiftClicksAndAltClicksWithinThreeScreenPixels) {
             EXPECT_EQ(Drawn(), 1);
             // 2.5 off in both directions: the end is hit and deleted.
             Click(*pane, at + QPointF(2.5, -2.5), Qt::AltModifier);
-            EXPECT_EQ(Drawn(), 0);
-            EXPECT_EQ(UndoLabel(dialog), "Undo Delete Constraint");
-            Undo(dialog);
-            EXPECT_EQ(Drawn(), 1);
-            Redo(dialog);
-            EXPECT_EQ(Drawn(), 0);
+            ExpectTheDeletionUndoes(dialog);
             Undo(dialog);
         }
     });
