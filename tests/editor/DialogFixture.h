@@ -11,6 +11,7 @@
 #include <QtTest/QTest>
 #include <fstream>
 #include <iterator>
+#include <stdexcept>
 
 #include "../framework/QtTestApp.h"
 #include "editordriver/EditorDriver.h"
@@ -71,8 +72,13 @@ protected:
         EditorDriver::Command(dialog, "Project/Menu/Edit", "$$$/Velmo/Tasks/Redo")->trigger();
     }
 
+    // A missing slider fails the test (the exception is reported), not the run.
     static Velmo::CSlider& Slider(QWidget& dialog, const char* name) {
-        return *EditorDriver::ViewAs<Velmo::CSlider>(dialog, std::string("Project/Dialog/") + name);
+        auto* slider =
+            EditorDriver::ViewAs<Velmo::CSlider>(dialog, std::string("Project/Dialog/") + name);
+        if (slider == nullptr)
+            throw std::runtime_error(std::string("the dialog has no slider ") + name);
+        return *slider;
     }
     // Types `value` into a slider's field.
     static void TypeInto(QWidget& dialog, const char* name, const QString& value) {
