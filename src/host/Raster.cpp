@@ -7,6 +7,7 @@
 #include <new>
 
 #include "ImageFiles.h"
+#include "SampleMask.h"
 #include "TiffFile.h"
 
 namespace Curvana::Host {
@@ -178,37 +179,6 @@ std::unique_ptr<ImageSource> openImage(const std::filesystem::path& path,
 }
 
 namespace {
-
-// One bit per sample; runs are set a word at a time.
-class SampleMask {
-public:
-    void assign(size_t words, uint64_t value) { bits_.assign(words, value); }
-    void mark(size_t first, size_t count) {
-        while (count > 0) {
-            const size_t bit = first % 64;
-            const size_t n = std::min<size_t>(64 - bit, count);
-            bits_[first / 64] |= (n == 64 ? ~uint64_t{0} : ((uint64_t{1} << n) - 1)) << bit;
-            first += n;
-            count -= n;
-        }
-    }
-    bool all(size_t first, size_t count) const {
-        while (count > 0) {
-            const size_t bit = first % 64;
-            const size_t n = std::min<size_t>(64 - bit, count);
-            const uint64_t want = (n == 64 ? ~uint64_t{0} : ((uint64_t{1} << n) - 1)) << bit;
-            if ((bits_[first / 64] & want) != want)
-                return false;
-            first += n;
-            count -= n;
-        }
-        return true;
-    }
-    bool test(size_t i) const { return (bits_[i / 64] >> (i % 64)) & 1u; }
-
-private:
-    std::vector<uint64_t> bits_;
-};
 
 // JPEG and PNG results: a copy of the source in memory, encoded at finish.
 class MemoryResult final : public ResultImage {

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <bit>
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
@@ -14,6 +13,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "SampleMask.h"
 #include "TiffFile.h"
 
 namespace Curvana::Host {
@@ -73,22 +73,6 @@ private:
     std::filesystem::path folder_;
     int fd_ = -1;
 };
-
-// Sets bits [first, first + count) of a mask; returns how many were clear.
-size_t markBits(uint64_t* mask, size_t first, size_t count) {
-    size_t added = 0;
-    while (count > 0) {
-        const size_t bit = first % 64;
-        const size_t n = std::min<size_t>(64 - bit, count);
-        const uint64_t bits = (n == 64 ? ~uint64_t{0} : ((uint64_t{1} << n) - 1)) << bit;
-        uint64_t& word = mask[first / 64];
-        added += static_cast<size_t>(std::popcount(bits & ~word));
-        word |= bits;
-        first += n;
-        count -= n;
-    }
-    return added;
-}
 
 // Encodes complete tiles on a thread of its own, in the order they were
 // handed over (so the file is the same as when encoded inline), while the
@@ -239,8 +223,8 @@ public:
                             std::memcpy(d + x * planes * 2, s + x * 2, 2);
                     }
                     // The mask is plane by plane, so a row's samples are one run of bits.
-                    tile.covered += markBits(tile.mask.data(),
-                                             static_cast<size_t>(plane) * tilePixels + pixel, n);
+                    tile.covered +=
+                        tile.mask.mark(static_cast<size_t>(plane) * tilePixels + pixel, n);
                 }
                 if (tile.covered == validSamples(t))
                     complete(tx, ty, index);
@@ -272,7 +256,7 @@ public:
                 for (size_t pixel = 0; pixel < tilePixels; ++pixel)
                     for (size_t p = 0; p < planes; ++p) {
                         const size_t bit = p * tilePixels + pixel;
-                        if (!(tile.mask[bit / 64] & (uint64_t{1} << (bit % 64)))) {
+                        if (!tile.mask.test(bit)) {
                             const size_t at = (pixel * planes + p) * bps;
                             std::memcpy(tile.pixels.data() + at, fromSource.data() + at, bps);
                         }
@@ -288,8 +272,8 @@ public:
 private:
     enum class State : uint8_t { Untouched, Pending, Written };
     struct Tile {
-        PixelBytes pixels;           // host values, tileSize x tileSize interleaved
-        std::vector<uint64_t> mask;  // one bit per written sample, plane by plane
+        PixelBytes pixels;  // host values, tileSize x tileSize interleaved
+        SampleMask mask;    // one bit per written sample, plane by plane
         size_t covered = 0;
         bool inMemory = false;
         bool spilled = false;
@@ -401,7 +385,7 @@ private:
             tile.spilled = true;
             tile.inMemory = false;
             PixelBytes().swap(tile.pixels);
-            std::vector<uint64_t>().swap(tile.mask);
+            tile.mask.release();
             lru_.pop_back();
             inMemoryBytes_ -= tileBytes_ + maskWords_ * 8;
             ++spilledTiles_;
