@@ -300,28 +300,18 @@ void TiffSource::prefetch() {
             inFlight_.insert(index);
         }
         Block b;
-        tmsize_t got = -1;
+        bool decoded = false;
         try {
-            b.data.resize(static_cast<size_t>(size));
-            got = tiled_ ? TIFFReadEncodedTile(tif, index, b.data.data(), size)
-                         : TIFFReadEncodedStrip(tif, index, b.data.data(), size);
+            decoded = decodeBlock(tif, index, size, b);
         } catch (...) {
-            got = -1;
         }
         std::lock_guard lock(mutex_);
         inFlight_.erase(index);
         // Short blocks (the last strip) are kept whole: block() checks rows.
-        if (got >= 0 && !cache_.count(index)) {
-            b.decoded = static_cast<uint64_t>(got);
-            ++blocksDecoded_;
-            lru_.push_front(index);
-            b.lru = lru_.begin();
-            cacheBytes_ += b.data.size();
-            peakCacheBytes_ = std::max(peakCacheBytes_, cacheBytes_);
-            cache_.emplace(index, std::move(b));
-        }
+        if (decoded && !cache_.count(index))
+            keepLocked(index, std::move(b));
         decoded_.notify_all();
-        if (got < 0)
+        if (!decoded)
             return;
     }
 }
@@ -345,45 +335,51 @@ const TiffSource::Block& TiffSource::block(uint32_t index, uint32_t expectedRows
             lru_.splice(lru_.begin(), lru_, found->second.lru);
             return found->second;
         }
-        if (found != cache_.end()) {  // prefetched short: decoded again below, and reported
-            cacheBytes_ -= found->second.data.size();
-            lru_.erase(found->second.lru);
-            cache_.erase(found);
-        }
+        if (found != cache_.end())  // prefetched short: decoded again below, and reported
+            dropLocked(found);
         // Make room first so that peak memory stays within budget plus one block.
-        while (!lru_.empty() && cacheBytes_ + static_cast<uint64_t>(size) > budget_) {
-            auto victim = cache_.find(lru_.back());
-            cacheBytes_ -= victim->second.data.size();
-            cache_.erase(victim);
-            lru_.pop_back();
-        }
+        while (!lru_.empty() && cacheBytes_ + static_cast<uint64_t>(size) > budget_)
+            dropLocked(cache_.find(lru_.back()));
     }
     Block b;
-    b.data.resize(static_cast<size_t>(size));  // not zeroed: libtiff fills it or fails
-    const tmsize_t got = tiled_ ? TIFFReadEncodedTile(tif, index, b.data.data(), size)
-                                : TIFFReadEncodedStrip(tif, index, b.data.data(), size);
-    if (got < 0 || static_cast<uint64_t>(got) < needed) {
+    if (!decodeBlock(tif, index, size, b) || b.decoded < needed) {
         stopPrefetch();  // a damaged file: stop before reporting it
         throw HostError(kExitInput, path_.string() + ": cannot decode " +
                                         (tiled_ ? "tile " : "strip ") + std::to_string(index) +
                                         " (truncated or corrupt file: " + takeTiffError() + ")");
     }
-    b.decoded = static_cast<uint64_t>(got);
     std::lock_guard lock(mutex_);
     if (auto raced = cache_.find(index); raced != cache_.end()) {
         // A prefetch thread claimed it after the check.
         if (raced->second.decoded >= needed)
             return raced->second;
-        cacheBytes_ -= raced->second.data.size();
-        lru_.erase(raced->second.lru);
-        cache_.erase(raced);
+        dropLocked(raced);
     }
+    return keepLocked(index, std::move(b));
+}
+
+bool TiffSource::decodeBlock(TIFF* tif, uint32_t index, int64_t size, Block& b) const {
+    b.data.resize(static_cast<size_t>(size));  // not zeroed: libtiff fills it or fails
+    const auto n = static_cast<tmsize_t>(size);
+    const tmsize_t got = tiled_ ? TIFFReadEncodedTile(tif, index, b.data.data(), n)
+                                : TIFFReadEncodedStrip(tif, index, b.data.data(), n);
+    b.decoded = got < 0 ? 0 : static_cast<uint64_t>(got);
+    return got >= 0;
+}
+
+const TiffSource::Block& TiffSource::keepLocked(uint32_t index, Block&& b) {
     ++blocksDecoded_;
     lru_.push_front(index);
     b.lru = lru_.begin();
     cacheBytes_ += b.data.size();
     peakCacheBytes_ = std::max(peakCacheBytes_, cacheBytes_);
     return cache_.emplace(index, std::move(b)).first->second;
+}
+
+void TiffSource::dropLocked(std::unordered_map<uint32_t, Block>::iterator it) {
+    cacheBytes_ -= it->second.data.size();
+    lru_.erase(it->second.lru);
+    cache_.erase(it);
 }
 
 void TiffSource::readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_t rowBytes) {

@@ -60,6 +60,12 @@ private:
         std::list<uint32_t>::iterator lru;
     };
     const Block& block(uint32_t index, uint32_t expectedRows);
+    // Decodes block index into b (b.decoded: the bytes libtiff produced);
+    // false when libtiff fails.
+    bool decodeBlock(TIFF* tif, uint32_t index, int64_t size, Block& b) const;
+    // The cache's only ways in and out; mutex_ held.
+    const Block& keepLocked(uint32_t index, Block&& b);
+    void dropLocked(std::unordered_map<uint32_t, Block>::iterator it);
     TiffHandle openHandle() const;
     void prefetch();
     void stopPrefetch();
