@@ -229,10 +229,7 @@ public:
     // Finds the input's straight edges and writes them as a constraint file.
     void suggest(const Target& t) {
         requireOutputFolder(t);
-        SourceOptions sourceOptions;
-        sourceOptions.cacheBudget = (options_.cacheMiB << 20) / 2;
-        sourceOptions.memoryLimit = memoryLimit_;
-        const std::unique_ptr<ImageSource> source = openImage(t.input, sourceOptions);
+        const std::unique_ptr<ImageSource> source = openImage(t.input, sourceOptions());
         const PhotoMetadata metadata = readMetadata(t.input);
         for (const auto& w : metadata.warnings)
             warn(w);
@@ -278,11 +275,12 @@ public:
     }
 
 private:
-    // Half the cache for decoded source blocks; a batch keeps two sources
-    // open (this one and the next), a quarter each.
+    // Half the cache for decoded source blocks; a batch of corrections keeps
+    // two sources open (this one and the next), a quarter each.
     SourceOptions sourceOptions() const {
+        const bool twoOpen = options_.inputs.size() > 1 && options_.command != "suggest";
         SourceOptions o;
-        o.cacheBudget = (options_.cacheMiB << 20) / (options_.inputs.size() > 1 ? 4 : 2);
+        o.cacheBudget = (options_.cacheMiB << 20) / (twoOpen ? 4 : 2);
         o.memoryLimit = memoryLimit_;
         return o;
     }
