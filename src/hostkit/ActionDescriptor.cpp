@@ -81,33 +81,31 @@ CvError suiteKeyAt(CvDescriptor h, uint32_t index, uint32_t* key, uint32_t* type
     });
 }
 
-CvError suiteGetInteger(CvDescriptor h, uint32_t key, int32_t* value) {
+// A getter of one value of one type: a missing key, another type or no
+// place to put it is a parameter error.
+template <class T, class Read>
+CvError getTyped(CvDescriptor h, uint32_t key, uint32_t type, T* out, Read read) {
     return guarded(h, [&](Descriptor& d) {
-        const DescriptorEntry* e = typed(d, key, cvTypeInteger);
-        if (!e || !value)
+        const DescriptorEntry* e = typed(d, key, type);
+        if (!e || !out)
             return false;
-        *value = e->integer;
+        *out = read(*e);
         return true;
     });
+}
+
+CvError suiteGetInteger(CvDescriptor h, uint32_t key, int32_t* value) {
+    return getTyped(h, key, cvTypeInteger, value,
+                    [](const DescriptorEntry& e) { return e.integer; });
 }
 
 CvError suiteGetFloat(CvDescriptor h, uint32_t key, double* value) {
-    return guarded(h, [&](Descriptor& d) {
-        const DescriptorEntry* e = typed(d, key, cvTypeFloat);
-        if (!e || !value)
-            return false;
-        *value = e->number;
-        return true;
-    });
+    return getTyped(h, key, cvTypeFloat, value, [](const DescriptorEntry& e) { return e.number; });
 }
 
 CvError suiteGetBoolean(CvDescriptor h, uint32_t key, uint8_t* value) {
-    return guarded(h, [&](Descriptor& d) {
-        const DescriptorEntry* e = typed(d, key, cvTypeBoolean);
-        if (!e || !value)
-            return false;
-        *value = e->boolean ? 1 : 0;
-        return true;
+    return getTyped(h, key, cvTypeBoolean, value, [](const DescriptorEntry& e) {
+        return static_cast<uint8_t>(e.boolean ? 1 : 0);
     });
 }
 
@@ -124,13 +122,8 @@ CvError suiteGetEnumerated(CvDescriptor h, uint32_t key, uint32_t* type, uint32_
 }
 
 CvError suiteGetDataLength(CvDescriptor h, uint32_t key, int32_t* length) {
-    return guarded(h, [&](Descriptor& d) {
-        const DescriptorEntry* e = typed(d, key, cvTypeRawData);
-        if (!e || !length)
-            return false;
-        *length = static_cast<int32_t>(e->data.size());
-        return true;
-    });
+    return getTyped(h, key, cvTypeRawData, length,
+                    [](const DescriptorEntry& e) { return static_cast<int32_t>(e.data.size()); });
 }
 
 CvError suiteGetData(CvDescriptor h, uint32_t key, void* buffer, int32_t length) {
