@@ -58,17 +58,22 @@ std::optional<Vec3d> SourceToSphere(const PhotoToSphere& photo, double x, double
     return PhotoFrameVector(d);
 }
 
+// The longitude and latitude of a photo-frame vector (PhotoFrameVector's inverse).
+SphereDirection DirectionOf(const Vec3d& v) {
+    return {static_cast<float>(std::atan2(v[0], v[2])),
+            static_cast<float>(std::asin(std::clamp(v[1], -1.0, 1.0)))};
+}
+
 void SphereToSource(const PhotoToSphere& photo, const Vec3d& v, double& x, double& y) {
-    const SphereDirection d{static_cast<float>(std::atan2(v[0], v[2])),
-                            static_cast<float>(std::asin(std::clamp(v[1], -1.0, 1.0)))};
+    const SphereDirection d = DirectionOf(v);
     const ImagePoint p = photo.ToImagePoint(d.lambda, d.phi);
     x = double{p.x} + photo.Raster().halfWidth;
     y = double{p.y} + photo.Raster().halfHeight;
 }
 
 bool OnPicture(const PhotoToSphere& photo, const Vec3d& v) {
-    return photo.IsVisible(static_cast<float>(std::atan2(v[0], v[2])),
-                           static_cast<float>(std::asin(std::clamp(v[1], -1.0, 1.0))));
+    const SphereDirection d = DirectionOf(v);
+    return photo.IsVisible(d.lambda, d.phi);
 }
 
 // The unit normal of the plane through the origin that fits the scatter best.
