@@ -149,10 +149,12 @@ void recordAction(const Descriptor& result) {
 
 class Batch {
 public:
-    Batch(const CliOptions& options, Module& module, const Descriptor* params)
+    Batch(const CliOptions& options, Module& module, const Descriptor* params,
+          HostKit::VulkanProbe& gpu)
         : options_(options),
           module_(module),
           params_(params),
+          gpu_(gpu),
           memoryLimit_(options.memoryMiB ? *options.memoryMiB << 20 : defaultMemoryLimit()),
           bar_(options.quiet) {}
 
@@ -203,6 +205,7 @@ public:
         if (options_.command == "edit")
             prepareEditInvocation(invocation);
         invocation.listener = &bar_;
+        requireGpu();
         if (next)
             lookAhead(*next, t.output);
         bar_.start(t.label);
@@ -244,6 +247,7 @@ public:
         invocation.freshDefaults = true;  // the lens the editor would open with, as apply
         invocation.resetPreferences = options_.resetPreferences;
         invocation.listener = &bar_;
+        requireGpu();
         bar_.start(t.label);
         const InvocationOutcome outcome = module_.run(invocation);
         bar_.end();
@@ -274,7 +278,19 @@ public:
             std::fprintf(stderr, "curvana: wrote %s\n", t.output.c_str());
     }
 
+    bool gpuMissing() const { return gpuMissing_; }
+
 private:
+    void requireGpu() {
+        if (gpu_.deviceName())
+            return;
+        gpuMissing_ = true;
+        throw HostError(kExitModule,
+                        "no Vulkan device: the filter renders on the graphics processor through "
+                        "Vulkan. Install your GPU vendor's Vulkan driver, or the software "
+                        "renderer (Debian package mesa-vulkan-drivers)");
+    }
+
     // Half the cache for decoded source blocks; a batch of corrections keeps
     // two sources open (this one and the next), a quarter each.
     SourceOptions sourceOptions() const {
@@ -319,6 +335,8 @@ private:
     const CliOptions& options_;
     Module& module_;
     const Descriptor* params_;
+    HostKit::VulkanProbe& gpu_;
+    bool gpuMissing_ = false;
     uint64_t memoryLimit_;
     ProgressBar bar_;
     std::unique_ptr<ImageSource> lookahead_;
@@ -327,7 +345,8 @@ private:
 
 }  // namespace
 
-int runBatch(const CliOptions& options, Module& module, const Descriptor* params) {
+int runBatch(const CliOptions& options, Module& module, const Descriptor* params,
+             HostKit::VulkanProbe& gpu) {
     std::error_code ec;
     const fs::path out = options.output;
     const bool outIsFolder = fs::is_directory(out, ec);
@@ -335,7 +354,7 @@ int runBatch(const CliOptions& options, Module& module, const Descriptor* params
         throw HostError(kExitOutput,
                         out.string() + ": several inputs need an existing output folder");
 
-    Batch batch(options, module, params);
+    Batch batch(options, module, params, gpu);
     const size_t count = options.inputs.size();
     int status = kExitOk;
     for (size_t i = 0; i < count; ++i) {
@@ -362,8 +381,8 @@ int runBatch(const CliOptions& options, Module& module, const Descriptor* params
         }
         if (status == kExitOk)
             status = code;
-        if (code == kExitInterrupted)
-            return kExitInterrupted;
+        if (code == kExitInterrupted || batch.gpuMissing())
+            return code;
     }
     return status;
 }

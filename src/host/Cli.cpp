@@ -37,13 +37,10 @@ std::unique_ptr<Descriptor> replayedSettings(const CliOptions& options) {
     return params;
 }
 
+// The filter renders through Vulkan and cannot run without a device; the
+// batch asks the probe just before the first run, so that the probe overlaps
+// loading the module and opening the first input.
 std::unique_ptr<Module> loadModule(const CliOptions& options) {
-    // The filter renders through Vulkan and cannot run without a device.
-    if (!vulkanDeviceAvailable())
-        throw HostError(kExitModule,
-                        "no Vulkan device: the filter renders on the graphics processor through "
-                        "Vulkan. Install your GPU vendor's Vulkan driver, or the software "
-                        "renderer (Debian package mesa-vulkan-drivers)");
     const MemoryFigures memory = memoryFigures();
     HostFacts facts;
     facts.gpuAvailable = true;
@@ -111,10 +108,11 @@ int runCli(int argc, char** argv) {
         return kExitOk;
     if (options->command == "version")
         return printVersion(*options);
+    HostKit::VulkanProbe gpu;
     const std::unique_ptr<Descriptor> params = replayedSettings(*options);
     const std::unique_ptr<Module> module = loadModule(*options);
     installInterruptHandlers();
-    return runBatch(*options, *module, params.get());
+    return runBatch(*options, *module, params.get(), gpu);
 }
 
 }  // namespace Curvana::Host

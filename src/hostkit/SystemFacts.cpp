@@ -5,6 +5,7 @@
 #include <vulkan/vulkan.h>
 
 #include <cerrno>
+#include <csignal>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -88,24 +89,24 @@ std::string probeVulkan() {
 
 }  // namespace
 
-std::optional<std::string> vulkanDeviceName() {
+VulkanProbe::VulkanProbe() {
     // Probed in a child process: a driver that crashes or hangs while probed
     // cannot take the host with it, and what the driver leaves behind (threads,
     // allocations) stays out of the host process. The name comes back through
-    // a pipe.
+    // a pipe; the host goes on with its own work meanwhile.
     int fds[2];
     if (::pipe(fds) != 0) {
-        std::string name = probeVulkan();
-        return name.empty() ? std::nullopt : std::optional<std::string>(name);
+        finishInProcess();
+        return;
     }
-    const pid_t pid = ::fork();
-    if (pid < 0) {
+    pid_ = ::fork();
+    if (pid_ < 0) {
         ::close(fds[0]);
         ::close(fds[1]);
-        std::string name = probeVulkan();
-        return name.empty() ? std::nullopt : std::optional<std::string>(name);
+        finishInProcess();
+        return;
     }
-    if (pid == 0) {
+    if (pid_ == 0) {
         ::close(fds[0]);
         const std::string name = probeVulkan();
         const bool written = !name.empty() && ::write(fds[1], name.data(), name.size()) ==
@@ -113,24 +114,58 @@ std::optional<std::string> vulkanDeviceName() {
         ::_exit(written ? 0 : 1);
     }
     ::close(fds[1]);
+    pipe_ = fds[0];
+}
+
+VulkanProbe::~VulkanProbe() {
+    if (pid_ > 0) {
+        // Not asked for: the child need not finish its probe.
+        ::kill(pid_, SIGKILL);
+        collect();
+    }
+}
+
+void VulkanProbe::finishInProcess() {
+    std::string name = probeVulkan();
+    if (!name.empty())
+        name_ = std::move(name);
+    pid_ = -1;
+}
+
+void VulkanProbe::collect() {
     std::string name;
     char buffer[256];
     for (;;) {
-        const ssize_t n = ::read(fds[0], buffer, sizeof buffer);
+        const ssize_t n = ::read(pipe_, buffer, sizeof buffer);
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
             break;
         name.append(buffer, static_cast<size_t>(n));
     }
-    ::close(fds[0]);
+    ::close(pipe_);
+    pipe_ = -1;
     int status = 0;
-    while (::waitpid(pid, &status, 0) < 0)
-        if (errno != EINTR)
-            return std::nullopt;
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || name.empty())
-        return std::nullopt;
-    return name;
+    bool waited = true;
+    while (::waitpid(pid_, &status, 0) < 0)
+        if (errno != EINTR) {
+            waited = false;
+            break;
+        }
+    pid_ = -1;
+    if (waited && WIFEXITED(status) && WEXITSTATUS(status) == 0 && !name.empty())
+        name_ = std::move(name);
+}
+
+const std::optional<std::string>& VulkanProbe::deviceName() {
+    if (pid_ > 0)
+        collect();
+    return name_;
+}
+
+std::optional<std::string> vulkanDeviceName() {
+    VulkanProbe probe;
+    return probe.deviceName();
 }
 
 }  // namespace Curvana::HostKit

@@ -14,9 +14,30 @@ struct MemoryFigures {
 // From /proc/meminfo; zeros when it cannot be read.
 MemoryFigures memoryFigures();
 
-// The name of the first Vulkan device on which a logical device can be made
-// (lavapipe counts: the renderer runs on it); nothing when there is none.
-// Probed in a child process.
+// Finds the first Vulkan device on which a logical device can be made
+// (lavapipe counts: the renderer runs on it). The probe starts at
+// construction, in a child process, and runs beside the caller's own work:
+// loading drivers takes a tenth of a second or more. deviceName() waits for
+// it; nothing when there is none.
+class VulkanProbe {
+public:
+    VulkanProbe();
+    ~VulkanProbe();
+    VulkanProbe(const VulkanProbe&) = delete;
+    VulkanProbe& operator=(const VulkanProbe&) = delete;
+
+    const std::optional<std::string>& deviceName();
+
+private:
+    void finishInProcess();
+    void collect();
+
+    int pid_ = -1;
+    int pipe_ = -1;
+    std::optional<std::string> name_;
+};
+
+// The probe above, waited for at once.
 std::optional<std::string> vulkanDeviceName();
 inline bool vulkanDeviceAvailable() {
     return vulkanDeviceName().has_value();
