@@ -11,6 +11,8 @@ namespace Curvana::HostKit {
 namespace {
 
 constexpr const char* kHugePages = "glibc.malloc.hugetlb=1";
+constexpr int kHeapStep = 64 << 20;    // heap growth, and free heap kept at its top
+constexpr int kOwnMapping = 32 << 20;  // from this size a block is mapped on its own
 
 // The address sanitizer's allocator takes the place of glibc's.
 #if defined(__SANITIZE_ADDRESS__)
@@ -32,6 +34,16 @@ bool hugePagesOnRequest() {
 
 void setUpProcessMemory(char** argv) {
     mallopt(M_ARENA_MAX, 1);
+    // Pixel blocks and tiles (a few hundred KiB each) come from the heap,
+    // which grows in large steps and keeps what is freed for the next ones:
+    // glibc asks for huge pages only behind a step of at least one huge page,
+    // a block mapped on its own gets ordinary pages, and on a virtual machine
+    // every ordinary page touched for the first time traps to the
+    // hypervisor. Setting these fixes glibc's own thresholds, which would
+    // otherwise send such blocks to mappings of their own until one is freed.
+    mallopt(M_TOP_PAD, kHeapStep);
+    mallopt(M_MMAP_THRESHOLD, kOwnMapping);
+    mallopt(M_TRIM_THRESHOLD, kHeapStep);
     const char* current = std::getenv("GLIBC_TUNABLES");
     const std::string before = current ? current : "";
     if (kOwnAllocator || argv == nullptr || argv[0] == nullptr ||

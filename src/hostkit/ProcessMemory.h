@@ -14,7 +14,10 @@ namespace Curvana::HostKit {
 //   a third of a whole run's processor time. glibc reads that setting only at
 //   start-up, so the process starts itself again, once, with it set; a
 //   setting the user made is kept, and when the restart fails the process
-//   runs on with ordinary pages.
+//   runs on with ordinary pages;
+// - pixel blocks and tiles from a heap that grows in 64 MiB steps, so that
+//   glibc asks for huge pages behind each step, and that keeps what is freed
+//   for the next blocks.
 // Sanitizer builds keep their own allocator and are not restarted.
 void setUpProcessMemory(char** argv);
 
