@@ -26,11 +26,22 @@ Gpu::Result<std::unique_ptr<PResult>> PResult::Create(std::shared_ptr<Gpu::GpuDe
 PResult::PResult(Config config, std::unique_ptr<WarpRenderer> renderer)
     : config_(config), renderer_(std::move(renderer)) {}
 
+bool PResult::SameTarget(const Config& a, const Config& b) {
+    return a.width == b.width && a.height == b.height && a.format.planes == b.format.planes &&
+           a.format.depth == b.format.depth && a.options.border == b.options.border &&
+           a.options.sourceTextureBudget == b.options.sourceTextureBudget;
+}
+
 void PResult::SetMesh(std::shared_ptr<const RenderMesh> mesh) {
     mesh_ = std::move(mesh);
     renderer_->SetPlan(std::make_shared<const RenderPlan>(mesh_, config_.width, config_.height,
                                                           config_.width, config_.height,
                                                           config_.options.framing));
+}
+
+void PResult::SetMesh(std::shared_ptr<const RenderMesh> mesh, const ViewFraming& framing) {
+    config_.options.framing = framing;
+    SetMesh(std::move(mesh));
 }
 
 void PResult::SetWarp(const SphereWarp& warp, const TexCoordFunction& texCoord) {

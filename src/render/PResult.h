@@ -43,12 +43,15 @@ public:
     static Gpu::Result<std::unique_ptr<PResult>> Create(std::shared_ptr<Gpu::GpuDevice> device,
                                                         const Config& config);
 
+    const Config& Configuration() const { return config_; }
     int32_t Width() const { return config_.width; }
     int32_t Height() const { return config_.height; }
     const PixelFormat& Format() const { return config_.format; }
 
     // Rebuilds the plan (buckets, source-tile lists, frame) for a new mesh.
     void SetMesh(std::shared_ptr<const RenderMesh> mesh);
+    // The same with new scale and offsets, planned once.
+    void SetMesh(std::shared_ptr<const RenderMesh> mesh, const ViewFraming& framing);
     // BuildRenderMesh(warp, texCoord), then SetMesh.
     void SetWarp(const SphereWarp& warp, const TexCoordFunction& texCoord);
     // New scale and offsets: the frame and buckets are rebuilt for the mesh.
@@ -63,6 +66,11 @@ public:
     RenderStatus RenderTile(const PixelRect& requested, RenderSource& source, RenderSink& sink);
     // The source's pixels changed since the last upload.
     void InvalidateSource() { renderer_->InvalidateSource(); }
+    // Makes the source texture ahead of the first mesh (WarpRenderer::ReserveSource).
+    RenderStatus ReserveSource() { return renderer_->ReserveSource(config_.width, config_.height); }
+    // New scale and offsets, or the same target: whether a result made with
+    // `a` can render what `b` asks for after SetFraming(b's framing).
+    static bool SameTarget(const Config& a, const Config& b);
 
     SourceMode Mode() const { return renderer_->Mode(); }
     const RenderStatistics& Statistics() const { return renderer_->Statistics(); }

@@ -177,19 +177,64 @@ void WarpRenderer::SetPlan(std::shared_ptr<const RenderPlan> plan) {
         sourceResident_ = false;
         return;
     }
-    const uint64_t bpt = resampler_->BytesPerTexel();
+    const uint64_t budgetTexels = options_.sourceTextureBudget / resampler_->BytesPerTexel();
     const uint32_t maxSide = resampler_->Device()->MaxTextureDimension();
-    const auto sw = static_cast<uint64_t>(plan_->SourceWidth());
-    const auto sh = static_cast<uint64_t>(plan_->SourceHeight());
-    const uint64_t budgetTexels = options_.sourceTextureBudget / bpt;
-    const bool whole = sw <= maxSide && sh <= maxSide && sw * sh <= budgetTexels;
-    mode_ = whole ? SourceMode::Whole : SourceMode::Windows;
+    mode_ = FitsWhole(plan_->SourceWidth(), plan_->SourceHeight()) ? SourceMode::Whole
+                                                                   : SourceMode::Windows;
     const auto budgetSide = static_cast<uint64_t>(std::sqrt(static_cast<double>(budgetTexels)));
     windowLimit_ = static_cast<uint32_t>(
         std::min<uint64_t>(maxSide, std::max<uint64_t>(budgetSide, kMinWindowSide)));
     if (!(sameSource && previous == SourceMode::Whole && mode_ == SourceMode::Whole)) {
         sourceResident_ = false;
     }
+}
+
+bool WarpRenderer::FitsWhole(int32_t sourceWidth, int32_t sourceHeight) const {
+    const uint64_t budgetTexels = options_.sourceTextureBudget / resampler_->BytesPerTexel();
+    const uint32_t maxSide = resampler_->Device()->MaxTextureDimension();
+    const auto sw = static_cast<uint64_t>(std::max(sourceWidth, 0));
+    const auto sh = static_cast<uint64_t>(std::max(sourceHeight, 0));
+    return sw <= maxSide && sh <= maxSide && sw * sh <= budgetTexels;
+}
+
+RenderStatus WarpRenderer::ReserveSource(int32_t sourceWidth, int32_t sourceHeight) {
+    if (sourceWidth <= 0 || sourceHeight <= 0 || !FitsWhole(sourceWidth, sourceHeight)) {
+        return RenderStatus::Ok();  // windows: their texture is small and grows as needed
+    }
+    if (auto made = resampler_->EnsureSourceTexture(static_cast<uint32_t>(sourceWidth),
+                                                    static_cast<uint32_t>(sourceHeight));
+        !made) {
+        return GpuFailure(made.error());
+    }
+    if (Gpu::Status s = resampler_->ClearSource(); !s) {
+        return GpuFailure(s.error());
+    }
+    sourceResident_ = false;
+    // One small triangle sampling that texture: a device may compile the
+    // shader for the texture's state at its first draw, which then happens
+    // here rather than before the first tile. Every tile clears the target.
+    const std::array<Gpu::GpuVertex, 3> triangle{{{-1.0f, -1.0f, 0.0f, 1.0f, 0.0f, 0.0f},
+                                                  {-0.9f, -1.0f, 0.0f, 1.0f, 0.1f, 0.0f},
+                                                  {-1.0f, -0.9f, 0.0f, 1.0f, 0.0f, 0.1f}}};
+    const std::array<uint32_t, 3> indices{0, 1, 2};
+    std::array<float, 16> identity{};
+    for (size_t i = 0; i < 4; ++i) {
+        identity[i * 5] = 1.0f;
+    }
+    rectangleVerticesResident_ = false;
+    if (Gpu::Status s = resampler_->UploadVertices(triangle); !s) {
+        return GpuFailure(s.error());
+    }
+    if (Gpu::Status s = resampler_->UploadIndices(indices); !s) {
+        return GpuFailure(s.error());
+    }
+    if (Gpu::Status s = resampler_->SetMatrix(identity); !s) {
+        return GpuFailure(s.error());
+    }
+    if (Gpu::Status s = resampler_->Draw(3, true, std::nullopt); !s) {
+        return GpuFailure(s.error());
+    }
+    return RenderStatus::Ok();
 }
 
 RenderStatus WarpRenderer::RenderAll(RenderSource& source, RenderSink& sink,

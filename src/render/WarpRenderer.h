@@ -94,6 +94,12 @@ public:
     RenderStatus RenderTile(int32_t column, int32_t row, RenderSource& source, RenderSink& sink);
     // The source's pixels changed: upload again before the next tile.
     void InvalidateSource() { sourceResident_ = false; }
+    // Makes (and clears) the texture that a source of this size is drawn from
+    // whole, ahead of the first plan, and draws from it once; nothing for a
+    // source drawn through windows. Run beside other work, it takes the
+    // texture's first-touch cost and the shader's first-draw compile off the
+    // render.
+    RenderStatus ReserveSource(int32_t sourceWidth, int32_t sourceHeight);
 
     const RenderStatistics& Statistics() const { return statistics_; }
     Gpu::GpuResampler& Resampler() { return *resampler_; }
@@ -109,6 +115,8 @@ private:
         std::vector<TriangleVertex> vertices;  // three per triangle
     };
 
+    // Whether a source of this size is drawn from one whole texture.
+    bool FitsWhole(int32_t sourceWidth, int32_t sourceHeight) const;
     RenderStatus UploadWhole(RenderSource& source);
     RenderStatus UploadWindow(RenderSource& source, const PixelRect& window);
     RenderStatus DrawWhole(int32_t column, int32_t row, const PixelRect& region);

@@ -239,6 +239,10 @@ bool PFilter::runFilter() {
                 return true;
             }
             live = working;
+            // A render will follow: the device starts beside the lens lookup
+            // and the solve.
+            if (silent && !suggestRequest_.only)
+                imageHub().Prewarm(*this);
             chooseProjection(ProjectionModel::Fisheye, ProjectionDecision::Keep, silent);
             if (fresh)
                 deriveFocalLength();
@@ -270,6 +274,7 @@ bool PFilter::runFilter() {
             savePreferences();
             return true;
         }
+        imageHub().Prewarm(*this);
         chooseProjection(ProjectionModel::Fisheye, ProjectionDecision::Keep, true);
         pipeline_->RebuildSolver(*this);
         reportSkippedConstraints();
@@ -328,7 +333,7 @@ bool PFilter::scriptedInputAccepted() {
 }
 
 void PFilter::applyWithoutDialog() {
-    imageHub().Prewarm();
+    imageHub().Prewarm(*this);
     pipeline_->Solve(*this);
     if (imageHub().RenderFinal(*this)) {
         applied_ = true;

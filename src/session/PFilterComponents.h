@@ -45,8 +45,9 @@ public:
     // was written. Host failures are thrown (HostError).
     virtual bool RenderFinal(PFilter& filter) = 0;
     // A final render will follow: start what it needs that does not depend
-    // on the warp (the GPU device) now, beside the solve.
-    virtual void Prewarm() {}
+    // on the warp (the GPU device, the result's pipeline and source texture)
+    // now, beside the solve.
+    virtual void Prewarm(PFilter& /*filter*/) {}
 };
 
 // What the last rebuild could do with the constraint set.

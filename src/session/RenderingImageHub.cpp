@@ -118,19 +118,59 @@ std::array<uint16_t, 4> BorderValues(int32_t mode, int32_t depth) {
 
 RenderingImageHub::RenderingImageHub(Gpu::GpuOptions options) : options_(std::move(options)) {}
 
-void RenderingImageHub::Prewarm() {
+PResult::Config RenderingImageHub::ResultConfig(PFilter& filter) const {
+    const HostRecord& host = context_.host;
+    const ImageRect area = GetImageRect();
+    const PSettings& s = filter.settings();
+    PResult::Config config;
+    config.width = area.Width();
+    config.height = area.Height();
+    config.format = PixelFormat{host.Planes(), host.Depth() > 8 ? 16 : 8};
+    config.options.framing = ViewFraming{s.scale, s.offsetX, s.offsetY, s.s1 != 0};
+    config.options.border = BorderValues(host.Mode(), config.format.depth);
+    // One source texture may take at most the pixel-cache budget; a larger
+    // source is drawn through windows.
+    config.options.sourceTextureBudget =
+        std::clamp<uint64_t>(context_.cacheBudget, uint64_t{32} << 20, uint64_t{1} << 30);
+    return config;
+}
+
+void RenderingImageHub::Prewarm(PFilter& filter) {
     if (device_ || starting_.valid())
         return;
-    starting_ = std::async(std::launch::async,
-                           [options = options_] { return Gpu::GpuDevice::Create(options); });
+    std::optional<PResult::Config> config;
+    if (const ImageRect area = GetImageRect(); area.Width() > 0 && area.Height() > 0)
+        config = ResultConfig(filter);
+    starting_ = std::async(std::launch::async, [options = options_, config]() -> Gpu::Result<Warm> {
+        auto device = Gpu::GpuDevice::Create(options);
+        if (!device)
+            return device.error();
+        Warm warm{std::move(device).value(), nullptr};
+        if (!config)
+            return warm;
+        // A failure here is left to the final render,
+        // which makes its own result and reports it.
+        auto made = PResult::Create(warm.device, *config);
+        if (made && made.value()->ReserveSource().ok())
+            warm.result = std::move(made).value();
+        return warm;
+    });
 }
 
 Gpu::Result<std::shared_ptr<Gpu::GpuDevice>> RenderingImageHub::Device() {
     if (!device_) {
-        auto created = starting_.valid() ? starting_.get() : Gpu::GpuDevice::Create(options_);
-        if (!created)
-            return created.error();
-        device_ = std::move(created).value();
+        if (starting_.valid()) {
+            auto warmed = starting_.get();
+            if (!warmed)
+                return warmed.error();
+            device_ = std::move(warmed.value().device);
+            result_ = std::move(warmed.value().result);
+        } else {
+            auto created = Gpu::GpuDevice::Create(options_);
+            if (!created)
+                return created.error();
+            device_ = std::move(created).value();
+        }
     }
     return device_;
 }
@@ -156,26 +196,23 @@ bool RenderingImageHub::RenderFinal(PFilter& filter) {
         return false;
     }
 
-    const PSettings& s = filter.settings();
-    PResult::Config config;
-    config.width = area.Width();
-    config.height = area.Height();
-    config.format = PixelFormat{host.Planes(), host.Depth() > 8 ? 16 : 8};
-    config.options.framing = ViewFraming{s.scale, s.offsetX, s.offsetY, s.s1 != 0};
-    config.options.border = BorderValues(host.Mode(), config.format.depth);
-    // One source texture may take at most the pixel-cache budget; a larger
-    // source is drawn through windows.
-    config.options.sourceTextureBudget =
-        std::clamp<uint64_t>(context_.cacheBudget, uint64_t{32} << 20, uint64_t{1} << 30);
-
-    auto made = PResult::Create(device_, config);
-    if (!made) {
-        filter.alert(Localize(kGpuFailed, {made.error().message}));
-        return false;
+    const PResult::Config config = ResultConfig(filter);
+    // The result made ahead, or the last image's when this one has its size
+    // and format (a batch): its pipeline and source texture are ready.
+    std::unique_ptr<PResult> made = std::move(result_);
+    if (!made || !PResult::SameTarget(made->Configuration(), config)) {
+        made.reset();  // its texture goes before the next is made
+        auto fresh = PResult::Create(device_, config);
+        if (!fresh) {
+            filter.alert(Localize(kGpuFailed, {fresh.error().message}));
+            return false;
+        }
+        made = std::move(fresh).value();
     }
-    PResult& result = *made.value();
+    PResult& result = *made;
     result.SetMesh(std::make_shared<const RenderMesh>(BuildRenderMesh(
-        *warp, MeshTextureCoordinates(*mesh, *photo), ContentBoxOf(*warp, *photo))));
+                       *warp, MeshTextureCoordinates(*mesh, *photo), ContentBoxOf(*warp, *photo))),
+                   config.options.framing);
 
     HostPixels pixels(host, area);
     RenderControl control;
@@ -184,10 +221,12 @@ bool RenderingImageHub::RenderFinal(PFilter& filter) {
     const RenderStatus status = result.Render(pixels, pixels, control);
     switch (status.code) {
         case RenderCode::Ok:
+            result_ = std::move(made);
             pixels.ClearUnwrittenTiles(config.format.planes, config.format.BytesPerValue(),
                                        config.options.border);
             return true;
         case RenderCode::Cancelled:
+            result_ = std::move(made);
             return false;
         default:
             filter.alert(Localize(kGpuFailed, {status.message}));

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "render/PResult.h"
 #include "render/gpu/GpuDevice.h"
 #include "session/PFilterComponents.h"
 
@@ -21,7 +22,9 @@ std::array<uint16_t, 4> BorderValues(int32_t mode, int32_t depth);
 // The image hub of the module: the host's image behind the renderer's source
 // and sink interfaces, and the final full-resolution pass through the GPU.
 // The GPU device is made on the first final render and kept for the plug-in
-// instance (starting it costs tens of milliseconds and a shader compile).
+// instance (starting it costs tens of milliseconds and a shader compile), and
+// so is the last result, whose source texture the next image of the same size
+// reuses.
 class RenderingImageHub final : public PImageHub {
 public:
     // options: how the device is made (tests turn validation on).
@@ -34,17 +37,25 @@ public:
     // to the user and returns false, like a cancel: the image is untouched and
     // no parameters are written.
     bool RenderFinal(PFilter& filter) override;
-    // Starts the device on a thread of its own (Vulkan start-up and the
-    // shader compile take tens of milliseconds the solve can hide).
-    void Prewarm() override;
+    // Starts the device, and makes the result with its source texture, on a
+    // thread of its own: Vulkan start-up, the shader compile and the first
+    // touch of a large texture take time the solve can hide.
+    void Prewarm(PFilter& filter) override;
 
 private:
+    struct Warm {
+        std::shared_ptr<Gpu::GpuDevice> device;
+        std::unique_ptr<PResult> result;  // null when it could not be made ahead
+    };
     Gpu::Result<std::shared_ptr<Gpu::GpuDevice>> Device();
+    PResult::Config ResultConfig(PFilter& filter) const;
 
     Gpu::GpuOptions options_;
     HostImageContext context_;
     std::shared_ptr<Gpu::GpuDevice> device_;
-    std::future<Gpu::Result<std::shared_ptr<Gpu::GpuDevice>>> starting_;
+    // Made ahead by Prewarm, then kept from one final render to the next.
+    std::unique_ptr<PResult> result_;
+    std::future<Gpu::Result<Warm>> starting_;
 };
 
 }  // namespace Project

@@ -196,6 +196,41 @@ TEST_F(RealModuleScenario, AFisheyeCorrectionMatchesAReferenceRenderOfTheSameWar
     EXPECT_EQ(c.spuriousCovered, 0);
 }
 
+// A batch draws a photo with the renderer (and source texture) of the one
+// before when the sizes match, and with a new one when they do not: every
+// photo must come out exactly as when it is corrected on its own.
+TEST_F(RealModuleScenario, ABatchCorrectsEachPhotoAsOnItsOwn) {
+    SampleGen::SampleFileOptions o;
+    o.scene = scene;
+    o.scene.lens = SampleGen::Lens::Rectilinear;  // same size, other pixels
+    const fs::path sameSize = dir / "rectilinear.png";
+    SampleGen::writeSampleFile(sameSize, o);
+    o.scene = scene;
+    o.scene.width = kWidth / 2;
+    o.scene.height = kHeight / 2;
+    const fs::path smaller = dir / "smaller.png";
+    SampleGen::writeSampleFile(smaller, o);
+
+    fs::create_directory(dir / "batch");
+    fs::create_directory(dir / "alone");
+    const std::vector<fs::path> inputs{input, sameSize, smaller};
+    std::vector<std::string> args{"apply"};
+    for (const fs::path& in : inputs)
+        args.push_back(in.string());
+    args.insert(args.end(), {"-o", (dir / "batch").string()});
+    const RunResult batch = curvana(args);
+    ASSERT_EQ(batch.exitCode, 0) << batch.err;
+    for (const fs::path& in : inputs) {
+        const fs::path alone = dir / "alone" / in.filename();
+        const RunResult r = curvana({"apply", in.string(), "-o", alone.string()});
+        ASSERT_EQ(r.exitCode, 0) << r.err;
+        const Raster a = readWhole(alone);
+        const Raster b = readWhole(dir / "batch" / in.filename());
+        EXPECT_EQ(a.info.width, b.info.width) << in;
+        EXPECT_TRUE(a.data == b.data) << in.filename() << " differs in the batch";
+    }
+}
+
 // The filter's own checks reach the user as its message.
 TEST_F(RealModuleScenario, AMismatchingConstraintFileIsRefusedWithTheFiltersMessage) {
     const fs::path out = dir / "out.png";

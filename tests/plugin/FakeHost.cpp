@@ -1,5 +1,6 @@
 #include "FakeHost.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -79,7 +80,7 @@ struct FakeHost::Callbacks {
         FakeHost& h = Self(host);
         if (!Inside(h, rect) || plane < 0 || plane >= h.record_.planes)
             return cvErrParam;
-        ++h.sourceReads;
+        h.widestSourceRead = std::max(h.widestSourceRead, rect->right - rect->left);
         for (int32_t y = rect->top; y < rect->bottom; ++y) {
             auto* row =
                 static_cast<uint8_t*>(buffer) + static_cast<ptrdiff_t>(y - rect->top) * rowBytes;

@@ -72,7 +72,7 @@ public:
     std::vector<std::pair<int64_t, int64_t>> progressReports;
     std::string progressTitle;
     std::string progressMessage;
-    int64_t sourceReads = 0;  // readSourcePlane calls
+    int32_t widestSourceRead = 0;  // the widest rectangle readSourcePlane was asked for
     int64_t samplesWritten = 0;
     int64_t samplesWrong = 0;  // result samples that differ from the source
 

@@ -13,8 +13,9 @@ namespace Project::Gpu {
 namespace {
 
 // Staging bands of the source upload: two buffers of about this size, so the
-// host fills one while the device copies the other.
-constexpr VkDeviceSize kStagingBandBytes = VkDeviceSize{16} << 20;
+// host fills one while the device copies the other. Small enough to stay in
+// the processor's cache between the fill and the copy.
+constexpr VkDeviceSize kStagingBandBytes = VkDeviceSize{2} << 20;
 
 // A command buffer with its fence; the buffer is freed with the pool.
 struct Submission {
@@ -562,6 +563,49 @@ Result<bool> GpuResampler::EnsureSourceTexture(uint32_t width, uint32_t height) 
     ++m.sourceCreations;
     m.WriteDescriptors();
     return true;
+}
+
+Status GpuResampler::ClearSource() {
+    Impl& m = *impl_;
+    if (!m.source.image) {
+        return GpuError{0, "ClearSource before EnsureSourceTexture"};
+    }
+    if (Status s = m.Wait(m.drawSubmission); !s) {
+        return s;
+    }
+    Submission& submission = m.uploadSubmissions[0];
+    auto begun = m.Begin(submission);
+    if (!begun) {
+        return begun.error();
+    }
+    VkCommandBuffer commands = begun.value();
+    const VkImageSubresourceRange range{VK_IMAGE_ASPECT_COLOR_BIT, 0, 1, 0, 1};
+    auto barrier = detail::Info<VkImageMemoryBarrier>(VK_STRUCTURE_TYPE_IMAGE_MEMORY_BARRIER);
+    barrier.srcQueueFamilyIndex = VK_QUEUE_FAMILY_IGNORED;
+    barrier.dstQueueFamilyIndex = VK_QUEUE_FAMILY_IGNORED;
+    barrier.image = m.source.image.get();
+    barrier.subresourceRange = range;
+    barrier.srcAccessMask = 0;
+    barrier.dstAccessMask = VK_ACCESS_TRANSFER_WRITE_BIT;
+    barrier.oldLayout = VK_IMAGE_LAYOUT_UNDEFINED;
+    barrier.newLayout = VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
+    vkCmdPipelineBarrier(commands, VK_PIPELINE_STAGE_FRAGMENT_SHADER_BIT,
+                         VK_PIPELINE_STAGE_TRANSFER_BIT, 0, 0, nullptr, 0, nullptr, 1, &barrier);
+    const VkClearColorValue zero{};
+    vkCmdClearColorImage(commands, m.source.image.get(), VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL,
+                         &zero, 1, &range);
+    barrier.srcAccessMask = VK_ACCESS_TRANSFER_WRITE_BIT;
+    barrier.dstAccessMask = VK_ACCESS_SHADER_READ_BIT;
+    barrier.oldLayout = VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
+    barrier.newLayout = VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL;
+    vkCmdPipelineBarrier(commands, VK_PIPELINE_STAGE_TRANSFER_BIT,
+                         VK_PIPELINE_STAGE_FRAGMENT_SHADER_BIT, 0, 0, nullptr, 0, nullptr, 1,
+                         &barrier);
+    if (Status s = m.SubmitAndWait(submission); !s) {
+        return s;
+    }
+    m.sourceReady = true;  // black until the first upload
+    return {};
 }
 
 Status GpuResampler::UploadSource(uint32_t width, uint32_t height, const FillRows& fill) {

@@ -66,6 +66,11 @@ public:
     // whether it was (re-)created. Fails when a side exceeds
     // GpuDevice::MaxTextureDimension.
     Result<bool> EnsureSourceTexture(uint32_t width, uint32_t height);
+    // Clears the whole source texture to zero and waits for it; it can then
+    // be sampled. On a device that renders in the processor's memory this is
+    // where the texture's pages are first touched, so a caller can pay for
+    // that ahead of the upload, on a thread of its own.
+    Status ClearSource();
     uint32_t SourceWidth() const;
     uint32_t SourceHeight() const;
     // Texture re-creations so far (for tests of the size rule).
