@@ -13,9 +13,11 @@ namespace Project::Gpu {
 namespace {
 
 // Staging bands of the source upload: two buffers of about this size, so the
-// host fills one while the device copies the other. Small enough to stay in
-// the processor's cache between the fill and the copy.
-constexpr VkDeviceSize kStagingBandBytes = VkDeviceSize{2} << 20;
+// host fills one while the device copies the other. Not smaller: each band is
+// a submission, and on the software device a copy into a large texture costs
+// milliseconds beyond its bytes (2 MiB bands made a gigapixel run a third
+// slower).
+constexpr VkDeviceSize kStagingBandBytes = VkDeviceSize{16} << 20;
 
 // A command buffer with its fence; the buffer is freed with the pool.
 struct Submission {
