@@ -382,6 +382,35 @@ void TiffSource::dropLocked(std::unordered_map<uint32_t, Block>::iterator it) {
     cache_.erase(it);
 }
 
+namespace {
+
+template <uint32_t Stride>
+void copyStrided(const uint8_t* __restrict src, uint8_t* __restrict dst, int32_t n) {
+    for (int32_t i = 0; i < n; ++i)
+        dst[i] = src[static_cast<size_t>(i) * Stride];
+}
+
+// One plane's bytes out of interleaved samples; the common strides are
+// compiled apart, so that the loop is a plain gather the compiler unrolls.
+void copyStrided(const uint8_t* src, uint32_t stride, uint8_t* dst, int32_t n) {
+    switch (stride) {
+        case 1:
+            std::memcpy(dst, src, static_cast<size_t>(n));
+            return;
+        case 3:
+            copyStrided<3>(src, dst, n);
+            return;
+        case 4:
+            copyStrided<4>(src, dst, n);
+            return;
+        default:
+            for (int32_t i = 0; i < n; ++i)
+                dst[i] = src[static_cast<size_t>(i) * stride];
+    }
+}
+
+}  // namespace
+
 void TiffSource::readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_t rowBytes) {
     if (plane < 0 || plane >= info_.planes() || !rectInside(rect, info_.bounds()))
         throw HostError(kExitFailed, path_.string() + ": plane request outside the image");
@@ -428,6 +457,8 @@ void TiffSource::readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_
                     const uint8_t* map = palette_.data() + plane;
                     for (int32_t i = 0; i < n; ++i, src += stride)
                         dst[i] = map[3 * size_t{*src}];
+                } else if (!sixteen && convert == Convert::Copy) {
+                    copyStrided(src, stride, dst, n);
                 } else if (!sixteen) {
                     for (int32_t i = 0; i < n; ++i, src += stride) {
                         const uint8_t v = *src;
