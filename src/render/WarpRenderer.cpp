@@ -87,21 +87,27 @@ void InterleaveRows(const std::vector<std::vector<uint8_t>>& planes, uint32_t w,
     for (int p = 0; p < Planes; ++p) {
         in[p] = reinterpret_cast<const T*>(planes[static_cast<size_t>(p)].data());
     }
+    // One pass writing whole texels, each plane through a pointer of its own
+    // that the compiler keeps in a register.
     for (uint32_t r = 0; r < rows; ++r) {
         T* __restrict out = reinterpret_cast<T*>(static_cast<uint8_t*>(dst) + r * pitch);
         const size_t base = static_cast<size_t>(r) * w;
         const T* __restrict c0 = in[0] + base;
+        const T* __restrict c1 = Planes > 1 ? in[1] + base : nullptr;
+        const T* __restrict c2 = Planes > 2 ? in[2] + base : nullptr;
+        const T* __restrict c3 = Planes > 3 ? in[3] + base : nullptr;
         for (uint32_t x = 0; x < w; ++x) {
-            out[4 * x] = ToGpu(c0[x]);
-            out[4 * x + 1] = 0;
-            out[4 * x + 2] = 0;
-            out[4 * x + 3] = 0;
-        }
-        for (int p = 1; p < Planes; ++p) {
-            const T* __restrict cp = in[p] + base;
-            for (uint32_t x = 0; x < w; ++x) {
-                out[4 * x + static_cast<uint32_t>(p)] = ToGpu(cp[x]);
+            T texel[4] = {ToGpu(c0[x]), 0, 0, 0};
+            if constexpr (Planes > 1) {
+                texel[1] = ToGpu(c1[x]);
             }
+            if constexpr (Planes > 2) {
+                texel[2] = ToGpu(c2[x]);
+            }
+            if constexpr (Planes > 3) {
+                texel[3] = ToGpu(c3[x]);
+            }
+            std::memcpy(out + 4 * static_cast<size_t>(x), texel, sizeof texel);
         }
     }
 }
@@ -453,6 +459,63 @@ PixelRect WarpRenderer::Footprint(const TriangleVertex* corners, int32_t count) 
     return rect;
 }
 
+bool WarpRenderer::TileFootprint(const TriangleVertex* tri, const PixelRect& tile,
+                                 PixelRect& footprint) const {
+    // Inside a triangle the texture coordinate is an affine function of the
+    // output position, so the texels the tile's pixels read are those of the
+    // triangle's part inside the tile: clip it (Sutherland-Hodgman, with u
+    // and v carried along) to the tile grown by a pixel for rounding.
+    struct Corner {
+        double x, y, u, v;
+    };
+    std::array<Corner, 8> a{};
+    std::array<Corner, 8> b{};
+    size_t n = 3;
+    for (size_t c = 0; c < 3; ++c) {
+        plan_->PlaneToPixel(tri[c].x, tri[c].y, a[c].x, a[c].y);
+        a[c].u = tri[c].u;
+        a[c].v = tri[c].v;
+    }
+    const double bounds[4] = {tile.left - 1.0, tile.top - 1.0, tile.right + 1.0, tile.bottom + 1.0};
+    for (int edge = 0; edge < 4 && n > 0; ++edge) {
+        const bool isX = edge % 2 == 0;
+        const bool keepAbove = edge < 2;
+        const double limit = bounds[edge];
+        auto inside = [&](const Corner& c) {
+            const double value = isX ? c.x : c.y;
+            return keepAbove ? value >= limit : value <= limit;
+        };
+        size_t m = 0;
+        for (size_t i = 0; i < n; ++i) {
+            const Corner& p = a[i];
+            const Corner& q = a[(i + 1) % n];
+            const bool pIn = inside(p);
+            const bool qIn = inside(q);
+            if (pIn) {
+                b[m++] = p;
+            }
+            if (pIn != qIn) {
+                const double pv = isX ? p.x : p.y;
+                const double qv = isX ? q.x : q.y;
+                const double t = (limit - pv) / (qv - pv);
+                b[m++] = {p.x + t * (q.x - p.x), p.y + t * (q.y - p.y), p.u + t * (q.u - p.u),
+                          p.v + t * (q.v - p.v)};
+            }
+        }
+        a = b;
+        n = m;
+    }
+    if (n == 0) {
+        return false;
+    }
+    std::array<TriangleVertex, 8> corners{};
+    for (size_t c = 0; c < n; ++c) {
+        corners[c] = {0.0f, 0.0f, static_cast<float>(a[c].u), static_cast<float>(a[c].v)};
+    }
+    footprint = Footprint(corners.data(), static_cast<int32_t>(n));
+    return true;
+}
+
 RenderStatus WarpRenderer::BuildGroups(int32_t column, int32_t row, std::vector<Group>& groups) {
     groups.clear();
     const auto limit = static_cast<int32_t>(windowLimit_);
@@ -460,6 +523,7 @@ RenderStatus WarpRenderer::BuildGroups(int32_t column, int32_t row, std::vector<
     bool open = false;
     Group current;
     RenderStatus failure = RenderStatus::Ok();
+    const PixelRect tileRect = plan_->TileRect(column, row);
 
     // Adds one triangle to the open group, starting a new group or cutting
     // the triangle when its window does not fit.
@@ -468,7 +532,11 @@ RenderStatus WarpRenderer::BuildGroups(int32_t column, int32_t row, std::vector<
         if (!failure.ok()) {
             return;
         }
-        PixelRect footprint = Footprint(tri, 3);
+        // A triangle of the bucket that misses the tile draws nothing there.
+        PixelRect footprint;
+        if (!TileFootprint(tri, tileRect, footprint)) {
+            return;
+        }
         if (const PixelRect clipped = Intersect(footprint, clip); !clipped.Empty()) {
             footprint = clipped;
         }
@@ -549,7 +617,14 @@ RenderStatus WarpRenderer::DrawWindows(int32_t column, int32_t row, const PixelR
     if (RenderStatus s = BuildGroups(column, row, groups); !s.ok()) {
         return s;
     }
+    const Gpu::TargetRegion readback{0, 0, static_cast<uint32_t>(region.Width()),
+                                     static_cast<uint32_t>(region.Height())};
     if (groups.empty()) {
+        // The bucket's quads come near the tile but cover none of its pixels:
+        // the tile is border only, as the whole-source draw makes it.
+        if (Gpu::Status s = resampler_->Draw(0, true, readback); !s) {
+            return GpuFailure(s.error());
+        }
         return RenderStatus::Ok();
     }
     rectangleVerticesResident_ = false;
@@ -559,8 +634,6 @@ RenderStatus WarpRenderer::DrawWindows(int32_t column, int32_t row, const PixelR
     }
     const double sw = plan_->SourceWidth();
     const double sh = plan_->SourceHeight();
-    const Gpu::TargetRegion readback{0, 0, static_cast<uint32_t>(region.Width()),
-                                     static_cast<uint32_t>(region.Height())};
     for (size_t g = 0; g < groups.size(); ++g) {
         const Group& group = groups[g];
         if (RenderStatus s = UploadWindow(source, group.window); !s.ok()) {

@@ -124,6 +124,10 @@ private:
                              RenderSource& source);
     RenderStatus BuildGroups(int32_t column, int32_t row, std::vector<Group>& groups);
     PixelRect Footprint(const TriangleVertex* corners, int32_t count) const;
+    // The footprint of the triangle's part that covers output tile `tile`
+    // (pixels); false when the triangle misses it.
+    bool TileFootprint(const TriangleVertex* tri, const PixelRect& tile,
+                       PixelRect& footprint) const;
     RenderStatus WriteBack(const PixelRect& region, RenderSink& sink);
 
     std::unique_ptr<Gpu::GpuResampler> resampler_;

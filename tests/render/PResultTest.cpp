@@ -255,7 +255,10 @@ TEST_F(OnLavapipe, ThePhotosEdgeIsDrawnLikeTheWholeRender) {
         << "largest difference " << difference.maxDifference;
 }
 
-// A memory budget smaller than the whole source also selects windows.
+// A memory budget smaller than the whole source also selects windows. A
+// tile's window holds what its own pixels sample, not the whole quads that
+// reach into it: with quads of about 400 texels, the uploads add up to little
+// more than the source.
 TEST_F(OnLavapipe, MemoryBudgetSelectsWindows) {
     MemoryImage source = SyntheticImage(1200, 900, {1, 16}, 19);
     auto mesh = std::make_shared<const RenderMesh>(DistortedGridMesh(17, 1200, 900, 0.02f));
@@ -264,6 +267,17 @@ TEST_F(OnLavapipe, MemoryBudgetSelectsWindows) {
     const Rendered windowed = RenderWithPResult(device, source, mesh, {}, options);
     EXPECT_EQ(windowed.mode, SourceMode::Windows);
     ExpectMatchesReference(windowed, source, 1, 0.9);
+
+    MemoryImage wide = SyntheticImage(2100, 1100, {3, 8}, 37);
+    auto coarse = std::make_shared<const RenderMesh>(DistortedGridMesh(5, 2100, 1100, 0.02f));
+    const Rendered whole = RenderWithPResult(device, wide, coarse, {});
+    options.sourceTextureBudget = 1400 * 1400 * 4;
+    const Rendered tiles = RenderWithPResult(device, wide, coarse, {}, options);
+    EXPECT_EQ(tiles.mode, SourceMode::Windows);
+    EXPECT_LT(tiles.statistics.uploadedTexels, 2100u * 1100u * 5 / 4);
+    const auto difference = CompareImages(whole.image, tiles.image);
+    EXPECT_LE(difference.maxDifference, 1);
+    EXPECT_LE(difference.differing, 0.001 * 3 * 2100 * 1100);
 }
 
 TEST_F(OnLavapipe, ReportsProgressAndStopsWhenAborted) {
