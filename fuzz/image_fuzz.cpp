@@ -1,7 +1,7 @@
 // A photograph end to end as the host takes it in before the filter runs:
-// openImage (format by content), its EXIF and XMP read with Exiv2, and every
-// pixel read as the module reads them. Failures are a HostError or metadata
-// warnings; anything else escaping is a finding.
+// openImage (format by content), its EXIF and XMP read with Exiv2 (BigTIFF's
+// with libtiff), and every pixel read as the module reads them. Failures are a HostError or
+// metadata warnings; anything else escaping is a finding.
 #include "FuzzFile.h"
 #include "FuzzImage.h"
 #include "host/Metadata.h"

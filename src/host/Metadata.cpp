@@ -3,12 +3,12 @@
 #include <exiv2/exiv2.hpp>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <mutex>
 
+#include "TiffMetadata.h"
 #include "hostkit/ExifXmp.h"
 
 namespace Curvana::Host {
@@ -32,17 +32,14 @@ void quietExiv2() {
 }
 
 bool carried(const Exiv2::Exifdatum& datum) {
-    static constexpr std::array<const char*, 11> imageTags = {
-        "Make",        "Model",          "Orientation",      "DateTime",
-        "Artist",      "Copyright",      "ImageDescription", "XResolution",
-        "YResolution", "ResolutionUnit", "Software"};
     const std::string group = datum.groupName();
     if (group == "Photo")
         return datum.tagName() != "MakerNote";
     if (group == "GPSInfo" || group == "Iop")
         return true;
     if (group == "Image")
-        return std::find(imageTags.begin(), imageTags.end(), datum.tagName()) != imageTags.end();
+        return std::find(kCarriedImageTags.begin(), kCarriedImageTags.end(), datum.tag()) !=
+               kCarriedImageTags.end();
     return false;
 }
 
@@ -59,28 +56,51 @@ std::string oneLine(std::string s) {
     return s;
 }
 
+// The record of a photo's EXIF and XMP packet, whichever library read them.
+void describe(PhotoMetadata& out, const Exiv2::ExifData& exif, std::string packet,
+              const std::string& name) {
+    auto carriedExif = std::make_shared<Exiv2::ExifData>();
+    for (const auto& datum : exif)
+        if (carried(datum))
+            carriedExif->add(datum);
+    out.focalLengthMm = rationalValue(exif, "Exif.Photo.FocalLength");
+    out.focalLength35mm = rationalValue(exif, "Exif.Photo.FocalLengthIn35mmFilm");
+    // Bytes before the XML are dropped, as Exiv2 does when it reads a TIFF.
+    if (const size_t xml = packet.find('<'); xml != std::string::npos)
+        packet.erase(0, xml);
+    Exiv2::XmpData xmp;
+    if (!packet.empty() && Exiv2::XmpParser::decode(xmp, packet) != 0) {
+        // Carried on, it would give the output the same damage.
+        out.warnings.push_back(name + ": its XMP packet is damaged and was left out");
+        packet.clear();
+        xmp.clear();
+    }
+    out.xmpPacket = std::move(packet);
+    HostKit::addExifToXmp(exif, xmp);
+    if (!xmp.empty() && Exiv2::XmpParser::encode(out.moduleXmp, xmp) != 0) {
+        out.moduleXmp.clear();
+        out.warnings.push_back(name + ": cannot encode its metadata as XMP");
+    }
+    out.exif = std::move(carriedExif);
+}
+
 }  // namespace
 
 PhotoMetadata readMetadata(const std::filesystem::path& path) {
     quietExiv2();
     PhotoMetadata out;
+    const std::string name = path.string();
     try {
-        auto image = Exiv2::ImageFactory::open(path.string());
-        image->readMetadata();
-        auto exif = std::make_shared<Exiv2::ExifData>();
-        for (const auto& datum : image->exifData())
-            if (carried(datum))
-                exif->add(datum);
-        out.focalLengthMm = rationalValue(image->exifData(), "Exif.Photo.FocalLength");
-        out.focalLength35mm = rationalValue(image->exifData(), "Exif.Photo.FocalLengthIn35mmFilm");
-        out.xmpPacket = image->xmpPacket();
-        Exiv2::XmpData xmp = image->xmpData();
-        HostKit::addExifToXmp(image->exifData(), xmp);
-        if (!xmp.empty() && Exiv2::XmpParser::encode(out.moduleXmp, xmp) != 0) {
-            out.moduleXmp.clear();
-            out.warnings.push_back(path.string() + ": cannot encode its metadata as XMP");
+        if (isBigTiff(path)) {
+            Exiv2::ExifData exif;
+            std::string packet;
+            readTiffMetadata(path, exif, packet, out.warnings);
+            describe(out, exif, std::move(packet), name);
+        } else {
+            auto image = Exiv2::ImageFactory::open(name);
+            image->readMetadata();
+            describe(out, image->exifData(), image->xmpPacket(), name);
         }
-        out.exif = std::move(exif);
     } catch (const Exiv2::AnyError& e) {
         out.warnings.push_back(path.string() + ": metadata not read (" + oneLine(e.what()) + ")");
     } catch (const std::exception& e) {
@@ -95,7 +115,11 @@ std::string writeMetadata(const std::filesystem::path& path, FileFormat format,
     quietExiv2();
     const bool hasExif = metadata.exif && !metadata.exif->empty();
     if (format == FileFormat::Tiff) {
-        if (!hasExif || tiffExifAsXmp(info))
+        if (!hasExif)
+            return {};
+        if (isBigTiff(path))  // which Exiv2 cannot write; libtiff adds to it in place
+            return addTiffExif(path, *metadata.exif, name);
+        if (tiffExifAsXmp(info))
             return {};
     } else if (!hasExif && metadata.xmpPacket.empty()) {
         return {};

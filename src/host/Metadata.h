@@ -1,7 +1,9 @@
-// The photograph's EXIF and XMP: read with Exiv2, handed to the module as one
-// XMP packet, and carried into the output file.
+// The photograph's EXIF and XMP: read with Exiv2 (libtiff for BigTIFF),
+// handed to the module as one XMP packet, and carried into the output file.
 #pragma once
 
+#include <array>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -32,13 +34,21 @@ struct PhotoMetadata {
     std::vector<std::string> warnings;
 };
 
-// Reads what it can; a photo whose metadata cannot be read gets an empty
-// record and a warning, never an error.
+// The base directory's tags carried with the EXIF (Make, Model,
+// Orientation, DateTime, Artist, Copyright, ImageDescription, XResolution,
+// YResolution, ResolutionUnit, Software); the others describe the file.
+inline constexpr std::array<uint16_t, 11> kCarriedImageTags = {
+    0x010f, 0x0110, 0x0112, 0x0132, 0x013b, 0x8298, 0x010e, 0x011a, 0x011b, 0x0128, 0x0131};
+
+// Reads what it can (BigTIFF, which Exiv2 cannot open, through libtiff); a
+// photo whose metadata cannot be read gets an empty record and a warning,
+// never an error. A damaged XMP packet is left out with a warning.
 PhotoMetadata readMetadata(const std::filesystem::path& path);
 
-// Exiv2 adds EXIF to a TIFF by rewriting the whole file in memory: a TIFF
-// output whose pixels pass this size carries its EXIF converted to XMP
-// instead (metadata.moduleXmp, embedded when the file is written).
+// Exiv2 adds EXIF to a classic TIFF by rewriting the whole file in memory: a
+// TIFF output whose pixels pass this size carries its EXIF converted to XMP
+// (metadata.moduleXmp, embedded when the file is written). A BigTIFF output
+// gets the EXIF itself as well, added in place by libtiff.
 inline constexpr uint64_t kMaxTiffExifRewrite = 512ull << 20;
 inline bool tiffExifAsXmp(const ImageInfo& info) {
     return info.byteCount() > kMaxTiffExifRewrite;
@@ -46,10 +56,11 @@ inline bool tiffExifAsXmp(const ImageInfo& info) {
 
 // Writes EXIF and XMP into an image file already written with the pixels
 // and ICC profile of an image described by info. For TIFF (whose XMP was
-// embedded when the file was written) only the EXIF is added, and not at
-// all when tiffExifAsXmp(info). Returns a warning, empty on success; a full
-// disk (the file may then be cut short) throws HostError (kExitOutput). name:
-// the output as the user named it, for messages.
+// embedded when the file was written) only the EXIF is added: to a BigTIFF
+// by libtiff, to a classic TIFF by Exiv2 and not at all when
+// tiffExifAsXmp(info). Returns a warning, empty on success; a full disk (the
+// file may then be cut short) or a BigTIFF left without its directory throws
+// HostError (kExitOutput). name: the output as the user named it, for messages.
 std::string writeMetadata(const std::filesystem::path& path, FileFormat format,
                           const ImageInfo& info, const PhotoMetadata& metadata,
                           const std::string& name);

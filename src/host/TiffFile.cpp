@@ -12,8 +12,6 @@
 namespace Curvana::Host {
 namespace {
 
-// libtiff reports through process-wide handlers: keep the last error for
-// the exception that follows, and silence warnings (unknown tags and the like).
 thread_local std::string tiffLastError;
 
 void tiffErrorHandler(const char* module, const char* fmt, va_list ap) {
@@ -23,6 +21,8 @@ void tiffErrorHandler(const char* module, const char* fmt, va_list ap) {
     (void)module;
 }
 void tiffWarningHandler(const char*, const char*, va_list) {}
+
+}  // namespace
 
 void installTiffHandlers() {
     static std::once_flag once;
@@ -41,6 +41,12 @@ std::string takeTiffError() {
     std::replace(message.begin(), message.end(), '\n', ' ');
     return message;
 }
+
+bool tiffErrorReported() {
+    return !tiffLastError.empty();
+}
+
+namespace {
 
 // Decoded bytes per file byte at best, by compression; 0: no useful bound
 // (the memory budget alone decides).

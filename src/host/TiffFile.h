@@ -27,6 +27,15 @@ struct TiffCloser {
 };
 using TiffHandle = std::unique_ptr<TIFF, TiffCloser>;
 
+// libtiff reports through process-wide handlers, installed once: the last
+// error of each thread is kept for the message that follows, and warnings
+// (unknown tags and the like) are silenced.
+void installTiffHandlers();
+// The last libtiff error of this thread on one line, forgotten once taken.
+std::string takeTiffError();
+// Whether libtiff reported an error on this thread since the last take.
+bool tiffErrorReported();
+
 // TIFF compression codes the host writes.
 inline constexpr uint16_t kTiffNone = 1, kTiffLzw = 5, kTiffDeflate = 8, kTiffPackBits = 32773;
 

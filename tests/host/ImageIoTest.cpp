@@ -1,14 +1,19 @@
 // The host's image readers and writers on their own: round trips for every
 // format, mode and depth, TIFF layouts written by libtiff directly, the
-// bounded tile cache, the result tile store and the BigTIFF decision.
+// bounded tile cache, the result tile store, the BigTIFF decision and the
+// metadata of BigTIFF files.
 #include <gtest/gtest.h>
 #include <tiffio.h>
+
+#include <exiv2/exiv2.hpp>
 
 #include <cstring>
 
 #include "HostTestUtil.h"
 #include "host/ImageFiles.h"
+#include "host/Metadata.h"
 #include "host/TiffFile.h"
+#include "host/TiffMetadata.h"
 
 namespace Curvana::Host::Test {
 namespace {
@@ -324,6 +329,79 @@ TEST(BigTiff, WriterProducesAReadableBigTiff) {
     const Raster back = readWhole(dir / "b.tif");
     EXPECT_EQ(back.info.width, 40);
     EXPECT_EQ(std::memcmp(back.row(0), original.row(0), 64), 0);
+}
+
+// Exiv2 cannot write BigTIFF: libtiff adds the EXIF in place. The file
+// keeps its pixels and XMP, libtiff itself finds standard EXIF and GPS
+// directories, and reading it back gives every entry exactly (rationals
+// included, which libtiff holds as floating point), a tag libtiff does not
+// know among them.
+TEST(BigTiff, TakesTheExifInPlaceAndGivesItBackExactly) {
+    ScratchDir dir;
+    const fs::path path = dir / "big.tif";
+    const ImageInfo info{40, 30, Mode::RGB, 8};
+    Exiv2::XmpData xmp;
+    xmp["Xmp.xmp.Rating"] = 4;
+    TiffWriteOptions options;
+    options.bigTiff = true;
+    options.tileSize = 32;
+    ASSERT_EQ(Exiv2::XmpParser::encode(options.xmpPacket, xmp), 0);
+    const Raster tile = randomRaster(ImageInfo{32, 32, Mode::RGB, 8}, 9);
+    {
+        TiffTileWriter writer(path, info, options);
+        for (uint32_t ty = 0; ty < writer.tilesDown(); ++ty)
+            for (uint32_t tx = 0; tx < writer.tilesAcross(); ++tx)
+                writer.writeTile(tx, ty, tile.data.data());
+        writer.close();
+    }
+    const Raster pixels = readWhole(path);
+
+    auto exif = std::make_shared<Exiv2::ExifData>();
+    Exiv2::ExifData& e = *exif;
+    e["Exif.Image.Make"] = "Curvana";
+    e["Exif.Image.Model"] = "Sample Room Camera";
+    e["Exif.Image.Orientation"] = uint16_t(6);
+    e["Exif.Image.XResolution"] = Exiv2::URational(300, 1);
+    e["Exif.Photo.FocalLength"] = Exiv2::URational(15, 1);
+    e["Exif.Photo.ExposureTime"] = Exiv2::URational(1, 250);
+    e["Exif.Photo.FNumber"] = Exiv2::URational(14, 5);
+    e["Exif.Photo.ISOSpeedRatings"] = "200 400";
+    e["Exif.Photo.LensModel"] = "Sample Fisheye 15mm";
+    e["Exif.Photo.0xfe01"] = uint32_t(7);
+    e["Exif.GPSInfo.GPSLatitudeRef"] = "N";
+    e["Exif.GPSInfo.GPSLatitude"] = "52/1 31/1 617/50";
+    PhotoMetadata metadata;
+    metadata.exif = exif;
+    EXPECT_EQ(writeMetadata(path, FileFormat::Tiff, info, metadata, "big.tif"), "");
+
+    EXPECT_TRUE(isBigTiff(path));
+    EXPECT_EQ(maxDifference(readWhole(path), pixels), 0);
+    {
+        const TiffHandle tif(TIFFOpen(path.c_str(), "r"));
+        ASSERT_TRUE(tif);
+        char* make = nullptr;
+        ASSERT_TRUE(TIFFGetField(tif.get(), TIFFTAG_MAKE, &make));
+        EXPECT_STREQ(make, "Curvana");
+        uint64_t exifOffset = 0;
+        ASSERT_TRUE(TIFFGetField(tif.get(), TIFFTAG_EXIFIFD, &exifOffset));
+        ASSERT_TRUE(TIFFReadEXIFDirectory(tif.get(), exifOffset));
+        float focal = 0;
+        ASSERT_TRUE(TIFFGetField(tif.get(), EXIFTAG_FOCALLENGTH, &focal));
+        EXPECT_EQ(focal, 15.0f);
+    }
+
+    const PhotoMetadata back = readMetadata(path);
+    EXPECT_TRUE(back.warnings.empty()) << back.warnings.front();
+    EXPECT_EQ(back.xmpPacket, options.xmpPacket);
+    EXPECT_EQ(back.focalLengthMm, 15.0);
+    ASSERT_TRUE(back.exif);
+    for (const Exiv2::Exifdatum& datum : e) {
+        const auto found = back.exif->findKey(Exiv2::ExifKey(datum.key()));
+        ASSERT_NE(found, back.exif->end()) << datum.key();
+        EXPECT_EQ(found->toString(), datum.toString()) << datum.key();
+    }
+    EXPECT_NE(back.moduleXmp.find("Sample Fisheye 15mm"), std::string::npos) << back.moduleXmp;
+    EXPECT_NE(back.moduleXmp.find("Rating"), std::string::npos);
 }
 
 class PngRoundTrip : public ::testing::TestWithParam<Layout> {};
