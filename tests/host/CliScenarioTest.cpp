@@ -3,6 +3,7 @@
 // depth, size, pixels and metadata are checked, and every refusal must be
 // one clear line, a non-zero exit and no file.
 #include <gtest/gtest.h>
+#include <tiffio.h>
 
 #include <exiv2/exiv2.hpp>
 
@@ -11,6 +12,8 @@
 #include "HostTestUtil.h"
 #include "host/Descriptor.h"
 #include "host/HostError.h"
+#include "host/TiffFile.h"
+#include "host/TiffMetadata.h"
 #include "samplegen/SampleFiles.h"
 
 namespace Curvana::Host::Test {
@@ -27,8 +30,8 @@ std::string ratingPacket() {
 
 class CliScenario : public ::testing::Test {
 protected:
-    fs::path sample(const std::string& name, Mode mode, int depth, int32_t width = 240,
-                    int32_t height = 160) {
+    static SampleGen::SampleFileOptions sampleOptions(Mode mode, int depth, int32_t width = 240,
+                                                      int32_t height = 160) {
         SampleGen::SampleFileOptions o;
         o.scene.width = width;
         o.scene.height = height;
@@ -37,9 +40,16 @@ protected:
         o.depth = depth;
         o.icc = makeIcc(mode);
         o.xmpPacket = ratingPacket();
+        return o;
+    }
+    fs::path sample(const std::string& name, const SampleGen::SampleFileOptions& o) {
         const fs::path p = dir / name;
         SampleGen::writeSampleFile(p, o);
         return p;
+    }
+    fs::path sample(const std::string& name, Mode mode, int depth, int32_t width = 240,
+                    int32_t height = 160) {
+        return sample(name, sampleOptions(mode, depth, width, height));
     }
 
     RunResult curvana(std::vector<std::string> args, std::map<std::string, std::string> env = {}) {
@@ -91,8 +101,11 @@ protected:
 
     // Runs apply on a sample and checks the output against the mirrored input.
     void roundTrip(const std::string& in, const std::string& out, Mode mode, int depth,
-                   int tolerance) {
-        const fs::path input = sample(in, mode, depth);
+                   int tolerance, bool bigTiff) {
+        SampleGen::SampleFileOptions o = sampleOptions(mode, depth);
+        o.bigTiff = bigTiff;
+        const fs::path input = sample(in, o);
+        ASSERT_EQ(isBigTiff(input), bigTiff);
         const RunResult r = curvana({"apply", input.string(), "-o", (dir / out).string()});
         ASSERT_EQ(r.exitCode, 0) << r.err;
         auto source = openImage(dir / out);
@@ -116,13 +129,14 @@ struct RoundTripCase {
     Mode mode;
     int depth;
     int tolerance;
+    bool bigTiffIn = false;  // whose metadata Exiv2 cannot read
 };
 
 class CliRoundTrip : public CliScenario, public ::testing::WithParamInterface<RoundTripCase> {};
 
 TEST_P(CliRoundTrip, KeepsModeDepthPixelsAndMetadata) {
     const RoundTripCase& c = GetParam();
-    roundTrip(c.in, c.out, c.mode, c.depth, c.tolerance);
+    roundTrip(c.in, c.out, c.mode, c.depth, c.tolerance, c.bigTiffIn);
 }
 
 INSTANTIATE_TEST_SUITE_P(Formats, CliRoundTrip,
@@ -130,6 +144,8 @@ INSTANTIATE_TEST_SUITE_P(Formats, CliRoundTrip,
                                            RoundTripCase{"in.tif", "out.tif", Mode::RGB, 16, 0},
                                            RoundTripCase{"in.tif", "out.tif", Mode::CMYK, 8, 0},
                                            RoundTripCase{"in.tif", "out.tif", Mode::Lab, 16, 0},
+                                           RoundTripCase{"in.tif", "out.tif", Mode::RGB, 8, 0,
+                                                         true},
                                            RoundTripCase{"in.png", "out.png", Mode::Gray, 8, 0},
                                            RoundTripCase{"in.png", "out.png", Mode::Gray, 16, 0},
                                            RoundTripCase{"in.jpg", "out.tif", Mode::RGB, 8, 0}));
@@ -368,6 +384,49 @@ INSTANTIATE_TEST_SUITE_P(
                       std::pair{"jpeg/frame-65500x65500.jpg", "65500 x 65500 pixels, more than"},
                       std::pair{"jpeg/taller-frame.jpg", "corrupt JPEG"},
                       std::pair{"jpeg/cut-with-eoi.jpg", "corrupt JPEG"}));
+
+// BigTIFF photos with damaged metadata: each damage is a warning that names
+// it, and the photo is still corrected, with what could be read.
+enum class Damage { CutXmp, ExifPastTheEnd, ExifInThePixels };
+
+class CliDamagedBigTiff : public CliScenario, public ::testing::WithParamInterface<Damage> {};
+
+TEST_P(CliDamagedBigTiff, CorrectsWithAWarning) {
+    const Damage damage = GetParam();
+    SampleGen::SampleFileOptions o = sampleOptions(Mode::RGB, 8);
+    o.bigTiff = true;
+    if (damage == Damage::CutXmp)  // within the XML (cut padding would still parse)
+        o.xmpPacket.resize(o.xmpPacket.find("Rating"));
+    const fs::path input = sample("in.tif", o);
+    if (damage != Damage::CutXmp) {
+        const TiffHandle tif(TIFFOpen(input.c_str(), "r+"));
+        ASSERT_TRUE(tif);
+        const uint64_t offset = damage == Damage::ExifPastTheEnd ? fs::file_size(input) + 4096
+                                                                 : 16;  // the first tile's data
+        TIFFSetField(tif.get(), TIFFTAG_EXIFIFD, offset);
+        ASSERT_TRUE(TIFFRewriteDirectory(tif.get()));
+    }
+    const fs::path output = dir / "out.tif";
+    const RunResult r = curvana({"apply", input.string(), "-o", output.string()});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_NE(r.err.find(damage == Damage::CutXmp ? "its XMP packet is damaged"
+                                                  : "its EXIF directory is damaged"),
+              std::string::npos)
+        << r.err;
+
+    auto image = Exiv2::ImageFactory::open(output.string());
+    image->readMetadata();
+    const auto& exif = image->exifData();
+    auto has = [&](const char* key) { return exif.findKey(Exiv2::ExifKey(key)) != exif.end(); };
+    EXPECT_TRUE(has("Exif.Image.Make"));
+    EXPECT_EQ(has("Exif.Photo.FocalLength"), damage == Damage::CutXmp);
+    const auto& xmp = image->xmpData();
+    EXPECT_EQ(xmp.findKey(Exiv2::XmpKey("Xmp.xmp.Rating")) != xmp.end(), damage != Damage::CutXmp);
+}
+
+INSTANTIATE_TEST_SUITE_P(Damages, CliDamagedBigTiff,
+                         ::testing::Values(Damage::CutXmp, Damage::ExifPastTheEnd,
+                                           Damage::ExifInThePixels));
 
 // Refusals that name what to fix.
 TEST_F(CliScenario, SaysWhatToFix) {

@@ -99,7 +99,7 @@ void writeSampleFile(const std::filesystem::path& path, const SampleFileOptions&
     Host::checkFormatHolds(*format, info, path);
     if (*format == Host::FileFormat::Tiff) {
         Host::TiffWriteOptions w;
-        w.bigTiff = Host::needsBigTiff(info, w.tileSize, true);
+        w.bigTiff = options.bigTiff || Host::needsBigTiff(info, w.tileSize, true);
         w.icc = options.icc;
         w.xmpPacket = options.xmpPacket;
         Host::TiffTileWriter writer(path, info, w);

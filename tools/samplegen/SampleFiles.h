@@ -18,6 +18,7 @@ struct SampleFileOptions {
     Host::Mode mode = Host::Mode::RGB;
     int depth = 8;
     bool exif = true;
+    bool bigTiff = false;      // a TIFF as BigTIFF even when classic TIFF would do
     std::vector<uint8_t> icc;  // embedded as given when not empty
     std::string xmpPacket;     // embedded as given when not empty
 };

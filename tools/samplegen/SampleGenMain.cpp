@@ -1,7 +1,7 @@
 // curvana-samplegen: writes the sample room photograph.
 //   curvana-samplegen OUT.{jpg,png,tif} [--width W] [--height H] [--mode rgb|grey|cmyk|lab]
 //                     [--depth 8|16] [--focal-mm F] [--crop C] [--lens equisolid|rectilinear]
-//                     [--samples N] [--no-exif] [--constraints OUT.cvc]
+//                     [--samples N] [--no-exif] [--bigtiff] [--constraints OUT.cvc]
 // --constraints also writes the scene's straight edges as a constraint file
 // for the photograph (upright edges Vertical, level ones Horizontal).
 #include <cstdio>
@@ -41,6 +41,8 @@ int main(int argc, char** argv) {
                 constraints = value();
             else if (a == "--no-exif")
                 o.exif = false;
+            else if (a == "--bigtiff")
+                o.bigTiff = true;
             else if (a == "--lens") {
                 const std::string l = value();
                 if (l == "equisolid")
