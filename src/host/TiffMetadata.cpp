@@ -226,7 +226,9 @@ std::optional<std::string> fieldBytes(TIFF* tif, const TIFFField* field) {
         if (!TIFFGetField(tif, tag, &array))
             return std::nullopt;
         data = array;
-        count = readCount > 0 ? static_cast<uint64_t>(readCount) : 1;
+        // libtiff stores what it was set with: never more than the write count.
+        const int fixed = std::min(readCount, TIFFFieldWriteCount(field));
+        count = fixed > 0 ? static_cast<uint64_t>(fixed) : 1;
     }
     if (!data || count == 0)
         return std::nullopt;
