@@ -148,8 +148,7 @@ void RenderingImageHub::Prewarm(PFilter& filter) {
         Warm warm{std::move(device).value(), nullptr};
         if (!config)
             return warm;
-        // A failure here is left to the final render,
-        // which makes its own result and reports it.
+        // A failure here is the final render's to make again and report.
         auto made = PResult::Create(warm.device, *config);
         if (made && made.value()->ReserveSource().ok())
             warm.result = std::move(made).value();
