@@ -451,6 +451,11 @@ bool writeDirectory(TIFF* tif, int (*create)(TIFF*),
                     const std::vector<const Exiv2::Exifdatum*>& entries, uint64_t& offset) {
     if (entries.empty())
         return true;
+    // libtiff 4.5 frees the image's directory for the new one without
+    // releasing the codec it set up (nor what the directory held once its
+    // fields are swapped): both go first, the file is not touched.
+    TIFFSetField(tif, TIFFTAG_COMPRESSION, COMPRESSION_NONE);
+    TIFFFreeDirectory(tif);
     (void)create(tif);  // only frees and sets up the directory in memory (and returns 0)
     for (const Exiv2::Exifdatum* datum : entries)
         setField(tif, *datum);
