@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -52,7 +53,11 @@ void setUpProcessMemory(char** argv) {
     const std::string tunables = before.empty() ? kHugePages : before + ":" + kHugePages;
     if (setenv("GLIBC_TUNABLES", tunables.c_str(), 1) != 0)
         return;
-    execv("/proc/self/exe", argv);
+    // The program's own path, so that the process keeps its name (a restart
+    // through /proc/self/exe would be listed as "exe").
+    std::error_code error;
+    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
+    execv(error ? "/proc/self/exe" : self.c_str(), argv);
     // Still here: no restart. The variable is put back as it was, so that
     // nothing this process starts inherits it.
     if (current)
