@@ -183,11 +183,10 @@ void WarpRenderer::SetPlan(std::shared_ptr<const RenderPlan> plan) {
         sourceResident_ = false;
         return;
     }
-    const uint64_t budgetTexels = options_.sourceTextureBudget / resampler_->BytesPerTexel();
     const uint32_t maxSide = resampler_->Device()->MaxTextureDimension();
     mode_ = FitsWhole(plan_->SourceWidth(), plan_->SourceHeight()) ? SourceMode::Whole
                                                                    : SourceMode::Windows;
-    const auto budgetSide = static_cast<uint64_t>(std::sqrt(static_cast<double>(budgetTexels)));
+    const auto budgetSide = static_cast<uint64_t>(std::sqrt(static_cast<double>(BudgetTexels())));
     windowLimit_ = static_cast<uint32_t>(
         std::min<uint64_t>(maxSide, std::max<uint64_t>(budgetSide, kMinWindowSide)));
     if (!(sameSource && previous == SourceMode::Whole && mode_ == SourceMode::Whole)) {
@@ -195,12 +194,15 @@ void WarpRenderer::SetPlan(std::shared_ptr<const RenderPlan> plan) {
     }
 }
 
+uint64_t WarpRenderer::BudgetTexels() const {
+    return options_.sourceTextureBudget / resampler_->BytesPerTexel();
+}
+
 bool WarpRenderer::FitsWhole(int32_t sourceWidth, int32_t sourceHeight) const {
-    const uint64_t budgetTexels = options_.sourceTextureBudget / resampler_->BytesPerTexel();
     const uint32_t maxSide = resampler_->Device()->MaxTextureDimension();
     const auto sw = static_cast<uint64_t>(std::max(sourceWidth, 0));
     const auto sh = static_cast<uint64_t>(std::max(sourceHeight, 0));
-    return sw <= maxSide && sh <= maxSide && sw * sh <= budgetTexels;
+    return sw <= maxSide && sh <= maxSide && sw * sh <= BudgetTexels();
 }
 
 RenderStatus WarpRenderer::ReserveSource(int32_t sourceWidth, int32_t sourceHeight) {

@@ -115,6 +115,8 @@ private:
         std::vector<TriangleVertex> vertices;  // three per triangle
     };
 
+    // Texels one source texture may hold under the options' budget.
+    uint64_t BudgetTexels() const;
     // Whether a source of this size is drawn from one whole texture.
     bool FitsWhole(int32_t sourceWidth, int32_t sourceHeight) const;
     RenderStatus UploadWhole(RenderSource& source);

@@ -82,8 +82,7 @@ struct GpuResampler::Impl {
     void WriteDescriptors();
     // Records the source texture's move to transfer writes (its content
     // discarded), or from them to sampling.
-    void SourceToTransfer(VkCommandBuffer commands) const;
-    void SourceToSampling(VkCommandBuffer commands) const;
+    void MoveSource(VkCommandBuffer commands, bool toSampling) const;
 };
 
 namespace {
@@ -450,33 +449,22 @@ Status GpuResampler::Impl::SubmitAndWait(Submission& submission) {
     return Wait(submission);
 }
 
-void GpuResampler::Impl::SourceToTransfer(VkCommandBuffer commands) const {
+void GpuResampler::Impl::MoveSource(VkCommandBuffer commands, bool toSampling) const {
     auto barrier = detail::Info<VkImageMemoryBarrier>(VK_STRUCTURE_TYPE_IMAGE_MEMORY_BARRIER);
     barrier.srcQueueFamilyIndex = VK_QUEUE_FAMILY_IGNORED;
     barrier.dstQueueFamilyIndex = VK_QUEUE_FAMILY_IGNORED;
     barrier.image = source.image.get();
     barrier.subresourceRange = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 1, 0, 1};
-    barrier.srcAccessMask = 0;
-    barrier.dstAccessMask = VK_ACCESS_TRANSFER_WRITE_BIT;
-    barrier.oldLayout = VK_IMAGE_LAYOUT_UNDEFINED;
-    barrier.newLayout = VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
-    vkCmdPipelineBarrier(commands, VK_PIPELINE_STAGE_FRAGMENT_SHADER_BIT,
-                         VK_PIPELINE_STAGE_TRANSFER_BIT, 0, 0, nullptr, 0, nullptr, 1, &barrier);
-}
-
-void GpuResampler::Impl::SourceToSampling(VkCommandBuffer commands) const {
-    auto barrier = detail::Info<VkImageMemoryBarrier>(VK_STRUCTURE_TYPE_IMAGE_MEMORY_BARRIER);
-    barrier.srcQueueFamilyIndex = VK_QUEUE_FAMILY_IGNORED;
-    barrier.dstQueueFamilyIndex = VK_QUEUE_FAMILY_IGNORED;
-    barrier.image = source.image.get();
-    barrier.subresourceRange = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 1, 0, 1};
-    barrier.srcAccessMask = VK_ACCESS_TRANSFER_WRITE_BIT;
-    barrier.dstAccessMask = VK_ACCESS_SHADER_READ_BIT;
-    barrier.oldLayout = VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
-    barrier.newLayout = VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL;
-    vkCmdPipelineBarrier(commands, VK_PIPELINE_STAGE_TRANSFER_BIT,
-                         VK_PIPELINE_STAGE_FRAGMENT_SHADER_BIT, 0, 0, nullptr, 0, nullptr, 1,
-                         &barrier);
+    barrier.srcAccessMask = toSampling ? VK_ACCESS_TRANSFER_WRITE_BIT : 0;
+    barrier.dstAccessMask = toSampling ? VK_ACCESS_SHADER_READ_BIT : VK_ACCESS_TRANSFER_WRITE_BIT;
+    barrier.oldLayout =
+        toSampling ? VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL : VK_IMAGE_LAYOUT_UNDEFINED;
+    barrier.newLayout = toSampling ? VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL
+                                   : VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
+    const VkPipelineStageFlags fragment = VK_PIPELINE_STAGE_FRAGMENT_SHADER_BIT;
+    const VkPipelineStageFlags transfer = VK_PIPELINE_STAGE_TRANSFER_BIT;
+    vkCmdPipelineBarrier(commands, toSampling ? transfer : fragment,
+                         toSampling ? fragment : transfer, 0, 0, nullptr, 0, nullptr, 1, &barrier);
 }
 
 Status GpuResampler::Impl::EnsureBuffer(detail::BufferResource& buffer, VkDeviceSize size,
@@ -614,12 +602,12 @@ Status GpuResampler::ClearSource() {
         return begun.error();
     }
     VkCommandBuffer commands = begun.value();
-    m.SourceToTransfer(commands);
+    m.MoveSource(commands, false);
     const VkImageSubresourceRange range{VK_IMAGE_ASPECT_COLOR_BIT, 0, 1, 0, 1};
     const VkClearColorValue zero{};
     vkCmdClearColorImage(commands, m.source.image.get(), VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL,
                          &zero, 1, &range);
-    m.SourceToSampling(commands);
+    m.MoveSource(commands, true);
     if (Status s = m.SubmitAndWait(submission); !s) {
         return s;
     }
@@ -679,7 +667,7 @@ Status GpuResampler::UploadSource(uint32_t width, uint32_t height, const FillRow
         VkCommandBuffer commands = begun.value();
         if (y0 == 0) {
             // The old content is discarded: the caller samples only the region.
-            m.SourceToTransfer(commands);
+            m.MoveSource(commands, false);
         }
         VkBufferImageCopy copy{};
         copy.bufferOffset = 0;
@@ -692,7 +680,7 @@ Status GpuResampler::UploadSource(uint32_t width, uint32_t height, const FillRow
                                VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, 1, &copy);
         if (y0 + rows >= height) {
             // Every band's copy (earlier submissions included) before sampling.
-            m.SourceToSampling(commands);
+            m.MoveSource(commands, true);
         }
         if (Status s = m.Submit(submission); !s) {
             return s;
