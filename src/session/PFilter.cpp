@@ -333,7 +333,6 @@ bool PFilter::scriptedInputAccepted() {
 }
 
 void PFilter::applyWithoutDialog() {
-    imageHub().Prewarm(*this);
     pipeline_->Solve(*this);
     if (imageHub().RenderFinal(*this)) {
         applied_ = true;
