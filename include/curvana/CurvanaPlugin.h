@@ -28,7 +28,7 @@ extern "C" {
 
 /* Bumped whenever the layout of CvFilterRecord or a suite changes. The module
  * refuses a record whose abiVersion differs from the one it was built with. */
-#define CURVANA_ABI_VERSION 3
+#define CURVANA_ABI_VERSION 4
 
 #define CV_FOURCC(a, b, c, d)                                                     \
     ((uint32_t)(((uint32_t)(uint8_t)(a) << 24) | ((uint32_t)(uint8_t)(b) << 16) | \
@@ -184,6 +184,17 @@ typedef struct CvFilterRecord {
                                int32_t rowBytes);
     CvError (*writeResultPlane)(void* host, const CvRect* rect, int32_t plane, const void* buffer,
                                 int32_t rowBytes);
+
+    /* Optional (NULL when the host offers planes only): every plane of rect
+     * at once, interleaved. A pixel's values lie one after another in plane
+     * order, pixels columnBytes apart (at least planes values), rows
+     * rowBytes apart. A read leaves the bytes between pixels as they were; a
+     * write ignores them. Values are as for the plane callbacks. Hosts that
+     * hold their pixels interleaved save a copy per plane with these. */
+    CvError (*readSourcePixels)(void* host, const CvRect* rect, void* buffer, int32_t columnBytes,
+                                int32_t rowBytes);
+    CvError (*writeResultPixels)(void* host, const CvRect* rect, const void* buffer,
+                                 int32_t columnBytes, int32_t rowBytes);
 
     /* The photograph's metadata as one XMP packet (EXIF already converted to
      * XMP by the host). Copies up to capacity bytes and reports the full

@@ -23,6 +23,16 @@ public:
     // the format's plane count. Returns false on failure.
     virtual bool ReadWindow(const PixelRect& rect, std::span<void* const> planes,
                             ptrdiff_t rowBytes) = 0;
+    // Sources that hold their pixels interleaved may offer them so: every
+    // plane of rect, a pixel's values one after another in plane order,
+    // pixels columnBytes apart, rows rowBytes apart; the bytes between
+    // pixels are left as they are. The renderer then reads straight into
+    // its texels instead of through planes.
+    virtual bool OffersPixels() const { return false; }
+    virtual bool ReadPixels(const PixelRect& /*rect*/, void* /*pixels*/, ptrdiff_t /*columnBytes*/,
+                            ptrdiff_t /*rowBytes*/) {
+        return false;
+    }
 
 protected:
     RenderSource() = default;
@@ -40,6 +50,14 @@ public:
     // Returns false on failure.
     virtual bool WriteTile(const PixelRect& rect, std::span<const void* const> planes,
                            ptrdiff_t rowBytes) = 0;
+    // As RenderSource::ReadPixels, the other way: the renderer hands its
+    // read-back texels over as they are (the bytes between pixels are
+    // ignored).
+    virtual bool TakesPixels() const { return false; }
+    virtual bool WritePixels(const PixelRect& /*rect*/, const void* /*pixels*/,
+                             ptrdiff_t /*columnBytes*/, ptrdiff_t /*rowBytes*/) {
+        return false;
+    }
 
 protected:
     RenderSink() = default;

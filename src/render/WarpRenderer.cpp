@@ -317,6 +317,64 @@ RenderStatus WarpRenderer::UploadWhole(RenderSource& source) {
     return RenderStatus::Ok();
 }
 
+bool WarpRenderer::ReadPlanes(RenderSource& source, const PixelRect& rect, void* dst,
+                              size_t pitch) {
+    const auto stride = static_cast<uint32_t>(rect.Width());
+    const auto rows = static_cast<uint32_t>(rect.Height());
+    const size_t bpv = static_cast<size_t>(format_.BytesPerValue());
+    const size_t planeBytes = static_cast<size_t>(stride) * rows * bpv;
+    planeScratch_.resize(static_cast<size_t>(format_.planes));
+    std::vector<void*> pointers;
+    for (auto& plane : planeScratch_) {
+        if (plane.size() < planeBytes) {
+            plane.resize(planeBytes);
+        }
+        pointers.push_back(plane.data());
+    }
+    if (!source.ReadWindow(rect, pointers, static_cast<ptrdiff_t>(stride * bpv))) {
+        return false;
+    }
+    if (format_.depth > 8) {
+        Interleave<uint16_t>(format_.planes, planeScratch_, stride, rows, dst, pitch);
+    } else {
+        Interleave<uint8_t>(format_.planes, planeScratch_, stride, rows, dst, pitch);
+    }
+    return true;
+}
+
+bool WarpRenderer::ReadPixels(RenderSource& source, const PixelRect& rect, void* dst,
+                              size_t pitch) {
+    const auto w = static_cast<size_t>(rect.Width());
+    const auto rows = static_cast<size_t>(rect.Height());
+    if (format_.depth <= 8) {
+        // Straight into the texels: the channels the image lacks keep
+        // whatever the band held, which no output channel reads.
+        return source.ReadPixels(rect, dst, 4, static_cast<ptrdiff_t>(pitch));
+    }
+    // 16 bits take a pass to the device's range, from memory the processor
+    // caches rather than the staging memory it may only write well.
+    const size_t values = 4 * w * rows;
+    if (texelScratch_.size() < values) {
+        texelScratch_.resize(values);
+    }
+    if (!source.ReadPixels(rect, texelScratch_.data(), 8, static_cast<ptrdiff_t>(8 * w))) {
+        return false;
+    }
+    const auto planes = static_cast<size_t>(format_.planes);
+    for (size_t r = 0; r < rows; ++r) {
+        const uint16_t* __restrict in = texelScratch_.data() + 4 * w * r;
+        auto* __restrict out = reinterpret_cast<uint16_t*>(static_cast<uint8_t*>(dst) + r * pitch);
+        for (size_t k = 0; k < 4 * w; k += 4) {
+            uint16_t t[4] = {};
+            for (size_t c = 0; c < planes; ++c) {
+                t[c] = HostToGpu16(in[k + c]);
+            }
+            std::memcpy(out + k, t, sizeof t);
+        }
+    }
+    return true;
+}
+
 RenderStatus WarpRenderer::UploadWindow(RenderSource& source, const PixelRect& window) {
     const PhaseTimer timer(statistics_.uploadSeconds);
     const auto w = static_cast<uint32_t>(window.Width());
@@ -340,28 +398,24 @@ RenderStatus WarpRenderer::UploadWindow(RenderSource& source, const PixelRect& w
     const uint32_t uw = w + (window.right == plan_->SourceWidth() && tw > w ? 1u : 0u);
     const uint32_t uh = h + (window.bottom == plan_->SourceHeight() && th > h ? 1u : 0u);
     const size_t bpv = static_cast<size_t>(format_.BytesPerValue());
+    const size_t texel = 4 * bpv;
     bool readFailed = false;
-    auto read = [&](int32_t top, uint32_t rows) {
-        const size_t planeBytes = static_cast<size_t>(uw) * rows * bpv;
-        planeScratch_.resize(static_cast<size_t>(format_.planes));
-        std::vector<void*> pointers;
-        for (auto& plane : planeScratch_) {
-            if (plane.size() < planeBytes) {
-                plane.resize(planeBytes);
-            }
-            pointers.push_back(plane.data());
-        }
+    // Rows [top, top + rows) of the window into texels at dst, with the
+    // repeated last column when it is asked for.
+    auto readRows = [&](int32_t top, uint32_t rows, void* dst, size_t pitch) {
         const PixelRect rect{window.left, top, window.right, top + static_cast<int32_t>(rows)};
-        if (!source.ReadWindow(rect, pointers, static_cast<ptrdiff_t>(uw * bpv))) {
-            readFailed = true;
+        if (source.OffersPixels()) {
+            readFailed = !ReadPixels(source, rect, dst, pitch);
+        } else {
+            readFailed = !ReadPlanes(source, rect, dst, pitch);
+        }
+        if (readFailed) {
             return false;
         }
         if (uw > w) {
-            for (auto& plane : planeScratch_) {
-                for (uint32_t r = 0; r < rows; ++r) {
-                    uint8_t* row = plane.data() + static_cast<size_t>(r) * uw * bpv;
-                    std::memcpy(row + w * bpv, row + (w - 1) * bpv, bpv);
-                }
+            for (uint32_t r = 0; r < rows; ++r) {
+                uint8_t* row = static_cast<uint8_t*>(dst) + r * pitch;
+                std::memcpy(row + w * texel, row + (w - 1) * texel, texel);
             }
         }
         return true;
@@ -369,28 +423,11 @@ RenderStatus WarpRenderer::UploadWindow(RenderSource& source, const PixelRect& w
     auto fill = [&](uint32_t y0, uint32_t rows, void* dst, size_t pitch) {
         // Rows of the window, then the repeated last row when it is asked for.
         const uint32_t own = y0 >= h ? 0 : std::min(rows, h - y0);
-        if (own > 0) {
-            if (!read(window.top + static_cast<int32_t>(y0), own)) {
-                return false;
-            }
-            if (format_.depth > 8) {
-                Interleave<uint16_t>(format_.planes, planeScratch_, uw, own, dst, pitch);
-            } else {
-                Interleave<uint8_t>(format_.planes, planeScratch_, uw, own, dst, pitch);
-            }
+        if (own > 0 && !readRows(window.top + static_cast<int32_t>(y0), own, dst, pitch)) {
+            return false;
         }
-        if (own < rows) {
-            if (!read(window.bottom - 1, 1)) {
-                return false;
-            }
-            void* last = static_cast<uint8_t*>(dst) + own * pitch;
-            if (format_.depth > 8) {
-                Interleave<uint16_t>(format_.planes, planeScratch_, uw, 1, last, pitch);
-            } else {
-                Interleave<uint8_t>(format_.planes, planeScratch_, uw, 1, last, pitch);
-            }
-        }
-        return true;
+        return own == rows ||
+               readRows(window.bottom - 1, 1, static_cast<uint8_t*>(dst) + own * pitch, pitch);
     };
     if (Gpu::Status s = resampler_->UploadSource(uw, uh, fill); !s) {
         if (readFailed) {
@@ -678,6 +715,28 @@ RenderStatus WarpRenderer::WriteBack(const PixelRect& region, RenderSink& sink) 
     const auto w = static_cast<size_t>(region.Width());
     const auto h = static_cast<size_t>(region.Height());
     const size_t bpv = static_cast<size_t>(format_.BytesPerValue());
+    if (sink.TakesPixels()) {
+        const void* texels = resampler_->ReadbackData();
+        if (format_.depth > 8) {
+            const auto planes = static_cast<size_t>(format_.planes);
+            if (texelScratch_.size() < 4 * w * h) {
+                texelScratch_.resize(4 * w * h);
+            }
+            const auto* __restrict in = static_cast<const uint16_t*>(texels);
+            uint16_t* __restrict out = texelScratch_.data();
+            for (size_t k = 0; k < 4 * w * h; k += 4) {
+                for (size_t c = 0; c < planes; ++c) {
+                    out[k + c] = GpuToHost16(in[k + c]);
+                }
+            }
+            texels = out;
+        }
+        if (!sink.WritePixels(region, texels, static_cast<ptrdiff_t>(4 * bpv),
+                              static_cast<ptrdiff_t>(4 * bpv * w))) {
+            return {RenderCode::SinkFailed, "writing the result tile failed"};
+        }
+        return RenderStatus::Ok();
+    }
     planeScratch_.resize(static_cast<size_t>(format_.planes));
     std::vector<const void*> pointers;
     for (auto& plane : planeScratch_) {

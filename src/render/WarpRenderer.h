@@ -121,6 +121,10 @@ private:
     bool FitsWhole(int32_t sourceWidth, int32_t sourceHeight) const;
     RenderStatus UploadWhole(RenderSource& source);
     RenderStatus UploadWindow(RenderSource& source, const PixelRect& window);
+    // Rows of rect as texels at dst (pitch bytes per row): through planes,
+    // or straight from a source that offers pixels.
+    bool ReadPlanes(RenderSource& source, const PixelRect& rect, void* dst, size_t pitch);
+    bool ReadPixels(RenderSource& source, const PixelRect& rect, void* dst, size_t pitch);
     RenderStatus DrawWhole(int32_t column, int32_t row, const PixelRect& region);
     RenderStatus DrawWindows(int32_t column, int32_t row, const PixelRect& region,
                              RenderSource& source);
@@ -143,6 +147,7 @@ private:
     RenderStatistics statistics_;
     // Scratch buffers reused across tiles.
     std::vector<std::vector<uint8_t>> planeScratch_;
+    std::vector<uint16_t> texelScratch_;  // 16-bit texels on their way to or from the host
     std::vector<Gpu::GpuVertex> vertexScratch_;
     std::vector<uint32_t> indexScratch_;
 };

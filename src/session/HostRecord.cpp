@@ -161,6 +161,30 @@ void HostRecord::WriteResultPlane(const ImageRect& rect, int32_t plane, const vo
         throw HostError("writing result pixels failed", e);
 }
 
+bool HostRecord::OffersPixels() const {
+    return record_ && record_->readSourcePixels && record_->writeResultPixels;
+}
+
+void HostRecord::ReadSourcePixels(const ImageRect& rect, void* buffer, int32_t columnBytes,
+                                  int32_t rowBytes) const {
+    if (!OffersPixels())
+        throw HostError("the host cannot read source pixels", cvErrUnsupported);
+    const CvRect r = ToCv(rect);
+    const CvError e = record_->readSourcePixels(record_->host, &r, buffer, columnBytes, rowBytes);
+    if (e != cvNoErr)
+        throw HostError("reading source pixels failed", e);
+}
+
+void HostRecord::WriteResultPixels(const ImageRect& rect, const void* buffer, int32_t columnBytes,
+                                   int32_t rowBytes) const {
+    if (!OffersPixels())
+        throw HostError("the host cannot take result pixels", cvErrUnsupported);
+    const CvRect r = ToCv(rect);
+    const CvError e = record_->writeResultPixels(record_->host, &r, buffer, columnBytes, rowBytes);
+    if (e != cvNoErr)
+        throw HostError("writing result pixels failed", e);
+}
+
 void HostRecord::SetProgressText(const std::string& title, const std::string& message) const {
     if (record_ && record_->setProgressText)
         record_->setProgressText(record_->host, title.c_str(), message.c_str());

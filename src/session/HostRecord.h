@@ -88,6 +88,13 @@ public:
                          int32_t rowBytes) const;
     void WriteResultPlane(const ImageRect& rect, int32_t plane, const void* buffer,
                           int32_t rowBytes) const;
+    // Whether the host takes and gives every plane at once, interleaved;
+    // then the two calls below work (they throw HostError otherwise).
+    bool OffersPixels() const;
+    void ReadSourcePixels(const ImageRect& rect, void* buffer, int32_t columnBytes,
+                          int32_t rowBytes) const;
+    void WriteResultPixels(const ImageRect& rect, const void* buffer, int32_t columnBytes,
+                           int32_t rowBytes) const;
 
     void SetProgressText(const std::string& title, const std::string& message) const;
     void Progress(int64_t done, int64_t total) const;

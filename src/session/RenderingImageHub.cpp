@@ -45,6 +45,26 @@ public:
                     });
     }
 
+    bool OffersPixels() const override { return host_.OffersPixels(); }
+    bool TakesPixels() const override { return host_.OffersPixels(); }
+    bool ReadPixels(const PixelRect& rect, void* pixels, ptrdiff_t columnBytes,
+                    ptrdiff_t rowBytes) override {
+        if (!Fits(columnBytes) || !Fits(rowBytes))
+            return false;
+        host_.ReadSourcePixels(InArea(rect), pixels, static_cast<int32_t>(columnBytes),
+                               static_cast<int32_t>(rowBytes));
+        return true;
+    }
+    bool WritePixels(const PixelRect& rect, const void* pixels, ptrdiff_t columnBytes,
+                     ptrdiff_t rowBytes) override {
+        if (!Fits(columnBytes) || !Fits(rowBytes))
+            return false;
+        written_.push_back(rect);
+        host_.WriteResultPixels(InArea(rect), pixels, static_cast<int32_t>(columnBytes),
+                                static_cast<int32_t>(rowBytes));
+        return true;
+    }
+
     // Tiles the renderer drew nothing into (no quad reaches them) are still
     // part of the result: they are written as border, like the uncovered
     // pixels of a drawn tile.
@@ -82,12 +102,18 @@ public:
     }
 
 private:
+    static bool Fits(ptrdiff_t bytes) {
+        return bytes > 0 && bytes <= std::numeric_limits<int32_t>::max();
+    }
+    ImageRect InArea(const PixelRect& rect) const {
+        return {area_.left + rect.left, area_.top + rect.top, area_.left + rect.right,
+                area_.top + rect.bottom};
+    }
     template <class Op>
     bool Each(const PixelRect& rect, size_t planeCount, ptrdiff_t rowBytes, Op&& op) {
-        if (rowBytes <= 0 || rowBytes > std::numeric_limits<int32_t>::max())
+        if (!Fits(rowBytes))
             return false;
-        const ImageRect r{area_.left + rect.left, area_.top + rect.top, area_.left + rect.right,
-                          area_.top + rect.bottom};
+        const ImageRect r = InArea(rect);
         for (size_t p = 0; p < planeCount; ++p)
             op(r, static_cast<int32_t>(p), static_cast<int32_t>(rowBytes));
         return true;

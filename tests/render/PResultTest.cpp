@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
+#include <span>
 #include <vector>
 
 #include "RenderTestSupport.h"
@@ -67,9 +69,58 @@ struct Rendered {
     SourceMode mode = SourceMode::Whole;
 };
 
+// A planar image passed to the renderer as a host with interleaved pixels
+// passes it: both ways at once, pixels columnBytes apart.
+class InterleavedHost final : public RenderSource, public RenderSink {
+public:
+    InterleavedHost(MemoryImage& source, MemoryImage& result) : source_(source), result_(result) {}
+    bool ReadWindow(const PixelRect&, std::span<void* const>, ptrdiff_t) override {
+        ADD_FAILURE() << "planes read from a source that offers pixels";
+        return false;
+    }
+    bool WriteTile(const PixelRect&, std::span<const void* const>, ptrdiff_t) override {
+        ADD_FAILURE() << "planes written to a sink that takes pixels";
+        return false;
+    }
+    bool OffersPixels() const override { return true; }
+    bool TakesPixels() const override { return true; }
+    bool ReadPixels(const PixelRect& rect, void* pixels, ptrdiff_t columnBytes,
+                    ptrdiff_t rowBytes) override {
+        Each(rect, columnBytes, rowBytes, [&](int32_t p, int32_t x, int32_t y, size_t at) {
+            const uint32_t v = source_.At(p, x, y);
+            std::memcpy(static_cast<uint8_t*>(pixels) + at, &v, Bytes());  // little-endian
+        });
+        return true;
+    }
+    bool WritePixels(const PixelRect& rect, const void* pixels, ptrdiff_t columnBytes,
+                     ptrdiff_t rowBytes) override {
+        Each(rect, columnBytes, rowBytes, [&](int32_t p, int32_t x, int32_t y, size_t at) {
+            uint32_t v = 0;
+            std::memcpy(&v, static_cast<const uint8_t*>(pixels) + at, Bytes());
+            result_.Set(p, x, y, v);
+        });
+        return true;
+    }
+
+private:
+    size_t Bytes() const { return static_cast<size_t>(source_.Format().BytesPerValue()); }
+    template <class F>
+    void Each(const PixelRect& rect, ptrdiff_t columnBytes, ptrdiff_t rowBytes, F&& f) const {
+        for (int32_t y = rect.top; y < rect.bottom; ++y)
+            for (int32_t x = rect.left; x < rect.right; ++x)
+                for (int32_t p = 0; p < source_.Format().planes; ++p)
+                    f(p, x, y,
+                      static_cast<size_t>((y - rect.top) * rowBytes +
+                                          (x - rect.left) * columnBytes) +
+                          static_cast<size_t>(p) * Bytes());
+    }
+    MemoryImage& source_;
+    MemoryImage& result_;
+};
+
 Rendered RenderWithPResult(const std::shared_ptr<Gpu::GpuDevice>& device, MemoryImage& source,
                            std::shared_ptr<const RenderMesh> mesh, ViewFraming framing = {},
-                           RenderOptions options = {}) {
+                           RenderOptions options = {}, bool interleaved = false) {
     options.framing = framing;
     const auto made = Renderer(device, {source.Width(), source.Height(), source.Format(), options},
                                std::move(mesh));
@@ -80,7 +131,9 @@ Rendered RenderWithPResult(const std::shared_ptr<Gpu::GpuDevice>& device, Memory
                  renderer.Plan(),
                  {},
                  renderer.Mode()};
-    const RenderStatus status = renderer.Render(source, out.image);
+    InterleavedHost host(source, out.image);
+    const RenderStatus status =
+        interleaved ? renderer.Render(host, host) : renderer.Render(source, out.image);
     EXPECT_TRUE(status.ok()) << status.message;
     out.statistics = renderer.Statistics();
     return out;
@@ -117,6 +170,18 @@ TEST_P(PResultGolden, FisheyeThroughStereographicMatchesTheReference) {
     const Rendered rendered = RenderWithPResult(device, source, scene.Mesh());
     EXPECT_EQ(rendered.mode, SourceMode::Whole);
     ExpectMatchesReference(rendered, source, 1, 0.5);
+    // Through a host that passes pixels interleaved, from the whole texture
+    // and from windows (the last column repeated into a larger texture),
+    // the picture is the same to the last value.
+    auto small = MakeTestDevice(128);
+    ASSERT_TRUE(small);
+    const Rendered windowed = RenderWithPResult(small, source, scene.Mesh());
+    EXPECT_EQ(windowed.mode, SourceMode::Windows);
+    for (const Rendered* planar : {&rendered, &windowed}) {
+        const Rendered pixels = RenderWithPResult(planar == &rendered ? device : small, source,
+                                                  scene.Mesh(), {}, {}, true);
+        EXPECT_EQ(CompareImages(planar->image, pixels.image).differing, 0);
+    }
 }
 
 // Grey, RGB and Lab (three planes like RGB), CMYK; 8 and 16 bits.
