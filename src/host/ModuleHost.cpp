@@ -79,30 +79,38 @@ CvError setResultDescriptor(void* host, CvDescriptor result) {
     return HostKit::takeResultDescriptor(result, ctx->outcome->resultDescriptor);
 }
 
-// Checks a plane request against the filtered area and the buffer's stride.
-bool validPlaneRequest(const HostContext* ctx, const CvRect* rect, int32_t plane,
-                       const void* buffer, int32_t rowBytes) {
+// Checks a pixel request against the filtered area and the buffer's
+// strides. plane: one plane (whose values lie side by side), or kAllPlanes
+// for interleaved pixels columnBytes apart.
+constexpr int32_t kAllPlanes = -1;
+bool validPixelRequest(const HostContext* ctx, const CvRect* rect, int32_t plane,
+                       const void* buffer, int32_t columnBytes, int32_t rowBytes) {
     const ImageInfo& info = ctx->invocation->source->info();
     if (!rect || !buffer || rectEmpty(*rect) || !rectInside(*rect, ctx->filterRect))
         return false;
-    if (plane < 0 || plane >= info.planes())
+    const auto sample = static_cast<int64_t>(info.bytesPerSample());
+    int64_t value = sample, column = sample;
+    if (plane == kAllPlanes) {
+        value = sample * info.planes();
+        column = columnBytes;
+    } else if (plane < 0 || plane >= info.planes()) {
         return false;
-    return rowBytes >= static_cast<int64_t>(rect->right - rect->left) *
-                           static_cast<int64_t>(info.bytesPerSample());
+    }
+    return column >= value && rowBytes >= (rect->right - rect->left - 1) * column + value;
 }
 
-// A plane request of the module: checked, serialised, and every exception
+// A pixel request of the module: checked, serialised, and every exception
 // turned into an error code. The C interface carries only the code, so the
 // first error itself is kept for the run's outcome.
 template <class Transfer>
-CvError planeRequest(void* host, const CvRect* rect, int32_t plane, const void* buffer,
-                     int32_t rowBytes, Transfer&& transfer) {
+CvError pixelRequest(void* host, const CvRect* rect, int32_t plane, const void* buffer,
+                     int32_t columnBytes, int32_t rowBytes, Transfer&& transfer) {
     HostContext* ctx = context(host);
     if (!ctx || !ctx->invocation)
         return cvErrParam;
     if (abortFlag)
         return cvErrAborted;
-    if (!validPlaneRequest(ctx, rect, plane, buffer, rowBytes))
+    if (!validPixelRequest(ctx, rect, plane, buffer, columnBytes, rowBytes))
         return cvErrParam;
     std::lock_guard lock(ctx->planes);
     auto keep = [ctx](HostError error) {
@@ -126,18 +134,37 @@ CvError planeRequest(void* host, const CvRect* rect, int32_t plane, const void* 
 
 CvError readSourcePlane(void* host, const CvRect* rect, int32_t plane, void* buffer,
                         int32_t rowBytes) {
-    return planeRequest(host, rect, plane, buffer, rowBytes, [&](const Invocation& inv) {
+    return pixelRequest(host, rect, plane, buffer, 0, rowBytes, [&](const Invocation& inv) {
         inv.source->readPlane(*rect, plane, buffer, rowBytes);
     });
 }
 
 CvError writeResultPlane(void* host, const CvRect* rect, int32_t plane, const void* buffer,
                          int32_t rowBytes) {
-    return planeRequest(host, rect, plane, buffer, rowBytes, [&](const Invocation& inv) {
+    return pixelRequest(host, rect, plane, buffer, 0, rowBytes, [&](const Invocation& inv) {
         if (!inv.result)  // a run that asked for no picture (suggested lines only)
             throw HostError(kExitFailed, "the filter wrote a picture where none was asked for");
         inv.result->writePlane(*rect, plane, buffer, rowBytes);
     });
+}
+
+CvError readSourcePixels(void* host, const CvRect* rect, void* buffer, int32_t columnBytes,
+                         int32_t rowBytes) {
+    return pixelRequest(
+        host, rect, kAllPlanes, buffer, columnBytes, rowBytes, [&](const Invocation& inv) {
+            inv.source->readPixels(*rect, static_cast<uint8_t*>(buffer), columnBytes, rowBytes);
+        });
+}
+
+CvError writeResultPixels(void* host, const CvRect* rect, const void* buffer, int32_t columnBytes,
+                          int32_t rowBytes) {
+    return pixelRequest(
+        host, rect, kAllPlanes, buffer, columnBytes, rowBytes, [&](const Invocation& inv) {
+            if (!inv.result)
+                throw HostError(kExitFailed, "the filter wrote a picture where none was asked for");
+            inv.result->writePixels(*rect, static_cast<const uint8_t*>(buffer), columnBytes,
+                                    rowBytes);
+        });
 }
 
 CvError getXmpPacket(void* host, char* buffer, size_t capacity, size_t* length) {
@@ -347,6 +374,8 @@ InvocationOutcome Module::run(const Invocation& invocation) {
     record.filterRect = ctx.filterRect;
     record.readSourcePlane = readSourcePlane;
     record.writeResultPlane = writeResultPlane;
+    record.readSourcePixels = readSourcePixels;
+    record.writeResultPixels = writeResultPixels;
     record.getXmpPacket = getXmpPacket;
     record.setProgressText = setProgressText;
     record.progress = progress;

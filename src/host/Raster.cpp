@@ -43,30 +43,79 @@ void extractPlane(const uint8_t* interleaved, ptrdiff_t srcRowBytes, int planes,
     }
 }
 
-void insertPlane(const uint8_t* src, ptrdiff_t srcRowBytes, int planes, int plane,
-                 size_t bytesPerSample, int32_t width, int32_t height, uint8_t* interleaved,
-                 ptrdiff_t dstRowBytes) {
+namespace {
+
+// One plane's values side by side into pixels dstColumn bytes apart.
+void scatterPlane(const uint8_t* src, ptrdiff_t srcRowBytes, size_t bytesPerSample, int32_t width,
+                  int32_t height, uint8_t* dst, size_t dstColumn, ptrdiff_t dstRowBytes) {
     for (int32_t y = 0; y < height; ++y) {
         const uint8_t* s = src + srcRowBytes * y;
-        uint8_t* d = interleaved + dstRowBytes * y + static_cast<size_t>(plane) * bytesPerSample;
+        uint8_t* d = dst + dstRowBytes * y;
         if (bytesPerSample == 1) {
             for (int32_t x = 0; x < width; ++x)
-                d[static_cast<size_t>(x) * planes] = s[x];
+                d[static_cast<size_t>(x) * dstColumn] = s[x];
         } else {
             for (int32_t x = 0; x < width; ++x)
-                std::memcpy(d + static_cast<size_t>(x) * planes * 2, s + 2 * x, 2);
+                std::memcpy(d + static_cast<size_t>(x) * dstColumn, s + 2 * x, 2);
         }
     }
 }
 
-void ImageSource::readInterleaved(const CvRect& rect, uint8_t* dst, ptrdiff_t rowBytes) {
+template <size_t Value, size_t From, size_t To>
+void copyPixelsFixed(const uint8_t* __restrict src, uint8_t* __restrict dst, int32_t n) {
+    for (int32_t i = 0; i < n; ++i)
+        std::memcpy(dst + static_cast<size_t>(i) * To, src + static_cast<size_t>(i) * From, Value);
+}
+
+}  // namespace
+
+void insertPlane(const uint8_t* src, ptrdiff_t srcRowBytes, int planes, int plane,
+                 size_t bytesPerSample, int32_t width, int32_t height, uint8_t* interleaved,
+                 ptrdiff_t dstRowBytes) {
+    scatterPlane(src, srcRowBytes, bytesPerSample, width, height,
+                 interleaved + static_cast<size_t>(plane) * bytesPerSample,
+                 static_cast<size_t>(planes) * bytesPerSample, dstRowBytes);
+}
+
+void copyPixels(const uint8_t* src, size_t srcColumn, uint8_t* dst, size_t dstColumn,
+                size_t valueBytes, int32_t n) {
+    if (srcColumn == valueBytes && dstColumn == valueBytes) {
+        std::memcpy(dst, src, valueBytes * static_cast<size_t>(n));
+        return;
+    }
+    // The layouts the renderer's texels meet, with the sizes known to the
+    // compiler, so that each pixel is a move or two rather than a call.
+    const auto key = (valueBytes << 16) | (srcColumn << 8) | dstColumn;
+    switch (key) {
+        case (3 << 16) | (3 << 8) | 4:
+            return copyPixelsFixed<3, 3, 4>(src, dst, n);
+        case (3 << 16) | (4 << 8) | 3:
+            return copyPixelsFixed<3, 4, 3>(src, dst, n);
+        case (1 << 16) | (1 << 8) | 4:
+            return copyPixelsFixed<1, 1, 4>(src, dst, n);
+        case (1 << 16) | (4 << 8) | 1:
+            return copyPixelsFixed<1, 4, 1>(src, dst, n);
+        case (6 << 16) | (6 << 8) | 8:
+            return copyPixelsFixed<6, 6, 8>(src, dst, n);
+        case (6 << 16) | (8 << 8) | 6:
+            return copyPixelsFixed<6, 8, 6>(src, dst, n);
+        default:
+            for (int32_t i = 0; i < n; ++i)
+                std::memcpy(dst + static_cast<size_t>(i) * dstColumn,
+                            src + static_cast<size_t>(i) * srcColumn, valueBytes);
+    }
+}
+
+void ImageSource::readPixels(const CvRect& rect, uint8_t* dst, ptrdiff_t columnBytes,
+                             ptrdiff_t rowBytes) {
     const int32_t w = rect.right - rect.left, h = rect.bottom - rect.top;
     const size_t bps = info_.bytesPerSample();
     std::vector<uint8_t> plane(static_cast<size_t>(w) * h * bps);
     for (int p = 0; p < info_.planes(); ++p) {
         readPlane(rect, p, plane.data(), static_cast<ptrdiff_t>(w * bps));
-        insertPlane(plane.data(), static_cast<ptrdiff_t>(w * bps), info_.planes(), p, bps, w, h,
-                    dst, rowBytes);
+        scatterPlane(plane.data(), static_cast<ptrdiff_t>(w * bps), bps, w, h,
+                     dst + static_cast<size_t>(p) * bps, static_cast<size_t>(columnBytes),
+                     rowBytes);
     }
 }
 
@@ -147,6 +196,18 @@ void MemorySource::readPlane(const CvRect& rect, int plane, void* buffer, ptrdif
                  rowBytes);
 }
 
+void MemorySource::readPixels(const CvRect& rect, uint8_t* dst, ptrdiff_t columnBytes,
+                              ptrdiff_t rowBytes) {
+    if (!rectInside(rect, info_.bounds()))
+        throw HostError(kExitFailed, path_.string() + ": pixel request outside the image");
+    waitForRows(rect.bottom);
+    const size_t pixel = raster_.pixelBytes();
+    for (int32_t y = rect.top; y < rect.bottom; ++y)
+        copyPixels(raster_.row(y) + static_cast<size_t>(rect.left) * pixel, pixel,
+                   dst + rowBytes * (y - rect.top), static_cast<size_t>(columnBytes), pixel,
+                   rect.right - rect.left);
+}
+
 std::unique_ptr<ImageSource> openImage(const std::filesystem::path& path,
                                        const SourceOptions& options) {
     std::error_code ec;
@@ -218,6 +279,25 @@ public:
                               static_cast<size_t>(y) * static_cast<size_t>(raster_.info.width) +
                               static_cast<size_t>(rect.left),
                           static_cast<size_t>(rect.right - rect.left));
+        anyWritten_ = true;
+    }
+
+    void writePixels(const CvRect& rect, const uint8_t* src, ptrdiff_t columnBytes,
+                     ptrdiff_t rowBytes) override {
+        if (!rectInside(rect, raster_.info.bounds()))
+            throw HostError(kExitFailed, name_ + ": result pixels outside the image");
+        const size_t pixel = raster_.pixelBytes();
+        const auto w = static_cast<size_t>(rect.right - rect.left);
+        for (int32_t y = rect.top; y < rect.bottom; ++y) {
+            copyPixels(src + rowBytes * (y - rect.top), static_cast<size_t>(columnBytes),
+                       raster_.row(y) + static_cast<size_t>(rect.left) * pixel, pixel, pixel,
+                       static_cast<int32_t>(w));
+            for (int p = 0; p < raster_.info.planes(); ++p)
+                written_.mark(static_cast<size_t>(p) * pixels_ +
+                                  static_cast<size_t>(y) * static_cast<size_t>(raster_.info.width) +
+                                  static_cast<size_t>(rect.left),
+                              w);
+        }
         anyWritten_ = true;
     }
 

@@ -69,6 +69,11 @@ void insertPlane(const uint8_t* src, ptrdiff_t srcRowBytes, int planes, int plan
                  size_t bytesPerSample, int32_t width, int32_t height, uint8_t* interleaved,
                  ptrdiff_t dstRowBytes);
 
+// Copies n pixels of valueBytes each from src (pixels srcColumn bytes
+// apart) to dst (dstColumn apart); the bytes between pixels are not touched.
+void copyPixels(const uint8_t* src, size_t srcColumn, uint8_t* dst, size_t dstColumn,
+                size_t valueBytes, int32_t n);
+
 // The source photograph as the module reads it. readPlane copies plane
 // `plane` of rect (inside bounds()) into buffer as host values. Errors
 // (a strip that cannot be decoded) throw HostError naming the file.
@@ -80,8 +85,17 @@ public:
     const std::filesystem::path& path() const { return path_; }
     const std::vector<uint8_t>& iccProfile() const { return icc_; }
     virtual void readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_t rowBytes) = 0;
+    // Every plane of rect into dst, a pixel's values in plane order, pixels
+    // columnBytes apart (at least a pixel), rows rowBytes apart; the bytes
+    // between pixels keep their values. Sources that hold their pixels
+    // interleaved copy them straight; this one goes plane by plane.
+    virtual void readPixels(const CvRect& rect, uint8_t* dst, ptrdiff_t columnBytes,
+                            ptrdiff_t rowBytes);
     // Reads every plane of rect interleaved into dst (rowBytes stride).
-    void readInterleaved(const CvRect& rect, uint8_t* dst, ptrdiff_t rowBytes);
+    void readInterleaved(const CvRect& rect, uint8_t* dst, ptrdiff_t rowBytes) {
+        readPixels(rect, dst, static_cast<ptrdiff_t>(info_.planes() * info_.bytesPerSample()),
+                   rowBytes);
+    }
 
 protected:
     ImageInfo info_;
@@ -105,6 +119,8 @@ public:
     MemorySource(const MemorySource&) = delete;
     MemorySource& operator=(const MemorySource&) = delete;
     void readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_t rowBytes) override;
+    void readPixels(const CvRect& rect, uint8_t* dst, ptrdiff_t columnBytes,
+                    ptrdiff_t rowBytes) override;
     // Every row (waits for the decode; throws its error).
     const Raster& raster();
 
@@ -146,6 +162,10 @@ public:
     // rect must lie inside the image; throws HostError otherwise.
     virtual void writePlane(const CvRect& rect, int plane, const void* buffer,
                             ptrdiff_t rowBytes) = 0;
+    // Every plane of rect at once, laid out as ImageSource::readPixels
+    // gives them.
+    virtual void writePixels(const CvRect& rect, const uint8_t* src, ptrdiff_t columnBytes,
+                             ptrdiff_t rowBytes) = 0;
     virtual void finish() = 0;
     bool anyWritten() const { return anyWritten_; }
 

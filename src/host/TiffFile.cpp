@@ -417,19 +417,11 @@ void copyStrided(const uint8_t* src, uint32_t stride, uint8_t* dst, int32_t n) {
 
 }  // namespace
 
-void TiffSource::readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_t rowBytes) {
-    if (plane < 0 || plane >= info_.planes() || !rectInside(rect, info_.bounds()))
-        throw HostError(kExitFailed, path_.string() + ": plane request outside the image");
-    const bool sixteen = info_.depth == 16;
-    const bool palette = !palette_.empty();
-    const uint32_t bps = sixteen ? 2 : 1;
+template <class Visit>
+void TiffSource::visitRows(const CvRect& rect, uint32_t fileSample, Visit&& visit) {
+    const uint32_t bps = info_.depth == 16 ? 2 : 1;
     const uint32_t stride = separate_ ? 1u : samplesPerPixel_;
-    // A palette file has one index sample; every plane looks it up.
-    const uint32_t fileSample = palette ? 0u : static_cast<uint32_t>(plane);
     const uint32_t sampleInBlock = separate_ ? 0u : fileSample;
-    const Convert convert = convert_[plane];
-    auto* out = static_cast<uint8_t*>(buffer);
-
     const uint32_t bx0 = static_cast<uint32_t>(rect.left) / blockWidth_;
     const uint32_t bx1 = static_cast<uint32_t>(rect.right - 1) / blockWidth_;
     const uint32_t by0 = static_cast<uint32_t>(rect.top) / blockHeight_;
@@ -456,38 +448,83 @@ void TiffSource::readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_
                 const uint8_t* src =
                     b.data.data() + (static_cast<uint64_t>(y) - y0) * blockRowBytes_ +
                     (static_cast<uint64_t>(area.left - x0) * stride + sampleInBlock) * bps;
-                uint8_t* dst = out + static_cast<ptrdiff_t>(y - rect.top) * rowBytes +
-                               static_cast<ptrdiff_t>(area.left - rect.left) * bps;
-                const int32_t n = area.right - area.left;
-                if (palette) {
-                    const uint8_t* map = palette_.data() + plane;
-                    for (int32_t i = 0; i < n; ++i, src += stride)
-                        dst[i] = map[3 * size_t{*src}];
-                } else if (!sixteen && convert == Convert::Copy) {
-                    copyStrided(src, stride, dst, n);
-                } else if (!sixteen) {
-                    for (int32_t i = 0; i < n; ++i, src += stride) {
-                        const uint8_t v = *src;
-                        dst[i] = convert == Convert::Copy ? v
-                                 : convert == Convert::Invert
-                                     ? static_cast<uint8_t>(255 - v)
-                                     : static_cast<uint8_t>(v ^ 0x80);  // int8 + 128
-                    }
-                } else {
-                    auto* d = reinterpret_cast<uint16_t*>(dst);
-                    for (int32_t i = 0; i < n; ++i, src += 2 * stride) {
-                        uint16_t v;
-                        std::memcpy(&v, src, 2);
-                        if (convert == Convert::Invert)
-                            v = static_cast<uint16_t>(65535 - v);
-                        else if (convert == Convert::SignedOffset)
-                            v = static_cast<uint16_t>(v ^ 0x8000);
-                        d[i] = hostFromFile16(v);
-                    }
-                }
+                visit(src, stride, y - rect.top, area.left - rect.left, area.right - area.left);
             }
         }
     }
+}
+
+void TiffSource::readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_t rowBytes) {
+    if (plane < 0 || plane >= info_.planes() || !rectInside(rect, info_.bounds()))
+        throw HostError(kExitFailed, path_.string() + ": plane request outside the image");
+    const bool sixteen = info_.depth == 16;
+    const bool palette = !palette_.empty();
+    const uint32_t bps = sixteen ? 2 : 1;
+    // A palette file has one index sample; every plane looks it up.
+    const uint32_t fileSample = palette ? 0u : static_cast<uint32_t>(plane);
+    const Convert convert = convert_[plane];
+    auto* out = static_cast<uint8_t*>(buffer);
+    visitRows(rect, fileSample,
+              [&](const uint8_t* src, uint32_t stride, int32_t row, int32_t column, int32_t n) {
+                  uint8_t* dst = out + static_cast<ptrdiff_t>(row) * rowBytes +
+                                 static_cast<ptrdiff_t>(column) * bps;
+                  if (palette) {
+                      const uint8_t* map = palette_.data() + plane;
+                      for (int32_t i = 0; i < n; ++i, src += stride)
+                          dst[i] = map[3 * size_t{*src}];
+                  } else if (!sixteen && convert == Convert::Copy) {
+                      copyStrided(src, stride, dst, n);
+                  } else if (!sixteen) {
+                      for (int32_t i = 0; i < n; ++i, src += stride) {
+                          const uint8_t v = *src;
+                          dst[i] = convert == Convert::Invert
+                                       ? static_cast<uint8_t>(255 - v)
+                                       : static_cast<uint8_t>(v ^ 0x80);  // int8 + 128
+                      }
+                  } else {
+                      auto* d = reinterpret_cast<uint16_t*>(dst);
+                      for (int32_t i = 0; i < n; ++i, src += 2 * stride) {
+                          uint16_t v;
+                          std::memcpy(&v, src, 2);
+                          if (convert == Convert::Invert)
+                              v = static_cast<uint16_t>(65535 - v);
+                          else if (convert == Convert::SignedOffset)
+                              v = static_cast<uint16_t>(v ^ 0x8000);
+                          d[i] = hostFromFile16(v);
+                      }
+                  }
+              });
+}
+
+void TiffSource::readPixels(const CvRect& rect, uint8_t* dst, ptrdiff_t columnBytes,
+                            ptrdiff_t rowBytes) {
+    const int planes = info_.planes();
+    const bool plain =
+        !separate_ && palette_.empty() &&
+        std::all_of(convert_, convert_ + planes, [](Convert c) { return c == Convert::Copy; });
+    if (!plain) {
+        ImageSource::readPixels(rect, dst, columnBytes, rowBytes);
+        return;
+    }
+    if (!rectInside(rect, info_.bounds()))
+        throw HostError(kExitFailed, path_.string() + ": pixel request outside the image");
+    const bool sixteen = info_.depth == 16;
+    const auto column = static_cast<size_t>(columnBytes);
+    visitRows(rect, 0, [&](const uint8_t* src, uint32_t stride, int32_t row, int32_t x, int32_t n) {
+        uint8_t* out =
+            dst + static_cast<ptrdiff_t>(row) * rowBytes + static_cast<ptrdiff_t>(x) * columnBytes;
+        if (!sixteen) {
+            copyPixels(src, stride, out, column, static_cast<size_t>(planes), n);
+            return;
+        }
+        for (int32_t i = 0; i < n; ++i, src += 2 * stride, out += column)
+            for (int p = 0; p < planes; ++p) {
+                uint16_t v;
+                std::memcpy(&v, src + 2 * p, 2);
+                v = hostFromFile16(v);
+                std::memcpy(out + 2 * p, &v, 2);
+            }
+    });
 }
 
 bool needsBigTiff(const ImageInfo& info, uint32_t tileSize, bool compressed) {

@@ -55,6 +55,8 @@ public:
     TiffSource(const std::filesystem::path& path, const SourceOptions& options);
     ~TiffSource() override;
     void readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_t rowBytes) override;
+    void readPixels(const CvRect& rect, uint8_t* dst, ptrdiff_t columnBytes,
+                    ptrdiff_t rowBytes) override;
 
     bool tiled() const { return tiled_; }
     uint16_t compression() const { return compression_; }
@@ -69,6 +71,11 @@ private:
         std::list<uint32_t>::iterator lru;
     };
     const Block& block(uint32_t index, uint32_t expectedRows);
+    // Calls visit(first sample, samples per pixel, row and column in rect,
+    // pixels) for each block's part of each row of rect, in the blocks that
+    // hold file sample fileSample.
+    template <class Visit>
+    void visitRows(const CvRect& rect, uint32_t fileSample, Visit&& visit);
     // Decodes block index into b (b.decoded: the bytes libtiff produced);
     // false when libtiff fails.
     bool decodeBlock(TIFF* tif, uint32_t index, int64_t size, Block& b) const;

@@ -191,46 +191,34 @@ public:
                     ptrdiff_t rowBytes) override {
         if (plane < 0 || plane >= info_.planes() || !rectInside(rect, info_.bounds()))
             throw HostError(kExitFailed, "result plane outside the image");
-        if (rectEmpty(rect))
-            return;
-        anyWritten_ = true;
         const size_t bps = info_.bytesPerSample();
-        const size_t planes = static_cast<size_t>(info_.planes());
-        const size_t tilePixels = static_cast<size_t>(tileSize_) * tileSize_;
+        const size_t pixelBytes = bps * static_cast<size_t>(info_.planes());
         const auto* src = static_cast<const uint8_t*>(buffer);
-        for (uint32_t ty = rect.top / tileSize_;
-             ty <= static_cast<uint32_t>(rect.bottom - 1) / tileSize_; ++ty) {
-            for (uint32_t tx = rect.left / tileSize_;
-                 tx <= static_cast<uint32_t>(rect.right - 1) / tileSize_; ++tx) {
-                const uint32_t index = ty * writer_.tilesAcross() + tx;
-                if (state_[index] == State::Written)
-                    continue;  // a second write of a finished tile is dropped
-                Tile& tile = load(index);
-                const CvRect t = tileRect(tx, ty);
-                const CvRect area = intersect(rect, t);
-                const auto n = static_cast<size_t>(area.right - area.left);
-                for (int32_t y = area.top; y < area.bottom; ++y) {
-                    const uint8_t* s = src + static_cast<ptrdiff_t>(y - rect.top) * rowBytes +
-                                       static_cast<ptrdiff_t>(area.left - rect.left) * bps;
-                    const size_t pixel = static_cast<size_t>(y - t.top) * tileSize_ +
-                                         static_cast<size_t>(area.left - t.left);
-                    uint8_t* d = tile.pixels.data() + (pixel * planes + plane) * bps;
-                    if (bps == 1) {
-                        for (size_t x = 0; x < n; ++x)
-                            d[x * planes] = s[x];
-                    } else {
-                        for (size_t x = 0; x < n; ++x)
-                            std::memcpy(d + x * planes * 2, s + x * 2, 2);
-                    }
-                    // The mask is plane by plane, so a row's samples are one run of bits.
-                    tile.covered +=
-                        tile.mask.mark(static_cast<size_t>(plane) * tilePixels + pixel, n);
-                }
-                if (tile.covered == validSamples(t))
-                    complete(tx, ty, index);
+        place(rect, plane, plane + 1, [&](int32_t row, int32_t column, uint8_t* d, size_t n) {
+            const uint8_t* s = src + static_cast<ptrdiff_t>(row) * rowBytes +
+                               static_cast<ptrdiff_t>(column) * static_cast<ptrdiff_t>(bps);
+            d += static_cast<size_t>(plane) * bps;
+            if (bps == 1) {
+                for (size_t x = 0; x < n; ++x)
+                    d[x * pixelBytes] = s[x];
+            } else {
+                for (size_t x = 0; x < n; ++x)
+                    std::memcpy(d + x * pixelBytes, s + x * 2, 2);
             }
-        }
-        trim();
+        });
+    }
+
+    void writePixels(const CvRect& rect, const uint8_t* src, ptrdiff_t columnBytes,
+                     ptrdiff_t rowBytes) override {
+        if (!rectInside(rect, info_.bounds()))
+            throw HostError(kExitFailed, "result pixels outside the image");
+        const size_t pixelBytes = info_.bytesPerSample() * static_cast<size_t>(info_.planes());
+        place(rect, 0, info_.planes(), [&](int32_t row, int32_t column, uint8_t* d, size_t n) {
+            copyPixels(src + static_cast<ptrdiff_t>(row) * rowBytes +
+                           static_cast<ptrdiff_t>(column) * columnBytes,
+                       static_cast<size_t>(columnBytes), d, pixelBytes, pixelBytes,
+                       static_cast<int32_t>(n));
+        });
     }
 
     void finish() override {
@@ -271,6 +259,45 @@ public:
 
 private:
     enum class State : uint8_t { Untouched, Pending, Written };
+
+    // Puts planes [first, last) of rect into the tiles it meets:
+    // copy(row and column in rect, the first of n tile pixels, n) copies one
+    // row's part; the tiles this completes are encoded.
+    template <class Copy>
+    void place(const CvRect& rect, int first, int last, Copy&& copy) {
+        if (rectEmpty(rect))
+            return;
+        anyWritten_ = true;
+        const size_t pixelBytes = info_.bytesPerSample() * static_cast<size_t>(info_.planes());
+        const size_t tilePixels = static_cast<size_t>(tileSize_) * tileSize_;
+        for (uint32_t ty = rect.top / tileSize_;
+             ty <= static_cast<uint32_t>(rect.bottom - 1) / tileSize_; ++ty) {
+            for (uint32_t tx = rect.left / tileSize_;
+                 tx <= static_cast<uint32_t>(rect.right - 1) / tileSize_; ++tx) {
+                const uint32_t index = ty * writer_.tilesAcross() + tx;
+                if (state_[index] == State::Written)
+                    continue;  // a second write of a finished tile is dropped
+                Tile& tile = load(index);
+                const CvRect t = tileRect(tx, ty);
+                const CvRect area = intersect(rect, t);
+                const auto n = static_cast<size_t>(area.right - area.left);
+                for (int32_t y = area.top; y < area.bottom; ++y) {
+                    const size_t pixel = static_cast<size_t>(y - t.top) * tileSize_ +
+                                         static_cast<size_t>(area.left - t.left);
+                    copy(y - rect.top, area.left - rect.left,
+                         tile.pixels.data() + pixel * pixelBytes, n);
+                    // The mask is plane by plane, so a row's samples are one
+                    // run of bits per plane.
+                    for (int p = first; p < last; ++p)
+                        tile.covered +=
+                            tile.mask.mark(static_cast<size_t>(p) * tilePixels + pixel, n);
+                }
+                if (tile.covered == validSamples(t))
+                    complete(tx, ty, index);
+            }
+        }
+        trim();
+    }
     struct Tile {
         PixelBytes pixels;  // host values, tileSize x tileSize interleaved
         SampleMask mask;    // one bit per written sample, plane by plane

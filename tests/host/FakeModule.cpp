@@ -8,6 +8,8 @@
 //                            honours abortRequested
 //   CURVANA_FAKE=half        writes only the left half of the result
 //   CURVANA_FAKE=planes      writes plane 0 everywhere first, then plane 1, ...
+//   CURVANA_FAKE=pixels      moves every plane at once, interleaved with a gap of one
+//                            value between pixels
 //   CURVANA_FAKE_TILE=N      tile size (default 96)
 //   CURVANA_FAKE_REPORT=FILE appends what the module saw, one "key=value" per line
 #include <csignal>
@@ -145,7 +147,9 @@ int16_t start(CvFilterRecord* r, Instance* inst) {
 
     const int tile =
         env("CURVANA_FAKE_TILE").empty() ? 96 : std::atoi(env("CURVANA_FAKE_TILE").c_str());
-    const int bps = r->depth == 16 ? 2 : 1;
+    const bool pixels = mode == "pixels";
+    // One request's values: one plane's, or a pixel's with a value's gap after it.
+    const int bps = (r->depth == 16 ? 2 : 1) * (pixels ? r->planes + 1 : 1);
     const CvRect f = r->filterRect;
     const int32_t w = f.right - f.left;
     const int32_t writeRight = mode == "half" ? f.left + w / 2 : f.right;
@@ -159,15 +163,22 @@ int16_t start(CvFilterRecord* r, Instance* inst) {
                        "$$$/Curvana/Final/Progress/Message=Applying Curvana.");
     const int64_t tilesAcross = (w + tile - 1) / tile,
                   tilesDown = (f.bottom - f.top + tile - 1) / tile;
-    const int64_t total = tilesAcross * tilesDown * r->planes;
+    const int32_t planeCount = pixels ? 1 : r->planes;
+    const int64_t total = tilesAcross * tilesDown * planeCount;
+    if (pixels) {
+        const CvRect first{f.left, f.top, f.left + 2, f.top + 1};
+        report("narrowColumns=" +
+               std::to_string(r->readSourcePixels(r->host, &first, in,
+                                                  bps - (r->depth == 16 ? 4 : 2), 4 * bps)));
+    }
     int64_t done = 0;
     int16_t status = cvNoErr;
     const bool planesFirst = mode == "planes";
-    for (int32_t outer = 0; outer < (planesFirst ? r->planes : 1) && status == cvNoErr; ++outer) {
+    for (int32_t outer = 0; outer < (planesFirst ? planeCount : 1) && status == cvNoErr; ++outer) {
         for (int32_t top = f.top; top < f.bottom && status == cvNoErr; top += tile) {
             for (int32_t left = f.left; left < writeRight && status == cvNoErr; left += tile) {
-                for (int32_t p = planesFirst ? outer : 0; p < (planesFirst ? outer + 1 : r->planes);
-                     ++p) {
+                for (int32_t p = planesFirst ? outer : 0;
+                     p < (planesFirst ? outer + 1 : planeCount); ++p) {
                     if (mode == "signal" && done == total / 2)
                         std::raise(env("CURVANA_FAKE_SIGNAL").empty()
                                        ? SIGINT
@@ -182,7 +193,8 @@ int16_t start(CvFilterRecord* r, Instance* inst) {
                     // The mirror image of [left, right) is [f.right - right + f.left, ...).
                     const CvRect src{f.right - right + f.left, top, f.right - left + f.left,
                                      bottom};
-                    if (r->readSourcePlane(r->host, &src, p, in, tw * bps) != cvNoErr) {
+                    if ((pixels ? r->readSourcePixels(r->host, &src, in, bps, tw * bps)
+                                : r->readSourcePlane(r->host, &src, p, in, tw * bps)) != cvNoErr) {
                         status = cvErrFilterFailed;
                         break;
                     }
@@ -192,7 +204,9 @@ int16_t start(CvFilterRecord* r, Instance* inst) {
                                         in + (static_cast<size_t>(y) * tw + (tw - 1 - x)) * bps,
                                         bps);
                     const CvRect dst{left, top, right, bottom};
-                    if (r->writeResultPlane(r->host, &dst, p, out, tw * bps) != cvNoErr) {
+                    if ((pixels
+                             ? r->writeResultPixels(r->host, &dst, out, bps, tw * bps)
+                             : r->writeResultPlane(r->host, &dst, p, out, tw * bps)) != cvNoErr) {
                         status = cvErrFilterFailed;
                         break;
                     }

@@ -31,9 +31,10 @@ protected:
         facts.preferencesBase = "/prefs/base";
     }
     InvocationOutcome runOnce(Module& module, const Descriptor* descriptor, bool parameters,
-                              Raster* out) {
-        auto source = openImage(dir / "in.png");
-        auto result = createResult(FileFormat::Png, dir / "out.png", *source, ResultOptions{});
+                              Raster* out, FileFormat format = FileFormat::Png) {
+        const std::string extension = format == FileFormat::Tiff ? ".tif" : ".png";
+        auto source = openImage(dir / ("in" + extension));
+        auto result = createResult(format, dir / ("out" + extension), *source, ResultOptions{});
         Invocation inv;
         inv.source = source.get();
         inv.result = result.get();
@@ -43,7 +44,7 @@ protected:
         InvocationOutcome outcome = module.run(inv);
         result->finish();
         if (out)
-            *out = readWhole(dir / "out.png");
+            *out = readWhole(dir / ("out" + extension));
         return outcome;
     }
     ScratchDir dir;
@@ -90,6 +91,23 @@ TEST_F(ModuleHostTest, DrivesTheSelectorsAndServesEveryCallback) {
     EXPECT_TRUE(has(lines, "in.focL=1234.5000"));
     EXPECT_TRUE(has(lines, "descriptor=no"));
     EXPECT_TRUE(has(lines, "parameters=1"));
+}
+
+// A module that moves every plane at once, with gaps between its pixels,
+// gets the same picture from PNG and TIFF files; a request whose pixels
+// overlap is refused.
+TEST_F(ModuleHostTest, ServesInterleavedPixels) {
+    ::setenv("CURVANA_FAKE", "pixels", 1);
+    // A result nobody writes is a copy of its source.
+    createResult(FileFormat::Tiff, dir / "in.tif", *openImage(dir / "in.png"), {})->finish();
+    auto module = Module::load(CURVANA_FAKE_MODULE, facts);
+    for (FileFormat format : {FileFormat::Png, FileFormat::Tiff}) {
+        Raster out;
+        const InvocationOutcome outcome = runOnce(*module, nullptr, false, &out, format);
+        EXPECT_EQ(outcome.error, 0);
+        EXPECT_EQ(maxDifference(out, mirrored(original)), 0);
+    }
+    EXPECT_TRUE(has(readLines(dir / "report.txt"), "narrowColumns=" + std::to_string(cvErrParam)));
 }
 
 TEST_F(ModuleHostTest, ReportsAFailedStartAndItsAlert) {
