@@ -22,42 +22,46 @@ GeglRectangle toGegl(const CvRect& r) {
     return GeglRectangle{r.left, r.top, rectWidth(r), rectHeight(r)};
 }
 
-// One plane of interleaved pixels out to a plane buffer of the interface,
-// and back, converting 16-bit values between the two ranges.
+// Planes [first, first + count) of GIMP's interleaved pixels out to the
+// interface's layout (a pixel's values side by side, pixels columnBytes
+// apart, rows rowBytes apart), and back, converting 16-bit values between
+// the two ranges. One plane is the case count 1, columnBytes one value.
 template <class Sample>
-void planeOut(const uint8_t* interleaved, int32_t planes, int32_t plane, int32_t width,
-              int32_t height, uint8_t* out, int32_t rowBytes) {
+void pixelsOut(const uint8_t* interleaved, int32_t planes, int32_t first, int32_t count,
+               int32_t width, int32_t height, uint8_t* out, size_t columnBytes, int32_t rowBytes) {
     const auto stride = static_cast<size_t>(planes);
     for (int32_t y = 0; y < height; ++y) {
         const auto* packed = reinterpret_cast<const Sample*>(interleaved) +
                              static_cast<size_t>(y) * static_cast<size_t>(width) * stride +
-                             static_cast<size_t>(plane);
-        auto* row = reinterpret_cast<Sample*>(out + static_cast<ptrdiff_t>(y) * rowBytes);
-        for (int32_t x = 0; x < width; ++x, packed += stride) {
-            if constexpr (sizeof(Sample) == 2)
-                row[x] = toHostRange(*packed);
-            else
-                row[x] = *packed;
-        }
+                             static_cast<size_t>(first);
+        uint8_t* row = out + static_cast<ptrdiff_t>(y) * rowBytes;
+        for (int32_t x = 0; x < width; ++x, packed += stride, row += columnBytes)
+            for (int32_t p = 0; p < count; ++p) {
+                Sample v = packed[p];
+                if constexpr (sizeof(Sample) == 2)
+                    v = toHostRange(v);
+                std::memcpy(row + p * sizeof(Sample), &v, sizeof v);
+            }
     }
 }
 
 template <class Sample>
-void planeIn(uint8_t* interleaved, int32_t planes, int32_t plane, int32_t width, int32_t height,
-             const uint8_t* in, int32_t rowBytes) {
+void pixelsIn(uint8_t* interleaved, int32_t planes, int32_t first, int32_t count, int32_t width,
+              int32_t height, const uint8_t* in, size_t columnBytes, int32_t rowBytes) {
     const auto stride = static_cast<size_t>(planes);
     for (int32_t y = 0; y < height; ++y) {
         auto* packed = reinterpret_cast<Sample*>(interleaved) +
                        static_cast<size_t>(y) * static_cast<size_t>(width) * stride +
-                       static_cast<size_t>(plane);
-        const auto* row =
-            reinterpret_cast<const Sample*>(in + static_cast<ptrdiff_t>(y) * rowBytes);
-        for (int32_t x = 0; x < width; ++x, packed += stride) {
-            if constexpr (sizeof(Sample) == 2)
-                *packed = fromHostRange(row[x]);
-            else
-                *packed = row[x];
-        }
+                       static_cast<size_t>(first);
+        const uint8_t* row = in + static_cast<ptrdiff_t>(y) * rowBytes;
+        for (int32_t x = 0; x < width; ++x, packed += stride, row += columnBytes)
+            for (int32_t p = 0; p < count; ++p) {
+                Sample v;
+                std::memcpy(&v, row + p * sizeof(Sample), sizeof v);
+                if constexpr (sizeof(Sample) == 2)
+                    v = fromHostRange(v);
+                packed[p] = v;
+            }
     }
 }
 
@@ -132,26 +136,53 @@ DrawablePixels::DrawablePixels(gint32 drawable) : drawable_(drawable) {
         maskBounds_ = GeglRectangle{x, y, w, h};
 }
 
+void DrawablePixels::fetch(const CvRect& rect) {
+    if (!readPixels_.empty() && sameRect(rect, readRect_))
+        return;
+    readPixels_.resize(static_cast<size_t>(rectWidth(rect)) *
+                       static_cast<size_t>(rectHeight(rect)) * pixelBytes());
+    const GeglRectangle r = toGegl(rect);
+    gegl_buffer_get(source_.get(), &r, 1.0, format_, readPixels_.data(), GEGL_AUTO_ROWSTRIDE,
+                    GEGL_ABYSS_NONE);
+    readRect_ = rect;
+}
+
 void DrawablePixels::readPlane(const CvRect& rect, int32_t plane, void* buffer, int32_t rowBytes) {
+    readPixels(rect, plane, 1, buffer, sampleBytes(), rowBytes);
+}
+
+void DrawablePixels::readPixels(const CvRect& rect, void* buffer, int32_t columnBytes,
+                                int32_t rowBytes) {
+    readPixels(rect, 0, layout_.planes, buffer, static_cast<size_t>(columnBytes), rowBytes);
+}
+
+void DrawablePixels::readPixels(const CvRect& rect, int32_t first, int32_t count, void* buffer,
+                                size_t columnBytes, int32_t rowBytes) {
     const std::lock_guard lock(mutex_);
+    fetch(rect);
     const int32_t w = rectWidth(rect);
     const int32_t h = rectHeight(rect);
-    if (readPixels_.empty() || !sameRect(rect, readRect_)) {
-        readPixels_.resize(static_cast<size_t>(w) * static_cast<size_t>(h) * pixelBytes());
-        const GeglRectangle r = toGegl(rect);
-        gegl_buffer_get(source_.get(), &r, 1.0, format_, readPixels_.data(), GEGL_AUTO_ROWSTRIDE,
-                        GEGL_ABYSS_NONE);
-        readRect_ = rect;
-    }
     auto* out = static_cast<uint8_t*>(buffer);
     if (layout_.depth == 8)
-        planeOut<uint8_t>(readPixels_.data(), layout_.planes, plane, w, h, out, rowBytes);
+        pixelsOut<uint8_t>(readPixels_.data(), layout_.planes, first, count, w, h, out, columnBytes,
+                           rowBytes);
     else
-        planeOut<uint16_t>(readPixels_.data(), layout_.planes, plane, w, h, out, rowBytes);
+        pixelsOut<uint16_t>(readPixels_.data(), layout_.planes, first, count, w, h, out,
+                            columnBytes, rowBytes);
 }
 
 void DrawablePixels::writePlane(const CvRect& rect, int32_t plane, const void* buffer,
                                 int32_t rowBytes) {
+    writePixels(rect, plane, 1, buffer, sampleBytes(), rowBytes);
+}
+
+void DrawablePixels::writePixels(const CvRect& rect, const void* buffer, int32_t columnBytes,
+                                 int32_t rowBytes) {
+    writePixels(rect, 0, layout_.planes, buffer, static_cast<size_t>(columnBytes), rowBytes);
+}
+
+void DrawablePixels::writePixels(const CvRect& rect, int32_t first, int32_t count,
+                                 const void* buffer, size_t columnBytes, int32_t rowBytes) {
     const std::lock_guard lock(mutex_);
     if (pendingPlanes_ != 0 && !sameRect(rect, pendingRect_))
         flushPending();
@@ -163,10 +194,12 @@ void DrawablePixels::writePlane(const CvRect& rect, int32_t plane, const void* b
     }
     const auto* in = static_cast<const uint8_t*>(buffer);
     if (layout_.depth == 8)
-        planeIn<uint8_t>(pendingPixels_.data(), layout_.planes, plane, w, h, in, rowBytes);
+        pixelsIn<uint8_t>(pendingPixels_.data(), layout_.planes, first, count, w, h, in,
+                          columnBytes, rowBytes);
     else
-        planeIn<uint16_t>(pendingPixels_.data(), layout_.planes, plane, w, h, in, rowBytes);
-    pendingPlanes_ |= 1u << plane;
+        pixelsIn<uint16_t>(pendingPixels_.data(), layout_.planes, first, count, w, h, in,
+                           columnBytes, rowBytes);
+    pendingPlanes_ |= ((1u << count) - 1) << first;
     if (pendingPlanes_ == (1u << layout_.planes) - 1)
         flushPending();
 }

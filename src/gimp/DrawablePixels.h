@@ -66,6 +66,9 @@ public:
     // Collects the planes of a rectangle and stores it in the shadow buffer
     // when all have arrived (or when another rectangle begins).
     void writePlane(const CvRect& rect, int32_t plane, const void* buffer, int32_t rowBytes);
+    // Every plane at once, interleaved as the interface lays them out.
+    void readPixels(const CvRect& rect, void* buffer, int32_t columnBytes, int32_t rowBytes);
+    void writePixels(const CvRect& rect, const void* buffer, int32_t columnBytes, int32_t rowBytes);
     bool anyWritten() const { return written_; }
     // Held around every conversation with GIMP while pixels may be moving
     // on another thread: libgimp has one pipe to GIMP.
@@ -81,6 +84,12 @@ private:
     size_t sampleBytes() const { return layout_.depth == 8 ? 1 : 2; }
     size_t pixelBytes() const { return sampleBytes() * static_cast<size_t>(layout_.planes); }
     void flushPending();
+    // Fetches rect into readPixels_ unless it holds it already; mutex_ held.
+    void fetch(const CvRect& rect);
+    void readPixels(const CvRect& rect, int32_t first, int32_t count, void* buffer,
+                    size_t columnBytes, int32_t rowBytes);
+    void writePixels(const CvRect& rect, int32_t first, int32_t count, const void* buffer,
+                     size_t columnBytes, int32_t rowBytes);
 
     gint32 drawable_;
     DrawableLayout layout_;

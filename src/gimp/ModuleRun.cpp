@@ -70,8 +70,11 @@ CvError setResultDescriptor(void* host, CvDescriptor result) {
     return ctx ? HostKit::takeResultDescriptor(result, ctx->outcome->result) : cvErrParam;
 }
 
-bool validPlaneRequest(const HostContext* ctx, const CvRect* rect, int32_t plane,
-                       const void* buffer, int32_t rowBytes) {
+// plane: one plane (its values side by side), or kAllPlanes for
+// interleaved pixels columnBytes apart.
+constexpr int32_t kAllPlanes = -1;
+bool validPixelRequest(const HostContext* ctx, const CvRect* rect, int32_t plane,
+                       const void* buffer, int32_t columnBytes, int32_t rowBytes) {
     const DrawableLayout& layout = ctx->invocation->pixels->layout();
     if (!rect || !buffer || rect->left >= rect->right || rect->top >= rect->bottom)
         return false;
@@ -79,21 +82,27 @@ bool validPlaneRequest(const HostContext* ctx, const CvRect* rect, int32_t plane
     if (rect->left < f.left || rect->top < f.top || rect->right > f.right ||
         rect->bottom > f.bottom)
         return false;
-    if (plane < 0 || plane >= layout.planes)
+    const int64_t sample = layout.depth / 8;
+    int64_t value = sample, column = sample;
+    if (plane == kAllPlanes) {
+        value = sample * layout.planes;
+        column = columnBytes;
+    } else if (plane < 0 || plane >= layout.planes) {
         return false;
-    return rowBytes >= static_cast<int64_t>(rect->right - rect->left) * (layout.depth / 8);
+    }
+    return column >= value && rowBytes >= (rect->right - rect->left - 1) * column + value;
 }
 
-// A plane request: checked, and every exception turned into an error code
+// A pixel request: checked, and every exception turned into an error code
 // (nothing may be thrown into the module); the first failure is kept for
 // the message the user sees.
 template <class Transfer>
-CvError planeRequest(void* host, const CvRect* rect, int32_t plane, const void* buffer,
-                     int32_t rowBytes, Transfer&& transfer) {
+CvError pixelRequest(void* host, const CvRect* rect, int32_t plane, const void* buffer,
+                     int32_t columnBytes, int32_t rowBytes, Transfer&& transfer) {
     HostContext* ctx = context(host);
     if (!ctx || !ctx->invocation)
         return cvErrParam;
-    if (!validPlaneRequest(ctx, rect, plane, buffer, rowBytes))
+    if (!validPixelRequest(ctx, rect, plane, buffer, columnBytes, rowBytes))
         return cvErrParam;
     auto keep = [ctx](const std::string& why) {
         const std::lock_guard lock(ctx->mutex);
@@ -114,16 +123,30 @@ CvError planeRequest(void* host, const CvRect* rect, int32_t plane, const void* 
 
 CvError readSourcePlane(void* host, const CvRect* rect, int32_t plane, void* buffer,
                         int32_t rowBytes) {
-    return planeRequest(host, rect, plane, buffer, rowBytes, [&](DrawablePixels& pixels) {
+    return pixelRequest(host, rect, plane, buffer, 0, rowBytes, [&](DrawablePixels& pixels) {
         pixels.readPlane(*rect, plane, buffer, rowBytes);
     });
 }
 
 CvError writeResultPlane(void* host, const CvRect* rect, int32_t plane, const void* buffer,
                          int32_t rowBytes) {
-    return planeRequest(host, rect, plane, buffer, rowBytes, [&](DrawablePixels& pixels) {
+    return pixelRequest(host, rect, plane, buffer, 0, rowBytes, [&](DrawablePixels& pixels) {
         pixels.writePlane(*rect, plane, buffer, rowBytes);
     });
+}
+
+CvError readSourcePixels(void* host, const CvRect* rect, void* buffer, int32_t columnBytes,
+                         int32_t rowBytes) {
+    return pixelRequest(
+        host, rect, kAllPlanes, buffer, columnBytes, rowBytes,
+        [&](DrawablePixels& pixels) { pixels.readPixels(*rect, buffer, columnBytes, rowBytes); });
+}
+
+CvError writeResultPixels(void* host, const CvRect* rect, const void* buffer, int32_t columnBytes,
+                          int32_t rowBytes) {
+    return pixelRequest(
+        host, rect, kAllPlanes, buffer, columnBytes, rowBytes,
+        [&](DrawablePixels& pixels) { pixels.writePixels(*rect, buffer, columnBytes, rowBytes); });
 }
 
 CvError getXmpPacket(void* host, char* buffer, size_t capacity, size_t* length) {
@@ -268,6 +291,8 @@ InvocationOutcome runModule(HostKit::ModuleLibrary& module, const HostFacts& fac
     record.filterRect = ctx.filterRect;
     record.readSourcePlane = readSourcePlane;
     record.writeResultPlane = writeResultPlane;
+    record.readSourcePixels = readSourcePixels;
+    record.writeResultPixels = writeResultPixels;
     record.getXmpPacket = getXmpPacket;
     record.setProgressText = setProgressText;
     record.progress = progress;
