@@ -170,17 +170,24 @@ TEST_P(PResultGolden, FisheyeThroughStereographicMatchesTheReference) {
     const Rendered rendered = RenderWithPResult(device, source, scene.Mesh());
     EXPECT_EQ(rendered.mode, SourceMode::Whole);
     ExpectMatchesReference(rendered, source, 1, 0.5);
-    // Through a host that passes pixels interleaved, from the whole texture
-    // and from windows (the last column repeated into a larger texture),
-    // the picture is the same to the last value.
-    auto small = MakeTestDevice(128);
-    ASSERT_TRUE(small);
-    const Rendered windowed = RenderWithPResult(small, source, scene.Mesh());
-    EXPECT_EQ(windowed.mode, SourceMode::Windows);
-    for (const Rendered* planar : {&rendered, &windowed}) {
-        const Rendered pixels = RenderWithPResult(planar == &rendered ? device : small, source,
-                                                  scene.Mesh(), {}, {}, true);
-        EXPECT_EQ(CompareImages(planar->image, pixels.image).differing, 0);
+    // The same picture to the last value through a host that passes pixels
+    // interleaved, and through staging memory rather than a texture the
+    // host writes in place; from the whole texture and from windows (the
+    // last column repeated into a larger texture).
+    for (uint32_t limit : {0u, 128u}) {
+        auto mapped = MakeTestDevice(limit);
+        auto staged = MakeTestDevice(limit, nullptr, false);
+        ASSERT_TRUE(mapped && staged);
+        const Rendered first = RenderWithPResult(mapped, source, scene.Mesh());
+        EXPECT_EQ(first.mode, limit == 0 ? SourceMode::Whole : SourceMode::Windows);
+        for (const auto& [gpu, interleaved] :
+             {std::pair{mapped, true}, std::pair{staged, false}, std::pair{staged, true}}) {
+            const Rendered other =
+                RenderWithPResult(gpu, source, scene.Mesh(), {}, {}, interleaved);
+            EXPECT_EQ(CompareImages(first.image, other.image).differing, 0)
+                << "limit " << limit << (gpu == mapped ? " mapped" : " staged")
+                << (interleaved ? " interleaved" : " planes");
+        }
     }
 }
 

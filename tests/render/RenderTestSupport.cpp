@@ -33,7 +33,8 @@ void KeepVulkanDriverLoaded() {
     (void)keeper;
 }
 
-std::shared_ptr<Gpu::GpuDevice> MakeTestDevice(uint32_t maxTextureDimension, CapturedLog* log) {
+std::shared_ptr<Gpu::GpuDevice> MakeTestDevice(uint32_t maxTextureDimension, CapturedLog* log,
+                                               bool mappedSource) {
     KeepVulkanDriverLoaded();
     Gpu::GpuOptions options;
     options.enableValidation = true;
@@ -41,6 +42,7 @@ std::shared_ptr<Gpu::GpuDevice> MakeTestDevice(uint32_t maxTextureDimension, Cap
         ADD_FAILURE() << "Vulkan validation error: " << message;
     };
     options.maxTextureDimension = maxTextureDimension;
+    options.mappedSource = mappedSource;
     if (log != nullptr) {
         options.log = log->Sink();
     } else {

@@ -39,8 +39,10 @@ void KeepVulkanDriverLoaded();
 // VK_LAYER_KHRONOS_validation when installed and every validation error
 // turned into a test failure. Sets MESA_SHADER_CACHE_DISABLE=true first.
 // Fails the current test (and returns null) when no device can be made.
+// mappedSource: GpuOptions::mappedSource.
 std::shared_ptr<Gpu::GpuDevice> MakeTestDevice(uint32_t maxTextureDimension = 0,
-                                               CapturedLog* log = nullptr);
+                                               CapturedLog* log = nullptr,
+                                               bool mappedSource = true);
 
 // A SphereWarp of N x N vertices given by functions (positions in plane
 // units, validity per vertex; a quad is valid when its four corners are).

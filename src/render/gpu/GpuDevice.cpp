@@ -262,6 +262,88 @@ Result<detail::ImageResource> GpuDevice::Impl::CreateImage(uint32_t width, uint3
     return out;
 }
 
+Result<std::optional<detail::ImageResource>> GpuDevice::Impl::CreateMappedImage(
+    uint32_t width, uint32_t height, VkFormat format) const {
+    if (!mappedSource || width == 0 || height == 0 || width > maxTextureDimension ||
+        height > maxTextureDimension) {
+        return std::optional<detail::ImageResource>();
+    }
+    VkFormatProperties features{};
+    vkGetPhysicalDeviceFormatProperties(physical, format, &features);
+    const VkFormatFeatureFlags needed =
+        VK_FORMAT_FEATURE_SAMPLED_IMAGE_BIT | VK_FORMAT_FEATURE_SAMPLED_IMAGE_FILTER_LINEAR_BIT;
+    VkImageFormatProperties limits{};
+    if ((features.linearTilingFeatures & needed) != needed ||
+        vkGetPhysicalDeviceImageFormatProperties(physical, format, VK_IMAGE_TYPE_2D,
+                                                 VK_IMAGE_TILING_LINEAR, VK_IMAGE_USAGE_SAMPLED_BIT,
+                                                 0, &limits) != VK_SUCCESS ||
+        limits.maxExtent.width < width || limits.maxExtent.height < height) {
+        return std::optional<detail::ImageResource>();
+    }
+    detail::ImageResource out;
+    out.width = width;
+    out.height = height;
+    out.format = format;
+    auto info = detail::Info<VkImageCreateInfo>(VK_STRUCTURE_TYPE_IMAGE_CREATE_INFO);
+    info.imageType = VK_IMAGE_TYPE_2D;
+    info.format = format;
+    info.extent = {width, height, 1};
+    info.mipLevels = 1;
+    info.arrayLayers = 1;
+    info.samples = VK_SAMPLE_COUNT_1_BIT;
+    info.tiling = VK_IMAGE_TILING_LINEAR;
+    info.usage = VK_IMAGE_USAGE_SAMPLED_BIT;
+    info.sharingMode = VK_SHARING_MODE_EXCLUSIVE;
+    info.initialLayout = VK_IMAGE_LAYOUT_PREINITIALIZED;
+    if (Status s = detail::Assign(
+            out.image, detail::Create<detail::Image>(vk(), vkCreateImage, info, "vkCreateImage"));
+        !s) {
+        return s.error();
+    }
+    VkMemoryRequirements requirements{};
+    vkGetImageMemoryRequirements(vk(), out.image.get(), &requirements);
+    const VkMemoryPropertyFlags host =
+        VK_MEMORY_PROPERTY_HOST_VISIBLE_BIT | VK_MEMORY_PROPERTY_HOST_COHERENT_BIT;
+    auto type = FindMemoryType(requirements.memoryTypeBits, host);
+    if (!type) {
+        return std::optional<detail::ImageResource>();  // the staging path then
+    }
+    if (Status s = detail::Assign(
+            out.memory, Allocate(requirements, type.value(), "vkAllocateMemory (mapped image)"));
+        !s) {
+        return s.error();
+    }
+    if (Status s = detail::Check(vkBindImageMemory(vk(), out.image.get(), out.memory.get(), 0),
+                                 "vkBindImageMemory");
+        !s) {
+        return s.error();
+    }
+    const VkImageSubresource texels{VK_IMAGE_ASPECT_COLOR_BIT, 0, 0};
+    VkSubresourceLayout layout{};
+    vkGetImageSubresourceLayout(vk(), out.image.get(), &texels, &layout);
+    void* data = nullptr;
+    if (Status s =
+            detail::Check(vkMapMemory(vk(), out.memory.get(), layout.offset, layout.size, 0, &data),
+                          "vkMapMemory");
+        !s) {
+        return s.error();
+    }
+    out.mapped = detail::MappedMemory(vk(), out.memory.get(), data);
+    out.rowPitch = layout.rowPitch;
+    auto viewInfo = detail::Info<VkImageViewCreateInfo>(VK_STRUCTURE_TYPE_IMAGE_VIEW_CREATE_INFO);
+    viewInfo.image = out.image.get();
+    viewInfo.viewType = VK_IMAGE_VIEW_TYPE_2D;
+    viewInfo.format = format;
+    viewInfo.subresourceRange = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 1, 0, 1};
+    if (Status s =
+            detail::Assign(out.view, detail::Create<detail::ImageView>(
+                                         vk(), vkCreateImageView, viewInfo, "vkCreateImageView"));
+        !s) {
+        return s.error();
+    }
+    return std::optional<detail::ImageResource>(std::move(out));
+}
+
 Status GpuDevice::Impl::SyncMapped(const detail::BufferResource& buffer,
                                    PFN_vkFlushMappedMemoryRanges sync, const char* call) const {
     // Coherent memory needs neither a flush nor an invalidation.
@@ -548,6 +630,7 @@ private:
         vkGetPhysicalDeviceProperties(impl_.physical, &impl_.properties);
         vkGetPhysicalDeviceMemoryProperties(impl_.physical, &impl_.memoryProperties);
         impl_.kind = KindOf(impl_.properties.deviceType);
+        impl_.mappedSource = options_.mappedSource && impl_.kind == DeviceKind::Cpu;
         impl_.name = impl_.properties.deviceName;
         const uint32_t deviceMax = impl_.properties.limits.maxImageDimension2D;
         impl_.maxTextureDimension = options_.maxTextureDimension != 0

@@ -27,6 +27,11 @@ struct GpuOptions {
     // smaller of this and the device's maxImageDimension2D. Lets tests drive
     // the source-window path with small images.
     uint32_t maxTextureDimension = 0;
+    // On a device that renders in the processor's memory, the renderer's
+    // source texture is a linear image that the host writes in place: no
+    // staging memory and no copy. Off: the staging path every other device
+    // takes (tests drive it on the software device so).
+    bool mappedSource = true;
 };
 
 // The class of the physical device, in order of preference.

@@ -19,6 +19,11 @@ namespace {
 // slower).
 constexpr VkDeviceSize kStagingBandBytes = VkDeviceSize{16} << 20;
 
+// Rows of rowPitch bytes in one staging band of an upload of height rows.
+uint32_t BandRows(size_t rowPitch, uint32_t height) {
+    return static_cast<uint32_t>(std::clamp<VkDeviceSize>(kStagingBandBytes / rowPitch, 1, height));
+}
+
 // A command buffer with its fence; the buffer is freed with the pool.
 struct Submission {
     VkCommandBuffer commands = VK_NULL_HANDLE;
@@ -57,6 +62,7 @@ struct GpuResampler::Impl {
     detail::BufferResource readback;
     std::array<detail::BufferResource, 2> staging;
     detail::ImageResource source;
+    bool sourceMapped = false;  // a linear image the host writes in place
     uint64_t sourceCreations = 0;
     bool targetInitialized = false;
     bool sourceReady = false;
@@ -79,6 +85,10 @@ struct GpuResampler::Impl {
     Status Wait(Submission& submission);
     Status EnsureBuffer(detail::BufferResource& buffer, VkDeviceSize size,
                         VkBufferUsageFlags usage);
+    // Both staging buffers hold at least bandBytes; new ones are written
+    // through once (zeros) when touch is set, so that their pages are
+    // first touched here rather than by the upload.
+    Status EnsureStaging(VkDeviceSize bandBytes, bool touch);
     void WriteDescriptors();
     // Records the source texture's move to transfer writes (its content
     // discarded), or from them to sampling.
@@ -487,8 +497,9 @@ Status GpuResampler::Impl::EnsureBuffer(detail::BufferResource& buffer, VkDevice
 
 void GpuResampler::Impl::WriteDescriptors() {
     VkDescriptorBufferInfo bufferInfo{uniforms.buffer.get(), 0, 64};
-    VkDescriptorImageInfo imageInfo{VK_NULL_HANDLE, source.view.get(),
-                                    VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL};
+    VkDescriptorImageInfo imageInfo{
+        VK_NULL_HANDLE, source.view.get(),
+        sourceMapped ? VK_IMAGE_LAYOUT_GENERAL : VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL};
     VkDescriptorImageInfo samplerInfo{sampler.get(), VK_NULL_HANDLE, VK_IMAGE_LAYOUT_UNDEFINED};
     std::array<VkWriteDescriptorSet, 3> writes{};
     for (auto& write : writes) {
@@ -577,12 +588,44 @@ Result<bool> GpuResampler::EnsureSourceTexture(uint32_t width, uint32_t height) 
     }
     m.source = {};
     m.sourceReady = false;
-    auto image = m.gpu->CreateImage(width, height, m.format,
-                                    VK_IMAGE_USAGE_SAMPLED_BIT | VK_IMAGE_USAGE_TRANSFER_DST_BIT);
-    if (!image) {
-        return image.error();
+    auto mapped = m.gpu->CreateMappedImage(width, height, m.format);
+    if (!mapped) {
+        return mapped.error();
     }
-    m.source = std::move(image).value();
+    m.sourceMapped = mapped.value().has_value();
+    if (m.sourceMapped) {
+        m.source = std::move(*mapped.value());
+        // Host writes and sampling both take the general layout; the image
+        // stays in it.
+        Submission& submission = m.uploadSubmissions[0];
+        auto begun = m.Begin(submission);
+        if (!begun) {
+            return begun.error();
+        }
+        auto barrier = detail::Info<VkImageMemoryBarrier>(VK_STRUCTURE_TYPE_IMAGE_MEMORY_BARRIER);
+        barrier.srcQueueFamilyIndex = VK_QUEUE_FAMILY_IGNORED;
+        barrier.dstQueueFamilyIndex = VK_QUEUE_FAMILY_IGNORED;
+        barrier.image = m.source.image.get();
+        barrier.subresourceRange = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 1, 0, 1};
+        barrier.srcAccessMask = VK_ACCESS_HOST_WRITE_BIT;
+        barrier.dstAccessMask = VK_ACCESS_SHADER_READ_BIT;
+        barrier.oldLayout = VK_IMAGE_LAYOUT_PREINITIALIZED;
+        barrier.newLayout = VK_IMAGE_LAYOUT_GENERAL;
+        vkCmdPipelineBarrier(begun.value(), VK_PIPELINE_STAGE_HOST_BIT,
+                             VK_PIPELINE_STAGE_FRAGMENT_SHADER_BIT, 0, 0, nullptr, 0, nullptr, 1,
+                             &barrier);
+        if (Status s = m.SubmitAndWait(submission); !s) {
+            return s.error();
+        }
+        m.staging = {};  // not needed beside a mapped texture
+    } else {
+        auto image = m.gpu->CreateImage(
+            width, height, m.format, VK_IMAGE_USAGE_SAMPLED_BIT | VK_IMAGE_USAGE_TRANSFER_DST_BIT);
+        if (!image) {
+            return image.error();
+        }
+        m.source = std::move(image).value();
+    }
     ++m.sourceCreations;
     m.WriteDescriptors();
     return true;
@@ -595,6 +638,11 @@ Status GpuResampler::ClearSource() {
     }
     if (Status s = m.Wait(m.drawSubmission); !s) {
         return s;
+    }
+    if (m.sourceMapped) {
+        std::memset(m.source.data(), 0, m.source.rowPitch * m.source.height);
+        m.sourceReady = true;
+        return {};
     }
     Submission& submission = m.uploadSubmissions[0];
     auto begun = m.Begin(submission);
@@ -612,6 +660,25 @@ Status GpuResampler::ClearSource() {
         return s;
     }
     m.sourceReady = true;  // black until the first upload
+    const size_t rowPitch = size_t{m.source.width} * m.bytesPerTexel;
+    return m.EnsureStaging(VkDeviceSize{BandRows(rowPitch, m.source.height)} * rowPitch, true);
+}
+
+Status GpuResampler::Impl::EnsureStaging(VkDeviceSize bandBytes, bool touch) {
+    for (auto& buffer : staging) {
+        if (buffer.buffer && buffer.size >= bandBytes) {
+            continue;
+        }
+        buffer = {};
+        auto made = gpu->CreateBuffer(bandBytes, VK_BUFFER_USAGE_TRANSFER_SRC_BIT, true);
+        if (!made) {
+            return made.error();
+        }
+        buffer = std::move(made).value();
+        if (touch) {
+            std::memset(buffer.data(), 0, bandBytes);
+        }
+    }
     return {};
 }
 
@@ -627,19 +694,24 @@ Status GpuResampler::UploadSource(uint32_t width, uint32_t height, const FillRow
     if (Status s = m.Wait(m.drawSubmission); !s) {
         return s;
     }
-    const size_t rowPitch = size_t{width} * m.bytesPerTexel;
-    const uint32_t bandRows =
-        static_cast<uint32_t>(std::clamp<VkDeviceSize>(kStagingBandBytes / rowPitch, 1, height));
-    const VkDeviceSize bandBytes = VkDeviceSize{bandRows} * rowPitch;
-    for (auto& staging : m.staging) {
-        if (!staging.buffer || staging.size < bandBytes) {
-            staging = {};
-            auto made = m.gpu->CreateBuffer(bandBytes, VK_BUFFER_USAGE_TRANSFER_SRC_BIT, true);
-            if (!made) {
-                return made.error();
+    if (m.sourceMapped) {
+        // In place, band by band as through staging, so that the caller's
+        // scratch stays the size of a band.
+        const uint32_t bandRows = BandRows(m.source.rowPitch, height);
+        m.sourceReady = false;
+        for (uint32_t y0 = 0; y0 < height; y0 += bandRows) {
+            if (!fill(y0, std::min(bandRows, height - y0), m.source.data() + y0 * m.source.rowPitch,
+                      m.source.rowPitch)) {
+                return GpuError{0, "source read failed"};
             }
-            staging = std::move(made).value();
         }
+        m.sourceReady = true;
+        return {};
+    }
+    const size_t rowPitch = size_t{width} * m.bytesPerTexel;
+    const uint32_t bandRows = BandRows(rowPitch, height);
+    if (Status s = m.EnsureStaging(VkDeviceSize{bandRows} * rowPitch, false); !s) {
+        return s;
     }
     m.sourceReady = false;
     uint32_t band = 0;

@@ -67,9 +67,11 @@ public:
     // GpuDevice::MaxTextureDimension.
     Result<bool> EnsureSourceTexture(uint32_t width, uint32_t height);
     // Clears the whole source texture to zero and waits for it; it can then
-    // be sampled. On a device that renders in the processor's memory this is
-    // where the texture's pages are first touched, so a caller can pay for
-    // that ahead of the upload, on a thread of its own.
+    // be sampled. It also makes the staging memory an upload of the whole
+    // texture uses, written through once. On a device that renders in the
+    // processor's memory this is where the pages of both are first touched,
+    // so a caller can pay for that ahead of the upload, on a thread of its
+    // own.
     Status ClearSource();
     uint32_t SourceWidth() const;
     uint32_t SourceHeight() const;
@@ -77,12 +79,14 @@ public:
     uint64_t SourceTextureCreations() const;
 
     // Writes rows [y0, y0 + rows) of the uploaded region into dst: interleaved
-    // four-channel texels (uint8_t or uint16_t per channel, by depth), rowPitch
-    // bytes per row (= region width * BytesPerTexel()). Returns false to stop
-    // the upload (UploadSource then fails with "source read failed").
+    // four-channel texels (uint8_t or uint16_t per channel, by depth), rows
+    // rowPitch bytes apart (at least region width * BytesPerTexel()). Returns
+    // false to stop the upload (UploadSource then fails with "source read
+    // failed").
     using FillRows = std::function<bool(uint32_t y0, uint32_t rows, void* dst, size_t rowPitch)>;
     // Fills the top-left width x height texels of the source texture (the
-    // whole texture, or a source window in a larger texture) band by band
+    // whole texture, or a source window in a larger texture) band by band:
+    // in place where the texture is mapped (GpuOptions::mappedSource), else
     // through two staging buffers, so the host fills one band while the
     // device copies the previous one. Texels outside the region become
     // undefined: the caller must not sample them.

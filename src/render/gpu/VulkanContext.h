@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -101,6 +102,10 @@ struct ImageResource {
     uint32_t width = 0;
     uint32_t height = 0;
     VkFormat format = VK_FORMAT_UNDEFINED;
+    // A linear image in host-coherent memory is mapped for its lifetime:
+    // its rows lie rowPitch bytes apart from data().
+    MappedMemory mapped;
+    VkDeviceSize rowPitch = 0;
 
     ImageResource() = default;
     ~ImageResource() { reset(); }
@@ -113,19 +118,25 @@ struct ImageResource {
             memory = std::move(other.memory);
             image = std::move(other.image);
             view = std::move(other.view);
+            mapped = std::move(other.mapped);
             width = std::exchange(other.width, 0);
             height = std::exchange(other.height, 0);
             format = other.format;
+            rowPitch = std::exchange(other.rowPitch, 0);
         }
         return *this;
     }
     void reset() {
         view.reset();
+        mapped.reset();
         image.reset();
         memory.reset();
         width = 0;
         height = 0;
+        rowPitch = 0;
     }
+
+    uint8_t* data() const { return static_cast<uint8_t*>(mapped.data()); }
 };
 
 }  // namespace detail
@@ -150,6 +161,7 @@ struct GpuDevice::Impl {
     DeviceKind kind = DeviceKind::Other;
     std::string name;
     uint32_t maxTextureDimension = 0;
+    bool mappedSource = false;  // GpuOptions::mappedSource, on a processor device
 
     // The compiled shader program (SPIR-V words).
     std::vector<uint32_t> vertexSpirv;
@@ -172,6 +184,11 @@ struct GpuDevice::Impl {
     // maxImageDimension2D (some drivers accept larger images silently).
     Result<detail::ImageResource> CreateImage(uint32_t width, uint32_t height, VkFormat format,
                                               VkImageUsageFlags usage) const;
+    // A linear, sampled 2-D image of format in host-coherent memory, mapped
+    // (ImageResource::data), when the device samples such images with
+    // linear filtering at this size; nothing (and no error) otherwise.
+    Result<std::optional<detail::ImageResource>> CreateMappedImage(uint32_t width, uint32_t height,
+                                                                   VkFormat format) const;
 
     // Makes host writes to a non-coherent mapping visible / device writes
     // visible to the host (no-ops for coherent memory).
