@@ -1,15 +1,10 @@
 #include "SystemFacts.h"
 
-#include <sys/wait.h>
-#include <unistd.h>
 #include <vulkan/vulkan.h>
 
-#include <cerrno>
-#include <csignal>
 #include <fstream>
 #include <memory>
 #include <sstream>
-#include <type_traits>
 #include <vector>
 
 namespace Curvana::HostKit {
@@ -31,30 +26,24 @@ MemoryFigures memoryFigures() {
     return m;
 }
 
+struct VulkanProbe::Instance {
+    VkInstance handle = VK_NULL_HANDLE;
+    ~Instance() {
+        if (handle != VK_NULL_HANDLE)
+            vkDestroyInstance(handle, nullptr);
+    }
+};
+
 namespace {
 
-// The name of the first device on which a logical device can be made; empty
-// when there is none.
-std::string probeVulkan() {
-    VkApplicationInfo app{};
-    app.sType = VK_STRUCTURE_TYPE_APPLICATION_INFO;
-    app.pApplicationName = "curvana";
-    app.apiVersion = VK_API_VERSION_1_1;
-    VkInstanceCreateInfo create{};
-    create.sType = VK_STRUCTURE_TYPE_INSTANCE_CREATE_INFO;
-    create.pApplicationInfo = &app;
-    VkInstance raw = VK_NULL_HANDLE;
-    if (vkCreateInstance(&create, nullptr, &raw) != VK_SUCCESS)
-        return {};
-    auto destroyInstance = [](VkInstance i) { vkDestroyInstance(i, nullptr); };
-    std::unique_ptr<std::remove_pointer_t<VkInstance>, decltype(destroyInstance)> instance(
-        raw, destroyInstance);
-
+// The name of the first device of instance on which a logical device can be
+// made; empty when there is none.
+std::string firstUsableDevice(VkInstance instance) {
     uint32_t count = 0;
-    if (vkEnumeratePhysicalDevices(instance.get(), &count, nullptr) != VK_SUCCESS || count == 0)
+    if (vkEnumeratePhysicalDevices(instance, &count, nullptr) != VK_SUCCESS || count == 0)
         return {};
     std::vector<VkPhysicalDevice> devices(count);
-    if (vkEnumeratePhysicalDevices(instance.get(), &count, devices.data()) != VK_SUCCESS)
+    if (vkEnumeratePhysicalDevices(instance, &count, devices.data()) != VK_SUCCESS)
         return {};
     for (VkPhysicalDevice physical : devices) {
         uint32_t families = 0;
@@ -89,77 +78,33 @@ std::string probeVulkan() {
 
 }  // namespace
 
-VulkanProbe::VulkanProbe() {
-    // Probed in a child process: a driver that crashes or hangs while probed
-    // cannot take the host with it, and what the driver leaves behind (threads,
-    // allocations) stays out of the host process. The name comes back through
-    // a pipe; the host goes on with its own work meanwhile.
-    int fds[2];
-    if (::pipe(fds) != 0) {
-        finishInProcess();
-        return;
-    }
-    pid_ = ::fork();
-    if (pid_ < 0) {
-        ::close(fds[0]);
-        ::close(fds[1]);
-        finishInProcess();
-        return;
-    }
-    if (pid_ == 0) {
-        ::close(fds[0]);
-        const std::string name = probeVulkan();
-        const bool written = !name.empty() && ::write(fds[1], name.data(), name.size()) ==
-                                                  static_cast<ssize_t>(name.size());
-        ::_exit(written ? 0 : 1);
-    }
-    ::close(fds[1]);
-    pipe_ = fds[0];
+VulkanProbe::VulkanProbe() : instance_(std::make_unique<Instance>()) {
+    thread_ = std::thread([this] {
+        VkApplicationInfo app{};
+        app.sType = VK_STRUCTURE_TYPE_APPLICATION_INFO;
+        app.pApplicationName = "curvana";
+        app.apiVersion = VK_API_VERSION_1_1;
+        VkInstanceCreateInfo create{};
+        create.sType = VK_STRUCTURE_TYPE_INSTANCE_CREATE_INFO;
+        create.pApplicationInfo = &app;
+        if (vkCreateInstance(&create, nullptr, &instance_->handle) != VK_SUCCESS) {
+            instance_->handle = VK_NULL_HANDLE;
+            return;
+        }
+        std::string name = firstUsableDevice(instance_->handle);
+        if (!name.empty())
+            name_ = std::move(name);
+    });
 }
 
 VulkanProbe::~VulkanProbe() {
-    if (pid_ > 0) {
-        // Not asked for: the child need not finish its probe.
-        ::kill(pid_, SIGKILL);
-        collect();
-    }
-}
-
-void VulkanProbe::finishInProcess() {
-    std::string name = probeVulkan();
-    if (!name.empty())
-        name_ = std::move(name);
-    pid_ = -1;
-}
-
-void VulkanProbe::collect() {
-    std::string name;
-    char buffer[256];
-    for (;;) {
-        const ssize_t n = ::read(pipe_, buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
-        name.append(buffer, static_cast<size_t>(n));
-    }
-    ::close(pipe_);
-    pipe_ = -1;
-    int status = 0;
-    bool waited = true;
-    while (::waitpid(pid_, &status, 0) < 0)
-        if (errno != EINTR) {
-            waited = false;
-            break;
-        }
-    pid_ = -1;
-    if (waited && WIFEXITED(status) && WEXITSTATUS(status) == 0 && !name.empty())
-        name_ = std::move(name);
+    if (thread_.joinable())
+        thread_.join();
 }
 
 const std::optional<std::string>& VulkanProbe::deviceName() {
-    if (pid_ > 0)
-        collect();
+    if (thread_.joinable())
+        thread_.join();
     return name_;
 }
 

@@ -2,8 +2,10 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 
 namespace Curvana::HostKit {
 
@@ -16,9 +18,11 @@ MemoryFigures memoryFigures();
 
 // Finds the first Vulkan device on which a logical device can be made
 // (lavapipe counts: the renderer runs on it). The probe starts at
-// construction, in a child process, and runs beside the caller's own work:
-// loading drivers takes a tenth of a second or more. deviceName() waits for
-// it; nothing when there is none.
+// construction, on a thread of its own, and runs beside the caller's own
+// work: loading drivers takes a tenth of a second or more. It keeps its
+// Vulkan instance until it is destroyed, so the drivers it loaded stay
+// loaded for the module, which makes its own device on them next.
+// deviceName() waits for it; nothing when there is none.
 class VulkanProbe {
 public:
     VulkanProbe();
@@ -29,12 +33,10 @@ public:
     const std::optional<std::string>& deviceName();
 
 private:
-    void finishInProcess();
-    void collect();
-
-    int pid_ = -1;
-    int pipe_ = -1;
+    struct Instance;
+    std::unique_ptr<Instance> instance_;
     std::optional<std::string> name_;
+    std::thread thread_;  // last: starts once the rest is made
 };
 
 // The probe above, waited for at once.
