@@ -174,10 +174,11 @@ bool pngReadEnd(PngContext* ctx) {
 struct PngWriteJob {
     uint32_t width, height;
     int bitDepth, colorType;
-    const uint8_t* data;
-    size_t rowBytes;
+    const Raster* raster;
     const uint8_t* icc;
     uint32_t iccLength;
+    const WaitForRows* waitForRows;
+    uint8_t* rowScratch;  // one row, for 16-bit values in file order
 };
 
 bool pngWriteAll(PngContext* ctx, std::FILE* file, const PngWriteJob* job) {
@@ -198,8 +199,21 @@ bool pngWriteAll(PngContext* ctx, std::FILE* file, const PngWriteJob* job) {
     png_write_info(ctx->png, ctx->info);
     if (job->bitDepth == 16)
         png_set_swap(ctx->png);
-    for (uint32_t y = 0; y < job->height; ++y)
-        png_write_row(ctx->png, const_cast<png_bytep>(job->data + job->rowBytes * y));
+    const size_t rowBytes = job->raster->rowBytes();
+    for (uint32_t y = 0; y < job->height; ++y) {
+        if (*job->waitForRows)
+            (*job->waitForRows)(static_cast<int32_t>(y + 1));
+        const uint8_t* row = job->raster->row(static_cast<int32_t>(y));
+        if (job->bitDepth == 16) {
+            // libpng takes file values.
+            const auto* src = reinterpret_cast<const uint16_t*>(row);
+            auto* dst = reinterpret_cast<uint16_t*>(job->rowScratch);
+            for (size_t i = 0; i < rowBytes / 2; ++i)
+                dst[i] = fileFromHost16(src[i]);
+            row = job->rowScratch;
+        }
+        png_write_row(ctx->png, const_cast<png_bytep>(row));
+    }
     png_write_end(ctx->png, nullptr);
     return true;
 }
@@ -329,6 +343,7 @@ struct JpegWriteJob {
     const uint8_t* icc;
     unsigned int iccLength;
     uint8_t* rowScratch;  // one row, for CMYK inversion
+    const WaitForRows* waitForRows;
 };
 
 bool jpegWriteAll(JpegCompress* c, std::FILE* file, const JpegWriteJob* job) {
@@ -353,6 +368,8 @@ bool jpegWriteAll(JpegCompress* c, std::FILE* file, const JpegWriteJob* job) {
         jpeg_write_icc_profile(&c->cinfo, job->icc, job->iccLength);
     const size_t rowBytes = job->raster->rowBytes();
     while (c->cinfo.next_scanline < c->cinfo.image_height) {
+        if (*job->waitForRows)
+            (*job->waitForRows)(static_cast<int32_t>(c->cinfo.next_scanline + 1));
         const uint8_t* src = job->raster->row(static_cast<int32_t>(c->cinfo.next_scanline));
         JSAMPROW row = const_cast<JSAMPROW>(src);
         if (job->colorSpace == JCS_CMYK) {
@@ -476,20 +493,11 @@ DecodedImage readPng(const std::filesystem::path& path, const SourceOptions& opt
 }
 
 void writePng(const std::filesystem::path& path, const Raster& raster,
-              const std::vector<uint8_t>& icc, const std::string& shownName) {
+              const std::vector<uint8_t>& icc, const std::string& shownName,
+              const WaitForRows& waitForRows) {
     const std::string name = shownName.empty() ? path.string() : shownName;
     checkFormatHolds(FileFormat::Png, raster.info, name);
-    // libpng takes file values: convert 16-bit host values on a copy of each row set.
-    std::vector<uint8_t> converted;
-    const uint8_t* data = raster.data.data();
-    if (raster.info.depth == 16) {
-        converted.resize(raster.data.size());
-        const auto* src = reinterpret_cast<const uint16_t*>(raster.data.data());
-        auto* dst = reinterpret_cast<uint16_t*>(converted.data());
-        for (size_t i = 0, n = raster.data.size() / 2; i < n; ++i)
-            dst[i] = fileFromHost16(src[i]);
-        data = converted.data();
-    }
+    std::vector<uint8_t> scratch(raster.info.depth == 16 ? raster.rowBytes() : 0);
     FileHandle file = openFile(path, "wb", name);
     PngContext ctx;
     ctx.writing = true;
@@ -505,10 +513,11 @@ void writePng(const std::filesystem::path& path, const Raster& raster,
         raster.info.depth,
         (raster.info.mode == Mode::Gray ? PNG_COLOR_TYPE_GRAY : PNG_COLOR_TYPE_RGB) |
             (raster.info.alpha == Alpha::None ? 0 : PNG_COLOR_MASK_ALPHA),
-        data,
-        raster.rowBytes(),
+        &raster,
         icc.empty() ? nullptr : icc.data(),
-        static_cast<uint32_t>(icc.size())};
+        static_cast<uint32_t>(icc.size()),
+        &waitForRows,
+        scratch.data()};
     errno = 0;
     if (!pngWriteAll(&ctx, file.get(), &job))
         throw encodeError(name, "PNG", ctx.message);
@@ -599,7 +608,8 @@ DecodedImage readJpeg(const std::filesystem::path& path, const SourceOptions& op
 }
 
 void writeJpeg(const std::filesystem::path& path, const Raster& raster,
-               const std::vector<uint8_t>& icc, int quality, const std::string& shownName) {
+               const std::vector<uint8_t>& icc, int quality, const std::string& shownName,
+               const WaitForRows& waitForRows) {
     const std::string name = shownName.empty() ? path.string() : shownName;
     checkFormatHolds(FileFormat::Jpeg, raster.info, name);
     std::vector<uint8_t> scratch(raster.rowBytes());
@@ -613,7 +623,8 @@ void writeJpeg(const std::filesystem::path& path, const Raster& raster,
                            quality,
                            icc.empty() ? nullptr : icc.data(),
                            static_cast<unsigned int>(icc.size()),
-                           scratch.data()};
+                           scratch.data(),
+                           &waitForRows};
     errno = 0;
     if (!jpegWriteAll(&c, file.get(), &job))
         throw encodeError(name, "JPEG", c.error.message);

@@ -51,9 +51,15 @@ DecodedImage decodeWhole(PixelDecoder& decoder);
 // colour key becomes alpha. Throws HostError (kExitInput); sizes are checked
 // against the file and options.memoryLimit before the pixels are allocated.
 DecodedImage readPng(const std::filesystem::path& path, const SourceOptions& options = {});
+// Called by a writer before it takes row y with y + 1: returns once the
+// rows above are final (a writer then encodes while they are still being
+// made); throws to stop the writer.
+using WaitForRows = std::function<void(int32_t rows)>;
+
 // name: the output as the user named it, for messages (empty: path).
 void writePng(const std::filesystem::path& path, const Raster& raster,
-              const std::vector<uint8_t>& icc, const std::string& name = {});
+              const std::vector<uint8_t>& icc, const std::string& name = {},
+              const WaitForRows& waitForRows = {});
 
 // JPEG: grey, RGB (YCbCr) or CMYK (inverted when the file carries the APP14
 // colour-transform marker, as image editors write it: the file stores 255 -
@@ -62,6 +68,7 @@ void writePng(const std::filesystem::path& path, const Raster& raster,
 // never grey fill.
 DecodedImage readJpeg(const std::filesystem::path& path, const SourceOptions& options = {});
 void writeJpeg(const std::filesystem::path& path, const Raster& raster,
-               const std::vector<uint8_t>& icc, int quality, const std::string& name = {});
+               const std::vector<uint8_t>& icc, int quality, const std::string& name = {},
+               const WaitForRows& waitForRows = {});
 
 }  // namespace Curvana::Host

@@ -2,9 +2,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
 #include <fstream>
+#include <mutex>
 #include <new>
+#include <optional>
+#include <thread>
 
 #include "ImageFiles.h"
 #include "SampleMask.h"
@@ -241,7 +245,9 @@ std::unique_ptr<ImageSource> openImage(const std::filesystem::path& path,
 
 namespace {
 
-// JPEG and PNG results: a copy of the source in memory, encoded at finish.
+// JPEG and PNG results: the image in memory, encoded on a thread of its own
+// row by row as rows become final (complete in every plane), so that the
+// encoding runs beside the filter's work rather than after it.
 class MemoryResult final : public ResultImage {
 public:
     MemoryResult(FileFormat format, std::filesystem::path path, ImageSource& source,
@@ -263,23 +269,35 @@ public:
         raster_ = Raster::allocate(info);
         pixels_ = static_cast<size_t>(info.width) * static_cast<size_t>(info.height);
         written_.assign((pixels_ * static_cast<size_t>(info.planes()) + 63) / 64, 0);
+        encoder_ = std::thread([this] { encode(); });
     }
+
+    ~MemoryResult() override {
+        {
+            std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        ready_.notify_all();
+        if (encoder_.joinable())
+            encoder_.join();
+    }
+    MemoryResult(const MemoryResult&) = delete;
+    MemoryResult& operator=(const MemoryResult&) = delete;
 
     void writePlane(const CvRect& rect, int plane, const void* buffer,
                     ptrdiff_t rowBytes) override {
         if (plane < 0 || plane >= raster_.info.planes() || !rectInside(rect, raster_.info.bounds()))
             throw HostError(kExitFailed, name_ + ": result plane outside the image");
-        uint8_t* origin =
-            raster_.row(rect.top) + static_cast<size_t>(rect.left) * raster_.pixelBytes();
-        insertPlane(static_cast<const uint8_t*>(buffer), rowBytes, raster_.info.planes(), plane,
-                    raster_.info.bytesPerSample(), rect.right - rect.left, rect.bottom - rect.top,
-                    origin, static_cast<ptrdiff_t>(raster_.rowBytes()));
-        for (int32_t y = rect.top; y < rect.bottom; ++y)
-            written_.mark(static_cast<size_t>(plane) * pixels_ +
-                              static_cast<size_t>(y) * static_cast<size_t>(raster_.info.width) +
-                              static_cast<size_t>(rect.left),
-                          static_cast<size_t>(rect.right - rect.left));
-        anyWritten_ = true;
+        const int32_t top = firstOpenRow(rect);
+        if (top < rect.bottom) {
+            uint8_t* origin =
+                raster_.row(top) + static_cast<size_t>(rect.left) * raster_.pixelBytes();
+            insertPlane(static_cast<const uint8_t*>(buffer) + rowBytes * (top - rect.top), rowBytes,
+                        raster_.info.planes(), plane, raster_.info.bytesPerSample(),
+                        rect.right - rect.left, rect.bottom - top, origin,
+                        static_cast<ptrdiff_t>(raster_.rowBytes()));
+        }
+        wrote(rect, top, plane, plane + 1);
     }
 
     void writePixels(const CvRect& rect, const uint8_t* src, ptrdiff_t columnBytes,
@@ -287,29 +305,90 @@ public:
         if (!rectInside(rect, raster_.info.bounds()))
             throw HostError(kExitFailed, name_ + ": result pixels outside the image");
         const size_t pixel = raster_.pixelBytes();
-        const auto w = static_cast<size_t>(rect.right - rect.left);
-        for (int32_t y = rect.top; y < rect.bottom; ++y) {
+        const int32_t top = firstOpenRow(rect);
+        for (int32_t y = top; y < rect.bottom; ++y)
             copyPixels(src + rowBytes * (y - rect.top), static_cast<size_t>(columnBytes),
                        raster_.row(y) + static_cast<size_t>(rect.left) * pixel, pixel, pixel,
-                       static_cast<int32_t>(w));
-            for (int p = 0; p < raster_.info.planes(); ++p)
-                written_.mark(static_cast<size_t>(p) * pixels_ +
-                                  static_cast<size_t>(y) * static_cast<size_t>(raster_.info.width) +
-                                  static_cast<size_t>(rect.left),
-                              w);
-        }
-        anyWritten_ = true;
+                       rect.right - rect.left);
+        wrote(rect, top, 0, raster_.info.planes());
     }
 
     void finish() override {
         fillUnwritten();
-        if (format_ == FileFormat::Png)
-            writePng(path_, raster_, options_.icc, name_);
-        else
-            writeJpeg(path_, raster_, options_.icc, options_.jpegQuality, name_);
+        {
+            std::lock_guard lock(mutex_);
+            final_ = raster_.info.height;
+        }
+        ready_.notify_all();
+        encoder_.join();
+        if (failure_)
+            throw *failure_;
     }
 
 private:
+    // Rows above final_ belong to the encoder: a write that reaches into
+    // them (the filter writing a finished part again) leaves them alone.
+    int32_t firstOpenRow(const CvRect& rect) {
+        std::lock_guard lock(mutex_);
+        return std::max(rect.top, final_);
+    }
+
+    // Marks planes [first, last) of rect's rows from top as written and
+    // hands the rows that are now final to the encoder.
+    void wrote(const CvRect& rect, int32_t top, int first, int last) {
+        const auto width = static_cast<size_t>(raster_.info.width);
+        const auto n = static_cast<size_t>(rect.right - rect.left);
+        for (int32_t y = top; y < rect.bottom; ++y)
+            for (int p = first; p < last; ++p)
+                written_.mark(static_cast<size_t>(p) * pixels_ + static_cast<size_t>(y) * width +
+                                  static_cast<size_t>(rect.left),
+                              n);
+        anyWritten_ = true;
+        int32_t final = top;
+        const int planes = raster_.info.planes();
+        auto complete = [&](int32_t y) {
+            for (int p = 0; p < planes; ++p)
+                if (!written_.all(static_cast<size_t>(p) * pixels_ + static_cast<size_t>(y) * width,
+                                  width))
+                    return false;
+            return true;
+        };
+        {
+            std::lock_guard lock(mutex_);
+            if (top > final_)
+                return;
+            final = final_;
+        }
+        while (final < raster_.info.height && complete(final))
+            ++final;
+        {
+            std::lock_guard lock(mutex_);
+            final_ = std::max(final_, final);
+        }
+        ready_.notify_all();
+    }
+
+    void encode() {
+        const WaitForRows wait = [this](int32_t rows) {
+            std::unique_lock lock(mutex_);
+            ready_.wait(lock, [&] { return final_ >= rows || stopping_; });
+            if (final_ < rows)
+                throw HostError(kExitFailed, name_ + ": not finished");
+        };
+        try {
+            if (format_ == FileFormat::Png)
+                writePng(path_, raster_, options_.icc, name_, wait);
+            else
+                writeJpeg(path_, raster_, options_.icc, options_.jpegQuality, name_, wait);
+        } catch (const HostError& e) {
+            failure_ = e;
+        } catch (const std::bad_alloc&) {
+            failure_ = HostError(kExitFailed, name_ + ": out of memory while encoding");
+        } catch (const std::exception& e) {
+            failure_ = HostError(kExitFailed, name_ + ": " + e.what());
+        }
+    }
+
     // Samples the filter never wrote keep the source's values: copied band by
     // band where a band has any (usually none: the filter writes everything).
     void fillUnwritten() {
@@ -347,6 +426,12 @@ private:
     Raster raster_;
     size_t pixels_ = 0;
     SampleMask written_;  // plane by plane, row by row
+    std::mutex mutex_;
+    std::condition_variable ready_;
+    int32_t final_ = 0;  // rows [0, final_) are complete and may be encoded
+    bool stopping_ = false;
+    std::optional<HostError> failure_;  // the encoder's; read after it ended
+    std::thread encoder_;               // last: starts once the rest is made
 };
 
 }  // namespace
