@@ -197,9 +197,7 @@ TEST_F(Dialog, LoadShowsTheFilesLinesOrRefusesAMismatchedFile) {
     ASSERT_GT(wrongSize.size(), 20u);
     wrongSize[10] = static_cast<uint8_t>(2999 & 0xFF);  // width 2999 (u16 at byte 10)
     wrongSize[11] = static_cast<uint8_t>(2999 >> 8);
-    std::ofstream(dir / "wrong-size.cvc", std::ios::binary)
-        .write(reinterpret_cast<const char*>(wrongSize.data()),
-               static_cast<std::streamsize>(wrongSize.size()));
+    writeBytes(dir / "wrong-size.cvc", wrongSize);
     std::ofstream(dir / "not-constraints.cvc") << "hello world";
 
     Edit([&](QWidget& dialog) {

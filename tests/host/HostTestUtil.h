@@ -10,11 +10,15 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <map>
 #include <random>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "host/Raster.h"
 
@@ -187,6 +191,18 @@ inline int maxDifference(const Raster& a, const Raster& b) {
             worst = std::max(worst, std::abs(pa[i] - pb[i]));
     }
     return worst;
+}
+
+// Each of `parts` occurs in `text`.
+inline void expectContains(const std::string& text, std::initializer_list<std::string_view> parts) {
+    for (std::string_view part : parts)
+        EXPECT_NE(text.find(part), std::string::npos) << part << " not in:\n" << text;
+}
+
+inline void writeBytes(const fs::path& path, const std::vector<uint8_t>& bytes) {
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()),
+               static_cast<std::streamsize>(bytes.size()));
 }
 
 inline double meanDifference(const Raster& a, const Raster& b) {
