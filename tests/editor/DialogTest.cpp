@@ -264,13 +264,9 @@ TEST_F(Dialog, SaveLoadRoundTripsAndOkWritesWhatApplyWrites) {
     ASSERT_EQ(code, kExitOk);
     const fs::path action = dir / "xdg" / "curvana" / "last-action.json";
     ASSERT_TRUE(fs::exists(action));
-    std::vector<std::string> args = {"curvana",        "apply",    kPhoto.string(), "-o",
-                                     applied.string(), "--params", action.string(), "--module",
-                                     kModule.string(), "-q"};
-    std::vector<char*> argv;
-    for (std::string& a : args)
-        argv.push_back(a.data());
-    ASSERT_EQ(runCli(static_cast<int>(argv.size()), argv.data()), kExitOk);
+    ASSERT_EQ(runCliOn({"curvana", "apply", kPhoto.string(), "-o", applied.string(), "--params",
+                        action.string(), "--module", kModule.string(), "-q"}),
+              kExitOk);
     const Raster a = readWhole(edited), b = readWhole(applied);
     ASSERT_EQ(a.info.width, 3000);
     EXPECT_EQ(maxDifference(a, b), 0);

@@ -20,6 +20,7 @@
 
 #include <gtest/gtest.h>
 
+#include "host/Cli.h"
 #include "host/Raster.h"
 
 namespace Curvana::Host::Test {
@@ -197,6 +198,15 @@ inline int maxDifference(const Raster& a, const Raster& b) {
 inline void expectContains(const std::string& text, std::initializer_list<std::string_view> parts) {
     for (std::string_view part : parts)
         EXPECT_NE(text.find(part), std::string::npos) << part << " not in:\n" << text;
+}
+
+// runCli in this process on the given command line (program name first).
+inline int runCliOn(std::vector<std::string> args) {
+    std::vector<char*> argv;
+    for (std::string& a : args)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+    return runCli(static_cast<int>(args.size()), argv.data());
 }
 
 inline void writeBytes(const fs::path& path, const std::vector<uint8_t>& bytes) {
