@@ -9,15 +9,12 @@
 #include <QLineEdit>
 #include <QMenu>
 #include <QtTest/QTest>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 
 #include "../framework/QtTestApp.h"
 #include "editordriver/EditorDriver.h"
 #include "framework/CImagePane.h"
 #include "framework/Widgets.h"
-#include "host/Cli.h"
 #include "host/HostTestUtil.h"
 
 namespace Curvana::Host::Test {
@@ -25,11 +22,6 @@ namespace Curvana::Host::Test {
 inline const fs::path kPhoto = CURVANA_SAMPLE_PHOTO;
 inline const fs::path kConstraints = CURVANA_SAMPLE_CONSTRAINTS;
 inline const fs::path kModule = CURVANA_MODULE;
-
-inline std::vector<uint8_t> BytesOf(const fs::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
 
 class DialogFixture : public ::testing::Test {
 protected:

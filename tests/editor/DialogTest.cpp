@@ -193,7 +193,7 @@ TEST_F(Dialog, NavigatesWithTheViewMenuKeysAndTools) {
 // constraint file at all is refused with its message and changes nothing;
 // the sample's own file shows its lines and is one undoable step.
 TEST_F(Dialog, LoadShowsTheFilesLinesOrRefusesAMismatchedFile) {
-    std::vector<uint8_t> wrongSize = BytesOf(kConstraints);
+    std::vector<uint8_t> wrongSize = readBytes(kConstraints);
     ASSERT_GT(wrongSize.size(), 20u);
     wrongSize[10] = static_cast<uint8_t>(2999 & 0xFF);  // width 2999 (u16 at byte 10)
     wrongSize[11] = static_cast<uint8_t>(2999 >> 8);
@@ -254,9 +254,9 @@ TEST_F(Dialog, SaveLoadRoundTripsAndOkWritesWhatApplyWrites) {
             SaveConstraints(dialog, dir / "first.cvc");
             EXPECT_EQ(LoadConstraints(dialog, dir / "first.cvc", true), "");
             SaveConstraints(dialog, dir / "second.cvc");
-            const std::vector<uint8_t> first = BytesOf(dir / "first.cvc");
+            const std::vector<uint8_t> first = readBytes(dir / "first.cvc");
             EXPECT_GT(first.size(), 100u);
-            EXPECT_EQ(first, BytesOf(dir / "second.cvc"));
+            EXPECT_EQ(first, readBytes(dir / "second.cvc"));
             QTest::mouseClick(ViewAs<QPushButton>(dialog, "Project/Dialog/OKButton"),
                               Qt::LeftButton);
         },

@@ -339,9 +339,7 @@ TEST_P(CliHostileFile, IsRefusedBeforeAnyLargeAllocation) {
     const RunResult r = curvana({"apply", photo.string(), "-o", photo.string()});
     expectRefusal(r, kExitInput, reason);
     EXPECT_LT(r.peakRssKiB, 400 * 1024) << "peak memory of the refused run";
-    std::ifstream a(photo, std::ios::binary), b(regressionFile(name), std::ios::binary);
-    EXPECT_TRUE(
-        std::equal(std::istreambuf_iterator<char>(a), {}, std::istreambuf_iterator<char>(b), {}));
+    EXPECT_EQ(readBytes(photo), readBytes(regressionFile(name)));
     EXPECT_TRUE(strayFiles({photo.filename().string()}).empty());
 }
 

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <initializer_list>
+#include <iterator>
 #include <map>
 #include <random>
 #include <sstream>
@@ -207,6 +208,11 @@ inline int runCliOn(std::vector<std::string> args) {
         argv.push_back(a.data());
     argv.push_back(nullptr);
     return runCli(static_cast<int>(args.size()), argv.data());
+}
+
+inline std::vector<uint8_t> readBytes(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 inline void writeBytes(const fs::path& path, const std::vector<uint8_t>& bytes) {

@@ -197,11 +197,8 @@ TEST_P(SuggestedLinesScenario, SuggestWritesAConstraintFileOfTheLines) {
     ASSERT_EQ(r.exitCode, 0) << r.err;
     EXPECT_NE(r.err.find("found 4 lines (4 vertical, 0 horizontal, 0 unfixed)"), std::string::npos)
         << r.err;
-    std::ifstream in(cvc, std::ios::binary);
-    const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)),
-                                     std::istreambuf_iterator<char>());
     Project::ConstraintSet set;
-    readLines(bytes, set);
+    readLines(readBytes(cvc), set);
     ASSERT_EQ(set.Size(), 4u);
     for (const auto& c : set.Constraints())
         EXPECT_EQ(Project::AsLine(*c)->GetOrientation(), Project::Orientation::Vertical);
