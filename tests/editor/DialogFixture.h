@@ -31,12 +31,14 @@ protected:
         setenv("XDG_CONFIG_HOME", (dir / "xdg").c_str(), 1);
     }
 
-    // Runs `script` in the dialog once its preview is shown, writing
-    // `output` on OK; `pane` is the preview pane. The exit code of `curvana edit`.
-    int Edit(const std::function<void(QWidget&)>& script, const fs::path& output = {}) {
+    // Runs `script` in the dialog on `photo` once its preview is shown,
+    // writing `output` on OK; `pane` is the preview pane. The exit code of
+    // `curvana edit`.
+    int Edit(const std::function<void(QWidget&)>& script, const fs::path& output = {},
+             const fs::path& photo = kPhoto) {
         const fs::path out = output.empty() ? dir / "out.png" : output;
         return EditorDriver::RunCurvana(
-            {"edit", kPhoto.string(), "-o", out.string(), "--module", kModule.string(), "-q"},
+            {"edit", photo.string(), "-o", out.string(), "--module", kModule.string(), "-q"},
             [&](QWidget& dialog) {
                 dialog.resize(1280, 820);
                 pane =
@@ -104,10 +106,10 @@ protected:
         return alert;
     }
 
-    // The constraints the pane draws.
-    int Drawn() const {
+    // The constraints the pane draws (or, asked, those of them selected).
+    int Drawn(const char* which = "constraintsDrawn") const {
         pane->repaint();
-        return pane->property("constraintsDrawn").toInt();
+        return pane->property(which).toInt();
     }
 
     ScratchDir dir;
