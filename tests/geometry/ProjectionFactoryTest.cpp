@@ -12,26 +12,17 @@ namespace {
 
 CameraMetadata panorama(PanoramaTransformation t) {
     CameraMetadata m;
-    m.imageWidth = 10000;
-    m.imageHeight = 2500;
-    m.isPanorama = true;
-    m.transformation = t;
-    m.virtualFocalLength = 1500.0f;
-    m.virtualCenterX = 5100.0f;
-    m.virtualCenterY = 1200.0f;
+    m.imageWidth = 10000, m.imageHeight = 2500;
+    m.isPanorama = true, m.transformation = t;
+    m.virtualFocalLength = 1500.0f, m.virtualCenterX = 5100.0f, m.virtualCenterY = 1200.0f;
     return m;
 }
 
 LensProfile profile(LensCameraModel model) {
     LensProfile p;
-    p.found = true;
-    p.cameraModel = model;
-    p.focalLengthX = 0.3f;
-    p.focalLengthY = 0.31f;
-    p.imageXCenter = 0.51f;
-    p.imageYCenter = 0.48f;
-    p.k1 = -0.02f;
-    p.sensorFormatFactor = 1.5f;
+    p.found = true, p.cameraModel = model;
+    p.focalLengthX = 0.3f, p.focalLengthY = 0.31f, p.imageXCenter = 0.51f, p.imageYCenter = 0.48f;
+    p.k1 = -0.02f, p.sensorFormatFactor = 1.5f;
     return p;
 }
 

@@ -107,12 +107,8 @@ TEST(ScriptParameters, WritesKeysInTheFixedOrderAndReadsThemBack) {
     PSettings written(1000);
     written.projectionModel = ProjectionModel::FullSpherical;
     written.regularizerModel = RegularizerModel::Panini;
-    written.focalLength = 999.0f;
-    written.physicalFocalLength = 8.0f;
-    written.cropFactor = 2.0f;
-    written.scale = 80;
-    written.offsetX = 0.125f;
-    written.offsetY = 0.875f;
+    written.focalLength = 999.0f, written.physicalFocalLength = 8.0f, written.cropFactor = 2.0f;
+    written.scale = 80, written.offsetX = 0.125f, written.offsetY = 0.875f;
     written.s1 = 1;  // crop to content
     RecordingConstraints out;
     out.bytes = {1, 2, 3, 4};
