@@ -158,8 +158,7 @@ TEST(ProfileModels, VisibilityBoundsBothAngles) {
     const KestrixFisheye fish(raster(600, 400), 200.0f, 200.0f, 0.0f, 0.0f, 0.0f, 0.0f);
     const KestrixPerspective persp(raster(600, 400), 200.0f, 200.0f, 0, 0, 0, 0, 0, 0, 0);
     const float in = std::nextafter(1.57f, 0.0f);
-    for (const PhotoToSphere* p :
-         {static_cast<const PhotoToSphere*>(&fish), static_cast<const PhotoToSphere*>(&persp)}) {
+    for (const PhotoToSphere* p : std::initializer_list<const PhotoToSphere*>{&fish, &persp}) {
         EXPECT_TRUE(p->IsVisible(in, -in));
         EXPECT_FALSE(p->IsVisible(1.57f, 0.0f));
         EXPECT_FALSE(p->IsVisible(0.0f, -1.57f));
