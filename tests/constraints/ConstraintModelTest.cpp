@@ -12,13 +12,23 @@
 namespace Project {
 namespace {
 
-std::unique_ptr<PlaneConstraint> Square(float x0, float y0, float size) {
+std::unique_ptr<PlaneConstraint> Polygon(std::initializer_list<PointF> corners) {
     auto p = std::make_unique<PlaneConstraint>();
-    p->AddVertex({x0, y0});
-    p->AddVertex({x0 + size, y0});
-    p->AddVertex({x0 + size, y0 + size});
-    p->AddVertex({x0, y0 + size});
+    for (const PointF& c : corners)
+        p->AddVertex(c);
     return p;
+}
+
+std::unique_ptr<PlaneConstraint> Square(float x0, float y0, float size) {
+    return Polygon({{x0, y0}, {x0 + size, y0}, {x0 + size, y0 + size}, {x0, y0 + size}});
+}
+
+// The rectangle's sides, each grown by the 7-unit margin.
+void ExpectGrown(const ViewRect& r, double left, double top, double right, double bottom) {
+    EXPECT_DOUBLE_EQ(r.left, left - 7.0);
+    EXPECT_DOUBLE_EQ(r.top, top - 7.0);
+    EXPECT_DOUBLE_EQ(r.right, right + 7.0);
+    EXPECT_DOUBLE_EQ(r.bottom, bottom + 7.0);
 }
 
 // A straight line of a pinhole photo is a great circle, so its unwarped
@@ -155,20 +165,14 @@ TEST(PlaneHitTest, VertexSquareAndInside) {
 }
 
 TEST(PlaneHitTest, ConcavePolygonAndEdges) {
-    PlaneConstraint p;  // an L shape
-    p.AddVertex({0, 0});
-    p.AddVertex({20, 0});
-    p.AddVertex({20, 10});
-    p.AddVertex({10, 10});
-    p.AddVertex({10, 20});
-    p.AddVertex({0, 20});
-    EXPECT_EQ(p.InsideTest({5, 15}, false), 1);
-    EXPECT_EQ(p.InsideTest({15, 15}, false), -1);
+    const auto p = Polygon({{0, 0}, {20, 0}, {20, 10}, {10, 10}, {10, 20}, {0, 20}});  // an L
+    EXPECT_EQ(p->InsideTest({5, 15}, false), 1);
+    EXPECT_EQ(p->InsideTest({15, 15}, false), -1);
     // Edge 1 runs from vertex 0 to vertex 1 (the top side).
-    EXPECT_EQ(p.HitEdge({10, 1}, 1.5f, false), 1);
+    EXPECT_EQ(p->HitEdge({10, 1}, 1.5f, false), 1);
     // Edge 0 closes the polygon from vertex 5 to vertex 0.
-    EXPECT_EQ(p.HitEdge({-1, 10}, 1.5f, false), 0);
-    EXPECT_EQ(p.HitEdge({5, 5}, 1.5f, false), -1);
+    EXPECT_EQ(p->HitEdge({-1, 10}, 1.5f, false), 0);
+    EXPECT_EQ(p->HitEdge({5, 5}, 1.5f, false), -1);
 }
 
 TEST(PlaneHitTest, DisplaySpaceFollowsDisplayGeometry) {
@@ -186,31 +190,17 @@ TEST(PlaneHitTest, DisplaySpaceFollowsDisplayGeometry) {
 
 TEST(BoundingRect, LineOrdersEachAxisByAbsoluteValue) {
     LineConstraint line(10.0f, 20.0f, -30.0f, 5.0f);
-    const ViewRect r = line.BoundingRect(false, Affine2D::Identity());
     // x: |10| < |-30|, so 10 is the "minimum" and -30 the "maximum".
-    EXPECT_DOUBLE_EQ(r.left, 10.0 - 7.0);
-    EXPECT_DOUBLE_EQ(r.right, -30.0 + 7.0);
-    EXPECT_DOUBLE_EQ(r.top, 5.0 - 7.0);
-    EXPECT_DOUBLE_EQ(r.bottom, 20.0 + 7.0);
+    ExpectGrown(line.BoundingRect(false, Affine2D::Identity()), 10.0, 5.0, -30.0, 20.0);
 
     line.SetDisplayEndpoints({1.0f, 2.0f}, {3.0f, 4.0f});
-    const ViewRect d = line.BoundingRect(true, Affine2D::ScaleOffset(2.0, 2.0, 100.0, 0.0));
-    EXPECT_DOUBLE_EQ(d.left, 102.0 - 7.0);
-    EXPECT_DOUBLE_EQ(d.right, 106.0 + 7.0);
-    EXPECT_DOUBLE_EQ(d.top, 4.0 - 7.0);
-    EXPECT_DOUBLE_EQ(d.bottom, 8.0 + 7.0);
+    ExpectGrown(line.BoundingRect(true, Affine2D::ScaleOffset(2.0, 2.0, 100.0, 0.0)), 102.0, 4.0,
+                106.0, 8.0);
 }
 
 TEST(BoundingRect, PolygonRunningExtremesOnAbsoluteValues) {
-    PlaneConstraint p;
-    p.AddVertex({10.0f, 20.0f});
-    p.AddVertex({-30.0f, 5.0f});
-    p.AddVertex({15.0f, -40.0f});
-    const ViewRect r = p.BoundingRect(false, Affine2D::Identity());
-    EXPECT_DOUBLE_EQ(r.left, 10.0 - 7.0);
-    EXPECT_DOUBLE_EQ(r.right, -30.0 + 7.0);
-    EXPECT_DOUBLE_EQ(r.top, 5.0 - 7.0);
-    EXPECT_DOUBLE_EQ(r.bottom, -40.0 + 7.0);
+    const auto p = Polygon({{10.0f, 20.0f}, {-30.0f, 5.0f}, {15.0f, -40.0f}});
+    ExpectGrown(p->BoundingRect(false, Affine2D::Identity()), 10.0, 5.0, -30.0, -40.0);
 
     // No vertices: the start values themselves, grown.
     const ViewRect e = PlaneConstraint().BoundingRect(false, Affine2D::Identity());
@@ -218,9 +208,7 @@ TEST(BoundingRect, PolygonRunningExtremesOnAbsoluteValues) {
     EXPECT_DOUBLE_EQ(e.right, 1.1754943508222875e-38 + 7.0);
 
     // A vertex at 0 never becomes the maximum, whose start is positive.
-    PlaneConstraint z;
-    z.AddVertex({0.0f, 0.0f});
-    const ViewRect zr = z.BoundingRect(false, Affine2D::Identity());
+    const ViewRect zr = Polygon({{0.0f, 0.0f}})->BoundingRect(false, Affine2D::Identity());
     EXPECT_DOUBLE_EQ(zr.left, -7.0);
     EXPECT_DOUBLE_EQ(zr.right, 1.1754943508222875e-38 + 7.0);
 }

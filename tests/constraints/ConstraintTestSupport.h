@@ -15,19 +15,13 @@ namespace Project::testing {
 // from "Kestrix" "K1" with the lens "Lens 15mm".
 inline SimpleConstraintFileContext MakeContext() {
     SimpleConstraintFileContext c;
-    c.width = 4000;
-    c.height = 3000;
-    c.make = "Kestrix";
-    c.model = "K1";
-    c.lens = "Lens 15mm";
-    c.settings.physicalFocal = 15.0f;
-    c.settings.cropFactor = 1.0f;
-    c.settings.focalLength = 1666.6666f;
-    c.settings.projectionModel = ProjectionModel::Fisheye;
-    c.settings.regularizerModel = RegularizerModel::Auto;
-    c.settings.scale = 120;
-    c.settings.offsetX = 0.5f;
-    c.settings.offsetY = 0.5f;
+    c.width = 4000, c.height = 3000;
+    c.make = "Kestrix", c.model = "K1", c.lens = "Lens 15mm";
+    ConstraintFileSettings& s = c.settings;
+    s.physicalFocal = 15.0f, s.cropFactor = 1.0f, s.focalLength = 1666.6666f;
+    s.projectionModel = ProjectionModel::Fisheye;
+    s.regularizerModel = RegularizerModel::Auto;
+    s.scale = 120, s.offsetX = 0.5f, s.offsetY = 0.5f;
     return c;
 }
 

@@ -87,7 +87,7 @@ protected:
         context->model = SampleGen::kSampleModel;
         context->lens = SampleGen::sampleLensName(SampleGen::Lens::Equisolid);
         Project::ConstraintSet scratch;
-        EXPECT_TRUE(Project::readConstraintData(scratch, *context, BytesOf(kConstraints)))
+        EXPECT_TRUE(Project::readConstraintData(scratch, *context, readBytes(kConstraints)))
             << scratch.Message();
         return context;
     }
@@ -97,7 +97,7 @@ protected:
         const fs::path file = dir / ("saved-" + std::to_string(++saves) + ".cvc");
         SaveConstraints(dialog, file);
         auto set = std::make_unique<Project::ConstraintSet>();
-        EXPECT_TRUE(Project::readConstraintData(*set, *SampleContext(), BytesOf(file)))
+        EXPECT_TRUE(Project::readConstraintData(*set, *SampleContext(), readBytes(file)))
             << set->Message();
         return set;
     }

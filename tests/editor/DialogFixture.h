@@ -9,15 +9,12 @@
 #include <QLineEdit>
 #include <QMenu>
 #include <QtTest/QTest>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 
 #include "../framework/QtTestApp.h"
 #include "editordriver/EditorDriver.h"
 #include "framework/CImagePane.h"
 #include "framework/Widgets.h"
-#include "host/Cli.h"
 #include "host/HostTestUtil.h"
 
 namespace Curvana::Host::Test {
@@ -25,11 +22,6 @@ namespace Curvana::Host::Test {
 inline const fs::path kPhoto = CURVANA_SAMPLE_PHOTO;
 inline const fs::path kConstraints = CURVANA_SAMPLE_CONSTRAINTS;
 inline const fs::path kModule = CURVANA_MODULE;
-
-inline std::vector<uint8_t> BytesOf(const fs::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
 
 class DialogFixture : public ::testing::Test {
 protected:
@@ -39,12 +31,14 @@ protected:
         setenv("XDG_CONFIG_HOME", (dir / "xdg").c_str(), 1);
     }
 
-    // Runs `script` in the dialog once its preview is shown, writing
-    // `output` on OK; `pane` is the preview pane. The exit code of `curvana edit`.
-    int Edit(const std::function<void(QWidget&)>& script, const fs::path& output = {}) {
+    // Runs `script` in the dialog on `photo` once its preview is shown,
+    // writing `output` on OK; `pane` is the preview pane. The exit code of
+    // `curvana edit`.
+    int Edit(const std::function<void(QWidget&)>& script, const fs::path& output = {},
+             const fs::path& photo = kPhoto) {
         const fs::path out = output.empty() ? dir / "out.png" : output;
         return EditorDriver::RunCurvana(
-            {"edit", kPhoto.string(), "-o", out.string(), "--module", kModule.string(), "-q"},
+            {"edit", photo.string(), "-o", out.string(), "--module", kModule.string(), "-q"},
             [&](QWidget& dialog) {
                 dialog.resize(1280, 820);
                 pane =
@@ -112,10 +106,10 @@ protected:
         return alert;
     }
 
-    // The constraints the pane draws.
-    int Drawn() const {
+    // The constraints the pane draws (or, asked, those of them selected).
+    int Drawn(const char* which = "constraintsDrawn") const {
         pane->repaint();
-        return pane->property("constraintsDrawn").toInt();
+        return pane->property(which).toInt();
     }
 
     ScratchDir dir;

@@ -193,13 +193,11 @@ TEST_F(Dialog, NavigatesWithTheViewMenuKeysAndTools) {
 // constraint file at all is refused with its message and changes nothing;
 // the sample's own file shows its lines and is one undoable step.
 TEST_F(Dialog, LoadShowsTheFilesLinesOrRefusesAMismatchedFile) {
-    std::vector<uint8_t> wrongSize = BytesOf(kConstraints);
+    std::vector<uint8_t> wrongSize = readBytes(kConstraints);
     ASSERT_GT(wrongSize.size(), 20u);
     wrongSize[10] = static_cast<uint8_t>(2999 & 0xFF);  // width 2999 (u16 at byte 10)
     wrongSize[11] = static_cast<uint8_t>(2999 >> 8);
-    std::ofstream(dir / "wrong-size.cvc", std::ios::binary)
-        .write(reinterpret_cast<const char*>(wrongSize.data()),
-               static_cast<std::streamsize>(wrongSize.size()));
+    writeBytes(dir / "wrong-size.cvc", wrongSize);
     std::ofstream(dir / "not-constraints.cvc") << "hello world";
 
     Edit([&](QWidget& dialog) {
@@ -256,9 +254,9 @@ TEST_F(Dialog, SaveLoadRoundTripsAndOkWritesWhatApplyWrites) {
             SaveConstraints(dialog, dir / "first.cvc");
             EXPECT_EQ(LoadConstraints(dialog, dir / "first.cvc", true), "");
             SaveConstraints(dialog, dir / "second.cvc");
-            const std::vector<uint8_t> first = BytesOf(dir / "first.cvc");
+            const std::vector<uint8_t> first = readBytes(dir / "first.cvc");
             EXPECT_GT(first.size(), 100u);
-            EXPECT_EQ(first, BytesOf(dir / "second.cvc"));
+            EXPECT_EQ(first, readBytes(dir / "second.cvc"));
             QTest::mouseClick(ViewAs<QPushButton>(dialog, "Project/Dialog/OKButton"),
                               Qt::LeftButton);
         },
@@ -266,13 +264,9 @@ TEST_F(Dialog, SaveLoadRoundTripsAndOkWritesWhatApplyWrites) {
     ASSERT_EQ(code, kExitOk);
     const fs::path action = dir / "xdg" / "curvana" / "last-action.json";
     ASSERT_TRUE(fs::exists(action));
-    std::vector<std::string> args = {"curvana",        "apply",    kPhoto.string(), "-o",
-                                     applied.string(), "--params", action.string(), "--module",
-                                     kModule.string(), "-q"};
-    std::vector<char*> argv;
-    for (std::string& a : args)
-        argv.push_back(a.data());
-    ASSERT_EQ(runCli(static_cast<int>(argv.size()), argv.data()), kExitOk);
+    ASSERT_EQ(runCliOn({"curvana", "apply", kPhoto.string(), "-o", applied.string(), "--params",
+                        action.string(), "--module", kModule.string(), "-q"}),
+              kExitOk);
     const Raster a = readWhole(edited), b = readWhole(applied);
     ASSERT_EQ(a.info.width, 3000);
     EXPECT_EQ(maxDifference(a, b), 0);

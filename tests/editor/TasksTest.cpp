@@ -154,16 +154,11 @@ TEST_P(SettingsTaskFields, SwapExactlyTheSelectedFields) {
     PTaskStack stack;
     const PSettings before = ws.settings;
     PSettings& live = ws.settings;
-    live.focalLength = 2222.0f;
-    live.physicalFocalLength = 24.0f;
-    live.cropFactor = 1.5f;
+    live.focalLength = 2222.0f, live.physicalFocalLength = 24.0f, live.cropFactor = 1.5f;
     live.projectionModel = ProjectionModel::Perspective;
     live.regularizerModel = RegularizerModel::Mercator;
-    live.scale = 90;
-    live.offsetX = 0.25f;
-    live.offsetY = 0.75f;
-    live.colors[0] = 0xFF000000u;
-    live.loupeSize = 250;
+    live.scale = 90, live.offsetX = 0.25f, live.offsetY = 0.75f;
+    live.colors[0] = 0xFF000000u, live.loupeSize = 250;
     const PSettings after = live;
     const auto check = [&](const PSettings& expectedIfSelected) {
         const auto pick = [&](bool selected) -> const PSettings& {

@@ -7,7 +7,6 @@
 #include <fstream>
 #include <sstream>
 
-#include "host/Cli.h"
 #include "host/HostTestUtil.h"
 #include "samplegen/SampleFiles.h"
 #include "session/PreferencesFile.h"
@@ -128,33 +127,20 @@ TEST_F(EditorObject, SaysWhyTheEditorCannotOpen) {
 
 // The host and the module in this process: a silent apply maps no Qt, and
 // an edit does (so the check sees Qt where it is).
-std::vector<char*> argvOf(std::vector<std::string>& args) {
-    std::vector<char*> argv;
-    for (std::string& a : args)
-        argv.push_back(a.data());
-    argv.push_back(nullptr);
-    return argv;
-}
-
 TEST_F(EditorObject, ASilentApplyMapsNoQt) {
     if (qtMapped())
         GTEST_SKIP() << "Qt was loaded by an earlier test of this process";
-    std::vector<std::string> args = {"curvana",
-                                     "apply",
-                                     input.string(),
-                                     "-o",
-                                     (dir / "a.png").string(),
-                                     "--module",
-                                     (kStage / "libcurvana.so").string(),
-                                     "-q"};
-    ASSERT_EQ(runCli(static_cast<int>(args.size()), argvOf(args).data()), kExitOk);
+    const std::string module = (kStage / "libcurvana.so").string();
+    ASSERT_EQ(runCliOn({"curvana", "apply", input.string(), "-o", (dir / "a.png").string(),
+                        "--module", module, "-q"}),
+              kExitOk);
     EXPECT_TRUE(fs::exists(dir / "a.png"));
     EXPECT_FALSE(qtMapped());
 
     setenv("CURVANA_TEST_EDITOR_ANSWER", "cancel", 1);
-    args[1] = "edit";
-    args[4] = (dir / "e.png").string();
-    EXPECT_EQ(runCli(static_cast<int>(args.size()), argvOf(args).data()), kExitFailed);
+    EXPECT_EQ(runCliOn({"curvana", "edit", input.string(), "-o", (dir / "e.png").string(),
+                        "--module", module, "-q"}),
+              kExitFailed);
     EXPECT_TRUE(qtMapped());
 }
 

@@ -60,13 +60,19 @@ std::vector<LensCase> lensCases() {
     };
 }
 
-CameraMetadata metadataFor(const LensCase& c) {
+CameraMetadata camera(const std::string& make, const std::string& model, const std::string& lens,
+                      float focal, float focal35 = 0.0f) {
     CameraMetadata m;
-    m.make = c.make;
-    m.model = c.model;
-    m.lens = c.lens;
-    m.focalLength = c.focal;
-    m.focalLength35mm = c.focal35;
+    m.make = make;
+    m.model = model;
+    m.lens = lens;
+    m.focalLength = focal;
+    m.focalLength35mm = focal35;
+    return m;
+}
+
+CameraMetadata metadataFor(const LensCase& c) {
+    CameraMetadata m = camera(c.make, c.model, c.lens, c.focal, c.focal35);
     m.imageWidth = kWidth;
     m.imageHeight = kHeight;
     return m;
@@ -195,20 +201,14 @@ INSTANTIATE_TEST_SUITE_P(DatabaseLenses, LensfunProfileTest, ::testing::ValuesIn
                          });
 
 TEST(LensfunLookup, MatchingAndTheNoMatchKey) {
-    CameraMetadata m;
-    m.make = "NoSuchMaker";
-    m.model = "NoSuchCamera 1";
-    m.lens = "";
-    m.focalLength = 24.0f;
+    CameraMetadata m = camera("NoSuchMaker", "NoSuchCamera 1", "", 24.0f);
     const LensProfileLookupResult r = lensfunProfileLookup()->Find(m, kWidth, kHeight);
     EXPECT_FALSE(r.profile.has_value());
     EXPECT_EQ(r.messageKey,
               "$$$/Curvana/LensProfileWarning/NoMatchedProfile=No matching lens profile found.");
     // A known lens without a focal length has nothing to interpolate at.
-    m.make = "NIKON CORPORATION";
-    m.model = "NIKON D90";
-    m.lens = "Nikon AF-S DX Zoom-Nikkor 18-105mm f/3.5-5.6G ED VR";
-    m.focalLength = 0.0f;
+    m = camera("NIKON CORPORATION", "NIKON D90",
+               "Nikon AF-S DX Zoom-Nikkor 18-105mm f/3.5-5.6G ED VR", 0.0f);
     EXPECT_FALSE(lensfunProfileLookup()->Find(m, kWidth, kHeight).profile.has_value());
     m.focalLength = 18.0f;
     EXPECT_FALSE(lensfunProfileLookup()->Find(m, 1, 1).profile.has_value());
@@ -219,10 +219,7 @@ TEST(LensfunLookup, MatchingAndTheNoMatchKey) {
     EXPECT_NE(loose.profile->description.find("18-105mm"), std::string::npos)
         << loose.profile->description;
     // A camera with a fixed lens needs no lens name.
-    m.make = "Canon";
-    m.model = "Canon PowerShot G12";
-    m.lens = "";
-    m.focalLength = 6.1f;
+    m = camera("Canon", "Canon PowerShot G12", "", 6.1f);
     const auto fixed = lensfunProfileLookup()->Find(m, 3648, 2736);
     ASSERT_TRUE(fixed.profile.has_value());
     EXPECT_EQ(fixed.profile->cameraModel, LensCameraModel::RadialDistortion);
@@ -232,12 +229,10 @@ TEST(LensfunLookup, ProfileOnAnotherSensorFormatScalesTheFocalLength) {
     // The 18-105 was calibrated at crop 1.534; on a photo whose metadata says
     // 1.5 the selection's check holds and the projection's focal length still
     // comes out as the photo's.
-    CameraMetadata m;
-    m.make = "NIKON CORPORATION";
-    m.model = "NIKON D90";
-    m.lens = "Nikon AF-S DX Zoom-Nikkor 18-105mm f/3.5-5.6G ED VR";
-    m.focalLength = 35.0f;
-    m.focalLength35mm = 52.0f;  // 1.486, snapped to 1.5
+    // 52 / 35 = 1.486, snapped to 1.5.
+    const CameraMetadata m =
+        camera("NIKON CORPORATION", "NIKON D90",
+               "Nikon AF-S DX Zoom-Nikkor 18-105mm f/3.5-5.6G ED VR", 35.0f, 52.0f);
     const auto r = lensfunProfileLookup()->Find(m, kWidth, kHeight);
     ASSERT_TRUE(r.profile.has_value());
     EXPECT_NEAR(r.profile->sensorFormatFactor, 1.534f, 1e-4f);

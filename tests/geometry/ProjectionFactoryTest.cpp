@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <memory>
+#include <optional>
 
 #include "geometry/ProjectionFactory.h"
 #include "geometry/Projections.h"
@@ -11,63 +12,49 @@ namespace {
 
 CameraMetadata panorama(PanoramaTransformation t) {
     CameraMetadata m;
-    m.imageWidth = 10000;
-    m.imageHeight = 2500;
-    m.isPanorama = true;
-    m.transformation = t;
-    m.virtualFocalLength = 1500.0f;
-    m.virtualCenterX = 5100.0f;
-    m.virtualCenterY = 1200.0f;
+    m.imageWidth = 10000, m.imageHeight = 2500;
+    m.isPanorama = true, m.transformation = t;
+    m.virtualFocalLength = 1500.0f, m.virtualCenterX = 5100.0f, m.virtualCenterY = 1200.0f;
     return m;
 }
 
 LensProfile profile(LensCameraModel model) {
     LensProfile p;
-    p.found = true;
-    p.cameraModel = model;
-    p.focalLengthX = 0.3f;
-    p.focalLengthY = 0.31f;
-    p.imageXCenter = 0.51f;
-    p.imageYCenter = 0.48f;
-    p.k1 = -0.02f;
-    p.sensorFormatFactor = 1.5f;
+    p.found = true, p.cameraModel = model;
+    p.focalLengthX = 0.3f, p.focalLengthY = 0.31f, p.imageXCenter = 0.51f, p.imageYCenter = 0.48f;
+    p.k1 = -0.02f, p.sensorFormatFactor = 1.5f;
     return p;
 }
 
 TEST(MakeProjection, ModelTableWithoutMetadata) {
-    const CameraMetadata none;
-    auto fish =
-        makeProjection(ProjectionModel::Fisheye, 1200.0f, 6000, 4000, none, std::nullopt, 1.0f);
+    const auto make = [](ProjectionModel model, int32_t w = 6000, int32_t h = 4000,
+                         std::optional<LensProfile> lens = std::nullopt) {
+        return makeProjection(model, 1200.0f, w, h, CameraMetadata{}, lens, 1.0f);
+    };
+    auto fish = make(ProjectionModel::Fisheye);
     ASSERT_TRUE(dynamic_cast<FisheyeImage*>(fish.get()));
     EXPECT_FLOAT_EQ(static_cast<FisheyeImage*>(fish.get())->FocalLength(), 1200.0f);
     EXPECT_EQ(fish->Raster().width, 6000);
     EXPECT_EQ(fish->Raster().halfHeight, 2000);
 
-    auto persp =
-        makeProjection(ProjectionModel::Perspective, 1200.0f, 6000, 4000, none, std::nullopt, 1.0f);
+    auto persp = make(ProjectionModel::Perspective);
     ASSERT_TRUE(dynamic_cast<PerspectiveImage*>(persp.get()));
     EXPECT_NEAR(persp->ToImagePoint(0.5f, 0.0f).x, 1200.0f * std::tan(0.5f), 1e-3f);
     EXPECT_FLOAT_EQ(persp->ToImagePoint(0.0f, 0.0f).y, 0.0f);
 
     // Full Spherical: f = height / pi, centred, so lambda = pi lands on the right edge.
-    auto sph = makeProjection(ProjectionModel::FullSpherical, 1200.0f, 4000, 2000, none,
-                              std::nullopt, 1.0f);
+    auto sph = make(ProjectionModel::FullSpherical, 4000, 2000);
     ASSERT_TRUE(dynamic_cast<SphericalImage*>(sph.get()));
     float u = 0.0f, v = 0.0f;
     sph->ToTexture(3.1415927f, -1.5707964f, u, v);
     EXPECT_NEAR(u, 1.0f, 1e-6f);
     EXPECT_NEAR(v, 0.0f, 1e-6f);
 
-    EXPECT_EQ(makeProjection(ProjectionModel::None, 1200.0f, 6000, 4000, none, std::nullopt, 1.0f),
-              nullptr);
-    EXPECT_EQ(makeProjection(ProjectionModel{7}, 1200.0f, 6000, 4000, none, std::nullopt, 1.0f),
-              nullptr);
-    // Auto without panorama metadata and without a profile builds nothing.
-    EXPECT_EQ(makeProjection(ProjectionModel::Auto, 1200.0f, 6000, 4000, none, std::nullopt, 1.0f),
-              nullptr);
-    LensProfile unusable = profile(LensCameraModel::None);
-    EXPECT_EQ(makeProjection(ProjectionModel::Auto, 1200.0f, 6000, 4000, none, unusable, 1.0f),
-              nullptr);
+    EXPECT_EQ(make(ProjectionModel::None), nullptr);
+    EXPECT_EQ(make(ProjectionModel{7}), nullptr);
+    // Auto without panorama metadata and without a usable profile builds nothing.
+    EXPECT_EQ(make(ProjectionModel::Auto), nullptr);
+    EXPECT_EQ(make(ProjectionModel::Auto, 6000, 4000, profile(LensCameraModel::None)), nullptr);
 }
 
 TEST(MakeProjection, PanoramaByTransformation) {

@@ -19,52 +19,33 @@ std::shared_ptr<const SourceRaster> raster(int32_t w, int32_t h) {
     return std::make_shared<const SourceRaster>(w, h);
 }
 
-// One model under test: how to build it and where its directions are
-// visible (the sweep draws from a box and keeps what IsVisible accepts).
+// One model under test and the box its directions are drawn from (the
+// sweep keeps what IsVisible accepts).
 struct ModelCase {
     std::string name;
-    std::function<std::shared_ptr<PhotoToSphere>()> make;
+    std::shared_ptr<PhotoToSphere> photo;
     float maxLambda;
     float maxPhi;
 };
 
 std::vector<ModelCase> modelCases() {
+    const auto wide = raster(6000, 4000);
     return {
-        {"Fisheye",
-         [] {
-             return std::make_shared<FisheyeImage>(raster(6000, 4000), 1800.0f, 3000.0f, 2000.0f);
-         },
-         1.55f, 1.45f},
-        {"Perspective",
-         [] {
-             return std::make_shared<PerspectiveImage>(raster(6000, 4000), 3500.0f, 3100.0f,
-                                                       1950.0f);
-         },
-         1.56f, 1.45f},
+        {"Fisheye", std::make_shared<FisheyeImage>(wide, 1800.0f, 3000.0f, 2000.0f), 1.55f, 1.45f},
+        {"Perspective", std::make_shared<PerspectiveImage>(wide, 3500.0f, 3100.0f, 1950.0f), 1.56f,
+         1.45f},
         {"Cylindrical",
-         [] {
-             return std::make_shared<CylindricalImage>(raster(12000, 3000), 1900.0f, 6000.0f,
-                                                       1400.0f);
-         },
-         3.2f, 1.4f},
+         std::make_shared<CylindricalImage>(raster(12000, 3000), 1900.0f, 6000.0f, 1400.0f), 3.2f,
+         1.4f},
         {"Spherical",
-         [] {
-             return std::make_shared<SphericalImage>(raster(8000, 4000), 4000.0f / kPiF, 4000.0f,
-                                                     2000.0f);
-         },
+         std::make_shared<SphericalImage>(raster(8000, 4000), 4000.0f / kPiF, 4000.0f, 2000.0f),
          3.14f, 1.55f},
         {"KestrixFisheye",
-         [] {
-             return std::make_shared<KestrixFisheye>(raster(6000, 4000), 1650.0f, 1660.0f, -0.045f,
-                                                     0.002f, 12.0f, -7.0f);
-         },
+         std::make_shared<KestrixFisheye>(wide, 1650.0f, 1660.0f, -0.045f, 0.002f, 12.0f, -7.0f),
          1.5f, 1.45f},
         {"KestrixPerspective",
-         [] {
-             return std::make_shared<KestrixPerspective>(raster(6000, 4000), 3000.0f, 3010.0f,
-                                                         -0.08f, 0.01f, -0.0005f, 0.0005f, -0.0003f,
-                                                         20.0f, -15.0f);
-         },
+         std::make_shared<KestrixPerspective>(wide, 3000.0f, 3010.0f, -0.08f, 0.01f, -0.0005f,
+                                              0.0005f, -0.0003f, 20.0f, -15.0f),
          1.0f, 0.8f},
     };
 }
@@ -76,7 +57,7 @@ void PrintTo(const ModelCase& c, std::ostream* os) {
 class ProjectionModelTest : public ::testing::TestWithParam<ModelCase> {};
 
 TEST_P(ProjectionModelTest, ForwardThenInverseReturnsTheDirection) {
-    const auto p = GetParam().make();
+    const auto& p = GetParam().photo;
     std::mt19937 rng(20261122);
     std::uniform_real_distribution<float> lambdaDist(-GetParam().maxLambda, GetParam().maxLambda);
     std::uniform_real_distribution<float> phiDist(-GetParam().maxPhi, GetParam().maxPhi);
@@ -104,7 +85,7 @@ TEST_P(ProjectionModelTest, ForwardThenInverseReturnsTheDirection) {
 }
 
 TEST_P(ProjectionModelTest, TextureCoordinateIsTheNormalisedForwardPoint) {
-    const auto p = GetParam().make();
+    const auto& p = GetParam().photo;
     EXPECT_TRUE(p->QueryFlag3());
     for (float lambda : {-0.3f, 0.0f, 0.2f}) {
         for (float phi : {-0.25f, 0.1f}) {
@@ -177,8 +158,7 @@ TEST(ProfileModels, VisibilityBoundsBothAngles) {
     const KestrixFisheye fish(raster(600, 400), 200.0f, 200.0f, 0.0f, 0.0f, 0.0f, 0.0f);
     const KestrixPerspective persp(raster(600, 400), 200.0f, 200.0f, 0, 0, 0, 0, 0, 0, 0);
     const float in = std::nextafter(1.57f, 0.0f);
-    for (const PhotoToSphere* p :
-         {static_cast<const PhotoToSphere*>(&fish), static_cast<const PhotoToSphere*>(&persp)}) {
+    for (const PhotoToSphere* p : std::initializer_list<const PhotoToSphere*>{&fish, &persp}) {
         EXPECT_TRUE(p->IsVisible(in, -in));
         EXPECT_FALSE(p->IsVisible(1.57f, 0.0f));
         EXPECT_FALSE(p->IsVisible(0.0f, -1.57f));

@@ -14,8 +14,9 @@
 #include <functional>
 #include <numbers>
 #include <optional>
+#include <tuple>
 
-#include "HostTestUtil.h"
+#include "RealModuleTest.h"
 #include "curvana/CurvanaScripting.h"
 #include "host/ApplyDescriptor.h"
 #include "host/ImageFiles.h"
@@ -186,28 +187,7 @@ Mismatch mismatch(const Raster& out, const CoordinatePhoto& photo,
     return {n ? std::sqrt(sum / static_cast<double>(n)) : 0.0, n};
 }
 
-class CorrectionGeometry : public ::testing::Test {
-protected:
-    void SetUp() override {
-        module = fs::path(CURVANA_EXE).parent_path() / "libcurvana.so";
-        if (!fs::exists(module))
-            GTEST_SKIP() << "no libcurvana.so beside curvana in this build";
-    }
-    RunResult curvana(std::vector<std::string> args) {
-        args.push_back("--module");
-        args.push_back(module.string());
-        return runProgram(CURVANA_EXE, args, {{"XDG_CONFIG_HOME", (dir / "xdg").string()}}, 180);
-    }
-    fs::path scaleParams(int scale) {
-        const fs::path p = dir / ("scale" + std::to_string(scale) + ".json");
-        std::ofstream(p) << R"({"curvanaAction": 1, "descriptor": [{"key": "imgS", "type": )"
-                         << R"("integer", "value": )" << scale << "}]}";
-        return p;
-    }
-
-    ScratchDir dir;
-    fs::path module;
-};
+using CorrectionGeometry = RealModuleTest;
 
 // A fisheye of 85 degrees across its diagonal, corrected without constraints:
 // the picture is the closed form of the named regulariser, framed at the
@@ -233,7 +213,7 @@ TEST_F(CorrectionGeometry, ANarrowFisheyeFollowsTheNamedClosedForm) {
                      "--focal-mm", "30", "--crop", "1", "--regularizer", form.name});
         ASSERT_EQ(r.exitCode, 0) << r.err;
         pictures.push_back(readWhole(out));
-        const auto action = loadAction(dir / "xdg" / "curvana" / "last-action.json");
+        const auto action = lastAction();
         const DescriptorEntry* regulariser = action->find(cvKeyRegularizerModel);
         ASSERT_NE(regulariser, nullptr);
         EXPECT_EQ(regulariser->enumValue, form.code) << form.name;
@@ -278,12 +258,8 @@ TEST_F(CorrectionGeometry, ANarrowFisheyeFollowsTheNamedClosedForm) {
 // Zoomed out to half the fit, the picture has an empty border all round. It
 // is black in every mode and depth: zero for grey and RGB, black ink alone
 // for CMYK (zero is no ink), L = 0 with neutral a and b for Lab.
-struct BorderCase {
-    Mode mode;
-    int depth;
-};
-
-class EmptyBorder : public CorrectionGeometry, public ::testing::WithParamInterface<BorderCase> {};
+class EmptyBorder : public CorrectionGeometry,
+                    public ::testing::WithParamInterface<std::tuple<Mode, int>> {};
 
 TEST_P(EmptyBorder, IsBlackInEveryMode) {
     const auto [mode, depth] = GetParam();
@@ -296,7 +272,7 @@ TEST_P(EmptyBorder, IsBlackInEveryMode) {
     const fs::path input = dir / "room.tif", out = dir / "out.tif";
     SampleGen::writeSampleFile(input, o);
     const RunResult r = curvana(
-        {"apply", input.string(), "-o", out.string(), "--params", scaleParams(50).string()});
+        {"apply", input.string(), "-o", out.string(), "--params", paramsFile("imgS", 50).string()});
     ASSERT_EQ(r.exitCode, 0) << r.err;
     const Raster picture = readWhole(out);
     ASSERT_EQ(picture.info.mode, mode);
@@ -323,13 +299,12 @@ TEST_P(EmptyBorder, IsBlackInEveryMode) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, EmptyBorder,
-                         ::testing::Values(BorderCase{Mode::Gray, 8}, BorderCase{Mode::RGB, 8},
-                                           BorderCase{Mode::CMYK, 8}, BorderCase{Mode::Lab, 8},
-                                           BorderCase{Mode::Gray, 16}, BorderCase{Mode::RGB, 16},
-                                           BorderCase{Mode::CMYK, 16}, BorderCase{Mode::Lab, 16}),
-                         [](const ::testing::TestParamInfo<BorderCase>& p) {
-                             return std::string(modeName(p.param.mode)) +
-                                    std::to_string(p.param.depth);
+                         ::testing::Combine(::testing::Values(Mode::Gray, Mode::RGB, Mode::CMYK,
+                                                              Mode::Lab),
+                                            ::testing::Values(8, 16)),
+                         [](const auto& p) {
+                             return std::string(modeName(std::get<0>(p.param))) +
+                                    std::to_string(std::get<1>(p.param));
                          });
 
 // --crop-to-content: no empty pixel, and the frame is the largest such (it
@@ -374,7 +349,7 @@ TEST_F(CorrectionGeometry, CropToContentLeavesNoEmptyPixelAndReachesThePhotosEdg
                                     lens.height - 0.5 - p->y});
         }
     EXPECT_LT(nearest, 4.0);
-    const auto action = loadAction(dir / "xdg" / "curvana" / "last-action.json");
+    const auto action = lastAction();
     const DescriptorEntry* crop = action->find(cvKeyCropToContent);
     ASSERT_NE(crop, nullptr);
     EXPECT_TRUE(crop->boolean);
@@ -390,7 +365,7 @@ TEST_F(CorrectionGeometry, AFullSphericalPanoramaIsAMercatorMapWithStraightEdges
     photo.write(input);
     const RunResult r =
         curvana({"apply", input.string(), "-o", out.string(), "--projection", "full-spherical",
-                 "--regularizer", "mercator", "--params", scaleParams(90).string()});
+                 "--regularizer", "mercator", "--params", paramsFile("imgS", 90).string()});
     ASSERT_EQ(r.exitCode, 0) << r.err;
     const Raster picture = readWhole(out);
 

@@ -4,6 +4,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <tuple>
+
 #include "HostTestUtil.h"
 #include "host/ApplyDescriptor.h"
 #include "host/Descriptor.h"
@@ -53,16 +55,11 @@ TEST(DescriptorJson, RoundTripsEveryTypeInOrder) {
     d.put(data);
     const auto back = descriptorFromJson(nlohmann::json::parse(descriptorToJson(d).dump()), "test");
     ASSERT_EQ(back->entries().size(), 5u);
-    for (size_t i = 0; i < 5; ++i) {
-        const auto &a = d.entries()[i], &b = back->entries()[i];
-        EXPECT_EQ(a.key, b.key);
-        EXPECT_EQ(a.type, b.type);
-        EXPECT_EQ(a.integer, b.integer);
-        EXPECT_EQ(a.number, b.number);
-        EXPECT_EQ(a.boolean, b.boolean);
-        EXPECT_EQ(a.enumValue, b.enumValue);
-        EXPECT_EQ(a.data, b.data);
-    }
+    const auto fields = [](const DescriptorEntry& e) {
+        return std::tie(e.key, e.type, e.integer, e.number, e.boolean, e.enumValue, e.data);
+    };
+    for (size_t i = 0; i < 5; ++i)
+        EXPECT_EQ(fields(d.entries()[i]), fields(back->entries()[i])) << i;
 }
 
 std::string loadError(const fs::path& path) {

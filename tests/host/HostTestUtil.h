@@ -10,12 +10,18 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
+#include <iterator>
 #include <map>
 #include <random>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include "host/Cli.h"
 #include "host/Raster.h"
 
 namespace Curvana::Host::Test {
@@ -187,6 +193,32 @@ inline int maxDifference(const Raster& a, const Raster& b) {
             worst = std::max(worst, std::abs(pa[i] - pb[i]));
     }
     return worst;
+}
+
+// Each of `parts` occurs in `text`.
+inline void expectContains(const std::string& text, std::initializer_list<std::string_view> parts) {
+    for (std::string_view part : parts)
+        EXPECT_NE(text.find(part), std::string::npos) << part << " not in:\n" << text;
+}
+
+// runCli in this process on the given command line (program name first).
+inline int runCliOn(std::vector<std::string> args) {
+    std::vector<char*> argv;
+    for (std::string& a : args)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+    return runCli(static_cast<int>(args.size()), argv.data());
+}
+
+inline std::vector<uint8_t> readBytes(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+inline void writeBytes(const fs::path& path, const std::vector<uint8_t>& bytes) {
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()),
+               static_cast<std::streamsize>(bytes.size()));
 }
 
 inline double meanDifference(const Raster& a, const Raster& b) {

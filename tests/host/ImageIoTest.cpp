@@ -308,6 +308,16 @@ TEST(BigTiff, ChosenOnlyWhenTheFileCouldPassFourGiB) {
     EXPECT_FALSE(needsBigTiff(ImageInfo{36000, 36000, Mode::RGB, 8}, 256, false));  // 3.9 GB
 }
 
+// A tiled TIFF whose every tile is `tile`.
+void writeEveryTile(const fs::path& path, const ImageInfo& info, const TiffWriteOptions& options,
+                    const Raster& tile) {
+    TiffTileWriter writer(path, info, options);
+    for (uint32_t ty = 0; ty < writer.tilesDown(); ++ty)
+        for (uint32_t tx = 0; tx < writer.tilesAcross(); ++tx)
+            writer.writeTile(tx, ty, tile.data.data());
+    writer.close();
+}
+
 TEST(BigTiff, WriterProducesAReadableBigTiff) {
     ScratchDir dir;
     const ImageInfo info{40, 30, Mode::Gray, 16};
@@ -315,13 +325,7 @@ TEST(BigTiff, WriterProducesAReadableBigTiff) {
     options.bigTiff = true;
     options.tileSize = 32;
     const Raster original = randomRaster(ImageInfo{32, 32, Mode::Gray, 16}, 5);
-    {
-        TiffTileWriter writer(dir / "b.tif", info, options);
-        for (uint32_t ty = 0; ty < writer.tilesDown(); ++ty)
-            for (uint32_t tx = 0; tx < writer.tilesAcross(); ++tx)
-                writer.writeTile(tx, ty, original.data.data());
-        writer.close();
-    }
+    writeEveryTile(dir / "b.tif", info, options, original);
     std::ifstream in(dir / "b.tif", std::ios::binary);
     char magic[4];
     in.read(magic, 4);
@@ -346,14 +350,7 @@ TEST(BigTiff, TakesTheExifInPlaceAndGivesItBackExactly) {
     options.bigTiff = true;
     options.tileSize = 32;
     ASSERT_EQ(Exiv2::XmpParser::encode(options.xmpPacket, xmp), 0);
-    const Raster tile = randomRaster(ImageInfo{32, 32, Mode::RGB, 8}, 9);
-    {
-        TiffTileWriter writer(path, info, options);
-        for (uint32_t ty = 0; ty < writer.tilesDown(); ++ty)
-            for (uint32_t tx = 0; tx < writer.tilesAcross(); ++tx)
-                writer.writeTile(tx, ty, tile.data.data());
-        writer.close();
-    }
+    writeEveryTile(path, info, options, randomRaster(ImageInfo{32, 32, Mode::RGB, 8}, 9));
     const Raster pixels = readWhole(path);
 
     auto exif = std::make_shared<Exiv2::ExifData>();

@@ -8,7 +8,7 @@
 
 #include <cmath>
 
-#include "HostTestUtil.h"
+#include "RealModuleTest.h"
 #include "constraints/ConstraintFile.h"
 #include "curvana/CurvanaScripting.h"
 #include "host/Descriptor.h"
@@ -21,14 +21,8 @@ namespace {
 
 using Exif = std::vector<std::pair<std::string, std::string>>;
 
-class RealModuleDefaults : public ::testing::Test {
+class RealModuleDefaults : public RealModuleTest {
 protected:
-    void SetUp() override {
-        module = fs::path(CURVANA_EXE).parent_path() / "libcurvana.so";
-        if (!fs::exists(module))
-            GTEST_SKIP() << "no libcurvana.so beside curvana in this build";
-    }
-
     // A generated room of the given size carrying exactly the EXIF given.
     fs::path photo(const std::string& name, int32_t width, int32_t height, const Exif& exif) {
         SampleGen::SampleFileOptions o;
@@ -50,31 +44,14 @@ protected:
         return p;
     }
 
-    RunResult curvana(std::vector<std::string> args) {
-        args.push_back("--module");
-        args.push_back(module.string());
-        return runProgram(CURVANA_EXE, args, {{"XDG_CONFIG_HOME", (dir / "xdg").string()}}, 120);
-    }
-
-    // The settings the last run recorded.
-    std::unique_ptr<Descriptor> lastAction() {
-        return loadAction(dir / "xdg" / "curvana" / "last-action.json");
-    }
-
     fs::path prefsFile() const {
         return Project::PreferencesFolder(dir / "xdg") / Project::PreferencesFileName();
     }
 
     void savePrefs(const Project::PPreferences& prefs) {
         fs::create_directories(prefsFile().parent_path());
-        const auto bytes = Project::SerializePreferences(prefs);
-        std::ofstream(prefsFile(), std::ios::binary)
-            .write(reinterpret_cast<const char*>(bytes.data()),
-                   static_cast<std::streamsize>(bytes.size()));
+        writeBytes(prefsFile(), Project::SerializePreferences(prefs));
     }
-
-    ScratchDir dir;
-    fs::path module;
 };
 
 // A plain apply opens the photo as the editor would: the camera table, the
@@ -82,10 +59,10 @@ protected:
 // focal length all come from the filter.
 struct MetadataCase {
     const char* name;
-    Exif exif;
     double crop;  // 0: not checked
     double physical;
     uint32_t projection;
+    Exif exif;
 };
 
 class PlainApply : public RealModuleDefaults, public ::testing::WithParamInterface<MetadataCase> {};
@@ -111,34 +88,34 @@ INSTANTIATE_TEST_SUITE_P(
     Cameras, PlainApply,
     ::testing::Values(
         MetadataCase{"table",
-                     {{"Exif.Image.Make", "Canon"},
-                      {"Exif.Image.Model", "Canon EOS 40D"},
-                      {"Exif.Photo.FocalLength", "12/1"}},
                      1.6,
                      12,
-                     cvProjectionFisheye},
+                     cvProjectionFisheye,
+                     {{"Exif.Image.Make", "Canon"},
+                      {"Exif.Image.Model", "Canon EOS 40D"},
+                      {"Exif.Photo.FocalLength", "12/1"}}},
         MetadataCase{"brand",
+                     1.5,
+                     10.5,
+                     cvProjectionFisheye,
                      {{"Exif.Image.Make", "NIKON CORPORATION"},
                       {"Exif.Image.Model", "NIKON D200"},
                       {"Exif.Photo.FocalLength", "105/10"},
-                      {"Exif.Photo.FocalLengthIn35mmFilm", "15"}},
-                     1.5,
-                     10.5,
-                     cvProjectionFisheye},
-        MetadataCase{"sensor",  // 23.6 x 15.7 mm
+                      {"Exif.Photo.FocalLengthIn35mmFilm", "15"}}},
+        MetadataCase{"sensor",
+                     1.526,
+                     10,
+                     cvProjectionFisheye,  // 23.6 x 15.7 mm
                      {{"Exif.Photo.FocalLength", "10/1"},
                       {"Exif.Photo.FocalPlaneXResolution", "48000/236"},
                       {"Exif.Photo.FocalPlaneYResolution", "32000/157"},
-                      {"Exif.Photo.FocalPlaneResolutionUnit", "3"}},
-                     1.526,
-                     10,
-                     cvProjectionFisheye},
+                      {"Exif.Photo.FocalPlaneResolutionUnit", "3"}}},
         // No metadata: a 15 mm lens on a full frame, on the photo's own width.
-        MetadataCase{"none", {}, 1.0, 15, cvProjectionFisheye},
+        MetadataCase{"none", 1.0, 15, cvProjectionFisheye, {}},
         // No crop information: the 35 mm equivalent is unknown, the focal
         // length itself decides.
         MetadataCase{
-            "perspective", {{"Exif.Photo.FocalLength", "24/1"}}, 0, 0, cvProjectionPerspective}),
+            "perspective", 0, 0, cvProjectionPerspective, {{"Exif.Photo.FocalLength", "24/1"}}}),
     [](const auto& param) { return std::string(param.param.name); });
 
 TEST_F(RealModuleDefaults, ResetPreferencesStartsFromTheDefaultsAndSavesThem) {
@@ -228,9 +205,7 @@ TEST_P(ConstraintFileWarnings, ReachTheUser) {
                                {"Exif.Photo.FocalLength", "15/1"}});
     std::vector<uint8_t> bytes = fourLines(Project::ProjectionModel::Fisheye);
     c.damage(bytes);
-    std::ofstream(dir / "lines.cvc", std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()),
-               static_cast<std::streamsize>(bytes.size()));
+    writeBytes(dir / "lines.cvc", bytes);
     const RunResult r = curvana({"apply", in.string(), "-o", (dir / "out.jpg").string(),
                                  "--constraints", (dir / "lines.cvc").string()});
     EXPECT_EQ(r.exitCode, c.exitCode) << r.err;
@@ -267,30 +242,11 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(RealModuleDefaults, VersionNamesTheModuleTheHostTheDeviceAndTheRegistration) {
     const RunResult r = curvana({"--version"});
     ASSERT_EQ(r.exitCode, 0) << r.err;
-    for (const char* text : {"module",
-                             "host",
-                             "27",
-                             "Vulkan device",
-                             "Grey",
-                             "RGB",
-                             "CMYK",
-                             "Lab",
-                             "8 and 16",
-                             "2000000 x 2000000",
-                             "cvnC",
-                             "cnsD",
-                             "Constraint Data",
-                             "prjM",
-                             "Projection Model",
-                             "panP",
-                             "Panorama",
-                             "regM",
-                             "panR",
-                             "Panini",
-                             "focL",
-                             "PhyF",
-                             "CrpF",
-                             "Crop Factor"})
+    std::istringstream said(
+        "module|host|27|Vulkan device|Grey|RGB|CMYK|Lab|8 and 16|2000000 x 2000000|cvnC|cnsD|"
+        "Constraint Data|prjM|Projection Model|panP|Panorama|regM|panR|Panini|focL|PhyF|CrpF|"
+        "Crop Factor");
+    for (std::string text; std::getline(said, text, '|');)
         EXPECT_NE(r.out.find(text), std::string::npos) << text << "\n" << r.out;
 }
 

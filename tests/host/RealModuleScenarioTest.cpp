@@ -7,7 +7,7 @@
 #include <functional>
 #include <limits>
 
-#include "HostTestUtil.h"
+#include "RealModuleTest.h"
 #include "RenderTestSupport.h"
 #include "constraints/ConstraintFile.h"
 #include "curvana/CurvanaScripting.h"
@@ -28,12 +28,12 @@ namespace {
 constexpr int32_t kWidth = 480;
 constexpr int32_t kHeight = 320;
 
-class RealModuleScenario : public ::testing::Test {
+class RealModuleScenario : public RealModuleTest {
 protected:
     void SetUp() override {
-        module = fs::path(CURVANA_EXE).parent_path() / "libcurvana.so";
-        if (!fs::exists(module))
-            GTEST_SKIP() << "no libcurvana.so beside curvana in this build";
+        RealModuleTest::SetUp();
+        if (IsSkipped())
+            return;
         SampleGen::SampleFileOptions o;
         o.scene.width = kWidth;
         o.scene.height = kHeight;
@@ -43,13 +43,6 @@ protected:
         scene = o.scene;
         input = dir / "room.png";
         SampleGen::writeSampleFile(input, o);
-    }
-
-    RunResult curvana(std::vector<std::string> args, int timeoutSeconds = 120) {
-        args.push_back("--module");
-        args.push_back(module.string());
-        return runProgram(CURVANA_EXE, args, {{"XDG_CONFIG_HOME", (dir / "xdg").string()}},
-                          timeoutSeconds);
     }
 
     // A constraint file for an image of the given size with the sample
@@ -90,8 +83,6 @@ protected:
         return p;
     }
 
-    ScratchDir dir;
-    fs::path module;
     fs::path input;
     SampleGen::SceneOptions scene;
 };
@@ -116,7 +107,7 @@ TEST_F(RealModuleScenario, AMatchingConstraintFileIsAppliedAndRecorded) {
     EXPECT_GT(different, a.data.size() / 20);
 
     // The recorded action carries them, so repeat and --params replay them.
-    const auto action = loadAction(dir / "xdg" / "curvana" / "last-action.json");
+    const auto action = lastAction();
     const DescriptorEntry* data = action->find(cvKeyConstraintData);
     ASSERT_NE(data, nullptr);
     EXPECT_GT(data->data.size(), 100u);
@@ -237,9 +228,8 @@ TEST_F(RealModuleScenario, AMismatchingConstraintFileIsRefusedWithTheFiltersMess
     const RunResult r = curvana({"apply", input.string(), "-o", out.string(), "--constraints",
                                  constraintFile("wide.cvc", kWidth + 8, kHeight).string()});
     EXPECT_NE(r.exitCode, 0);
-    EXPECT_NE(r.err.find("Image size doesn't match."), std::string::npos) << r.err;
-    EXPECT_NE(r.err.find("Value in the loaded file: 488x320"), std::string::npos) << r.err;
-    EXPECT_NE(r.err.find("Value of the current image: 480x320"), std::string::npos) << r.err;
+    expectContains(r.err, {"Image size doesn't match.", "Value in the loaded file: 488x320",
+                           "Value of the current image: 480x320"});
     EXPECT_FALSE(fs::exists(out));
 }
 
@@ -254,11 +244,9 @@ TEST_F(RealModuleScenario, CarriesAlphaAndLeavesTheUncoveredAreaTransparent) {
         rgba.data[4 * i + 3] = 255;
     }
     writePng(dir / "alpha.png", rgba, {});
-    std::ofstream(dir / "small.json")
-        << R"({"curvanaAction": 1, "descriptor": [{"key": "imgS", "type": "integer", "value": 50}]})";
     const RunResult r =
         curvana({"apply", (dir / "alpha.png").string(), "-o", (dir / "out.png").string(),
-                 "--params", (dir / "small.json").string()});
+                 "--params", paramsFile("imgS", 50).string()});
     ASSERT_EQ(r.exitCode, 0) << r.err;
     const Raster out = readWhole(dir / "out.png");
     ASSERT_EQ(out.info.alpha, Alpha::Straight);
@@ -296,10 +284,7 @@ TEST_P(RealModuleBadSetting, IsRefusedAndNeverSaved) {
     fs::copy_file(input, photo);
     std::vector<std::string> args = {"apply", photo.string(), "-o", photo.string()};
     if (std::string(entry) == "params") {
-        std::ofstream(dir / "action.json")
-            << R"({"curvanaAction": 1, "descriptor": [{"key": ")" << k << R"(", "type": ")"
-            << (k == "imgS" ? "integer" : "double") << R"(", "value": )" << value << "}]}";
-        args.insert(args.end(), {"--params", (dir / "action.json").string()});
+        args.insert(args.end(), {"--params", paramsFile(k, value, k == "imgS").string()});
     } else if (std::string(entry) == "constraints") {
         const auto cvc = constraintFile("bad.cvc", kWidth, kHeight, "Sample Room Camera",
                                         [&](Project::ConstraintFileSettings& s) {
@@ -323,9 +308,7 @@ TEST_P(RealModuleBadSetting, IsRefusedAndNeverSaved) {
             prefs.settings.cropFactor = static_cast<float>(value);
         const fs::path folder = Project::PreferencesFolder(dir / "xdg");
         fs::create_directories(folder);
-        std::ofstream(folder / Project::PreferencesFileName(), std::ios::binary)
-            .write(reinterpret_cast<const char*>(Project::SerializePreferences(prefs).data()),
-                   static_cast<std::streamsize>(Project::SerializePreferences(prefs).size()));
+        writeBytes(folder / Project::PreferencesFileName(), Project::SerializePreferences(prefs));
         args = {"repeat", photo.string(), "-o", (dir / "out.png").string()};
     }
     const RunResult r = curvana(args, 60);

@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <fstream>
 
-#include "HostTestUtil.h"
+#include "RealModuleTest.h"
 #include "constraints/ConstraintFile.h"
 #include "curvana/CurvanaScripting.h"
 #include "geometry/ProjectionFactory.h"
@@ -36,12 +36,12 @@ struct Scene {
     int minStraightPercent;  // of the room's long edges, after the warp
 };
 
-class SuggestedLinesScenario : public ::testing::TestWithParam<Scene> {
+class SuggestedLinesScenario : public RealModuleTest, public ::testing::WithParamInterface<Scene> {
 protected:
     void SetUp() override {
-        module = fs::path(CURVANA_EXE).parent_path() / "libcurvana.so";
-        if (!fs::exists(module))
-            GTEST_SKIP() << "no libcurvana.so beside curvana in this build";
+        RealModuleTest::SetUp();
+        if (IsSkipped())
+            return;
         const Scene& s = GetParam();
         file.scene.width = 2400;
         file.scene.height = 1600;
@@ -54,11 +54,11 @@ protected:
         SampleGen::writeSampleFile(input, file);
     }
 
-    RunResult curvana(std::vector<std::string> args) {
+    RunResult run(std::vector<std::string> args) {
         args.insert(args.end(),
-                    {"--module", module.string(), "--projection",
+                    {"--projection",
                      GetParam().lens == SampleGen::Lens::Equisolid ? "fisheye" : "perspective"});
-        return runProgram(CURVANA_EXE, args, {{"XDG_CONFIG_HOME", (dir / "xdg").string()}}, 300);
+        return curvana(args, 300);
     }
 
     // Constraint data read back as the filter reads it.
@@ -74,8 +74,7 @@ protected:
         return context;
     }
 
-    ScratchDir dir;
-    fs::path module, input;
+    fs::path input;
     SampleGen::SampleFileOptions file;
 };
 
@@ -85,13 +84,13 @@ protected:
 // lies on a line straight in the scene.
 TEST_P(SuggestedLinesScenario, AutoLinesStraightenTheRoomsLongEdges) {
     const fs::path output = dir / "out.png";
-    const RunResult r = curvana({"apply", input.string(), "-o", output.string(), "--auto-lines"});
+    const RunResult r = run({"apply", input.string(), "-o", output.string(), "--auto-lines"});
     ASSERT_EQ(r.exitCode, 0) << r.err;
     EXPECT_NE(r.err.find("room.png: found "), std::string::npos) << r.err;
     ASSERT_TRUE(fs::exists(output));
 
     // What was applied: the recorded action's constraints and settings.
-    const auto action = loadAction(dir / "xdg" / "curvana" / "last-action.json");
+    const auto action = lastAction();
     const DescriptorEntry* data = action->find(cvKeyConstraintData);
     ASSERT_NE(data, nullptr);
     EXPECT_EQ(action->find(cvKeySuggestedVertical), nullptr);  // counts are no settings
@@ -194,20 +193,17 @@ TEST_P(SuggestedLinesScenario, SuggestWritesAConstraintFileOfTheLines) {
         GTEST_SKIP() << "one scene is enough";
     const fs::path cvc = dir / "lines.cvc";
     RunResult r =
-        curvana({"suggest", input.string(), "-o", cvc.string(), "--verticals-only", "--max", "4"});
+        run({"suggest", input.string(), "-o", cvc.string(), "--verticals-only", "--max", "4"});
     ASSERT_EQ(r.exitCode, 0) << r.err;
     EXPECT_NE(r.err.find("found 4 lines (4 vertical, 0 horizontal, 0 unfixed)"), std::string::npos)
         << r.err;
-    std::ifstream in(cvc, std::ios::binary);
-    const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)),
-                                     std::istreambuf_iterator<char>());
     Project::ConstraintSet set;
-    readLines(bytes, set);
+    readLines(readBytes(cvc), set);
     ASSERT_EQ(set.Size(), 4u);
     for (const auto& c : set.Constraints())
         EXPECT_EQ(Project::AsLine(*c)->GetOrientation(), Project::Orientation::Vertical);
 
-    r = curvana(
+    r = run(
         {"apply", input.string(), "-o", (dir / "out.png").string(), "--constraints", cvc.string()});
     EXPECT_EQ(r.exitCode, 0) << r.err;
 }

@@ -20,25 +20,12 @@ PPreferences DistinctPrefs() {
     p.flags = 0x12345678;
     p.dialogPlacement = {10, 20, 800, 600};
     PSettings& s = p.settings;
-    s.s1 = 7;
-    s.s2 = 0xBEEF;
-    s.s3 = 3;
-    s.s4 = 4;
-    s.s5 = 5;
-    s.s6 = 0xA0B0C0D0;
-    s.s7 = 77;
+    s.s1 = 7, s.s2 = 0xBEEF, s.s3 = 3, s.s4 = 4, s.s5 = 5, s.s6 = 0xA0B0C0D0, s.s7 = 77;
     s.colors = {0x01010101, 0x02020202, 0x03030303, 0x44444444, 0x55555555, 0x06060606};
-    s.s8 = 8;
-    s.s9 = 9;
-    s.iterationCount = 12;
-    s.focalLength = 1234.5f;
-    s.physicalFocalLength = 10.5f;
-    s.cropFactor = 1.5f;
+    s.s8 = 8, s.s9 = 9, s.iterationCount = 12;
+    s.focalLength = 1234.5f, s.physicalFocalLength = 10.5f, s.cropFactor = 1.5f;
     s.projectionModel = ProjectionModel::Perspective;
-    s.s10 = 0;
-    s.s11 = 2;
-    s.s12 = 0;
-    s.s13 = 1;
+    s.s10 = 0, s.s11 = 2, s.s12 = 0, s.s13 = 1;
     s.path = "/photos/Constraints.cvc";
     s.showLoupeWhenDragging = 0;
     s.loupeSize = 250;
@@ -54,10 +41,6 @@ auto Stored(const PPreferences& p) {
                     s.showLoupeWhenDragging, s.loupeSize);
 }
 
-void ExpectStoredFieldsEqual(const PPreferences& a, const PPreferences& b) {
-    EXPECT_EQ(Stored(a), Stored(b));
-}
-
 uint32_t WordAt(const std::vector<uint8_t>& b, size_t at, std::endian order) {
     return ByteReader(std::span(b).subspan(at), order).U32();
 }
@@ -69,7 +52,7 @@ TEST_P(PreferencesByteOrder, RoundTripsEveryStoredField) {
     const std::vector<uint8_t> bytes = SerializePreferences(written, GetParam());
     PPreferences read(100);
     ASSERT_TRUE(ParsePreferences(bytes, read));
-    ExpectStoredFieldsEqual(read, written);
+    EXPECT_EQ(Stored(read), Stored(written));
     EXPECT_EQ(read.settings.settingsVersion, 1u);
 }
 
@@ -155,7 +138,7 @@ TEST(PreferencesFile, ATruncatedFileKeepsWhatItHolds) {
     // Only the end word missing: everything is there.
     PPreferences read(640);
     ASSERT_TRUE(ParsePreferences(std::span(full).first(full.size() - 4), read));
-    ExpectStoredFieldsEqual(read, written);
+    EXPECT_EQ(Stored(read), Stored(written));
 }
 
 // A foreign mark, type or word 3, or a payload too short for a chunk, is
@@ -177,7 +160,7 @@ TEST(PreferencesFile, TheHeaderDecidesWhatIsRead) {
         std::memcpy(bytes.data() + p.at, &p.value, 4);
         PPreferences read;
         ASSERT_EQ(ParsePreferences(bytes, read), p.read) << p.at << " " << p.value;
-        ExpectStoredFieldsEqual(read, p.read ? DistinctPrefs() : PPreferences());
+        EXPECT_EQ(Stored(read), Stored(p.read ? DistinctPrefs() : PPreferences()));
     }
     std::vector<uint8_t> bytes = good;
     const uint32_t flagsLength = 1000;
@@ -230,7 +213,7 @@ TEST(PreferencesFile, ChunksOfOtherOwnersAndIdsAreSkipped) {
         chunks.insert(chunks.end(), c.begin(), c.end());
     PPreferences read;
     ASSERT_TRUE(ParsePreferences(FileOf(chunks), read));
-    ExpectStoredFieldsEqual(read, written);
+    EXPECT_EQ(Stored(read), Stored(written));
 }
 
 TEST(PreferencesFile, PlacementTagsAreSelfDescribing) {
@@ -265,17 +248,14 @@ TEST(PreferencesFile, SaveCreatesTheFolderReplacesAtomicallyAndLoads) {
     ASSERT_TRUE(SavePreferencesFile(file, DistinctPrefs()));
     ASSERT_TRUE(SavePreferencesFile(file, DistinctPrefs()));  // replaces
     ASSERT_TRUE(LoadPreferencesFile(file, read));
-    ExpectStoredFieldsEqual(read, DistinctPrefs());
+    EXPECT_EQ(Stored(read), Stored(DistinctPrefs()));
     // Nothing but the file is left in the folder.
-    int entries = 0;
-    for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator(file.parent_path()))
-        ++entries;
-    EXPECT_EQ(entries, 1);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(file.parent_path()), {}), 1);
 
     std::ofstream(file, std::ios::binary | std::ios::trunc) << "short";
     PPreferences defaults;
     EXPECT_FALSE(LoadPreferencesFile(file, defaults));
-    ExpectStoredFieldsEqual(defaults, PPreferences());
+    EXPECT_EQ(Stored(defaults), Stored(PPreferences()));
 
     // A file where the first folder should be: the save fails cleanly.
     test::TempFolder blocked;

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "core/FourCC.h"
 #include "session/ActionDescriptor.h"
 
@@ -105,12 +107,8 @@ TEST(ScriptParameters, WritesKeysInTheFixedOrderAndReadsThemBack) {
     PSettings written(1000);
     written.projectionModel = ProjectionModel::FullSpherical;
     written.regularizerModel = RegularizerModel::Panini;
-    written.focalLength = 999.0f;
-    written.physicalFocalLength = 8.0f;
-    written.cropFactor = 2.0f;
-    written.scale = 80;
-    written.offsetX = 0.125f;
-    written.offsetY = 0.875f;
+    written.focalLength = 999.0f, written.physicalFocalLength = 8.0f, written.cropFactor = 2.0f;
+    written.scale = 80, written.offsetX = 0.125f, written.offsetY = 0.875f;
     written.s1 = 1;  // crop to content
     RecordingConstraints out;
     out.bytes = {1, 2, 3, 4};
@@ -129,15 +127,11 @@ TEST(ScriptParameters, WritesKeysInTheFixedOrderAndReadsThemBack) {
     PSettings read(10);
     RecordingConstraints in;
     Read(d, read, &in);
-    EXPECT_EQ(read.projectionModel, written.projectionModel);
-    EXPECT_EQ(read.regularizerModel, written.regularizerModel);
-    EXPECT_EQ(read.focalLength, written.focalLength);
-    EXPECT_EQ(read.physicalFocalLength, written.physicalFocalLength);
-    EXPECT_EQ(read.cropFactor, written.cropFactor);
-    EXPECT_EQ(read.scale, written.scale);
-    EXPECT_EQ(read.offsetX, written.offsetX);
-    EXPECT_EQ(read.offsetY, written.offsetY);
-    EXPECT_EQ(read.s1, 1);
+    const auto fields = [](const PSettings& s) {
+        return std::tie(s.projectionModel, s.regularizerModel, s.focalLength, s.physicalFocalLength,
+                        s.cropFactor, s.scale, s.offsetX, s.offsetY, s.s1);
+    };
+    EXPECT_EQ(fields(read), fields(written));
     ASSERT_EQ(in.parsed.size(), 1u);
     EXPECT_EQ(in.parsed[0], out.bytes);
 

@@ -14,32 +14,11 @@ using test::DegreesFromVertical;
 using test::DirectionOf;
 using test::Fisheye;
 using test::FitLine;
+using test::MapSegment;
 using test::NominalScale;
 using test::OutputOf;
+using test::SolveLines;
 using test::SourcePixelOf;
-
-std::shared_ptr<LineSolve> Solve(const std::shared_ptr<const PhotoToSphere>& photo,
-                                 const std::shared_ptr<GeodesicLines>& lines) {
-    auto solver = std::make_shared<LineSolve>(
-        lines->Locator().MeshRef(), photo, lines, 0.001f, 8, false, RegularizerModel::Stereographic,
-        1, true, false, AngleRange{-1.6f, 1.6f}, AngleRange{-3.2f, 3.2f}, 10.0, 1.0, 3.0);
-    solver->Solve();
-    return solver;
-}
-
-// Output positions of dense points along a segment of the camera frame.
-std::vector<Eigen::Vector2d> MapSegment(const LineSolve& warp, const MeshLocator& locator,
-                                        const Eigen::Vector3d& a, const Eigen::Vector3d& b,
-                                        int count = 200) {
-    std::vector<Eigen::Vector2d> out;
-    for (int k = 0; k <= count; ++k) {
-        const Eigen::Vector3d p = a + (b - a) * (double(k) / count);
-        if (const auto o = OutputOf(warp, locator, DirectionOf(p))) {
-            out.push_back(*o);
-        }
-    }
-    return out;
-}
 
 TEST(LineSolveConstraintTest, AVerticalLineThroughAFisheyeComesOutVerticalAndStraight) {
     auto photo = Fisheye(1200, 800, 380.0f);
@@ -58,14 +37,14 @@ TEST(LineSolveConstraintTest, AVerticalLineThroughAFisheyeComesOutVerticalAndStr
     {
         auto coarse =
             std::make_shared<GeodesicLines>(photo, std::make_shared<const OctaMap>(4, false));
-        auto unconstrained = Solve(photo, coarse);
+        auto unconstrained = SolveLines(photo, coarse);
         const auto bent = MapSegment(*unconstrained, coarse->Locator(), top, bottom);
         EXPECT_GT(FitLine(bent).maxDeviation *
                       NominalScale(*unconstrained, coarse->Locator(), *photo, 3000, 2000),
                   10.0);
     }
 
-    auto solver = Solve(photo, lines);
+    auto solver = SolveLines(photo, lines);
     ASSERT_TRUE(solver->IsSolved());
     EXPECT_LT(solver->Timings().iterations,
               8);  // a fixed normal makes the problem linear: stops early
@@ -77,7 +56,7 @@ TEST(LineSolveConstraintTest, AVerticalLineThroughAFisheyeComesOutVerticalAndStr
     EXPECT_LT(DegreesFromVertical(fit.direction), 0.2);
     // A soft term: never exactly zero, but a small fraction of the energy the
     // same line has in the warp without it.
-    const double bent = Solve(photo, std::make_shared<GeodesicLines>(photo, mesh))
+    const double bent = SolveLines(photo, std::make_shared<GeodesicLines>(photo, mesh))
                             ->LineEnergy(lines->Lines().front(), -1);
     EXPECT_GT(solver->Energy(), 0.0);
     EXPECT_LT(solver->Energy(), 1e-2 * bent);
@@ -99,7 +78,7 @@ TEST(LineSolveConstraintTest, AFreeLineTakesAnAngleOfItsOwnAndAnArbitraryOneItsF
             line.SetOrientation(Orientation::Arbitrary, -20.0f);
         line.SetId(3);
         ASSERT_TRUE(lines->FitLine(line));
-        auto solver = Solve(photo, lines);
+        auto solver = SolveLines(photo, lines);
         ASSERT_TRUE(solver->IsSolved());
         const test::LineFit fit = FitLine(MapSegment(*solver, lines->Locator(), a, b));
         EXPECT_LT(fit.maxDeviation * NominalScale(*solver, lines->Locator(), *photo, 3000, 2000),
@@ -141,7 +120,7 @@ TEST(LineSolveConstraintTest, APolygonComesOutProjective) {
     ASSERT_TRUE(lines->SetUpPlane(plane));
     ASSERT_EQ(lines->ActivePlaneCount(), 1);
 
-    auto solver = Solve(photo, lines);
+    auto solver = SolveLines(photo, lines);
     ASSERT_TRUE(solver->IsSolved());
     const double scale = NominalScale(*solver, lines->Locator(), *photo, 3000, 2000);
 
@@ -150,9 +129,8 @@ TEST(LineSolveConstraintTest, APolygonComesOutProjective) {
     for (int a = 1; a < 10; ++a) {
         for (int b = 1; b < 10; ++b) {
             const double s = a / 10.0, t = b / 10.0;
-            if (const auto o = OutputOf(*solver, lines->Locator(), DirectionOf(wall(s, t)))) {
+            if (const auto o = OutputOf(*solver, lines->Locator(), DirectionOf(wall(s, t))))
                 pairs.push_back({Eigen::Vector2d(s, t), *o});
-            }
         }
     }
     ASSERT_GT(pairs.size(), 70u);

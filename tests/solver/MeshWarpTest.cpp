@@ -15,16 +15,6 @@ using test::Fisheye;
 constexpr AngleRange kAnyLatitude{-1.6f, 1.6f};
 constexpr AngleRange kAnyLongitude{-3.2f, 3.2f};
 
-std::shared_ptr<LineSolve> MakeLineSolve(
-    int32_t level, std::shared_ptr<const PhotoToSphere> photo,
-    std::shared_ptr<const GeodesicLines> lines,
-    RegularizerModel regulariser = RegularizerModel::Stereographic) {
-    auto mesh = lines ? lines->Locator().MeshRef() : std::make_shared<const OctaMap>(level, false);
-    return std::make_shared<LineSolve>(mesh, std::move(photo), std::move(lines), 0.001f, 8, false,
-                                       regulariser, 1, true, false, kAnyLatitude, kAnyLongitude,
-                                       10.0, 1.0, 3.0);
-}
-
 TEST(IterativeWarpSolverTest, RegulariserEverywhereGivesTheClosedFormAndRunsEveryIteration) {
     auto mesh = std::make_shared<const OctaMap>(3, false);
     auto photo = Fisheye(800, 600, 300.0f);
@@ -109,8 +99,7 @@ TEST(IterativeWarpSolverTest, ValidityFollowsThePhotoAndTheTwoPassRanges) {
 // boundary as everywhere.
 TEST(LineSolveTest, WithoutConstraintsTheWarpKeepsTheConformalClosedForm) {
     auto photo = Fisheye(1200, 800, 400.0f);
-    auto solver = MakeLineSolve(5, photo, nullptr);
-    solver->Solve();
+    auto solver = test::SolveLines(photo, nullptr, 5);
     ASSERT_TRUE(solver->IsSolved());
     EXPECT_EQ(solver->Timings().iterations, 8);
     EXPECT_EQ(solver->Energy(), 0.0);
@@ -123,9 +112,8 @@ TEST(LineSolveTest, WithoutConstraintsTheWarpKeepsTheConformalClosedForm) {
     double worstShape = 0.0;
     for (int32_t j = 0; j < n; ++j) {
         for (int32_t i = 0; i < n; ++i) {
-            if (!solver->IsVertexValid(i, j) || OctaMap::Fold(n, i, j) != MeshVertex{i, j}) {
+            if (!solver->IsVertexValid(i, j) || OctaMap::Fold(n, i, j) != MeshVertex{i, j})
                 continue;
-            }
             float x, y, gx, gy;
             solver->GetVertexPosition(i, j, x, y);
             solver->Regulariser().GetVertexPosition(i, j, gx, gy);
@@ -157,9 +145,8 @@ TEST(LineSolveTest, WithoutConstraintsTheWarpKeepsTheConformalClosedForm) {
     }
     // Best similarity out = a closed + b (least squares in complex numbers).
     C meanOut = 0.0, meanClosed = 0.0;
-    for (size_t k = 0; k < out.size(); ++k) {
+    for (size_t k = 0; k < out.size(); ++k)
         meanOut += out[k], meanClosed += closed[k];
-    }
     meanOut /= double(out.size()), meanClosed /= double(out.size());
     C num = 0.0;
     double den = 0.0;
@@ -174,9 +161,8 @@ TEST(LineSolveTest, WithoutConstraintsTheWarpKeepsTheConformalClosedForm) {
     for (size_t k = 0; k < out.size(); ++k) {
         const double e = std::abs(out[k] - (a * (closed[k] - meanClosed) + meanOut)) / std::abs(a);
         worst = std::max(worst, e);
-        if (boundary[k]) {
+        if (boundary[k])
             worstBoundary = std::max(worstBoundary, e);
-        }
     }
     EXPECT_GT(worstBoundary, 0.0);
     EXPECT_LT(worst, 0.05);      // radians of the closed form's plane; the disc has radius 2
@@ -185,8 +171,7 @@ TEST(LineSolveTest, WithoutConstraintsTheWarpKeepsTheConformalClosedForm) {
 
 TEST(LineSolveTest, ALineWithoutSamplesAddsNoEnergy) {
     auto photo = Fisheye(800, 600, 300.0f);
-    auto solver = MakeLineSolve(3, photo, nullptr);
-    solver->Solve();
+    auto solver = test::SolveLines(photo, nullptr, 3);
     GeodesicLine empty;
     empty.active = true;
     empty.fitted = true;

@@ -45,9 +45,8 @@ TEST_P(SparseCholeskyOrderingTest, SolvesAndRefactorisesWithTheSameAnalysis) {
 
     for (unsigned round = 0; round < 3; ++round) {
         // New values on the same pattern: scale the diagonal up.
-        for (int k = 0; k < n; ++k) {
+        for (int k = 0; k < n; ++k)
             a.coeffRef(k, k) += round;
-        }
         ASSERT_EQ(cholesky->Factorize(a), SparseStatus::Success) << cholesky->Message();
         const Eigen::VectorXd b = RandomVector(n, 100 + round);
         Eigen::VectorXd x;
@@ -93,9 +92,8 @@ TEST(SparseCholeskyTest, SingularMatrixIsNotPositiveDefinite) {
     std::vector<Eigen::Triplet<double>> t;
     for (int k = 0; k < n; ++k) {
         t.emplace_back(k, k, (k == 0 || k == n - 1) ? 1.0 : 2.0);
-        if (k + 1 < n) {
+        if (k + 1 < n)
             t.emplace_back(k, k + 1, -1.0);
-        }
     }
     SymmetricUpperMatrix a(n, n);
     a.setFromTriplets(t.begin(), t.end());
@@ -140,9 +138,8 @@ TEST(SparseCholeskyTest, IgnoresEntriesBelowTheDiagonal) {
     Eigen::SparseMatrix<double, Eigen::RowMajor, int> full = upper;
     full += SymmetricUpperMatrix(upper.transpose()) * 5.0;
     full.makeCompressed();
-    for (int r = 0; r < n; ++r) {
+    for (int r = 0; r < n; ++r)
         full.coeffRef(r, r) = upper.coeff(r, r);
-    }
     const auto cholesky = SparseCholesky::Create();
     ASSERT_EQ(cholesky->Analyze(full), SparseStatus::Success);
     ASSERT_EQ(cholesky->Factorize(full), SparseStatus::Success);

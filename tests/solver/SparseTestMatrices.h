@@ -18,9 +18,8 @@ inline SymmetricUpperMatrix RandomSpdGrid(int side, unsigned seed) {
     std::vector<Eigen::Triplet<double>> triplets;
     std::vector<double> rowSums(static_cast<size_t>(n), 0.0);
     auto couple = [&](int a, int b) {
-        if (a == b) {
+        if (a == b)
             return;
-        }
         const double v = offDiagonal(rng);
         triplets.emplace_back(std::min(a, b), std::max(a, b), v);
         rowSums[static_cast<size_t>(a)] += std::abs(v);
@@ -29,20 +28,16 @@ inline SymmetricUpperMatrix RandomSpdGrid(int side, unsigned seed) {
     for (int j = 0; j < side; ++j) {
         for (int i = 0; i < side; ++i) {
             const int k = i + j * side;
-            if (i + 1 < side) {
+            if (i + 1 < side)
                 couple(k, k + 1);
-            }
-            if (j + 1 < side) {
+            if (j + 1 < side)
                 couple(k, k + side);
-            }
         }
     }
-    for (int extra = 0; extra < side; ++extra) {
+    for (int extra = 0; extra < side; ++extra)
         couple(anyIndex(rng), anyIndex(rng));
-    }
-    for (int k = 0; k < n; ++k) {
+    for (int k = 0; k < n; ++k)
         triplets.emplace_back(k, k, rowSums[static_cast<size_t>(k)] + 0.5);
-    }
     SymmetricUpperMatrix m(n, n);
     m.setFromTriplets(triplets.begin(), triplets.end());
     m.makeCompressed();
@@ -59,9 +54,8 @@ inline Eigen::VectorXd RandomVector(int n, unsigned seed) {
     std::mt19937 rng(seed);
     std::uniform_real_distribution<double> value(-1.0, 1.0);
     Eigen::VectorXd v(n);
-    for (int k = 0; k < n; ++k) {
+    for (int k = 0; k < n; ++k)
         v[k] = value(rng);
-    }
     return v;
 }
 

@@ -21,6 +21,20 @@ inline std::shared_ptr<const PhotoToSphere> Fisheye(int32_t width, int32_t heigh
     return std::make_shared<FisheyeImage>(raster, f, width * 0.5f, height * 0.5f);
 }
 
+// A solved line solve with the solver's defaults (stereographic, eight
+// iterations, every latitude and longitude) over the mesh of `lines`, or
+// without lines over a new mesh of `level`.
+inline std::shared_ptr<LineSolve> SolveLines(const std::shared_ptr<const PhotoToSphere>& photo,
+                                             const std::shared_ptr<const GeodesicLines>& lines,
+                                             int32_t level = 0) {
+    auto mesh = lines ? lines->Locator().MeshRef() : std::make_shared<const OctaMap>(level, false);
+    auto solver = std::make_shared<LineSolve>(
+        mesh, photo, lines, 0.001f, 8, false, RegularizerModel::Stereographic, 1, true, false,
+        AngleRange{-1.6f, 1.6f}, AngleRange{-3.2f, 3.2f}, 10.0, 1.0, 3.0);
+    solver->Solve();
+    return solver;
+}
+
 // The photo direction of a point of the camera frame (x right, y down, z forward).
 inline SphereDirection DirectionOf(const Eigen::Vector3d& p) {
     return {static_cast<float>(std::atan2(p.x(), p.z())),
@@ -40,9 +54,8 @@ inline std::optional<Eigen::Vector2d> OutputOf(const LineSolve& warp, const Mesh
                                                SphereDirection d) {
     const auto quad = locator.Locate(d);
     double x, y;
-    if (!quad || !warp.SamplePosition(*quad, x, y)) {
+    if (!quad || !warp.SamplePosition(*quad, x, y))
         return std::nullopt;
-    }
     return Eigen::Vector2d(x, y);
 }
 
@@ -54,9 +67,8 @@ inline std::optional<Eigen::Vector2d> OutputOfPixel(const LineSolve& warp,
     SphereDirection d;
     const ImagePoint ip{static_cast<float>(px - photo.Raster().halfWidth),
                         static_cast<float>(py - photo.Raster().halfHeight)};
-    if (!photo.ToSphere(ip, d)) {
+    if (!photo.ToSphere(ip, d))
         return std::nullopt;
-    }
     return OutputOf(warp, locator, d);
 }
 
@@ -81,6 +93,18 @@ inline double NominalScale(const LineSolve& warp, const MeshLocator& locator,
     return std::min(width / extent.x(), height / extent.y());
 }
 
+// Output positions of count + 1 evenly spaced points of a camera-frame
+// segment (those the warp covers).
+inline std::vector<Eigen::Vector2d> MapSegment(const LineSolve& warp, const MeshLocator& locator,
+                                               const Eigen::Vector3d& a, const Eigen::Vector3d& b,
+                                               int count = 200) {
+    std::vector<Eigen::Vector2d> out;
+    for (int k = 0; k <= count; ++k)
+        if (const auto o = OutputOf(warp, locator, DirectionOf(a + (b - a) * (double(k) / count))))
+            out.push_back(*o);
+    return out;
+}
+
 // How straight a polyline is: the largest distance of a point from the
 // least-squares line, and that line's direction (unit).
 struct LineFit {
@@ -90,21 +114,18 @@ struct LineFit {
 
 inline LineFit FitLine(const std::vector<Eigen::Vector2d>& points) {
     Eigen::Vector2d mean = Eigen::Vector2d::Zero();
-    for (const auto& p : points) {
+    for (const auto& p : points)
         mean += p;
-    }
     mean /= static_cast<double>(points.size());
     Eigen::Matrix2d scatter = Eigen::Matrix2d::Zero();
-    for (const auto& p : points) {
+    for (const auto& p : points)
         scatter += (p - mean) * (p - mean).transpose();
-    }
     const Eigen::SelfAdjointEigenSolver<Eigen::Matrix2d> eig(scatter);
     LineFit fit;
     fit.direction = eig.eigenvectors().col(1);
     const Eigen::Vector2d normal = eig.eigenvectors().col(0);
-    for (const auto& p : points) {
+    for (const auto& p : points)
         fit.maxDeviation = std::max(fit.maxDeviation, std::abs((p - mean).dot(normal)));
-    }
     return fit;
 }
 

@@ -93,10 +93,8 @@ TEST(ClosedFormWarp, DomainEdges) {
     panini.GetVertexPosition(c, n - 1, x, y);
     EXPECT_EQ(x, 0.0f);
     // The view centre: every projection puts it at the origin.
-    for (const ClosedFormWarp* w : {static_cast<const ClosedFormWarp*>(&stereo),
-                                    static_cast<const ClosedFormWarp*>(&mercator),
-                                    static_cast<const ClosedFormWarp*>(&panini),
-                                    static_cast<const ClosedFormWarp*>(&equirect)}) {
+    for (const ClosedFormWarp* w :
+         std::initializer_list<const ClosedFormWarp*>{&stereo, &mercator, &panini, &equirect}) {
         w->GetVertexPosition(c, c, x, y);
         EXPECT_NEAR(x, 0.0f, 1e-7f);
         EXPECT_NEAR(y, 0.0f, 1e-7f);

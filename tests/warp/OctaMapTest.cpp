@@ -73,9 +73,8 @@ TEST_P(OctaMapLayout, BorderFoldNamesTheSamePointAndNothingElseCoincides) {
             EXPECT_EQ(mesh.StoredDirection(i, j), mesh.StoredDirection(v.i, v.j))
                 << i << "," << j << " -> " << v.i << "," << v.j;
             EXPECT_EQ(mesh.CanonicalIndex(i, j), v.i + v.j * n);
-            if (v.i == i && v.j == j) {
+            if (v.i == i && v.j == j)
                 canonical.push_back(mesh.Index(i, j));
-            }
         }
     }
     // Every fold pair of the border, spelled out.
@@ -130,9 +129,8 @@ TEST_P(OctaMapLayout, EqualAngleStepsAlongEveryTriangleEdge) {
 
 TEST_P(OctaMapLayout, CellsAreNearlyUniform) {
     const auto [level, flag] = GetParam();
-    if (level < 2) {
+    if (level < 2)
         GTEST_SKIP() << "too coarse for a cell-size bound";
-    }
     const OctaMap mesh(level, flag);
     const int32_t n = mesh.Width();
     double lo = 1e9;
@@ -156,11 +154,9 @@ TEST(OctaMap, LayoutFlagMirrorsTheRows) {
     const OctaMap plain(3, false);
     const OctaMap flipped(3, true);
     const int32_t n = plain.Width();
-    for (int32_t j = 0; j < n; ++j) {
-        for (int32_t i = 0; i < n; ++i) {
+    for (int32_t j = 0; j < n; ++j)
+        for (int32_t i = 0; i < n; ++i)
             EXPECT_EQ(flipped.StoredDirection(i, j), plain.StoredDirection(i, n - 1 - j));
-        }
-    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Levels, OctaMapLayout,
@@ -217,9 +213,8 @@ TEST(OctaMap, RotationTurnsDirectionsAndFrames) {
         EXPECT_NEAR(Dot(f.north, f.north), 1.0, 1e-12);
         EXPECT_NEAR(Dot(f.east, f.north), 0.0, 1e-12);
         const Vec3d up = Cross(f.east, f.north);
-        for (int m = 0; m < 3; ++m) {
+        for (int m = 0; m < 3; ++m)
             EXPECT_NEAR(up[m], d[m], 2e-6) << i << "," << j;
-        }
     }
 }
 

@@ -43,7 +43,7 @@ TEST(WarpPhotoModels, MeshCentreIsThePhotoCentreAndAxesMatch) {
 
 struct ModelCase {
     std::string name;
-    std::function<std::shared_ptr<PhotoToSphere>()> make;
+    std::shared_ptr<const PhotoToSphere> photo;
     // Expected validity from the vertex's place alone (ring = |i - c| + |j - c|),
     // or null when only the model's own answer can be compared.
     std::function<bool(int32_t i, int32_t ring, int32_t c)> expected;
@@ -56,7 +56,7 @@ TEST_P(WarpPhotoModelValidity, VertexValidityFollowsTheModel) {
     auto mesh = std::make_shared<OctaMap>(5, false);
     const int32_t n = mesh->Width();
     const int32_t c = mesh->Centre();
-    const std::shared_ptr<const PhotoToSphere> photo = mc.make();
+    const std::shared_ptr<const PhotoToSphere>& photo = mc.photo;
     // Validity is the closed forms' common part: one of them stands for all.
     const auto warp = MakeClosedForm(RegularizerModel::Stereographic, mesh, photo);
     int32_t valid = 0;
@@ -81,44 +81,28 @@ INSTANTIATE_TEST_SUITE_P(
         // Equisolid fisheye: the open front hemisphere, i.e. strictly inside
         // the diamond (its rim is exactly 90 degrees off the axis).
         ModelCase{"Fisheye",
-                  [] {
-                      return std::make_shared<FisheyeImage>(Raster(3000, 2000), 900.0f, 1500.0f,
-                                                            1000.0f);
-                  },
+                  std::make_shared<FisheyeImage>(Raster(3000, 2000), 900.0f, 1500.0f, 1000.0f),
                   [](int32_t, int32_t ring, int32_t c) { return ring < c; }},
         // Pinhole: |lambda| < 1.57 at any latitude, so the centre column up
         // to both poles (lambda = 0 there) counts too.
         ModelCase{"Perspective",
-                  [] {
-                      return std::make_shared<PerspectiveImage>(Raster(3000, 2000), 1500.0f,
-                                                                1500.0f, 1000.0f);
-                  },
+                  std::make_shared<PerspectiveImage>(Raster(3000, 2000), 1500.0f, 1500.0f, 1000.0f),
                   [](int32_t i, int32_t ring, int32_t c) { return ring < c || i == c; }},
         ModelCase{"KestrixFisheye",
-                  [] {
-                      return std::make_shared<KestrixFisheye>(Raster(3000, 2000), 800.0f, 810.0f,
-                                                              0.01f, -0.002f, 3.0f, -2.0f);
-                  },
+                  std::make_shared<KestrixFisheye>(Raster(3000, 2000), 800.0f, 810.0f, 0.01f,
+                                                   -0.002f, 3.0f, -2.0f),
                   [](int32_t, int32_t ring, int32_t c) { return ring < c; }},
         ModelCase{"KestrixPerspective",
-                  [] {
-                      return std::make_shared<KestrixPerspective>(Raster(3000, 2000), 1400.0f,
-                                                                  1400.0f, -0.05f, 0.01f, 0.0f,
-                                                                  0.001f, -0.001f, 2.0f, 1.0f);
-                  },
+                  std::make_shared<KestrixPerspective>(Raster(3000, 2000), 1400.0f, 1400.0f, -0.05f,
+                                                       0.01f, 0.0f, 0.001f, -0.001f, 2.0f, 1.0f),
                   [](int32_t, int32_t ring, int32_t c) { return ring < c; }},
         // Full spherical 2:1 and a cylindrical strip: raster containment only.
         ModelCase{"Spherical",
-                  [] {
-                      return std::make_shared<SphericalImage>(
-                          Raster(2000, 1000), 1000.0f / 3.1415927f, 1000.0f, 500.0f);
-                  },
+                  std::make_shared<SphericalImage>(Raster(2000, 1000), 1000.0f / 3.1415927f,
+                                                   1000.0f, 500.0f),
                   nullptr},
         ModelCase{"Cylindrical",
-                  [] {
-                      return std::make_shared<CylindricalImage>(Raster(4000, 1000), 636.6f, 2000.0f,
-                                                                500.0f);
-                  },
+                  std::make_shared<CylindricalImage>(Raster(4000, 1000), 636.6f, 2000.0f, 500.0f),
                   nullptr}),
     [](const ::testing::TestParamInfo<ModelCase>& p) { return p.param.name; });
 
