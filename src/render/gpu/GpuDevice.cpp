@@ -202,6 +202,33 @@ Result<detail::BufferResource> GpuDevice::Impl::CreateBuffer(VkDeviceSize size,
     return out;
 }
 
+Status GpuDevice::Impl::CreateImageHandle(detail::ImageResource& out, VkImageTiling tiling,
+                                          VkImageUsageFlags usage, VkImageLayout initial) const {
+    auto info = detail::Info<VkImageCreateInfo>(VK_STRUCTURE_TYPE_IMAGE_CREATE_INFO);
+    info.imageType = VK_IMAGE_TYPE_2D;
+    info.format = out.format;
+    info.extent = {out.width, out.height, 1};
+    info.mipLevels = 1;
+    info.arrayLayers = 1;
+    info.samples = VK_SAMPLE_COUNT_1_BIT;
+    info.tiling = tiling;
+    info.usage = usage;
+    info.sharingMode = VK_SHARING_MODE_EXCLUSIVE;
+    info.initialLayout = initial;
+    return detail::Assign(
+        out.image, detail::Create<detail::Image>(vk(), vkCreateImage, info, "vkCreateImage"));
+}
+
+Status GpuDevice::Impl::CreateView(detail::ImageResource& out) const {
+    auto info = detail::Info<VkImageViewCreateInfo>(VK_STRUCTURE_TYPE_IMAGE_VIEW_CREATE_INFO);
+    info.image = out.image.get();
+    info.viewType = VK_IMAGE_VIEW_TYPE_2D;
+    info.format = out.format;
+    info.subresourceRange = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 1, 0, 1};
+    return detail::Assign(out.view, detail::Create<detail::ImageView>(vk(), vkCreateImageView, info,
+                                                                      "vkCreateImageView"));
+}
+
 Result<detail::ImageResource> GpuDevice::Impl::CreateImage(uint32_t width, uint32_t height,
                                                            VkFormat format,
                                                            VkImageUsageFlags usage) const {
@@ -216,19 +243,8 @@ Result<detail::ImageResource> GpuDevice::Impl::CreateImage(uint32_t width, uint3
     out.width = width;
     out.height = height;
     out.format = format;
-    auto info = detail::Info<VkImageCreateInfo>(VK_STRUCTURE_TYPE_IMAGE_CREATE_INFO);
-    info.imageType = VK_IMAGE_TYPE_2D;
-    info.format = format;
-    info.extent = {width, height, 1};
-    info.mipLevels = 1;
-    info.arrayLayers = 1;
-    info.samples = VK_SAMPLE_COUNT_1_BIT;
-    info.tiling = VK_IMAGE_TILING_OPTIMAL;
-    info.usage = usage;
-    info.sharingMode = VK_SHARING_MODE_EXCLUSIVE;
-    info.initialLayout = VK_IMAGE_LAYOUT_UNDEFINED;
-    if (Status s = detail::Assign(
-            out.image, detail::Create<detail::Image>(vk(), vkCreateImage, info, "vkCreateImage"));
+    if (Status s =
+            CreateImageHandle(out, VK_IMAGE_TILING_OPTIMAL, usage, VK_IMAGE_LAYOUT_UNDEFINED);
         !s) {
         return s.error();
     }
@@ -248,15 +264,7 @@ Result<detail::ImageResource> GpuDevice::Impl::CreateImage(uint32_t width, uint3
         !s) {
         return s.error();
     }
-    auto viewInfo = detail::Info<VkImageViewCreateInfo>(VK_STRUCTURE_TYPE_IMAGE_VIEW_CREATE_INFO);
-    viewInfo.image = out.image.get();
-    viewInfo.viewType = VK_IMAGE_VIEW_TYPE_2D;
-    viewInfo.format = format;
-    viewInfo.subresourceRange = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 1, 0, 1};
-    if (Status s =
-            detail::Assign(out.view, detail::Create<detail::ImageView>(
-                                         vk(), vkCreateImageView, viewInfo, "vkCreateImageView"));
-        !s) {
+    if (Status s = CreateView(out); !s) {
         return s.error();
     }
     return out;
@@ -284,19 +292,8 @@ Result<std::optional<detail::ImageResource>> GpuDevice::Impl::CreateMappedImage(
     out.width = width;
     out.height = height;
     out.format = format;
-    auto info = detail::Info<VkImageCreateInfo>(VK_STRUCTURE_TYPE_IMAGE_CREATE_INFO);
-    info.imageType = VK_IMAGE_TYPE_2D;
-    info.format = format;
-    info.extent = {width, height, 1};
-    info.mipLevels = 1;
-    info.arrayLayers = 1;
-    info.samples = VK_SAMPLE_COUNT_1_BIT;
-    info.tiling = VK_IMAGE_TILING_LINEAR;
-    info.usage = VK_IMAGE_USAGE_SAMPLED_BIT;
-    info.sharingMode = VK_SHARING_MODE_EXCLUSIVE;
-    info.initialLayout = VK_IMAGE_LAYOUT_PREINITIALIZED;
-    if (Status s = detail::Assign(
-            out.image, detail::Create<detail::Image>(vk(), vkCreateImage, info, "vkCreateImage"));
+    if (Status s = CreateImageHandle(out, VK_IMAGE_TILING_LINEAR, VK_IMAGE_USAGE_SAMPLED_BIT,
+                                     VK_IMAGE_LAYOUT_PREINITIALIZED);
         !s) {
         return s.error();
     }
@@ -330,15 +327,7 @@ Result<std::optional<detail::ImageResource>> GpuDevice::Impl::CreateMappedImage(
     }
     out.mapped = detail::MappedMemory(vk(), out.memory.get(), data);
     out.rowPitch = layout.rowPitch;
-    auto viewInfo = detail::Info<VkImageViewCreateInfo>(VK_STRUCTURE_TYPE_IMAGE_VIEW_CREATE_INFO);
-    viewInfo.image = out.image.get();
-    viewInfo.viewType = VK_IMAGE_VIEW_TYPE_2D;
-    viewInfo.format = format;
-    viewInfo.subresourceRange = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 1, 0, 1};
-    if (Status s =
-            detail::Assign(out.view, detail::Create<detail::ImageView>(
-                                         vk(), vkCreateImageView, viewInfo, "vkCreateImageView"));
-        !s) {
+    if (Status s = CreateView(out); !s) {
         return s.error();
     }
     return std::optional<detail::ImageResource>(std::move(out));

@@ -196,6 +196,10 @@ struct GpuDevice::Impl {
     Status Invalidate(const detail::BufferResource& buffer) const;
 
 private:
+    // The image and the colour view of out, whose size and format are set.
+    Status CreateImageHandle(detail::ImageResource& out, VkImageTiling tiling,
+                             VkImageUsageFlags usage, VkImageLayout initial) const;
+    Status CreateView(detail::ImageResource& out) const;
     // Memory of a given type for the requirements; `call` names the
     // allocation in a failure.
     Result<detail::DeviceMemory> Allocate(const VkMemoryRequirements& requirements,
