@@ -80,6 +80,9 @@ ProcedureResult run(gint nparams, const GimpParam* params) {
         return failed(GIMP_PDB_EXECUTION_ERROR,
                       "a layer group has no pixels of its own; choose one of its layers");
 
+    // The probe runs while the layer and its metadata are read; it lives
+    // until the run ends, so the module finds the drivers it loaded.
+    HostKit::VulkanProbe gpu;
     gegl_init(nullptr, nullptr);
     DrawablePixels pixels(drawable);
     const DrawableLayout& layout = pixels.layout();
@@ -114,7 +117,7 @@ ProcedureResult run(gint nparams, const GimpParam* params) {
             "integers and back, so they are rounded to 1/65535 and clipped to 0…1.");
 
     HostFacts facts;
-    facts.gpuAvailable = HostKit::vulkanDeviceAvailable();
+    facts.gpuAvailable = gpu.deviceName().has_value();
     facts.maxSpace = tileCacheBytes();
     facts.preferencesBase = gimp_directory();
     invocation.pixels = &pixels;
