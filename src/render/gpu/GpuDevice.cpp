@@ -219,6 +219,16 @@ Status GpuDevice::Impl::CreateImageHandle(detail::ImageResource& out, VkImageTil
         out.image, detail::Create<detail::Image>(vk(), vkCreateImage, info, "vkCreateImage"));
 }
 
+Status GpuDevice::Impl::BindMemory(detail::ImageResource& out,
+                                   const VkMemoryRequirements& requirements, uint32_t memoryType,
+                                   const char* call) const {
+    if (Status s = detail::Assign(out.memory, Allocate(requirements, memoryType, call)); !s) {
+        return s;
+    }
+    return detail::Check(vkBindImageMemory(vk(), out.image.get(), out.memory.get(), 0),
+                         "vkBindImageMemory");
+}
+
 Status GpuDevice::Impl::CreateView(detail::ImageResource& out) const {
     auto info = detail::Info<VkImageViewCreateInfo>(VK_STRUCTURE_TYPE_IMAGE_VIEW_CREATE_INFO);
     info.image = out.image.get();
@@ -254,14 +264,7 @@ Result<detail::ImageResource> GpuDevice::Impl::CreateImage(uint32_t width, uint3
     if (!type) {
         return type.error();
     }
-    if (Status s = detail::Assign(out.memory,
-                                  Allocate(requirements, type.value(), "vkAllocateMemory (image)"));
-        !s) {
-        return s.error();
-    }
-    if (Status s = detail::Check(vkBindImageMemory(vk(), out.image.get(), out.memory.get(), 0),
-                                 "vkBindImageMemory");
-        !s) {
+    if (Status s = BindMemory(out, requirements, type.value(), "vkAllocateMemory (image)"); !s) {
         return s.error();
     }
     if (Status s = CreateView(out); !s) {
@@ -305,13 +308,7 @@ Result<std::optional<detail::ImageResource>> GpuDevice::Impl::CreateMappedImage(
     if (!type) {
         return std::optional<detail::ImageResource>();  // the staging path then
     }
-    if (Status s = detail::Assign(
-            out.memory, Allocate(requirements, type.value(), "vkAllocateMemory (mapped image)"));
-        !s) {
-        return s.error();
-    }
-    if (Status s = detail::Check(vkBindImageMemory(vk(), out.image.get(), out.memory.get(), 0),
-                                 "vkBindImageMemory");
+    if (Status s = BindMemory(out, requirements, type.value(), "vkAllocateMemory (mapped image)");
         !s) {
         return s.error();
     }

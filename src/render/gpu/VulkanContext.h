@@ -200,6 +200,9 @@ private:
     Status CreateImageHandle(detail::ImageResource& out, VkImageTiling tiling,
                              VkImageUsageFlags usage, VkImageLayout initial) const;
     Status CreateView(detail::ImageResource& out) const;
+    // Memory of memoryType for out's image, bound to it.
+    Status BindMemory(detail::ImageResource& out, const VkMemoryRequirements& requirements,
+                      uint32_t memoryType, const char* call) const;
     // Memory of a given type for the requirements; `call` names the
     // allocation in a failure.
     Result<detail::DeviceMemory> Allocate(const VkMemoryRequirements& requirements,
