@@ -90,6 +90,10 @@ struct GpuResampler::Impl {
     // first touched here rather than by the upload.
     Status EnsureStaging(VkDeviceSize bandBytes, bool touch);
     void WriteDescriptors();
+    // Records a layout move of the source texture.
+    void SourceBarrier(VkCommandBuffer commands, VkImageLayout from, VkImageLayout to,
+                       VkAccessFlags fromAccess, VkAccessFlags toAccess,
+                       VkPipelineStageFlags fromStage, VkPipelineStageFlags toStage) const;
     // Records the source texture's move to transfer writes (its content
     // discarded), or from them to sampling.
     void MoveSource(VkCommandBuffer commands, bool toSampling) const;
@@ -459,22 +463,33 @@ Status GpuResampler::Impl::SubmitAndWait(Submission& submission) {
     return Wait(submission);
 }
 
-void GpuResampler::Impl::MoveSource(VkCommandBuffer commands, bool toSampling) const {
+void GpuResampler::Impl::SourceBarrier(VkCommandBuffer commands, VkImageLayout from,
+                                       VkImageLayout to, VkAccessFlags fromAccess,
+                                       VkAccessFlags toAccess, VkPipelineStageFlags fromStage,
+                                       VkPipelineStageFlags toStage) const {
     auto barrier = detail::Info<VkImageMemoryBarrier>(VK_STRUCTURE_TYPE_IMAGE_MEMORY_BARRIER);
     barrier.srcQueueFamilyIndex = VK_QUEUE_FAMILY_IGNORED;
     barrier.dstQueueFamilyIndex = VK_QUEUE_FAMILY_IGNORED;
     barrier.image = source.image.get();
     barrier.subresourceRange = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 1, 0, 1};
-    barrier.srcAccessMask = toSampling ? VK_ACCESS_TRANSFER_WRITE_BIT : 0;
-    barrier.dstAccessMask = toSampling ? VK_ACCESS_SHADER_READ_BIT : VK_ACCESS_TRANSFER_WRITE_BIT;
-    barrier.oldLayout =
-        toSampling ? VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL : VK_IMAGE_LAYOUT_UNDEFINED;
-    barrier.newLayout = toSampling ? VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL
-                                   : VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
+    barrier.srcAccessMask = fromAccess;
+    barrier.dstAccessMask = toAccess;
+    barrier.oldLayout = from;
+    barrier.newLayout = to;
+    vkCmdPipelineBarrier(commands, fromStage, toStage, 0, 0, nullptr, 0, nullptr, 1, &barrier);
+}
+
+void GpuResampler::Impl::MoveSource(VkCommandBuffer commands, bool toSampling) const {
     const VkPipelineStageFlags fragment = VK_PIPELINE_STAGE_FRAGMENT_SHADER_BIT;
     const VkPipelineStageFlags transfer = VK_PIPELINE_STAGE_TRANSFER_BIT;
-    vkCmdPipelineBarrier(commands, toSampling ? transfer : fragment,
-                         toSampling ? fragment : transfer, 0, 0, nullptr, 0, nullptr, 1, &barrier);
+    if (toSampling) {
+        SourceBarrier(commands, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL,
+                      VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL, VK_ACCESS_TRANSFER_WRITE_BIT,
+                      VK_ACCESS_SHADER_READ_BIT, transfer, fragment);
+    } else {
+        SourceBarrier(commands, VK_IMAGE_LAYOUT_UNDEFINED, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, 0,
+                      VK_ACCESS_TRANSFER_WRITE_BIT, fragment, transfer);
+    }
 }
 
 Status GpuResampler::Impl::EnsureBuffer(detail::BufferResource& buffer, VkDeviceSize size,
@@ -602,18 +617,9 @@ Result<bool> GpuResampler::EnsureSourceTexture(uint32_t width, uint32_t height) 
         if (!begun) {
             return begun.error();
         }
-        auto barrier = detail::Info<VkImageMemoryBarrier>(VK_STRUCTURE_TYPE_IMAGE_MEMORY_BARRIER);
-        barrier.srcQueueFamilyIndex = VK_QUEUE_FAMILY_IGNORED;
-        barrier.dstQueueFamilyIndex = VK_QUEUE_FAMILY_IGNORED;
-        barrier.image = m.source.image.get();
-        barrier.subresourceRange = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 1, 0, 1};
-        barrier.srcAccessMask = VK_ACCESS_HOST_WRITE_BIT;
-        barrier.dstAccessMask = VK_ACCESS_SHADER_READ_BIT;
-        barrier.oldLayout = VK_IMAGE_LAYOUT_PREINITIALIZED;
-        barrier.newLayout = VK_IMAGE_LAYOUT_GENERAL;
-        vkCmdPipelineBarrier(begun.value(), VK_PIPELINE_STAGE_HOST_BIT,
-                             VK_PIPELINE_STAGE_FRAGMENT_SHADER_BIT, 0, 0, nullptr, 0, nullptr, 1,
-                             &barrier);
+        m.SourceBarrier(begun.value(), VK_IMAGE_LAYOUT_PREINITIALIZED, VK_IMAGE_LAYOUT_GENERAL,
+                        VK_ACCESS_HOST_WRITE_BIT, VK_ACCESS_SHADER_READ_BIT,
+                        VK_PIPELINE_STAGE_HOST_BIT, VK_PIPELINE_STAGE_FRAGMENT_SHADER_BIT);
         if (Status s = m.SubmitAndWait(submission); !s) {
             return s.error();
         }
