@@ -70,29 +70,6 @@ CvError setResultDescriptor(void* host, CvDescriptor result) {
     return ctx ? HostKit::takeResultDescriptor(result, ctx->outcome->result) : cvErrParam;
 }
 
-// plane: one plane (its values side by side), or kAllPlanes for
-// interleaved pixels columnBytes apart.
-constexpr int32_t kAllPlanes = -1;
-bool validPixelRequest(const HostContext* ctx, const CvRect* rect, int32_t plane,
-                       const void* buffer, int32_t columnBytes, int32_t rowBytes) {
-    const DrawableLayout& layout = ctx->invocation->pixels->layout();
-    if (!rect || !buffer || rect->left >= rect->right || rect->top >= rect->bottom)
-        return false;
-    const CvRect& f = ctx->filterRect;
-    if (rect->left < f.left || rect->top < f.top || rect->right > f.right ||
-        rect->bottom > f.bottom)
-        return false;
-    const int64_t sample = layout.depth / 8;
-    int64_t value = sample, column = sample;
-    if (plane == kAllPlanes) {
-        value = sample * layout.planes;
-        column = columnBytes;
-    } else if (plane < 0 || plane >= layout.planes) {
-        return false;
-    }
-    return column >= value && rowBytes >= (rect->right - rect->left - 1) * column + value;
-}
-
 // A pixel request: checked, and every exception turned into an error code
 // (nothing may be thrown into the module); the first failure is kept for
 // the message the user sees.
@@ -102,7 +79,9 @@ CvError pixelRequest(void* host, const CvRect* rect, int32_t plane, const void* 
     HostContext* ctx = context(host);
     if (!ctx || !ctx->invocation)
         return cvErrParam;
-    if (!validPixelRequest(ctx, rect, plane, buffer, columnBytes, rowBytes))
+    const DrawableLayout& layout = ctx->invocation->pixels->layout();
+    if (!HostKit::pixelRequestFits(rect, ctx->filterRect, buffer, plane, layout.planes,
+                                   layout.depth / 8, columnBytes, rowBytes))
         return cvErrParam;
     auto keep = [ctx](const std::string& why) {
         const std::lock_guard lock(ctx->mutex);
@@ -138,14 +117,14 @@ CvError writeResultPlane(void* host, const CvRect* rect, int32_t plane, const vo
 CvError readSourcePixels(void* host, const CvRect* rect, void* buffer, int32_t columnBytes,
                          int32_t rowBytes) {
     return pixelRequest(
-        host, rect, kAllPlanes, buffer, columnBytes, rowBytes,
+        host, rect, HostKit::kAllPlanes, buffer, columnBytes, rowBytes,
         [&](DrawablePixels& pixels) { pixels.readPixels(*rect, buffer, columnBytes, rowBytes); });
 }
 
 CvError writeResultPixels(void* host, const CvRect* rect, const void* buffer, int32_t columnBytes,
                           int32_t rowBytes) {
     return pixelRequest(
-        host, rect, kAllPlanes, buffer, columnBytes, rowBytes,
+        host, rect, HostKit::kAllPlanes, buffer, columnBytes, rowBytes,
         [&](DrawablePixels& pixels) { pixels.writePixels(*rect, buffer, columnBytes, rowBytes); });
 }
 

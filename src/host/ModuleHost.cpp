@@ -79,26 +79,6 @@ CvError setResultDescriptor(void* host, CvDescriptor result) {
     return HostKit::takeResultDescriptor(result, ctx->outcome->resultDescriptor);
 }
 
-// Checks a pixel request against the filtered area and the buffer's
-// strides. plane: one plane (whose values lie side by side), or kAllPlanes
-// for interleaved pixels columnBytes apart.
-constexpr int32_t kAllPlanes = -1;
-bool validPixelRequest(const HostContext* ctx, const CvRect* rect, int32_t plane,
-                       const void* buffer, int32_t columnBytes, int32_t rowBytes) {
-    const ImageInfo& info = ctx->invocation->source->info();
-    if (!rect || !buffer || rectEmpty(*rect) || !rectInside(*rect, ctx->filterRect))
-        return false;
-    const auto sample = static_cast<int64_t>(info.bytesPerSample());
-    int64_t value = sample, column = sample;
-    if (plane == kAllPlanes) {
-        value = sample * info.planes();
-        column = columnBytes;
-    } else if (plane < 0 || plane >= info.planes()) {
-        return false;
-    }
-    return column >= value && rowBytes >= (rect->right - rect->left - 1) * column + value;
-}
-
 // A pixel request of the module: checked, serialised, and every exception
 // turned into an error code. The C interface carries only the code, so the
 // first error itself is kept for the run's outcome.
@@ -110,7 +90,10 @@ CvError pixelRequest(void* host, const CvRect* rect, int32_t plane, const void* 
         return cvErrParam;
     if (abortFlag)
         return cvErrAborted;
-    if (!validPixelRequest(ctx, rect, plane, buffer, columnBytes, rowBytes))
+    const ImageInfo& info = ctx->invocation->source->info();
+    if (!HostKit::pixelRequestFits(rect, ctx->filterRect, buffer, plane, info.planes(),
+                                   static_cast<int32_t>(info.bytesPerSample()), columnBytes,
+                                   rowBytes))
         return cvErrParam;
     std::lock_guard lock(ctx->planes);
     auto keep = [ctx](HostError error) {
@@ -151,7 +134,7 @@ CvError writeResultPlane(void* host, const CvRect* rect, int32_t plane, const vo
 CvError readSourcePixels(void* host, const CvRect* rect, void* buffer, int32_t columnBytes,
                          int32_t rowBytes) {
     return pixelRequest(
-        host, rect, kAllPlanes, buffer, columnBytes, rowBytes, [&](const Invocation& inv) {
+        host, rect, HostKit::kAllPlanes, buffer, columnBytes, rowBytes, [&](const Invocation& inv) {
             inv.source->readPixels(*rect, static_cast<uint8_t*>(buffer), columnBytes, rowBytes);
         });
 }
@@ -159,7 +142,7 @@ CvError readSourcePixels(void* host, const CvRect* rect, void* buffer, int32_t c
 CvError writeResultPixels(void* host, const CvRect* rect, const void* buffer, int32_t columnBytes,
                           int32_t rowBytes) {
     return pixelRequest(
-        host, rect, kAllPlanes, buffer, columnBytes, rowBytes, [&](const Invocation& inv) {
+        host, rect, HostKit::kAllPlanes, buffer, columnBytes, rowBytes, [&](const Invocation& inv) {
             if (!inv.result)
                 throw HostError(kExitFailed, "the filter wrote a picture where none was asked for");
             inv.result->writePixels(*rect, static_cast<const uint8_t*>(buffer), columnBytes,

@@ -60,4 +60,21 @@ std::string displayText(const char* text) {
     return s;
 }
 
+bool pixelRequestFits(const CvRect* rect, const CvRect& filterRect, const void* buffer,
+                      int32_t plane, int32_t planes, int32_t sampleBytes, int32_t columnBytes,
+                      int32_t rowBytes) {
+    if (!rect || !buffer || rect->left >= rect->right || rect->top >= rect->bottom ||
+        rect->left < filterRect.left || rect->top < filterRect.top ||
+        rect->right > filterRect.right || rect->bottom > filterRect.bottom)
+        return false;
+    int64_t value = sampleBytes, column = sampleBytes;
+    if (plane == kAllPlanes) {
+        value = int64_t{sampleBytes} * planes;
+        column = columnBytes;
+    } else if (plane < 0 || plane >= planes) {
+        return false;
+    }
+    return column >= value && rowBytes >= (rect->right - rect->left - 1) * column + value;
+}
+
 }  // namespace Curvana::HostKit

@@ -32,6 +32,16 @@ CvError copyString(std::string_view text, char* buffer, size_t capacity, size_t*
 // host's; anything else (the host's own, a stale handle) is refused.
 CvError takeResultDescriptor(CvDescriptor result, std::unique_ptr<Descriptor>& into);
 
+// The plane of a pixel request for every plane at once, interleaved.
+inline constexpr int32_t kAllPlanes = -1;
+// Whether a pixel request of the module fits: rect non-empty inside the
+// filtered area, buffer given, plane one of planes (its values side by
+// side) or kAllPlanes (pixels columnBytes apart, at least a pixel), and
+// rows rowBytes apart holding the rect's width.
+bool pixelRequestFits(const CvRect* rect, const CvRect& filterRect, const void* buffer,
+                      int32_t plane, int32_t planes, int32_t sampleBytes, int32_t columnBytes,
+                      int32_t rowBytes);
+
 // Strips a localisation key ("$$$/Curvana/Warning/X=Text" -> "Text").
 std::string displayText(const char* text);
 
