@@ -87,8 +87,9 @@ void copyPixels(const uint8_t* src, size_t srcColumn, uint8_t* dst, size_t dstCo
         std::memcpy(dst, src, valueBytes * static_cast<size_t>(n));
         return;
     }
-    // The layouts the renderer's texels meet, with the sizes known to the
-    // compiler, so that each pixel is a move or two rather than a call.
+    // The layouts the renderer's texels and the planes of RGB files meet,
+    // with the sizes known to the compiler, so that each pixel is a move or
+    // two rather than a call.
     const auto key = (valueBytes << 16) | (srcColumn << 8) | dstColumn;
     switch (key) {
         case (3 << 16) | (3 << 8) | 4:
@@ -99,6 +100,8 @@ void copyPixels(const uint8_t* src, size_t srcColumn, uint8_t* dst, size_t dstCo
             return copyPixelsFixed<1, 1, 4>(src, dst, n);
         case (1 << 16) | (4 << 8) | 1:
             return copyPixelsFixed<1, 4, 1>(src, dst, n);
+        case (1 << 16) | (3 << 8) | 1:
+            return copyPixelsFixed<1, 3, 1>(src, dst, n);
         case (6 << 16) | (6 << 8) | 8:
             return copyPixelsFixed<6, 6, 8>(src, dst, n);
         case (6 << 16) | (8 << 8) | 6:

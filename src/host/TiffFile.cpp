@@ -388,35 +388,6 @@ void TiffSource::dropLocked(std::unordered_map<uint32_t, Block>::iterator it) {
     cache_.erase(it);
 }
 
-namespace {
-
-template <uint32_t Stride>
-void copyStrided(const uint8_t* __restrict src, uint8_t* __restrict dst, int32_t n) {
-    for (int32_t i = 0; i < n; ++i)
-        dst[i] = src[static_cast<size_t>(i) * Stride];
-}
-
-// One plane's bytes out of interleaved samples; the common strides are
-// compiled apart, so that the loop is a plain gather the compiler unrolls.
-void copyStrided(const uint8_t* src, uint32_t stride, uint8_t* dst, int32_t n) {
-    switch (stride) {
-        case 1:
-            std::memcpy(dst, src, static_cast<size_t>(n));
-            return;
-        case 3:
-            copyStrided<3>(src, dst, n);
-            return;
-        case 4:
-            copyStrided<4>(src, dst, n);
-            return;
-        default:
-            for (int32_t i = 0; i < n; ++i)
-                dst[i] = src[static_cast<size_t>(i) * stride];
-    }
-}
-
-}  // namespace
-
 template <class Visit>
 void TiffSource::visitRows(const CvRect& rect, uint32_t fileSample, Visit&& visit) {
     const uint32_t bps = info_.depth == 16 ? 2 : 1;
@@ -473,7 +444,7 @@ void TiffSource::readPlane(const CvRect& rect, int plane, void* buffer, ptrdiff_
                       for (int32_t i = 0; i < n; ++i, src += stride)
                           dst[i] = map[3 * size_t{*src}];
                   } else if (!sixteen && convert == Convert::Copy) {
-                      copyStrided(src, stride, dst, n);
+                      copyPixels(src, stride, dst, 1, 1, n);
                   } else if (!sixteen) {
                       for (int32_t i = 0; i < n; ++i, src += stride) {
                           const uint8_t v = *src;
